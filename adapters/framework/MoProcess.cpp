@@ -1,0 +1,106 @@
+#include "adapters/framework/MoProcess.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+
+namespace {
+
+/// A pipe whose ends close themselves and that no other child inherits.
+struct Pipe {
+    std::array<int, 2> ends{-1, -1};
+
+    bool Open() { return pipe2(ends.data(), O_CLOEXEC) == 0; }
+    void Close(int end) {
+        if (ends.at(static_cast<size_t>(end)) >= 0)
+            close(ends.at(static_cast<size_t>(end)));
+        ends.at(static_cast<size_t>(end)) = -1;
+    }
+    Pipe() = default;
+    ~Pipe() {
+        Close(0);
+        Close(1);
+    }
+    Pipe(const Pipe&) = delete;
+    Pipe& operator=(const Pipe&) = delete;
+};
+
+/// Reads both pipes to their ends at once: a child that fills one while we wait for the other would
+/// never end.
+void Collect(Pipe& outPipe, std::string* out, Pipe& errPipe, std::string* err) {
+    std::array<pollfd, 2> fds{{{outPipe.ends[0], POLLIN, 0}, {errPipe.ends[0], POLLIN, 0}}};
+    const std::array<std::string*, 2> texts{out, err};
+    std::array<char, 16384> buffer;  // NOLINT(cppcoreguidelines-pro-type-member-init)
+
+    while (fds[0].fd >= 0 || fds[1].fd >= 0) {
+        if (poll(fds.data(), fds.size(), -1) < 0) {
+            if (errno == EINTR)
+                continue;
+            return;
+        }
+        for (size_t i = 0; i < fds.size(); ++i) {
+            if (fds.at(i).fd < 0 || fds.at(i).revents == 0)
+                continue;
+            const ssize_t got = read(fds.at(i).fd, buffer.data(), buffer.size());
+            if (got > 0 && texts.at(i) != nullptr)
+                texts.at(i)->append(buffer.data(), static_cast<size_t>(got));
+            else if (got == 0 || (got < 0 && errno != EINTR))
+                fds.at(i).fd = -1;
+        }
+    }
+}
+
+/// Starts the shell. The child gets the default signal set-up: a host that blocks or ignores
+/// signals must not hand that to a service script.
+bool Spawn(const std::string& command, const Pipe& outPipe, const Pipe& errPipe, pid_t& pid) {
+    posix_spawn_file_actions_t actions;
+    posix_spawnattr_t attributes;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawnattr_init(&attributes);
+    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_adddup2(&actions, outPipe.ends[1], 1);
+    posix_spawn_file_actions_adddup2(&actions, errPipe.ends[1], 2);
+    posix_spawn_file_actions_addclosefrom_np(&actions, 3);
+    sigset_t none;
+    sigset_t all;
+    sigemptyset(&none);
+    sigfillset(&all);
+    posix_spawnattr_setsigmask(&attributes, &none);
+    posix_spawnattr_setsigdefault(&attributes, &all);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+
+    std::string text = command;
+    std::string shell = "sh";
+    std::string option = "-c";
+    std::array<char*, 4> argv{shell.data(), option.data(), text.data(), nullptr};
+    const int error = posix_spawn(&pid, "/bin/sh", &actions, &attributes, argv.data(), environ);
+    posix_spawnattr_destroy(&attributes);
+    posix_spawn_file_actions_destroy(&actions);
+    return error == 0;
+}
+
+}  // namespace
+
+int MoProcess::system(const std::string& command, std::string* standardOutput,
+                      std::string* standardError, int /*reserved*/, bool /*reservedFlag*/) {
+    Pipe outPipe;
+    Pipe errPipe;
+    pid_t pid = -1;
+    if (!outPipe.Open() || !errPipe.Open() || !Spawn(command, outPipe, errPipe, pid))
+        return -1;
+    outPipe.Close(1);
+    errPipe.Close(1);
+    Collect(outPipe, standardOutput, errPipe, standardError);
+
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0)
+        if (errno != EINTR)
+            return -1;
+    return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+}

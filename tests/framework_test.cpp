@@ -1,0 +1,182 @@
+// The framework libraries, as host and plug-in rely on them.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+
+#include "adapters/framework/CRyError.h"
+#include "adapters/framework/FXString.h"
+#include "adapters/framework/GetGUID.h"
+#include "adapters/framework/LogWriters.h"
+#include "adapters/framework/MOPI_Base.h"
+#include "adapters/framework/MOPlatformInfo.h"
+#include "adapters/framework/MoProcess.h"
+#include "adapters/framework/MoStatistics.h"
+#include "adapters/framework/MocHash.h"
+#include "util/Platform_Util.h"
+
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+namespace {
+
+TEST(CRyErrorTest, EveryNumberIsAnErrorAndCanBeReadBack) {
+    for (const int number : {0, 2, 16, 22, 774}) {
+        const CRyError error =
+            FXErrorUtil::ErrorErrNo(FXCodeLocation("file", "f()", 7), number, "%s=%d", "n", number);
+        const CRyError copy = error;  // shares the detail
+        EXPECT_TRUE(copy.IsError()) << number;
+        EXPECT_EQ(copy.Code(), static_cast<int32_t>(0x80000000U | static_cast<uint32_t>(number)));
+        EXPECT_EQ(copy.Number(), number);
+        EXPECT_EQ(copy.Message(), "n=" + std::to_string(number));
+        ASSERT_NE(copy.Location(), nullptr);
+        EXPECT_EQ(copy.Location()->Function(), "f()");
+        EXPECT_EQ(copy.Location()->Line(), 7);
+    }
+    EXPECT_FALSE(CRyError::Success().IsError());
+    EXPECT_EQ(CRyError().Code(), 0);
+    EXPECT_EQ(CRyError().Location(), nullptr);
+}
+
+TEST(FXStringTest, FormatsAnyLengthAndMayReadItsOwnOutput) {
+    std::string text(10000, 'x');
+    FXString::Format(text, "%s-%s", text.c_str(), "y");
+    EXPECT_EQ(text, std::string(10000, 'x') + "-y");
+}
+
+TEST(HashTest, AgreesWithPublishedVectors) {
+    std::string guid = "old";
+    GetGUID("abc", 3, guid);
+    EXPECT_EQ(guid, "900150983cd24fb0d6963f7d28e17f72");  // RFC 1321, A.5
+    GetGUID("", 0, guid);
+    EXPECT_EQ(guid, "d41d8cd98f00b204e9800998ecf8427e");
+
+    unsigned char digest[20];
+    std::fill(std::begin(digest), std::end(digest), 0xEE);
+    MocMD5 hash;
+    hash.addData("junk", 4);
+    hash.reset();
+    hash.addData("a", 1);
+    hash.addData("bc", 2);
+    EXPECT_EQ(hash.finish(digest, sizeof digest), 16U);
+    EXPECT_EQ(digest[0], 0x90);
+    EXPECT_EQ(digest[15], 0x72);
+    EXPECT_EQ(digest[16], 0xEE) << "written beyond the digest";
+
+    unsigned int crc = 0;
+    Moc::crc32("1234", 4, &crc);
+    Moc::crc32("56789", 5, &crc);
+    EXPECT_EQ(crc, 0xCBF43926U);  // the check value of this CRC
+}
+
+TEST(MoProcessTest, CollectsBothStreamsOfAnySize) {
+    std::string out;
+    std::string err;
+    const std::string megabytes = "head -c 3000000 /dev/zero | tr '\\0' x";
+    EXPECT_EQ(
+        MoProcess::system(megabytes + "; (" + megabytes + ") >&2; exit 3", &out, &err, 0, false),
+        3);
+    EXPECT_EQ(out.size(), 3000000U);
+    EXPECT_EQ(err.size(), 3000000U);
+    EXPECT_EQ(MoProcess::system("echo a; echo b >&2", nullptr, nullptr, 0, false), 0);
+    EXPECT_EQ(MoProcess::system("kill -9 $$", nullptr, nullptr, 0, false), 128 + 9);
+}
+
+TEST(MoProcessTest, ChildGetsNoDescriptorAndNoBlockedSignal) {
+    const int leaky = open("/dev/null", O_RDONLY);  // deliberately not close-on-exec
+    sigset_t interrupt;
+    sigset_t before;
+    sigemptyset(&interrupt);
+    sigaddset(&interrupt, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &interrupt, &before);
+    std::string out;
+    MoProcess::system("ls /proc/$$/fd | sort -n | tr '\\n' ' '; grep SigBlk /proc/$$/status", &out,
+                      nullptr, 0, false);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    close(leaky);
+    EXPECT_THAT(out, testing::StartsWith("0 1 2 "));
+    EXPECT_THAT(out, testing::Not(HasSubstr(" " + std::to_string(leaky) + " ")));
+    EXPECT_THAT(out, HasSubstr("SigBlk:\t0000000000000000"));
+}
+
+/// Facts that a test sets, put back at its end.
+struct FactsTest : testing::Test {
+    PlatformFacts facts;
+    std::string file = testing::TempDir() + "facts." + std::to_string(getpid()) + ".toml";
+
+    ~FactsTest() override {
+        std::remove(file.c_str());
+        MOPlatformInfo::setFacts({});
+    }
+    std::string Read(const std::string& text) {
+        std::ofstream(file) << text;
+        return MOPlatformInfo::readFacts(file, facts);
+    }
+};
+
+TEST_F(FactsTest, FileGivesHomeStringsAndTheServicePort) {
+    ASSERT_THAT(Read("home='/h'\nmachine='m'\n[strings.Base]\ndBASEHOME='/b'\n"
+                     "[clients.m]\nid=5\niscsi_port=3261\n[clients.other]\nid=6\n"),
+                IsEmpty());
+    MOPlatformInfo::setFacts(facts);
+    EXPECT_STREQ(MOPI_Base().getHomeDirectory(), "/h");
+    std::string value = "untouched";
+    EXPECT_EQ(MOPlatformInfo::getString("Base", "nothing", &value), 0);
+    EXPECT_EQ(MOPlatformInfo::getString("nothing", "dBASEHOME", &value), 0);
+    EXPECT_EQ(value, "untouched");
+    EXPECT_NE(MOPlatformInfo::getString("Base", "dBASEHOME", &value), 0);
+    EXPECT_EQ(value, "/b");
+    EXPECT_EQ(Platform_Util::GetScsiServicePort(), 3261);
+
+    for (const char* machine : {"other" /* no such property */, "stranger" /* no client */}) {
+        facts.physicalMachine = machine;
+        MOPlatformInfo::setFacts(facts);
+        EXPECT_EQ(Platform_Util::GetScsiServicePort(), -1) << machine;
+    }
+}
+
+TEST_F(FactsTest, BadFileIsOneLineAndChangesNothing) {
+    facts.homeDirectory = "kept";
+    for (const char* text : {"home=", "home=3\n", "[clients.m]\niscsi_port=1\n"}) {
+        const std::string fault = Read(text);
+        EXPECT_THAT(fault, HasSubstr(file)) << text;
+        EXPECT_THAT(fault, testing::Not(HasSubstr("\n")));
+        EXPECT_EQ(facts.homeDirectory, "kept");
+    }
+}
+
+TEST(PlatformUtilTest, SerialIsPrefixHyphenGuidAndGrowsInPlace) {
+    std::string serial;
+    Platform_Util::GetSerialNumber(serial, "abc", serial);
+    EXPECT_EQ(serial, "-900150983cd24fb0d6963f7d28e17f72");
+    Platform_Util::GetSerialNumber(serial, "abc", serial);
+    EXPECT_EQ(serial, "-900150983cd24fb0d6963f7d28e17f72-900150983cd24fb0d6963f7d28e17f72");
+}
+
+TEST(LogWriterTest, OneLineAMessageAndTheLevelAsMade) {
+    testing::internal::CaptureStderr();
+    const auto writer = MakeStderrLogWriter(2);
+    writer->WriteMessage(1, "void f()", 3, 0, 0, "first\nsecond %d\n", 7);
+    writer->WriteMessage(-1, "void f()", 3, 0, 0, "bad");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "[1] first second 7\n[-1] bad (void f():3)\n");
+    EXPECT_EQ(writer->GetDebugLevel(), 2);
+}
+
+TEST(MoStatisticsTest, SourcesAreReadInOrderUntilTheyLeave) {
+    auto first = MoStatistics::Register("a", [] { return MoStatistics::Counters{{"x", 1}}; });
+    const auto second = MoStatistics::Register("b", [] { return MoStatistics::Counters{}; });
+    auto all = MoStatistics::Read();
+    ASSERT_EQ(all.size(), 2U);
+    EXPECT_EQ(all[0].first, "a");
+    EXPECT_EQ(all[0].second[0], (std::pair<std::string, uint64_t>("x", 1)));
+    first.reset();
+    all = MoStatistics::Read();
+    ASSERT_EQ(all.size(), 1U);
+    EXPECT_EQ(all[0].first, "b");
+}
+
+}  // namespace
