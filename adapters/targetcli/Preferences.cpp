@@ -1,0 +1,139 @@
+#include "adapters/targetcli/Preferences.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <sstream>
+#include <utility>
+#include <vector>
+
+#include "adapters/targetcli/Proc.h"
+
+namespace moscsi::wrapper {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int kStatusFailed = 1;
+constexpr int kLockPollMilliseconds = 50;
+
+constexpr std::array<const char*, 2> kWanted = {"auto_add_mapped_luns=false",
+                                                "auto_use_daemon=false"};
+
+std::string keyOf(const std::string& program) {
+    struct stat info = {};
+    stat(program.c_str(), &info);
+    std::ostringstream key;
+    key << std::hex << info.st_ino << '-' << info.st_size << '-' << info.st_mtim.tv_sec;
+    return key.str();
+}
+
+bool hasLine(const std::string& text, const std::string& wanted) {
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        if (line == wanted) {
+            return true;
+        }
+    }
+    return false;
+}
+
+Outcome failed(const std::string& why, int status = kStatusFailed) {
+    return {status, "targetcli's preferences can't be made: " + why};
+}
+
+}  // namespace
+
+Preferences::Preferences(const Settings& settings, std::string real, TimeLimit& limit,
+                         const Interrupts& interrupts)
+    : m_settings(settings),
+      m_real(std::move(real)),
+      m_set(settings.stateDir / ("preferences." + keyOf(m_real))),
+      m_limit(limit),
+      m_interrupts(interrupts) {}
+
+Outcome Preferences::giveCopy(TemporaryDirectory& copy) {
+    std::string error;
+    if (!copy.make(m_settings.stateDir, error)) {
+        return {kStatusFailed, error};
+    }
+    if (Outcome made = makeOnce(); !made.succeeded()) {
+        return made;
+    }
+    std::error_code failure;
+    fs::copy(m_set, copy.path(), fs::copy_options::recursive, failure);
+    return failure ? failed("no copy of " + m_set.string() + ": " + failure.message()) : Outcome{};
+}
+
+Outcome Preferences::makeOnce() {
+    if (access(m_set.c_str(), F_OK) == 0) {
+        return {};
+    }
+    const int lockFd =
+        open((m_settings.stateDir / "lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (lockFd < 0) {
+        return failed(std::string("no lock: ") + strerror(errno));
+    }
+    Outcome result = take(lockFd);
+    if (result.succeeded() && access(m_set.c_str(), F_OK) != 0) {
+        result = make();
+    }
+    close(lockFd);
+    return result;
+}
+
+Outcome Preferences::take(int lockFd) {
+    while (flock(lockFd, LOCK_EX | LOCK_NB) != 0) {
+        if (m_limit.expired()) {
+            return failed(nameProcess(lockHolderOf(lockFd)) + " is making them, for " +
+                              std::to_string(m_limit.limit().count()) + " s already",
+                          kStatusLimit);
+        }
+        pollfd interrupt = {m_interrupts.fd(), POLLIN, 0};
+        poll(&interrupt, 1, kLockPollMilliseconds);
+        if (const int number = m_interrupts.take(); number != 0) {
+            return failed(std::string("interrupted by ") + strsignal(number), 128 + number);
+        }
+    }
+    return {};
+}
+
+Outcome Preferences::make() {
+    TemporaryDirectory directory;
+    std::string error;
+    if (!directory.make(m_settings.stateDir, error)) {
+        return {kStatusFailed, error};
+    }
+    std::vector<std::vector<std::string>> steps;
+    for (const char* setting : kWanted) {
+        steps.push_back({"set", "global", setting});
+    }
+    steps.push_back({"get", "global"});
+
+    std::string settings;
+    for (const std::vector<std::string>& step : steps) {
+        ChildOutput out;
+        ChildOutput err;
+        const Outcome outcome =
+            runSupervised({m_real, step, directory.path()}, out, err, m_limit, m_interrupts);
+        if (!outcome.succeeded()) {
+            return failed(reasonOf(outcome, out, err), outcome.status);
+        }
+        settings = out.kept();
+    }
+    for (const char* setting : kWanted) {
+        if (!hasLine(settings, setting)) {
+            return failed(std::string(setting) + " was set, but `get global` doesn't show it");
+        }
+    }
+    const int renamed = directory.renameTo(m_set);
+    return renamed == 0 ? Outcome{} : failed(strerror(renamed));
+}
+
+}  // namespace moscsi::wrapper

@@ -1,0 +1,43 @@
+#include "adapters/targetcli/Settings.h"
+
+#include <charconv>
+#include <cstdlib>
+#include <cstring>
+
+namespace moscsi::wrapper {
+namespace {
+
+constexpr int kMaxSeconds = 86400;
+
+std::string variable(const char* name, const char* fallback) {
+    const char* value = getenv(name);
+    return value != nullptr && *value != '\0' ? value : fallback;
+}
+
+bool readSeconds(const char* name, const char* fallback, std::chrono::seconds& result,
+                 std::string& error) {
+    const std::string text = variable(name, fallback);
+    int value = 0;
+    const auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (failure != std::errc() || *end != '\0' || value < 1 || value > kMaxSeconds) {
+        error = std::string(name) + "=" + text + " is not a number of seconds from 1 to " +
+                std::to_string(kMaxSeconds);
+        return false;
+    }
+    result = std::chrono::seconds(value);
+    return true;
+}
+
+}  // namespace
+
+bool readSettings(Settings& settings, std::string& error) {
+    settings.stateDir =
+        std::filesystem::path(variable("MOSCSI_RUN_DIR", "/run/moscsi")) / "targetcli";
+    settings.configfsRoot = variable("MOSCSI_CONFIGFS_ROOT", "/sys/kernel/config/target");
+    settings.real = variable("MOSCSI_TARGETCLI_REAL", "");
+    settings.version = variable("MOSCSI_TARGETCLI_VERSION", "");
+    return readSeconds("MOSCSI_TARGETCLI_TIMEOUT", "120", settings.timeLimit, error) &&
+           readSeconds("MOSCSI_TARGETCLI_LOCK_WAIT", "20", settings.lockWait, error);
+}
+
+}  // namespace moscsi::wrapper
