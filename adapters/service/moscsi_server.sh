@@ -63,7 +63,7 @@ has_device() {
 # it at its first run. The kernel refuses a change once there is a device, and older ones once a
 # fabric module is loaded: so before those.
 choose_database() {
-    if [ "$(cat "$target/dbroot")" != "$database" ] && ! has_device; then
+    if [ "$(cat "$target/dbroot" 2>/dev/null)" != "$database" ] && ! has_device; then
         { echo "$database" >"$target/dbroot"; } 2>/dev/null ||
             fail "the kernel refuses $database as $target/dbroot"
         echo "set $target/dbroot to $database"
