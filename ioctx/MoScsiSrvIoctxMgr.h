@@ -4,19 +4,20 @@
 #include <atomic>
 #include <cstdint>
 #include <list>
-#include <memory_resource>
 #include <unordered_map>
 #include <vector>
 
 #include "ioctx/MoScsiSrvIO.h"
 #include "util/Mutex.h"
+#include "util/NodePool.h"
 
 /// The memory behind the manager's list and maps. A base, so that it is made before the members
-/// that live in it and outlives them. Their nodes are recycled here: once warm, the common path
-/// takes nothing from the heap.
+/// that live in it and outlives them. Making a slab also makes a node for each of its records,
+/// which then moves between the free list and the busy map: lending and taking back a slab record
+/// never touches the heap.
 class MoIoctxMemory {
   protected:
-    std::pmr::unsynchronized_pool_resource m_nodes;  // used under the manager's mutex only
+    NodePool m_nodes;  // used under the manager's mutex only
 };
 
 /// Owns the I/O context records: lends them to devices, which lend them to the host, and finds the
@@ -34,7 +35,9 @@ class MoIoctxMgr : private MoIoctxMemory {
     /// The process's manager, made at the first call and never destroyed.
     static MoIoctxMgr* Instance();
 
-    /// `iovPerIoctx`: buffer entries of every slab record; 16 or more falls back to 1.
+    /// Starts with 512 free records.
+    /// `iovPerIoctx`: buffer entries of every slab record; 16 or more falls back to 1. Negative
+    /// values are taken as they are: no slab can be made then.
     explicit MoIoctxMgr(int iovPerIoctx);
     ~MoIoctxMgr();
 
@@ -83,9 +86,19 @@ class MoIoctxMgr : private MoIoctxMemory {
   private:
     friend struct MoIoctxMgrTest;  // reaches the internal operations below
 
+    static constexpr int kFirstSlabs = 8;
+
+    // ---- IoctxSlabs.cpp ----------------------------------------------------------------------
+    /// Adds 64 free records. Returns: the first, or null (no memory; logged and counted).
     MoScsiSrvIO* create_slab() MO_REQUIRES(m_mutex);
+    /// Frees a slab of which no record is on loan. Its entry in m_slabs stays.
+    /// Returns: false at the first record that isn't free (logged and counted): the slab stays,
+    /// and the records before that one are lost to the free list.
     bool delete_slab(MoScsiSrvIO* slab) MO_EXCLUDES(m_mutex);
     bool DeleteSlabLocked(MoScsiSrvIO* slab) MO_REQUIRES(m_mutex);
+    bool ReserveForSlab() MO_REQUIRES(m_mutex);
+
+    MoScsiSrvIO* AllocLarge(int iovcnt, void* priv) MO_EXCLUDES(m_mutex);
     void InitStats();
 
     static MoIoctxMgr* g_IoctxMgr;
