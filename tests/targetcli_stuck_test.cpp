@@ -4,7 +4,7 @@
 #include <sys/wait.h>
 
 #include <csignal>
-#include <cstdlib>
+#include <string>
 
 #include "adapters/targetcli/Interrupts.h"
 #include "adapters/targetcli/Settings.h"
@@ -32,7 +32,7 @@ TEST(StuckTargetcli, IsNamedWithWhatItWaitsForAndLeftBehind) {
     const Outcome outcome = runSupervised({"/bin/sh", {"-c", "echo $$; exec sleep 1000"}, "/"}, out,
                                           err, limit, interrupts);
 
-    const pid_t pid = atoi(out.kept().c_str());
+    const pid_t pid = std::stoi(out.kept());
     ASSERT_GT(pid, 0);
     EXPECT_EQ(waitpid(pid, nullptr, WNOHANG), 0) << "it was waited for";
     __real_kill(pid, SIGKILL);

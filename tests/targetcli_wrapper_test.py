@@ -204,7 +204,7 @@ class Relay(WrapperTest):
         extra = os.open("/dev/null", os.O_RDONLY)
         self.addCleanup(os.close, extra)
         self.run_wrapper("anything")
-        script = "ls /proc/$$/fd; echo $LC_ALL $PYTHONWARNINGS; grep -E 'Sig(Blk|Ign)' /proc/$$/status; " \
+        script = "ls /proc/$$/fd; echo $LC_ALL $PYTHONWARNINGS; grep -E 'Sig(Blk|Ign)' /proc/self/status; " \
                  "read _ _ _ _ group _ </proc/$$/stat; [ $group = $$ ]; exit"
         env = dict(os.environ, PATH=f"{self.bin}:/usr/bin:/bin", MOSCSI_RUN_DIR=str(self.dir / "run"),
                    FAKE_SCRIPT=script, LC_ALL="de_DE.UTF-8", PYTHONWARNINGS="always")

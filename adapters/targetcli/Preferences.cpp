@@ -110,11 +110,8 @@ Outcome Preferences::make() {
     if (!directory.make(m_settings.stateDir, error)) {
         return {kStatusFailed, error};
     }
-    std::vector<std::vector<std::string>> steps;
-    for (const char* setting : kWanted) {
-        steps.push_back({"set", "global", setting});
-    }
-    steps.push_back({"get", "global"});
+    const std::vector<std::vector<std::string>> steps = {
+        {"set", "global", kWanted[0]}, {"set", "global", kWanted[1]}, {"get", "global"}};
 
     std::string settings;
     for (const std::vector<std::string>& step : steps) {
