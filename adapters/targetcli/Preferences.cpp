@@ -23,8 +23,10 @@ namespace fs = std::filesystem;
 constexpr int kStatusFailed = 1;
 constexpr int kLockPollMilliseconds = 50;
 
-constexpr std::array<const char*, 2> kWanted = {"auto_add_mapped_luns=false",
-                                                "auto_use_daemon=false"};
+// The log's place is kept as an absolute path, which would be the directory that the set was made
+// in; and several runs would write to one file.
+constexpr std::array<const char*, 3> kWanted = {"auto_add_mapped_luns=false",
+                                                "auto_use_daemon=false", "logfile=/dev/null"};
 
 std::string keyOf(const std::string& program) {
     struct stat info = {};
@@ -110,11 +112,12 @@ Outcome Preferences::make() {
     if (!directory.make(m_settings.stateDir, error)) {
         return {kStatusFailed, error};
     }
-    const std::vector<std::vector<std::string>> steps = {
-        {"set", "global", kWanted[0]}, {"set", "global", kWanted[1]}, {"get", "global"}};
+    std::vector<std::string> set = {"set", "global"};
+    set.insert(set.end(), kWanted.begin(), kWanted.end());
+    const std::vector<std::string> get = {"get", "global"};
 
     std::string settings;
-    for (const std::vector<std::string>& step : steps) {
+    for (const auto& step : {set, get}) {
         ChildOutput out;
         ChildOutput err;
         const Outcome outcome =
