@@ -15,10 +15,10 @@ struct tcmu_device;
 /// One SCSI command. The record belongs to the device's ring: it is valid from fetch until
 /// tcmulib_command_complete, and must not be touched afterwards.
 struct tcmulib_cmd {
-    uint16_t cmd_id;  ///< the kernel's number of the command
-    uint8_t* cdb;     ///< a copy of the CDB, at least 16 readable bytes, zero-filled behind it
-    iovec* iovec;     ///< data buffers; an emulation consumes them as it fills them
-    size_t iov_cnt;   ///< entries at iovec
+    uint16_t cmd_id;      ///< the kernel's number of the command
+    uint8_t* cdb;         ///< a copy of the CDB, at least 16 readable bytes, zero-filled behind it
+    struct iovec* iovec;  ///< data buffers; an emulation consumes them as it fills them
+    size_t iov_cnt;       ///< entries at iovec
     uint8_t sense_buf[96];  ///< cleared at fetch
     void* hm_private;       ///< the runner's own
 };
