@@ -1,0 +1,28 @@
+#pragma once
+
+#include <cstdint>
+#include <nlohmann/json_fwd.hpp>
+#include <string>
+
+namespace moscsi::data {
+
+/// What a LUN's data side has done since it was made.
+struct LunStatistics {
+    std::string backing;  ///< "memory" or the file's path
+    std::string engine;   ///< what moves the data: "memory", "io_uring" or "threads"
+    uint64_t reads = 0;   ///< transfers begun
+    uint64_t writes = 0;
+    uint64_t bytesRead = 0;  ///< bytes reported as moved
+    uint64_t bytesWritten = 0;
+    uint64_t errors = 0;              ///< transfers that reported anything but their length
+    uint64_t faults = 0;              ///< transfers that the fault plan hit
+    uint64_t onLoan = 0;              ///< contexts that the host holds now
+    uint64_t aborted = 0;             ///< transfers that the device asked back
+    uint64_t unknownAborts = 0;       ///< aborts of a context that the host didn't hold
+    uint64_t ignoredCompletions = 0;  ///< second ends of one transfer, never passed on
+};
+
+/// The same by name, for the status.
+nlohmann::json ToJson(const LunStatistics& statistics);
+
+}  // namespace moscsi::data
