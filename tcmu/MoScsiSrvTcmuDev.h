@@ -3,7 +3,6 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
-#include <memory_resource>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -12,14 +11,16 @@
 #include "ioctx/MoScsiSrvIO.h"
 #include "platform/MoScsiSrvObjects.h"
 #include "util/Mutex.h"
+#include "util/NodePool.h"
 
 class MoIoctxMgr;
 class MoScsiSrvLIO;
 
-/// The memory behind a device's pending map; see MoIoctxMemory.
+/// The memory behind a device's pending map: a base, so that it outlives the map. It holds nodes
+/// for the first 512 commands from the start, and keeps what more took.
 class MoTcmuDevMemory {
   protected:
-    std::pmr::unsynchronized_pool_resource m_nodes;  // used under the device's mutex only
+    NodePool m_nodes;  // used under the device's mutex only
 };
 
 /// Serves one TCMU device: the kernel's user backstore of one LUN.
@@ -97,7 +98,14 @@ class MoScsiSrvTcmuDev : private MoTcmuDevMemory {
   private:
     friend struct MoScsiSrvTcmuDevTest;
 
+    using StartOp = CRyError (MoScsiBStorOps::*)(void* bstoreCtx, MoScsiSrvIO* ioctx, int reserved);
+
     void InitStats();
+    static void SetIdentity() MO_EXCLUDES(g_IdentityMutex);
+    bool SetGeometry(int block);
+    void Forget() MO_EXCLUDES(m_mutex);
+    int StartTransfer(tcmulib_cmd* cmd, StartOp start, uint64_t blocks) MO_EXCLUDES(m_mutex);
+    bool AddPending(MoScsiSrvIO* ioctx, tcmulib_cmd* cmd) MO_EXCLUDES(m_mutex);
     int Inquiry(uint8_t* cdb, iovec* iov, size_t iovCnt, uint8_t* sense);
     int SetMediumError(uint8_t* sense);
 
@@ -116,4 +124,5 @@ class MoScsiSrvTcmuDev : private MoTcmuDevMemory {
     static char g_VendorID[8];
     static char g_ProductID[16];
     static char g_ProductRev[4];
+    static Mutex g_IdentityMutex;  // writers only; see SetIdentity
 };

@@ -1,0 +1,135 @@
+#include "tests/support/FakeLibtcmu.h"
+
+#include <cstring>
+#include <string_view>
+
+FakeEmulation& TheFakeEmulation() {
+    static FakeEmulation emulation;
+    return emulation;
+}
+
+uint32_t FakeSense(const uint8_t* sense) {
+    return static_cast<uint32_t>(sense[2] << 16 | sense[12] << 8 | sense[13]);
+}
+
+namespace {
+
+/// As the real ones do: fills all buffers and consumes the entries while it goes.
+int Emulate(std::string call, iovec* iov, size_t iovCnt, uint8_t* sense) {
+    FakeEmulation& emulation = TheFakeEmulation();
+    emulation.calls.push_back(std::move(call));
+    if (emulation.before)
+        emulation.before();
+    if (emulation.device->emulationStatus != 0) {
+        tcmu_set_sense_data(sense, 7, 0x1234);
+        return emulation.device->emulationStatus;
+    }
+    for (; iovCnt > 0; ++iov, --iovCnt) {
+        std::memset(iov->iov_base, emulation.device->fill, iov->iov_len);
+        iov->iov_base = static_cast<char*>(iov->iov_base) + iov->iov_len;
+        iov->iov_len = 0;
+    }
+    return 0;
+}
+
+uint64_t BigEndian(const uint8_t* bytes, int count) {
+    uint64_t value = 0;
+    for (int i = 0; i < count; ++i)
+        value = value << 8 | bytes[i];
+    return value;
+}
+
+}  // namespace
+
+const char* tcmu_get_dev_cfgstring(tcmu_device* dev) {
+    return dev->cfgString.c_str();
+}
+int tcmu_get_attribute(tcmu_device* dev, const char* name) {
+    return std::string_view(name) == "hw_block_size" ? dev->hwBlockSize : -2;
+}
+int64_t tcmu_get_device_size(tcmu_device* dev) {
+    return dev->size;
+}
+uint32_t tcmu_get_dev_block_size(tcmu_device* dev) {
+    return dev->blockSize;
+}
+void tcmu_set_dev_block_size(tcmu_device* dev, uint32_t bytes) {
+    dev->blockSize = bytes;
+}
+uint64_t tcmu_get_dev_num_lbas(tcmu_device* dev) {
+    return dev->numLbas;
+}
+void tcmu_set_dev_num_lbas(tcmu_device* dev, uint64_t blocks) {
+    dev->numLbas = blocks;
+}
+void tcmu_set_dev_private(tcmu_device* dev, void* priv) {
+    dev->priv = priv;
+}
+void* tcmu_get_dev_private(tcmu_device* dev) {
+    return dev->priv;
+}
+
+uint64_t tcmu_get_lba(const uint8_t* cdb) {
+    switch (cdb[0] >> 5) {
+        case 0:
+            return BigEndian(cdb + 1, 3) & 0x1FFFFF;
+        case 4:
+            return BigEndian(cdb + 2, 8);
+        default:
+            return BigEndian(cdb + 2, 4);
+    }
+}
+
+uint32_t tcmu_get_xfer_length(const uint8_t* cdb) {
+    switch (cdb[0] >> 5) {
+        case 0:
+            return cdb[4];
+        case 4:
+            return static_cast<uint32_t>(BigEndian(cdb + 10, 4));
+        case 5:
+            return static_cast<uint32_t>(BigEndian(cdb + 6, 4));
+        default:
+            return static_cast<uint32_t>(BigEndian(cdb + 7, 2));
+    }
+}
+
+int tcmu_set_sense_data(uint8_t* sense, uint8_t key, uint16_t ascAscq) {
+    sense[2] = key;
+    sense[12] = static_cast<uint8_t>(ascAscq >> 8);
+    sense[13] = static_cast<uint8_t>(ascAscq);
+    return TCMU_STATUS_CHECK_CONDITION;
+}
+
+int tcmu_emulate_test_unit_ready(uint8_t*, iovec* iov, size_t iovCnt, uint8_t* sense) {
+    return Emulate("test_unit_ready", iov, iovCnt, sense);
+}
+int tcmu_emulate_inquiry(tcmu_device*, uint8_t*, iovec* iov, size_t iovCnt, uint8_t* sense) {
+    return Emulate("inquiry", iov, iovCnt, sense);
+}
+int tcmu_emulate_mode_sense(uint8_t*, iovec* iov, size_t iovCnt, uint8_t* sense) {
+    return Emulate("mode_sense", iov, iovCnt, sense);
+}
+int tcmu_emulate_mode_select(uint8_t*, iovec* iov, size_t iovCnt, uint8_t* sense) {
+    return Emulate("mode_select", iov, iovCnt, sense);
+}
+int tcmu_emulate_start_stop(tcmu_device*, uint8_t*, uint8_t* sense) {
+    return Emulate("start_stop", nullptr, 0, sense);
+}
+int tcmu_emulate_read_capacity_10(uint64_t numLbas, uint32_t blockSize, uint8_t*, iovec* iov,
+                                  size_t iovCnt, uint8_t* sense) {
+    return Emulate("read_capacity_10 " + std::to_string(numLbas) + " " + std::to_string(blockSize),
+                   iov, iovCnt, sense);
+}
+int tcmu_emulate_read_capacity_16(uint64_t numLbas, uint32_t blockSize, uint8_t*, iovec* iov,
+                                  size_t iovCnt, uint8_t* sense) {
+    return Emulate("read_capacity_16 " + std::to_string(numLbas) + " " + std::to_string(blockSize),
+                   iov, iovCnt, sense);
+}
+
+void tcmulib_command_complete(tcmu_device* dev, tcmulib_cmd* cmd, int result) {
+    dev->onComplete({cmd, result, FakeSense(cmd->sense_buf)});
+}
+void tcmulib_processing_complete(tcmu_device* dev) {
+    MutexGuard guard(dev->mutex);
+    ++dev->doorbells;
+}
