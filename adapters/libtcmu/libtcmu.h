@@ -59,9 +59,15 @@ uint32_t tcmu_get_xfer_length(const uint8_t* cdb);
 /// Returns: TCMU_STATUS_CHECK_CONDITION.
 int tcmu_set_sense_data(uint8_t* sense, uint8_t key, uint16_t ascAscq);
 
-// ---- Emulation: each returns 0, or CHECK CONDITION with `sense` set. Answers are cut to the CDB's
-// allocation length and to the buffers, consume the entries that they fill, and clear what they do
-// not fill up to the allocation length.
+// ---- Emulation (SPC-4, SBC-3). Each returns 0, or CHECK CONDITION with `sense` set.
+//
+// An answer is cut to the CDB's allocation length and to the buffers. The bytes of the answer, and
+// no others, are consumed: base and length of `iov` move on. What the buffers hold behind the
+// answer is cleared without being consumed, because the data area keeps what earlier commands left
+// there. So the answer's true length is what `iov` lost, and whoever needs the whole buffer
+// afterwards walks a copy of the entries.
+//
+// Thread: any. `cdb` holds the CDB's whole length.
 // -------------------------------------------------------------
 
 int tcmu_emulate_test_unit_ready(uint8_t* cdb, iovec* iov, size_t iovCnt, uint8_t* sense);
@@ -78,8 +84,9 @@ int tcmu_emulate_read_capacity_16(uint64_t numLbas, uint32_t blockSize, uint8_t*
 // -----------------------------------------------------------------------------------
 
 /// Completes a command to the kernel: 0, CHECK CONDITION (with the record's sense), or -1 (not
-/// handled: ILLEGAL REQUEST, invalid command operation code). Frees the record.
-/// Thread: any; completions of one device are serialised here.
+/// handled: ILLEGAL REQUEST, invalid command operation code). The device's completionHook runs
+/// first. The record must not be touched afterwards.
+/// Thread: any; the answers of one device are serialised here, its hooks are not.
 void tcmulib_command_complete(tcmu_device* dev, tcmulib_cmd* cmd, int result);
 
 /// Tells the kernel that completions are there. Thread: any.

@@ -1,0 +1,158 @@
+#pragma once
+
+#include <sys/uio.h>
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "adapters/libtcmu/RingLayout.h"
+#include "adapters/libtcmu/libtcmu.h"
+#include "util/Mutex.h"
+
+/// One command, copied out of the ring when fetched: the kernel's slot may be overwritten by any
+/// other command's completion. Records belong to the ring, one for each number that the kernel has
+/// used, and are used again.
+///
+/// Whoever serves the command may point `cdb`, `iovec` and `iov_cnt` elsewhere; the ring sets them
+/// anew at each fetch.
+struct alignas(64) RingCommand : tcmulib_cmd {
+    static constexpr size_t kMaxCdb = 260;        ///< SPC-4, 4.2.3: the variable-length CDB
+    static constexpr size_t kInlineEntries = 16;  ///< 64 KiB in single pages
+
+    /// The answer's true length in bytes, for a GOOD status of a command that returns data; the
+    /// kernel then tells the initiator the residual. Empty: all that was asked for.
+    std::optional<uint32_t> readLength;
+
+    /// Bytes in all entries as fetched; an emulation that consumes `iovec` leaves it.
+    size_t dataLength;
+
+    /// Bytes of READ data, which the kernel copies inside the doorbell. 0 for any other command.
+    size_t readBytes;
+
+  private:
+    friend class CommandRing;
+    RingCommand() = default;
+
+    bool m_inFlight = false;  // the device's thread sets it; a completion clears it
+    std::array<uint8_t, kMaxCdb> m_cdb;
+    std::array<::iovec, kInlineEntries> m_inlineEntries;
+    std::vector<::iovec> m_manyEntries;  // keeps its capacity
+};
+
+/// Walks one device's command ring in the memory shared with the kernel (Linux kernel,
+/// Documentation/target/tcmu-design.rst; linux/target_core_user.h).
+///
+/// The kernel writes entries and moves `cmd_head`; we write answers at `cmd_tail`, in any order:
+/// the kernel takes the command's number from the slot at the tail. Nothing in the memory is
+/// trusted: offsets and lengths that leave the mapping are answered with an error, never followed,
+/// and a ring that can't be walked any more is left alone (Broken).
+///
+/// Thread: Fetch, BeginDrain and EndDrain on the device's thread; the rest on any. The memory
+/// outlives the object; destroy it when nothing is in flight and no call is running.
+class CommandRing {
+  public:
+    /// What is copied by one doorbell at most: the copies hold the kernel's device mutex.
+    static constexpr size_t kDoorbellReadBytes = 256 * 1024;
+    /// Completions that one drain may hold back at most.
+    static constexpr uint32_t kDoorbellCompletions = 64;
+
+    /// `memory` begins with the mailbox; `uioFd` takes the doorbell.
+    CommandRing(void* memory, size_t length, int uioFd);
+    ~CommandRing();
+
+    CommandRing(const CommandRing&) = delete;
+    CommandRing& operator=(const CommandRing&) = delete;
+
+    /// Copies the next command out of the ring.
+    /// Returns: the command, to be given to Complete once; null when the ring is drained or broken.
+    /// Thread: the device's.
+    RingCommand* Fetch() MO_EXCLUDES(m_completionMutex);
+
+    /// Answers a command: 0, TCMU_STATUS_CHECK_CONDITION with the record's sense, another SAM-5
+    /// status, or -1 (ILLEGAL REQUEST, invalid command operation code). Any other negative result
+    /// becomes HARDWARE ERROR, internal target failure. The record must not be touched afterwards.
+    /// The kernel looks at the answer after the next doorbell.
+    /// Thread: any.
+    void Complete(RingCommand& command, int result) MO_EXCLUDES(m_completionMutex);
+
+    /// Tells the kernel about the answers given so far. One thread writes for all that come
+    /// meanwhile; during a drain EndDrain does it, unless many answers are waiting already.
+    /// Thread: any.
+    void RingDoorbell();
+
+    /// From here to EndDrain answers are told to the kernel together. Thread: the device's.
+    void BeginDrain() MO_EXCLUDES(m_completionMutex);
+    void EndDrain();
+
+    /// Commands fetched and not yet completed. Thread: any.
+    uint32_t InFlight() const { return m_inFlight.load(std::memory_order_acquire); }
+
+    /// True when every entry of the kernel's has been answered. Thread: any.
+    bool Empty() const;
+
+    /// Why the ring can't be walked any more, or null. Fetch then returns nothing and Complete only
+    /// takes records back. Thread: any.
+    const char* Broken() const { return m_broken.load(std::memory_order_acquire); }
+
+    /// True when the kernel takes the length of an answer (RingCommand::readLength).
+    bool TakesReadLength() const { return m_takesReadLength; }
+
+    /// Counters, each raised by one, atomically.
+    struct Stats {
+        std::atomic<uint64_t> fetched{0};
+        std::atomic<uint64_t> completed{0};
+        std::atomic<uint64_t> doorbells{0};
+        std::atomic<uint64_t> doorbellErrors{0};
+        std::atomic<uint64_t> badEntries{0};  ///< answered here: buffers or CDB out of the mapping
+        std::atomic<uint64_t> otherEntries{0};  ///< skipped: padding, notices, unknown operations
+    };
+    const Stats& GetStats() const { return m_stats; }
+
+  private:
+    bool CheckMailbox();
+    bool ReadHeader(uint32_t offset, ringlayout::Header& header) const;
+    RingCommand* TakeRecord(uint16_t number);
+    bool CopyOut(uint32_t offset, RingCommand& command) const;
+    bool CopyCdb(uint64_t offset, RingCommand& command) const;
+    void PassOther(uint32_t offset, ringlayout::Header header) MO_EXCLUDES(m_completionMutex);
+    void SkipOthersLocked() MO_REQUIRES(m_completionMutex);
+    bool TailIsOursLocked() MO_REQUIRES(m_completionMutex);
+    void StoreTailLocked(uint32_t tail) MO_REQUIRES(m_completionMutex);
+    void SetBroken(const char* why);
+    void RingWhileWanted();
+    bool HoldsBack(uint32_t state) const;
+    void WriteDoorbell();
+    uint32_t LoadHead() const;
+
+    // Constant after construction.
+    uint8_t* const m_memory;
+    const size_t m_length;
+    const int m_uioFd;
+    ringlayout::Mailbox* m_mailbox = nullptr;
+    uint8_t* m_ring = nullptr;
+    uint32_t m_ringSize = 0;
+    bool m_takesReadLength = false;
+
+    // The device's thread's own.
+    std::vector<std::unique_ptr<RingCommand>> m_records;  // by the kernel's number
+
+    // Written by the device's thread, read by completions: the entry to be fetched next.
+    alignas(64) std::atomic<uint32_t> m_seen{0};
+
+    // Completions, one at a time.
+    alignas(64) Mutex m_completionMutex;
+    uint32_t m_tail MO_GUARDED_BY(m_completionMutex) = 0;  // what we last wrote into the mailbox
+
+    // Atomic.
+    std::atomic<uint32_t> m_inFlight{0};
+    std::atomic<const char*> m_broken{nullptr};
+    alignas(64) std::atomic<uint32_t> m_doorbell{0};  // see CommandRing.cpp
+    std::atomic<size_t> m_untoldReadBytes{0};
+    std::atomic<uint32_t> m_untoldCompletions{0};
+    alignas(64) Stats m_stats;
+};
