@@ -38,7 +38,7 @@ struct alignas(64) RingCommand : tcmulib_cmd {
     friend class CommandRing;
     RingCommand() = default;
 
-    bool m_inFlight = false;  // the device's thread sets it; a completion clears it
+    std::atomic<bool> m_inFlight{false};  // fetched and not yet completed
     std::array<uint8_t, kMaxCdb> m_cdb;
     std::array<::iovec, kInlineEntries> m_inlineEntries;
     std::vector<::iovec> m_manyEntries;  // keeps its capacity
@@ -58,8 +58,8 @@ class CommandRing {
   public:
     /// What is copied by one doorbell at most: the copies hold the kernel's device mutex.
     static constexpr size_t kDoorbellReadBytes = 256 * 1024;
-    /// Completions that one drain may hold back at most.
-    static constexpr uint32_t kDoorbellCompletions = 64;
+    /// Answers that one drain may hold back at most.
+    static constexpr uint32_t kDoorbellAnswers = 64;
 
     /// `memory` begins with the mailbox; `uioFd` takes the doorbell.
     CommandRing(void* memory, size_t length, int uioFd);
@@ -114,20 +114,22 @@ class CommandRing {
     const Stats& GetStats() const { return m_stats; }
 
   private:
-    bool CheckMailbox();
+    const char* CheckMailbox() const;
+    void SetBroken(const char* why);
+    uint32_t LoadHead() const;
     bool ReadHeader(uint32_t offset, ringlayout::Header& header) const;
+    void PassOther(uint32_t offset, const ringlayout::Header& header)
+        MO_EXCLUDES(m_completionMutex);
     RingCommand* TakeRecord(uint16_t number);
-    bool CopyOut(uint32_t offset, RingCommand& command) const;
+    bool CopyOut(uint32_t offset, uint32_t length, RingCommand& command) const;
     bool CopyCdb(uint64_t offset, RingCommand& command) const;
-    void PassOther(uint32_t offset, ringlayout::Header header) MO_EXCLUDES(m_completionMutex);
-    void SkipOthersLocked() MO_REQUIRES(m_completionMutex);
+    std::optional<uint32_t> WriteAnswerLocked(const RingCommand& command, int result)
+        MO_REQUIRES(m_completionMutex);
     bool TailIsOursLocked() MO_REQUIRES(m_completionMutex);
     void StoreTailLocked(uint32_t tail) MO_REQUIRES(m_completionMutex);
-    void SetBroken(const char* why);
-    void RingWhileWanted();
-    bool HoldsBack(uint32_t state) const;
+    void SkipOthersLocked() MO_REQUIRES(m_completionMutex);
+    static uint64_t OneAnswer(size_t readBytes);
     void WriteDoorbell();
-    uint32_t LoadHead() const;
 
     // Constant after construction.
     uint8_t* const m_memory;
@@ -151,8 +153,6 @@ class CommandRing {
     // Atomic.
     std::atomic<uint32_t> m_inFlight{0};
     std::atomic<const char*> m_broken{nullptr};
-    alignas(64) std::atomic<uint32_t> m_doorbell{0};  // see CommandRing.cpp
-    std::atomic<size_t> m_untoldReadBytes{0};
-    std::atomic<uint32_t> m_untoldCompletions{0};
+    alignas(64) std::atomic<uint64_t> m_doorbell{0};  // what the kernel hasn't been told; see .cpp
     alignas(64) Stats m_stats;
 };

@@ -43,4 +43,7 @@ struct tcmu_device {
     /// Runs in tcmulib_command_complete, on the completing thread, before the answer is written:
     /// it may change the result, and gives the command its readLength. Set before commands flow.
     std::function<void(RingCommand& command, int& result)> completionHook;
+
+  private:
+    tcmu_device(LibtcmuApi& libtcmu, LibDevice* libDevice, LibtcmuApi::Memory memory);
 };

@@ -1,0 +1,348 @@
+#include "adapters/libtcmu/CommandRing.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "adapters/libtcmu/Cdb.h"
+#include "adapters/libtcmu/Sense.h"
+
+using ringlayout::Header;
+using ringlayout::Mailbox;
+using ringlayout::Request;
+using ringlayout::Response;
+
+namespace {
+
+uint32_t LengthOf(const Header& header) {
+    return header.lengthAndOperation & ~ringlayout::kOperationMask;
+}
+
+uint32_t OperationOf(const Header& header) {
+    return header.lengthAndOperation & ringlayout::kOperationMask;
+}
+
+}  // namespace
+
+CommandRing::CommandRing(void* memory, size_t length, int uioFd)
+    : m_memory(static_cast<uint8_t*>(memory)), m_length(length), m_uioFd(uioFd) {
+    m_broken = CheckMailbox();
+    if (Broken() != nullptr)
+        return;
+
+    m_mailbox = static_cast<Mailbox*>(memory);
+    m_ring = m_memory + m_mailbox->ringOffset;
+    m_ringSize = m_mailbox->ringSize;
+    m_takesReadLength = (m_mailbox->flags & ringlayout::kFlagReadLength) != 0;
+    m_tail = m_mailbox->tail;
+    m_seen = m_tail;
+}
+
+CommandRing::~CommandRing() = default;
+
+const char* CommandRing::CheckMailbox() const {
+    if (m_memory == nullptr || m_length < sizeof(Mailbox))
+        return "the device's memory isn't mapped";
+    Mailbox mailbox{};
+    std::memcpy(&mailbox, m_memory, sizeof(mailbox));
+    if (mailbox.version != ringlayout::kVersion)
+        return "the mailbox has another version";
+    if (mailbox.ringOffset < sizeof(Mailbox) || mailbox.ringOffset > m_length ||
+        mailbox.ringSize > m_length - mailbox.ringOffset || mailbox.ringSize < sizeof(Response) ||
+        (mailbox.ringOffset | mailbox.ringSize) % alignof(uint64_t) != 0)
+        return "the mailbox states a command ring outside of the mapping";
+    if (mailbox.tail >= mailbox.ringSize || mailbox.tail % alignof(uint64_t) != 0)
+        return "the mailbox states a tail outside of the ring";
+    return nullptr;
+}
+
+void CommandRing::SetBroken(const char* why) {
+    const char* none = nullptr;
+    m_broken.compare_exchange_strong(none, why, std::memory_order_acq_rel);
+}
+
+uint32_t CommandRing::LoadHead() const {
+    return std::atomic_ref(m_mailbox->head).load(std::memory_order_acquire);
+}
+
+bool CommandRing::Empty() const {
+    return m_mailbox == nullptr ||
+           LoadHead() == std::atomic_ref(m_mailbox->tail).load(std::memory_order_acquire);
+}
+
+/// Reads the header at an offset below the ring's size.
+/// Returns: false when the entry can't be one of the kernel's: it leaves the ring, or an answer
+/// wouldn't fit into it.
+bool CommandRing::ReadHeader(uint32_t offset, Header& header) const {
+    std::memcpy(&header, m_ring + offset, sizeof(header));
+    const uint32_t length = LengthOf(header);
+    const size_t least = OperationOf(header) == ringlayout::kCommand ? sizeof(Response) : 8;
+    return length >= least && length <= m_ringSize - offset;
+}
+
+RingCommand* CommandRing::Fetch() {
+    while (Broken() == nullptr) {
+        const uint32_t offset = m_seen.load(std::memory_order_relaxed);
+        const uint32_t head = LoadHead();
+        if (offset == head)
+            return nullptr;
+
+        Header header{};
+        const uint32_t published = (head + m_ringSize - offset) % m_ringSize;
+        if (head >= m_ringSize || head % alignof(uint64_t) != 0 || !ReadHeader(offset, header) ||
+            LengthOf(header) > published) {
+            SetBroken("an entry leaves the command ring");
+            return nullptr;
+        }
+        if (OperationOf(header) != ringlayout::kCommand) {
+            PassOther(offset, header);
+            continue;
+        }
+        RingCommand* command = TakeRecord(header.number);
+        if (command == nullptr) {
+            SetBroken("the kernel used the number of a command that is still in flight");
+            return nullptr;
+        }
+        const bool sound = CopyOut(offset, LengthOf(header), *command);
+        m_inFlight.fetch_add(1, std::memory_order_relaxed);
+        m_seen.store((offset + LengthOf(header)) % m_ringSize, std::memory_order_release);
+        if (sound) {
+            m_stats.fetched.fetch_add(1, std::memory_order_relaxed);
+            return command;
+        }
+        m_stats.badEntries.fetch_add(1, std::memory_order_relaxed);
+        Complete(*command, SetSense(command->sense_buf, Sense::kInternalTargetFailure));
+        RingDoorbell();
+    }
+    return nullptr;
+}
+
+/// Steps over an entry that is no command: padding, a notice of task management, or an operation
+/// that this server doesn't know, which the kernel wants to be told.
+void CommandRing::PassOther(uint32_t offset, const Header& header) {
+    if (OperationOf(header) > ringlayout::kTaskManagement)
+        m_ring[offset + offsetof(Header, userFlags)] |= ringlayout::kUserUnknownOperation;
+    m_stats.otherEntries.fetch_add(1, std::memory_order_relaxed);
+    m_seen.store((offset + LengthOf(header)) % m_ringSize, std::memory_order_release);
+
+    // With no command before it, no completion would move the tail past this entry.
+    const MutexGuard guard(m_completionMutex);
+    if (TailIsOursLocked())
+        SkipOthersLocked();
+}
+
+RingCommand* CommandRing::TakeRecord(uint16_t number) {
+    if (number >= m_records.size())
+        m_records.resize(number + 1U);
+    auto& record = m_records[number];
+    if (record == nullptr)
+        record.reset(new RingCommand);
+    if (record->m_inFlight.exchange(true, std::memory_order_acquire))
+        return nullptr;
+    record->cmd_id = number;
+    return record.get();
+}
+
+/// Copies a command's entry into its record.
+/// Returns: false when the entry points out of the mapping; the record has no data then.
+bool CommandRing::CopyOut(uint32_t offset, uint32_t length, RingCommand& command) const {
+    command.m_cdb.fill(0);
+    command.cdb = command.m_cdb.data();
+    command.iovec = command.m_inlineEntries.data();
+    command.iov_cnt = 0;
+    std::memset(command.sense_buf, 0, sizeof(command.sense_buf));
+    command.hm_private = nullptr;
+    command.readLength.reset();
+    command.dataLength = 0;
+    command.readBytes = 0;
+
+    Request request{};
+    std::memcpy(&request, m_ring + offset, sizeof(request));
+    if (request.entries > (length - sizeof(Request)) / sizeof(iovec))
+        return false;
+    if (!CopyCdb(request.cdbOffset, command))
+        return false;
+
+    if (request.entries > command.m_inlineEntries.size()) {
+        command.m_manyEntries.resize(request.entries);
+        command.iovec = command.m_manyEntries.data();
+    }
+    std::memcpy(command.iovec, m_ring + offset + sizeof(Request), request.entries * sizeof(iovec));
+    size_t total = 0;
+    for (size_t i = 0; i < request.entries; i++) {
+        iovec& entry = command.iovec[i];
+        const auto start = reinterpret_cast<uintptr_t>(entry.iov_base);
+        if (start > m_length || entry.iov_len > m_length - start)
+            return false;
+        entry.iov_base = m_memory + start;
+        total += entry.iov_len;
+    }
+    command.iov_cnt = request.entries;
+    command.dataLength = total;
+    if (IsRead(command.m_cdb[0]))
+        command.readBytes = total;
+    return true;
+}
+
+bool CommandRing::CopyCdb(uint64_t offset, RingCommand& command) const {
+    if (offset >= m_length)
+        return false;
+    const uint8_t* cdb = m_memory + offset;
+    const size_t room = m_length - offset;
+    if (cdb[0] == kVariableLengthCdb && room < 8)
+        return false;
+    const size_t length = std::min(CdbLength(cdb), RingCommand::kMaxCdb);
+    if (length > room)
+        return false;
+    std::memcpy(command.m_cdb.data(), cdb, length);
+    return true;
+}
+
+void CommandRing::Complete(RingCommand& command, int result) {
+    const MutexGuard guard(m_completionMutex);
+    const uint64_t untold = OneAnswer(command.readBytes);
+    std::optional<uint32_t> tail;
+    if (Broken() == nullptr && TailIsOursLocked())
+        tail = WriteAnswerLocked(command, result);
+
+    // The record goes back before the tail moves: from then on the kernel may use its number again,
+    // and the device's thread may fetch into it.
+    command.m_inFlight.store(false, std::memory_order_release);
+    m_inFlight.fetch_sub(1, std::memory_order_release);
+    if (!tail)
+        return;
+    StoreTailLocked(*tail);
+    SkipOthersLocked();
+    m_stats.completed.fetch_add(1, std::memory_order_relaxed);
+    m_doorbell.fetch_add(untold);
+}
+
+/// Writes an answer over the entry at the tail, whichever command that was.
+/// Returns: the tail behind it, or nothing when there is no entry to answer.
+std::optional<uint32_t> CommandRing::WriteAnswerLocked(const RingCommand& command, int result) {
+    SkipOthersLocked();
+    Header header{};
+    if (m_tail == m_seen.load(std::memory_order_acquire) || !ReadHeader(m_tail, header)) {
+        SetBroken("there is no entry at the tail to answer");
+        return std::nullopt;
+    }
+    Response response{};
+    response.header = header;
+    response.header.number = command.cmd_id;
+    response.header.userFlags = 0;
+    if (result >= 0) {
+        response.status = static_cast<uint8_t>(result);
+        std::memcpy(response.sense, command.sense_buf, sizeof(response.sense));
+    } else {
+        response.status = TCMU_STATUS_CHECK_CONDITION;
+        SetSense(response.sense,
+                 result == -1 ? Sense::kInvalidOperationCode : Sense::kInternalTargetFailure);
+    }
+    if (response.status == TCMU_STATUS_GOOD && m_takesReadLength && command.readLength) {
+        response.header.userFlags = ringlayout::kUserReadLength;
+        response.readLength = *command.readLength;
+    }
+    std::memcpy(m_ring + m_tail, &response, sizeof(response));
+    return (m_tail + LengthOf(header)) % m_ringSize;
+}
+
+/// Only we move the tail. When somebody else did, the kernel has reset the ring for another
+/// process and taken its commands back: an answer of ours would carry a number that it no longer
+/// knows, which breaks the device for good.
+bool CommandRing::TailIsOursLocked() {
+    if (std::atomic_ref(m_mailbox->tail).load(std::memory_order_relaxed) == m_tail)
+        return true;
+    SetBroken("another process has reset the ring");
+    return false;
+}
+
+void CommandRing::StoreTailLocked(uint32_t tail) {
+    m_tail = tail;
+    std::atomic_ref(m_mailbox->tail).store(tail, std::memory_order_release);
+}
+
+/// Moves the tail over what needs no answer, as far as the device's thread has looked.
+void CommandRing::SkipOthersLocked() {
+    const uint32_t seen = m_seen.load(std::memory_order_acquire);
+    uint32_t tail = m_tail;
+    Header header{};
+    while (tail != seen && ReadHeader(tail, header) && OperationOf(header) != ringlayout::kCommand)
+        tail = (tail + LengthOf(header)) % m_ringSize;
+    if (tail != m_tail)
+        StoreTailLocked(tail);
+}
+
+// ---- The doorbell. One word says what the kernel hasn't been told yet and who is about to tell
+// it: two flags, then the number of answers, then their READ data in blocks of 512 bytes. Every
+// change is one atomic step, so an answer is either taken by the thread that rings now or seen by
+// the next one to look. --------------------------------------------------------------------------
+
+namespace {
+
+constexpr uint64_t kDraining = 1;  // EndDrain will ring
+constexpr uint64_t kRinging = 2;   // a thread is in write(), and looks again before it leaves
+constexpr uint64_t kFlags = kDraining | kRinging;
+constexpr unsigned kAnswersShift = 8;
+constexpr uint64_t kAnswersMask = 0xFFFFFF;
+constexpr unsigned kBlocksShift = 32;
+constexpr size_t kBlock = 512;
+
+bool WantsDoorbell(uint64_t state) {
+    const uint64_t answers = (state >> kAnswersShift) & kAnswersMask;
+    const uint64_t readBytes = (state >> kBlocksShift) * kBlock;
+    if (answers == 0)
+        return false;
+    return (state & kDraining) == 0 || answers >= CommandRing::kDoorbellAnswers ||
+           readBytes >= CommandRing::kDoorbellReadBytes;
+}
+
+}  // namespace
+
+uint64_t CommandRing::OneAnswer(size_t readBytes) {
+    return (uint64_t{1} << kAnswersShift) | (uint64_t{readBytes / kBlock} << kBlocksShift);
+}
+
+void CommandRing::RingDoorbell() {
+    uint64_t state = m_doorbell.load();
+    do {
+        if ((state & kRinging) != 0 || !WantsDoorbell(state))
+            return;
+    } while (!m_doorbell.compare_exchange_weak(state, (state & kFlags) | kRinging));
+
+    for (;;) {
+        WriteDoorbell();
+        state = m_doorbell.load();
+        uint64_t next = 0;
+        do {
+            next = WantsDoorbell(state) ? state & kFlags : state & ~kRinging;
+        } while (!m_doorbell.compare_exchange_weak(state, next));
+        if ((next & kRinging) == 0)
+            return;
+    }
+}
+
+void CommandRing::BeginDrain() {
+    m_doorbell.fetch_or(kDraining);
+    const MutexGuard guard(m_completionMutex);
+    if (Broken() == nullptr)
+        TailIsOursLocked();
+}
+
+void CommandRing::EndDrain() {
+    m_doorbell.fetch_and(~kDraining);
+    RingDoorbell();
+}
+
+void CommandRing::WriteDoorbell() {
+    const uint32_t anything = 0;
+    ssize_t written = 0;
+    do {
+        written = write(m_uioFd, &anything, sizeof(anything));
+    } while (written < 0 && errno == EINTR);
+    m_stats.doorbells.fetch_add(1, std::memory_order_relaxed);
+    // A doorbell that fails loses nothing: the answers stand in the ring, and the next one tells
+    // them. It fails for good once the kernel has removed the device.
+    if (written != sizeof(anything))
+        m_stats.doorbellErrors.fetch_add(1, std::memory_order_relaxed);
+}
