@@ -12,13 +12,16 @@
 
 class MoIoctxMgr;
 class MoScsiSrvTcmuDev;
+struct FileBackstore;
+struct TargetCliBackstore;
 
 /// The platform over the kernel's LIO target: configures it by running commands, serves user
 /// backstores through TCMU, and keeps the registry in which a user LUN and its device meet.
 ///
 /// One object a process. Its operations stand in files named after their concern:
-/// PlatformEntry, ServiceStartup, CommandRunner, TargetsAndMappings, LunDispatch, FileBackedLun
-/// (file and block variants), UserLun, UserLunConfigFS, TcmuRegistry.
+/// PlatformEntry, ServiceStartup, CommandRunner, TargetsAndMappings, LunDispatch, TargetCliLun
+/// (what all backstores share), FileBackedLun (file and block variants), UserLun, UserLunConfigFS,
+/// TcmuRegistry.
 ///
 /// Lock order: m_cfgMutex and m_tcmuDevMapMutex are never held together. A device's mutex comes
 /// before the I/O context manager's; neither is taken under one of this class's, nor the other way
@@ -72,8 +75,26 @@ class MoScsiSrvLIO : public MoScsiSrvPlatform {
     CRyError TargetCliReadObject(const std::string& cmd, std::string& out) MO_REQUIRES(m_cfgMutex);
     CRyError System(const std::string& cmd);
 
-    // ---- LUNs (LunDispatch.cpp, FileBackedLun.cpp, UserLun.cpp, UserLunConfigFS.cpp) ---------
+    // ---- LUNs (LunDispatch, TargetCliLun, FileBackedLun, UserLun, UserLunConfigFS) -----------
+    using LunOperation = CRyError (MoScsiSrvLIO::*)(MoScsiSrvLun_t*);
+    struct LunKind;
+    CRyError DispatchLun(const char* function, MoScsiSrvLun_t* lun,
+                         LunOperation LunKind::*operation);
     std::string StorageObjectName(const MoScsiSrvLun* lun);
+
+    // What the three kinds of backstore share when they use targetcli. `function` is the signature
+    // of the entry whose work it is, `source` and `extra` are the kind's own arguments of the
+    // backstore's create command, before and after its name.
+    CRyError CreateByTargetCli(const char* function, const TargetCliBackstore& backstore,
+                               const std::string& source, const std::string& extra,
+                               MoScsiSrvLun_t* lun) MO_REQUIRES(m_cfgMutex);
+    CRyError DeleteByTargetCli(const TargetCliBackstore& backstore, const MoScsiSrvLun_t* lun)
+        MO_REQUIRES(m_cfgMutex);
+
+    CRyError CreateFileBackedLun(const char* function, const FileBackstore& kind,
+                                 MoScsiSrvLun_t* lun) MO_EXCLUDES(m_cfgMutex);
+    CRyError DeleteFileBackedLun(const FileBackstore& kind, const MoScsiSrvLun_t* lun)
+        MO_EXCLUDES(m_cfgMutex);
     CRyError CreateLun_BStorFile(MoScsiSrvLun_t* lun) MO_EXCLUDES(m_cfgMutex);
     CRyError DeleteLun_BStorFile(MoScsiSrvLun_t* lun) MO_EXCLUDES(m_cfgMutex);
     CRyError CreateLun_BStorBlkDev(MoScsiSrvLun_t* lun) MO_EXCLUDES(m_cfgMutex);
@@ -85,6 +106,11 @@ class MoScsiSrvLIO : public MoScsiSrvPlatform {
     std::string GetCfgString(MoScsiSrvLun_t* lun, bool withPrefix);
     std::string GetTcmuHBAPath(MoScsiSrvLun_t* lun);
     bool GetNextAvailableLunNum(MoScsiSrvLun_t* lun) MO_REQUIRES(m_cfgMutex);
+
+    struct ConfigFSPaths;
+    ConfigFSPaths GetConfigFSPaths(MoScsiSrvLun_t* lun);
+    static std::string LunDirectory(const MoScsiSrvLun_t* lun, int number);
+    CRyError RunInOrder(const std::vector<std::string>& commands) MO_REQUIRES(m_cfgMutex);
 
     static MoScsiSrvLIO* g_LioPlatform;
     static Mutex g_InstanceMutex;

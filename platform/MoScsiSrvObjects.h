@@ -71,8 +71,8 @@ class MoScsiBStorOps {
 /// on purpose: the host always fills them.
 struct MoScsiSrvLun {
     // Not `= default`: value-initialisation must not clear the fields that are left alone either.
-    MoScsiSrvLun() {
-    }  // NOLINT(cppcoreguidelines-pro-type-member-init,modernize-use-equals-default)
+    // NOLINTNEXTLINE(modernize-use-equals-default)
+    MoScsiSrvLun() {}
 
     std::string serialNum;   ///< unit serial number; a create appends to it
     uint32_t lunNum;         ///< 0..65534, or 0xFFFFFFFF: the system chooses and writes it back

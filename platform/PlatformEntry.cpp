@@ -36,7 +36,8 @@ MoScsiSrvLIO::MoScsiSrvLIO() {
     m_runnerStarted = StartRunnerThread(m_tcmuRunnerThread);
     if (!m_runnerStarted) {
         // errno, not what pthread_create returned: that is how this line has always read.
-        MO_LOG(kLogError, "pthread_create TcmuRunerThread error %d", errno);
+        const int error = errno;
+        MO_LOG(kLogError, "pthread_create TcmuRunerThread error %d", error);
     }
 }
 

@@ -17,11 +17,13 @@ inline constexpr int kTraceDetail = 6;  ///< every other traced operation
 
 /// Logs with the signature and line of the function in which it stands. The level is asked before
 /// every message, and nothing is formatted below it.
-#define MO_LOG(level, ...)                                                             \
-    do {                                                                               \
-        if (g_ptrLogWriter->GetDebugLevel() >= (level))                                \
-            g_ptrLogWriter->WriteMessage((level), __PRETTY_FUNCTION__, __LINE__, 0, 0, \
-                                         __VA_ARGS__);                                 \
+#define MO_LOG(level, ...) MO_LOG_AS(__PRETTY_FUNCTION__, level, __VA_ARGS__)
+
+/// The same in a frame that several entries share: `function` is the entry's signature.
+#define MO_LOG_AS(function, level, ...)                                                     \
+    do {                                                                                    \
+        if (g_ptrLogWriter->GetDebugLevel() >= (level))                                     \
+            g_ptrLogWriter->WriteMessage((level), (function), __LINE__, 0, 0, __VA_ARGS__); \
     } while (false)
 
 /// Opens a function trace that lasts to the end of the enclosing scope.
@@ -38,4 +40,7 @@ inline std::unique_ptr<MODebugFunction> MoMakeTrace(const char* function, int li
 
 /// The place of the function in which it stands, for errors. Every error of the plug-in names the
 /// same source file.
-#define MO_HERE FXCodeLocation("MoScsiSrvLIO", __PRETTY_FUNCTION__, __LINE__)
+#define MO_HERE MO_HERE_AS(__PRETTY_FUNCTION__)
+
+/// The same in a frame that several entries share: `function` is the entry's signature.
+#define MO_HERE_AS(function) FXCodeLocation("MoScsiSrvLIO", (function), __LINE__)

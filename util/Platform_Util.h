@@ -7,8 +7,8 @@
 /// Thread: any.
 class Platform_Util {
   public:
-    Platform_Util() {}
-    ~Platform_Util() {}
+    Platform_Util() = default;
+    ~Platform_Util() = default;
 
     /// The TCP port on which this machine serves iSCSI.
     /// Returns: the port, or -1 when the machine is not a client of the server or has no such
