@@ -1,0 +1,34 @@
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "adapters/framework/CRyError.h"
+
+/// What `moscsi-host` prints: one line a step on standard output, at once, and what went wrong on
+/// standard error.
+namespace moscsi::host {
+
+class Console {
+  public:
+    virtual ~Console() = default;
+
+    /// Thread: any, for both.
+    virtual void Say(const std::string& line) = 0;
+    virtual void Complain(const std::string& line) = 0;
+};
+
+/// Lines on the process's own streams.
+class StandardConsole final : public Console {
+  public:
+    void Say(const std::string& line) override;
+    void Complain(const std::string& line) override;
+};
+
+/// Runs one configuration step and says how it ended and how long it took; while it lasts, a line
+/// every five seconds says that it still does.
+/// Returns: the operation's result. Thread: any; the operation runs on the caller's.
+CRyError RunStep(Console& console, const std::string& what,
+                 const std::function<CRyError()>& operation);
+
+}  // namespace moscsi::host

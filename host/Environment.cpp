@@ -1,0 +1,147 @@
+#include "host/Environment.h"
+
+#include <fmt/format.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdlib>
+#include <cstring>
+#include <sstream>
+
+#include "adapters/framework/MOPlatformInfo.h"
+#include "adapters/framework/MoProcess.h"
+#include "util/Platform_Util.h"
+
+namespace moscsi::host {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int kDefaultPort = 3260;  // RFC 7143, 13.2
+constexpr char kBusSocket[] = "/run/dbus/system_bus_socket";
+
+std::string Variable(const char* name, const char* fallback) {
+    const char* value = getenv(name);
+    return value != nullptr && *value != '\0' ? value : fallback;
+}
+
+bool IsProgram(const fs::path& path) {
+    return access(path.c_str(), X_OK) == 0 && fs::is_regular_file(path);
+}
+
+PlatformFacts DefaultFacts(const std::string& home) {
+    std::array<char, 256> name{};
+    if (gethostname(name.data(), name.size() - 1) != 0)
+        name[0] = '\0';
+    PlatformFacts facts;
+    facts.physicalMachine = name.data();
+    facts.homeDirectory = home;
+    facts.strings["Base"]["dBASEHOME"] = home;
+    return facts;
+}
+
+/// Connecting says more than a look: a socket file outlives its daemon.
+bool BusAnswers(const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    const int connection = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (connection < 0)
+        return false;
+    const bool answers =
+        connect(connection, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    close(connection);
+    return answers;
+}
+
+bool HasRealTargetcli(const fs::path& wrapper) {
+    if (IsProgram(Variable("MOSCSI_TARGETCLI_REAL", "")))
+        return true;
+    std::istringstream directories(Variable("PATH", ""));
+    std::error_code ignored;
+    for (std::string directory; std::getline(directories, directory, ':');) {
+        const fs::path candidate = fs::path(directory) / "targetcli";
+        if (IsProgram(candidate) && !fs::equivalent(candidate, wrapper, ignored))
+            return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+std::string FindEnvironment(const std::string& platformFile, Environment& environment) {
+    std::error_code ignored;
+    const fs::path prefix = fs::read_symlink("/proc/self/exe", ignored).parent_path().parent_path();
+    const fs::path ownHome = prefix / "libexec/moscsi";
+    environment.library = prefix / "lib/moscsi/libMoScsiSrvLIO.so";
+    environment.runDirectory = Variable("MOSCSI_RUN_DIR", "/run/moscsi");
+    environment.configfs = Variable("MOSCSI_CONFIGFS_ROOT", "/sys/kernel/config/target");
+
+    PlatformFacts facts = DefaultFacts(ownHome);
+    if (fs::exists(platformFile, ignored)) {
+        if (std::string fault = MOPlatformInfo::readFacts(platformFile, facts); !fault.empty())
+            return fault;
+        // A file that names no home leaves the one that was compiled in; where this program really
+        // is counts more.
+        if (!fs::exists(fs::path(facts.homeDirectory) / "moscsi_server.sh", ignored))
+            facts.homeDirectory = ownHome;
+    }
+    MOPlatformInfo::setFacts(facts);
+    environment.home = facts.homeDirectory;
+    const int port = Platform_Util::GetScsiServicePort();
+    environment.port = port < 0 ? kDefaultPort : port;
+    return {};
+}
+
+void PrepareSearchPath(const Environment& environment) {
+    const std::string path = fmt::format(
+        "{}:{}:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:"
+        "/sbin:/bin",
+        (environment.home / "bin").string(), Variable("PATH", "/"));
+    setenv("PATH", path.c_str(), 1);
+}
+
+std::string MissingPrerequisite(const Environment& environment) {
+    if (geteuid() != 0)
+        return "must be run as root: it configures the kernel";
+    if (!IsProgram(environment.home / "bin/targetcli"))
+        return fmt::format(
+            "the targetcli wrapper isn't in {}: install the product, or name its "
+            "home directory in the platform file",
+            (environment.home / "bin").string());
+    if (!HasRealTargetcli(environment.home / "bin/targetcli"))
+        return "targetcli is not installed: install the package targetcli-fb";
+    if (!BusAnswers(kBusSocket))
+        return fmt::format(
+            "no D-Bus system bus answers at {}, which targetcli needs: install and "
+            "start dbus",
+            kBusSocket);
+    return {};
+}
+
+std::string ServiceScriptComplaint(const Environment& environment) {
+    const fs::path script = environment.home / "moscsi_server.sh";
+    if (!IsProgram(script))
+        return fmt::format(
+            "{} isn't there: install the product, or name its home directory in the "
+            "platform file",
+            script.string());
+    std::string errors;
+    if (MoProcess::system(script.string() + " -start", nullptr, &errors, 0, false) == 0)
+        return {};
+    while (errors.ends_with('\n'))
+        errors.pop_back();
+    return errors.substr(errors.rfind('\n') + 1);
+}
+
+std::string TargetcliVersion() {
+    std::string version;
+    MoProcess::system("targetcli --version 2>&1  | cut -d' ' -f3", &version, nullptr, 0, false);
+    while (version.ends_with('\n'))
+        version.pop_back();
+    return version;
+}
+
+}  // namespace moscsi::host

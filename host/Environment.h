@@ -1,0 +1,39 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+/// Where this installation is, and what the machine must have before the plug-in is loaded.
+namespace moscsi::host {
+
+struct Environment {
+    std::filesystem::path home;          ///< holds moscsi_server.sh, and bin/targetcli
+    std::filesystem::path library;       ///< the plug-in
+    std::filesystem::path runDirectory;  ///< lock, socket, wrapper's state
+    std::filesystem::path configfs;      ///< the kernel target's root
+    int port = 3260;                     ///< of the iSCSI service
+};
+
+/// Finds the installation from this program's own place, reads the platform file (`platformFile`;
+/// a missing one gives the defaults), and makes its facts those of the framework.
+/// MOSCSI_RUN_DIR and MOSCSI_CONFIGFS_ROOT replace the directories.
+/// Returns: empty, or one line that says what is wrong with the file.
+/// Thread: one, before others look at facts.
+std::string FindEnvironment(const std::string& platformFile, Environment& environment);
+
+/// Puts the wrapper's directory first on PATH, and the system's behind.
+void PrepareSearchPath(const Environment& environment);
+
+/// Returns: empty, or one line about the first thing that is missing: root, the real targetcli,
+/// the system bus.
+std::string MissingPrerequisite(const Environment& environment);
+
+/// What the plug-in's start couldn't say: runs the service script again and returns its last words;
+/// empty when it succeeds or isn't there.
+std::string ServiceScriptComplaint(const Environment& environment);
+
+/// The version by which the plug-in chose its manner, read as it reads it. Requires: Initialize
+/// succeeded.
+std::string TargetcliVersion();
+
+}  // namespace moscsi::host

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace moscsi::host {
+
+/// A place in the configuration file.
+struct Place {
+    std::string file;
+    unsigned line = 0;  ///< from 1; 0: the file as a whole
+};
+
+/// Collects what is wrong, one line each, so that a user mends a file in one go.
+/// Thread: one at a time.
+class Problems {
+  public:
+    /// Adds "FILE:LINE: text". The text says what is wrong and what to do.
+    void Add(const Place& place, const std::string& text) {
+        const std::string line = place.line == 0 ? "" : ":" + std::to_string(place.line);
+        m_lines.push_back(place.file + line + ": " + text);
+    }
+
+    void Add(std::string text) { m_lines.push_back(std::move(text)); }
+
+    bool Empty() const { return m_lines.empty(); }
+    const std::vector<std::string>& Lines() const { return m_lines; }
+
+  private:
+    std::vector<std::string> m_lines;
+};
+
+}  // namespace moscsi::host

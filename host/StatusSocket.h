@@ -1,0 +1,43 @@
+#pragma once
+
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <thread>
+
+/// The local socket over which a running host tells its status: whoever connects is sent one JSON
+/// text, and the connection ends.
+namespace moscsi::host {
+
+/// Answers on a thread of its own, so that the host answers whatever else it waits for.
+class StatusServer {
+  public:
+    /// Called for each connection, on the server's thread.
+    using Answer = std::function<std::string()>;
+
+    StatusServer(std::filesystem::path socket, Answer answer);
+
+    /// Ends the thread and removes the socket.
+    ~StatusServer();
+    StatusServer(const StatusServer&) = delete;
+    StatusServer& operator=(const StatusServer&) = delete;
+
+    /// Begins to listen; root only may connect. A socket that a killed host left is replaced.
+    /// Requires: this process is the machine's one host.
+    /// Returns: empty, or one line that says what is wrong.
+    std::string Start();
+
+  private:
+    void Run();
+
+    const std::filesystem::path m_path;
+    const Answer m_answer;
+    int m_listener = -1;
+    int m_wake = -1;
+    std::thread m_thread;
+};
+
+/// Asks the running host. Returns: its answer, or nothing and one line in `error`.
+std::string AskStatus(const std::filesystem::path& socket, std::string& error);
+
+}  // namespace moscsi::host

@@ -1,0 +1,62 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <filesystem>
+#include <thread>
+
+#include "util/Mutex.h"
+
+/// SIGINT, SIGTERM and SIGHUP, and the time that is left once one has come.
+namespace moscsi::host {
+
+/// Takes the three signals from the process's queue on a thread of its own, so that one that comes
+/// while a configuration step runs is acted on at once: the step's targetcli gets a time limit
+/// (RUN/targetcli/limit), and a second signal makes that, and everything else, short.
+///
+/// Signals directed at another thread stay there: the plug-in's runner is interrupted so.
+class StopSignals {
+  public:
+    /// Blocks the signals in the calling thread, hence in every thread made later. To be called
+    /// before any other thread exists.
+    static void Block();
+
+    /// Starts to take them. `allowance` is what a stop may take.
+    StopSignals(const std::filesystem::path& runDirectory, std::chrono::seconds allowance);
+    ~StopSignals();
+    StopSignals(const StopSignals&) = delete;
+    StopSignals& operator=(const StopSignals&) = delete;
+
+    /// Thread: any.
+    bool Asked() const { return m_asked; }
+
+    /// Begins a stop without a signal, with the same allowance. Thread: any.
+    void Begin() MO_EXCLUDES(m_mutex);
+
+    /// Waits for the first signal. Thread: any.
+    void Wait() MO_EXCLUDES(m_mutex);
+
+    /// True when a stop's allowance is used up. Otherwise the running time limit of targetcli is
+    /// brought up to date: call it before each step of a stop. Thread: any.
+    bool OutOfTime() MO_EXCLUDES(m_mutex);
+
+  private:
+    using Clock = std::chrono::steady_clock;
+
+    void Run() MO_EXCLUDES(m_mutex);
+    void BeginLocked() MO_REQUIRES(m_mutex);
+    void LimitTargetcli(std::chrono::seconds seconds);
+
+    const std::filesystem::path m_limitFile;
+    const std::chrono::seconds m_allowance;
+    std::atomic<bool> m_asked{false};
+    std::atomic<bool> m_ending{false};
+    Mutex m_mutex;
+    std::condition_variable_any m_change;
+    bool m_begun MO_GUARDED_BY(m_mutex) = false;
+    Clock::time_point m_deadline MO_GUARDED_BY(m_mutex);
+    std::thread m_thread;  // last: it uses the others
+};
+
+}  // namespace moscsi::host

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <sys/stat.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+
+/// What the machine says about files and block devices.
+namespace moscsi::host {
+
+/// Where the machine's facts are read; tests give trees of their own.
+struct StorageRoots {
+    std::filesystem::path sysBlock = "/sys/dev/block";
+    std::filesystem::path mountInfo = "/proc/self/mountinfo";
+    std::filesystem::path swaps = "/proc/swaps";
+};
+
+/// One path, looked at once, symbolic links followed.
+struct PathFacts {
+    enum class Kind { Missing, File, BlockDevice, Other };
+
+    Kind kind = Kind::Missing;
+    int error = 0;         ///< errno of a path that can't be looked at, other than missing
+    uint64_t length = 0;   ///< of a file
+    std::string identity;  ///< the same for two paths that lead to the same file or device
+    dev_t device = 0;      ///< of a block device
+};
+
+/// Thread: any, for looking; no state but the roots.
+class Storage {
+  public:
+    explicit Storage(StorageRoots roots = {}) : m_roots(std::move(roots)) {}
+
+    static PathFacts LookAt(const std::string& path);
+
+    /// A block device's length in bytes, as sysfs has it.
+    std::optional<uint64_t> DeviceSize(dev_t device) const;
+
+    bool DeviceReadOnly(dev_t device) const;
+
+    /// Returns: what uses the device, or one of its partitions ("is mounted on /srv"); empty when
+    /// it is free. That LIO holds it doesn't count.
+    std::string DeviceUse(dev_t device) const;
+
+  private:
+    std::filesystem::path DirectoryOf(dev_t device) const;
+    std::string UseOf(const std::string& majorMinor) const;
+
+    StorageRoots m_roots;
+};
+
+}  // namespace moscsi::host

@@ -1,0 +1,59 @@
+#pragma once
+
+#include <optional>
+#include <set>
+#include <string>
+#include <toml.hpp>
+#include <vector>
+
+#include "host/Config.h"
+
+namespace moscsi::host {
+
+/// Reads one TOML table key by key: a value of the wrong type, a required key that is missing and a
+/// key that nobody asked for each become one line with the place.
+/// Thread: one at a time. The table must outlive the reader.
+class TableReader {
+  public:
+    TableReader(const toml::value& table, std::string file, std::string what, Problems& problems);
+
+    KeyPlaces Places() const { return m_places; }
+
+    std::optional<std::string> String(const std::string& key);
+    std::string RequiredString(const std::string& key);
+    bool IsString(const std::string& key, const std::string& text);
+    std::vector<std::string> RequiredStrings(const std::string& key, const std::string& meaning);
+    std::optional<int64_t> Integer(const std::string& key);
+
+    /// An integer number of bytes, or a text with a unit.
+    std::optional<uint64_t> Size(const std::string& key);
+
+    /// An integer; a missing key and "auto" both give nothing.
+    std::optional<int64_t> NumberOrAuto(const std::string& key);
+
+    const toml::value* Table(const std::string& key);
+
+    /// The tables of an array of tables; none when the key is missing.
+    std::vector<toml::value> Tables(const std::string& key);
+
+    void Complain(const std::string& key, const std::string& text);
+
+    /// To be called last: what was not asked for is a misspelt key.
+    void RefuseUnknownKeys();
+
+  private:
+    const toml::value* Find(const std::string& key);
+
+    const toml::value& m_table;
+    std::string m_what;
+    Problems& m_problems;
+    KeyPlaces m_places;
+    std::set<std::string> m_asked;
+};
+
+/// Where the parser stopped, and why, in one line: it explains itself in a paragraph with a picture
+/// of the source.
+Place SyntaxPlace(const std::exception& fault, const std::string& file);
+std::string SyntaxText(const std::exception& fault);
+
+}  // namespace moscsi::host
