@@ -93,13 +93,12 @@ TEST(MoProcessTest, ChildGetsNoDescriptorAndNoBlockedSignal) {
     sigaddset(&interrupt, SIGINT);
     pthread_sigmask(SIG_BLOCK, &interrupt, &before);
     std::string out;
-    MoProcess::system("ls /proc/$$/fd | sort -n | tr '\\n' ' '; grep SigBlk /proc/$$/status", &out,
-                      nullptr, 0, false);
+    // Without pipelines: the shell has descriptors and masks of its own while it makes one.
+    MoProcess::system("ls /proc/$$/fd; exec grep SigBlk /proc/self/status", &out, nullptr, 0,
+                      false);
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
     close(leaky);
-    EXPECT_THAT(out, testing::StartsWith("0 1 2 "));
-    EXPECT_THAT(out, testing::Not(HasSubstr(" " + std::to_string(leaky) + " ")));
-    EXPECT_THAT(out, HasSubstr("SigBlk:\t0000000000000000"));
+    EXPECT_EQ(out, "0\n1\n2\nSigBlk:\t0000000000000000\n");
 }
 
 /// Facts that a test sets, put back at its end.
