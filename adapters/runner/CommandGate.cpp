@@ -1,0 +1,231 @@
+#include "adapters/runner/CommandGate.h"
+
+#include <algorithm>
+#include <limits>
+
+#include "adapters/libtcmu/Device.h"
+#include "adapters/runner/DeviceHandler.h"
+#include "adapters/runner/IovecMerge.h"
+#include "util/Log.h"
+
+namespace {
+
+constexpr int kCompletesLater = -2;
+constexpr uint8_t kTestUnitReady = 0x00;
+constexpr uint8_t kInquiry = 0x12;
+constexpr int kBusyStatus = 0x08;  // SAM-5, 5.3.1
+
+constexpr uint8_t kNoSense = 0;
+constexpr uint8_t kNotReadyKey = 2;
+constexpr uint8_t kIllegalRequest = 5;
+
+// What each verdict answers; a status with a sense key is CHECK CONDITION.
+struct GateAnswer {
+    const char* counter;
+    int status;
+    uint8_t key;
+    uint16_t ascAscq;
+};
+
+constexpr GateAnswer kAnswers[] = {
+    {"gate: passed", TCMU_STATUS_GOOD, kNoSense, 0},
+    {"gate: zero blocks", TCMU_STATUS_GOOD, kNoSense, 0},
+    {"gate: out of range", TCMU_STATUS_CHECK_CONDITION, kIllegalRequest, 0x2100},
+    {"gate: protection", TCMU_STATUS_CHECK_CONDITION, kIllegalRequest, 0x2400},
+    {"gate: no WRITE (10)", TCMU_STATUS_CHECK_CONDITION, kIllegalRequest, 0x2400},
+    {"gate: short buffers", TCMU_STATUS_CHECK_CONDITION, kIllegalRequest, 0x2400},
+    {"gate: too long", TCMU_STATUS_CHECK_CONDITION, kIllegalRequest, 0x2400},
+    {"gate: not ready", TCMU_STATUS_CHECK_CONDITION, kNotReadyKey, 0x0401},
+    {"gate: busy", kBusyStatus, kNoSense, 0},
+};
+static_assert(std::size(kAnswers) == static_cast<size_t>(CommandGate::Verdict::kCount));
+
+}  // namespace
+
+CommandGate::CommandGate(tcmu_device& device, DeviceHandler& handler)
+    : m_device(device),
+      m_handler(handler),
+      m_blockSize(tcmu_get_dev_block_size(&device)),
+      m_numLbas(tcmu_get_dev_num_lbas(&device)) {
+    constexpr uint64_t kWritable = uint64_t(1) << 32;
+    if (m_numLbas > kWritable)
+        MO_LOG(kLogError,
+               "TCMU runner: %s has %llu blocks: those from %llu on can be read, not written",
+               device.cfgString.c_str(), static_cast<unsigned long long>(m_numLbas),
+               static_cast<unsigned long long>(kWritable));
+    if (m_blockSize > 0)
+        device.maxTransferBlocks = static_cast<uint32_t>(
+            std::min<uint64_t>(std::max<uint64_t>(BouncePool::kCommonBytes / m_blockSize, 1),
+                               std::numeric_limits<uint16_t>::max()));
+}
+
+void CommandGate::Pass(RingCommand& command) {
+    command.hm_private = nullptr;
+    if (const auto data = DecodeDataCommand(command.cdb))
+        PassData(command, *data);
+    else
+        PassOther(command);
+}
+
+void CommandGate::PassData(RingCommand& command, const DataCommand& data) {
+    const uint64_t buffers = IovecMerge::Length(command.iovec, command.iov_cnt);
+    Verdict verdict = Judge(data, buffers);
+    if (verdict == Verdict::kPassed && !HostKnown())
+        verdict = Verdict::kNotReady;
+    if (verdict == Verdict::kPassed)
+        verdict = FitBuffers(command, data, buffers);
+    if (verdict != Verdict::kPassed) {
+        Answer(command, verdict);
+        return;
+    }
+    Count(m_verdicts[static_cast<size_t>(verdict)]);
+
+    const bool tenBytes = command.cdb[0] == 0x28 || command.cdb[0] == 0x2A;
+    const bool zeroMeans256 = data.sixBytes && command.cdb[4] == 0;
+    if (!tenBytes && (data.write || zeroMeans256)) {
+        Reshaped& reshaped = ReshapedOf(command);
+        EncodeTenBytes(data, reshaped.cdb.data());
+        command.cdb = reshaped.cdb.data();
+        Count(m_rewritten);
+    }
+    HandToHandler(command);
+}
+
+// The rules that need nothing but the command.
+CommandGate::Verdict CommandGate::Judge(const DataCommand& data, uint64_t buffers) const {
+    if (data.lba > m_numLbas || data.blocks > m_numLbas - data.lba)
+        return Verdict::kOutOfRange;
+    if (data.protect != 0)
+        return Verdict::kProtection;
+    if (data.blocks == 0)
+        return Verdict::kZeroBlocks;
+    if (data.write && !FitsTenBytes(data))
+        return Verdict::kDoesNotFit;
+    if (buffers < data.blocks * m_blockSize)
+        return Verdict::kShortBuffers;
+    return Verdict::kPassed;
+}
+
+CommandGate::Verdict CommandGate::FitBuffers(RingCommand& command, const DataCommand& data,
+                                             uint64_t buffers) {
+    const uint64_t bytes = data.blocks * m_blockSize;
+    if (buffers > bytes) {
+        if (!data.write)
+            IovecMerge::ClearFrom(command.iovec, command.iov_cnt, bytes);
+        command.iov_cnt = IovecMerge::Clip(command.iovec, command.iov_cnt, bytes);
+        Count(m_clipped);
+    }
+    if (!data.write) {
+        // A longer one can't be stated, and the kernel has no command that expects more.
+        if (bytes <= std::numeric_limits<uint32_t>::max())
+            command.readLength = static_cast<uint32_t>(bytes);
+        command.readBytes = bytes;
+    }
+    if (command.iov_cnt <= kMaxEntries)
+        return Verdict::kPassed;
+    Count(m_manyEntries);
+    command.iov_cnt = IovecMerge::Merge(command.iovec, command.iov_cnt);
+    if (command.iov_cnt <= kMaxEntries) {
+        Count(m_merged);
+        return Verdict::kPassed;
+    }
+    return Bounce(command, data, bytes);
+}
+
+CommandGate::Verdict CommandGate::Bounce(RingCommand& command, const DataCommand& data,
+                                         uint64_t bytes) {
+    if (bytes > BouncePool::kMaxBytes)
+        return Verdict::kTooLong;
+    void* buffer = m_pool.Take(bytes);
+    if (buffer == nullptr)
+        return Verdict::kBusy;
+    if (data.write)
+        IovecMerge::Gather(command.iovec, command.iov_cnt, buffer);
+    Reshaped& reshaped = ReshapedOf(command);
+    reshaped.flat = {buffer, bytes};
+    reshaped.entries = command.iovec;
+    reshaped.entryCount = command.iov_cnt;
+    reshaped.write = data.write;
+    command.iovec = &reshaped.flat;
+    command.iov_cnt = 1;
+    command.hm_private = &reshaped;
+    Count(m_bounced);
+    return Verdict::kPassed;
+}
+
+void CommandGate::PassOther(RingCommand& command) {
+    const uint8_t opcode = command.cdb[0];
+    const uint64_t buffers = IovecMerge::Length(command.iovec, command.iov_cnt);
+    const int result = m_handler.Handle(&command);
+    if (result == kCompletesLater)
+        return;
+    if (result == TCMU_STATUS_GOOD) {
+        // Both have made the handler fetch the host's operations, or they would have failed.
+        if (opcode == kTestUnitReady || opcode == kInquiry)
+            m_hostKnown = true;
+        const uint64_t left = IovecMerge::Length(command.iovec, command.iov_cnt);
+        IovecMerge::ClearFrom(command.iovec, command.iov_cnt, 0);
+        command.readLength = static_cast<uint32_t>(buffers - left);
+    }
+    tcmulib_command_complete(&m_device, &command, result);
+}
+
+bool CommandGate::HostKnown() {
+    if (m_hostKnown)
+        return true;
+    std::array<uint8_t, 16> cdb{};  // TEST UNIT READY
+    tcmulib_cmd command{};
+    command.cdb = cdb.data();
+    m_hostKnown = m_handler.Handle(&command) == TCMU_STATUS_GOOD;
+    Count(m_ownTestUnitReady);
+    return m_hostKnown;
+}
+
+void CommandGate::Answer(RingCommand& command, Verdict verdict) {
+    const auto index = static_cast<size_t>(verdict);
+    const GateAnswer& answer = kAnswers[index];
+    Count(m_verdicts[index]);
+    if (answer.key != kNoSense)
+        tcmu_set_sense_data(command.sense_buf, answer.key, answer.ascAscq);
+    else if (answer.status == TCMU_STATUS_GOOD)
+        IovecMerge::ClearFrom(command.iovec, command.iov_cnt, 0);
+    tcmulib_command_complete(&m_device, &command, answer.status);
+}
+
+void CommandGate::HandToHandler(RingCommand& command) {
+    const int result = m_handler.Handle(&command);
+    if (result != kCompletesLater)
+        tcmulib_command_complete(&m_device, &command, result);
+}
+
+void CommandGate::Completing(RingCommand& command, int& result) {
+    if (command.hm_private == nullptr)
+        return;
+    const auto& reshaped = *static_cast<Reshaped*>(command.hm_private);
+    if (!reshaped.write && result == TCMU_STATUS_GOOD)
+        IovecMerge::Scatter(reshaped.entries, reshaped.entryCount, reshaped.flat.iov_base);
+    m_pool.Return(reshaped.flat.iov_base, reshaped.flat.iov_len);
+    command.hm_private = nullptr;
+}
+
+CommandGate::Reshaped& CommandGate::ReshapedOf(const RingCommand& command) {
+    if (m_reshaped.size() <= command.cmd_id)
+        m_reshaped.resize(command.cmd_id + size_t(1));
+    auto& reshaped = m_reshaped[command.cmd_id];
+    if (!reshaped)
+        reshaped = std::make_unique<Reshaped>();
+    return *reshaped;
+}
+
+MoStatistics::Counters CommandGate::Counters() {
+    MoStatistics::Counters counters;
+    for (size_t i = 0; i < m_verdicts.size(); ++i)
+        counters.emplace_back(kAnswers[i].counter, m_verdicts[i].load());
+    counters.emplace_back("gate: rewritten", m_rewritten.load());
+    counters.emplace_back("gate: clipped", m_clipped.load());
+    counters.emplace_back("gate: more than 16 entries", m_manyEntries.load());
+    counters.emplace_back("gate: merged", m_merged.load());
+    counters.emplace_back("gate: bounced", m_bounced.load());
+    counters.emplace_back("gate: own TEST UNIT READY", m_ownTestUnitReady.load());
+    return counters;
+}

@@ -1,0 +1,158 @@
+#include "adapters/runner/DbusService.h"
+
+#include <poll.h>
+#include <pthread.h>
+#include <sdbus-c++/sdbus-c++.h>
+#include <sys/eventfd.h>
+
+#include <cstdint>
+#include <exception>
+#include <fstream>
+#include <tuple>
+
+#include "util/Log.h"
+
+DbusService::DbusService() = default;
+
+DbusService::~DbusService() {
+    GiveUpName();
+}
+
+bool DbusService::TakeName() {
+    try {
+        m_connection = sdbus::createSystemBusConnection();
+    } catch (const std::exception& error) {
+        MO_LOG(kLogError, "TCMU runner: no system D-Bus (%s): start dbus-daemon", error.what());
+        return false;
+    }
+    try {
+        m_connection->requestName(kName);
+        m_stop = UniqueFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+        m_thread = std::thread([this] { Serve(); });
+    } catch (const std::exception& error) {
+        const std::string owner = DescribeOwner();
+        if (owner.empty())
+            MO_LOG(kLogError, "TCMU runner: cannot take the D-Bus name %s: %s", kName,
+                   error.what());
+        else
+            MO_LOG(kLogError,
+                   "TCMU runner: another TCMU daemon has the D-Bus name %s: %s. Stop it first",
+                   kName, owner.c_str());
+        m_connection.reset();
+        return false;
+    }
+    return true;
+}
+
+bool DbusService::ExportHandlers(const std::vector<std::string>& subtypes) {
+    try {
+        m_objects.push_back(sdbus::createObject(*m_connection, kPath));
+        m_objects.back()->addObjectManager();
+        m_objects.back()->finishRegistration();
+        for (const std::string& subtype : subtypes) {
+            m_objects.push_back(MakeHandler(subtype));
+            m_objects.back()->emitInterfacesAddedSignal();
+        }
+    } catch (const std::exception& error) {
+        MO_LOG(kLogError, "TCMU runner: cannot offer the handlers on D-Bus: %s", error.what());
+        return false;
+    }
+    return true;
+}
+
+void DbusService::WithdrawHandlers() {
+    while (!m_objects.empty()) {
+        try {
+            if (m_objects.size() > 1)
+                m_objects.back()->emitInterfacesRemovedSignal();
+        } catch (const std::exception& error) {
+            MO_LOG(kTraceDetail, "TCMU runner: D-Bus: %s", error.what());
+        }
+        m_objects.pop_back();
+    }
+}
+
+void DbusService::GiveUpName() {
+    if (!m_connection)
+        return;
+    WithdrawHandlers();
+    eventfd_write(m_stop.Get(), 1);
+    m_thread.join();
+    try {
+        m_connection->releaseName(kName);
+    } catch (const std::exception& error) {
+        MO_LOG(kTraceDetail, "TCMU runner: D-Bus: %s", error.what());
+    }
+    m_connection.reset();
+}
+
+std::pair<bool, std::string> DbusService::CheckConfig(const std::string& subtype,
+                                                      const std::string& config) {
+    const std::string start = subtype + "/";
+    if (!config.starts_with(start) || config.size() == start.size())
+        return {false, "the configuration must be \"" + start + "\" and the LUN's identifier"};
+    return {true, ""};
+}
+
+// The connection's messages. Not the library's own loop: that one ends the whole process when the
+// bus goes away.
+void DbusService::Serve() {
+    pthread_setname_np(pthread_self(), "moscsi-dbus");
+    try {
+        for (;;) {
+            while (m_connection->processPendingRequest()) {
+            }
+            const auto bus = m_connection->getEventLoopPollData();
+            pollfd waits[] = {{bus.fd, bus.events, 0}, {m_stop.Get(), POLLIN, 0}};
+            poll(waits, 2, bus.getPollTimeout());
+            if (waits[1].revents != 0)
+                return;
+        }
+    } catch (const std::exception& error) {
+        MO_LOG(kLogError,
+               "TCMU runner: D-Bus connection lost (%s): targetcli finds no handler any more until "
+               "the server is restarted",
+               error.what());
+    }
+}
+
+std::unique_ptr<sdbus::IObject> DbusService::MakeHandler(const std::string& subtype) {
+    auto object = sdbus::createObject(*m_connection, std::string(kPath) + "/" + subtype);
+    object->registerMethod("CheckConfig")
+        .onInterface(kName)
+        .withInputParamNames("config")
+        .withOutputParamNames("valid", "reason")
+        .implementedAs([subtype](const std::string& config) {
+            const auto [valid, reason] = CheckConfig(subtype, config);
+            return std::make_tuple(valid, reason);
+        });
+    object->registerProperty("ConfigDesc").onInterface(kName).withGetter([] {
+        return std::string("Identifier of a LUN whose data the SCSI server holds.");
+    });
+    object->finishRegistration();
+    return object;
+}
+
+// "name (process N)" of the process that has the bus name; empty when there is none.
+std::string DbusService::DescribeOwner() {
+    try {
+        const auto bus =
+            sdbus::createProxy(*m_connection, "org.freedesktop.DBus", "/org/freedesktop/DBus");
+        std::string owner;
+        bus->callMethod("GetNameOwner")
+            .onInterface("org.freedesktop.DBus")
+            .withArguments(std::string(kName))
+            .storeResultsTo(owner);
+        uint32_t process = 0;
+        bus->callMethod("GetConnectionUnixProcessID")
+            .onInterface("org.freedesktop.DBus")
+            .withArguments(owner)
+            .storeResultsTo(process);
+        std::ifstream file("/proc/" + std::to_string(process) + "/comm");
+        std::string program = "a program that has ended";
+        std::getline(file, program);
+        return program + " (process " + std::to_string(process) + ")";
+    } catch (const std::exception&) {
+        return "";
+    }
+}

@@ -1,0 +1,102 @@
+#include "adapters/runner/DeviceServer.h"
+
+#include <poll.h>
+
+#include <fstream>
+
+#include "util/Log.h"
+
+namespace {
+
+// UIO calls a device "tcm-user/HBA/NAME/CONFIGURATION"; its directory is core/user_HBA/NAME.
+std::filesystem::path FindBackstore(const RunnerEnvironment& environment,
+                                    const std::string& uioName) {
+    std::ifstream file(environment.uioClass / uioName / "name");
+    std::string kind;
+    std::string hba;
+    std::string name;
+    std::getline(file, kind, '/');
+    std::getline(file, hba, '/');
+    std::getline(file, name, '/');
+    if (kind != "tcm-user" || hba.empty() || name.empty())
+        return {};
+    return environment.backstores / ("user_" + hba) / name;
+}
+
+}  // namespace
+
+DeviceServer::DeviceServer(const RunnerEnvironment& environment, LibDevice* device)
+    : m_device(*environment.tcmu, device),
+      m_backstore(FindBackstore(environment, environment.tcmu->UioName(device))),
+      m_handler(environment.makeHandler(&m_device)) {}
+
+DeviceServer::~DeviceServer() {
+    EndThread();
+    Close();
+}
+
+int DeviceServer::Open() {
+    const int result = m_handler->Open();
+    if (result != 0)
+        return result;
+    m_open = true;
+    m_gate = std::make_unique<CommandGate>(m_device, *m_handler);
+    m_device.completionHook = [gate = m_gate.get()](RingCommand& command, int& status) {
+        gate->Completing(command, status);
+    };
+    m_statistics =
+        MoStatistics::Register("device " + m_device.cfgString, [this] { return Counters(); });
+    m_thread.Start("moscsi-device", [this] { Serve(); });
+    return 0;
+}
+
+void DeviceServer::Close() {
+    if (!m_open)
+        return;
+    m_open = false;
+    m_handler->Close();
+}
+
+void DeviceServer::Serve() {
+    pollfd waits[] = {{m_device.api.Fd(m_device.lib), POLLIN, 0}, {m_thread.EndFd(), POLLIN, 0}};
+    while (!m_thread.Ending()) {
+        Drain();
+        poll(waits, 2, -1);
+        // The kernel has removed the device: nothing comes any more, but its removal.
+        if ((waits[0].revents & (POLLERR | POLLHUP | POLLNVAL)) != 0)
+            waits[0].fd = -1;
+    }
+}
+
+// The event count is taken first, so that what comes during the drain wakes the thread again.
+void DeviceServer::Drain() {
+    m_device.api.ProcessingStart(m_device.lib);
+    m_device.ring.BeginDrain();
+    while (!m_thread.Ending()) {
+        RingCommand* command = m_device.ring.Fetch();
+        if (command == nullptr)
+            break;
+        m_gate->Pass(*command);
+    }
+    m_device.ring.EndDrain();
+
+    const char* broken = m_device.ring.Broken();
+    if (broken != nullptr && !m_brokenLogged) {
+        m_brokenLogged = true;
+        MO_LOG(kLogError, "TCMU runner: %s can't be served any more: %s",
+               m_device.cfgString.c_str(), broken);
+    }
+}
+
+MoStatistics::Counters DeviceServer::Counters() {
+    MoStatistics::Counters counters = m_handler->Counters();
+    const MoStatistics::Counters gate = m_gate->Counters();
+    counters.insert(counters.end(), gate.begin(), gate.end());
+    const CommandRing::Stats& ring = m_device.ring.GetStats();
+    counters.emplace_back("ring: in flight", m_device.ring.InFlight());
+    counters.emplace_back("ring: fetched", ring.fetched.load());
+    counters.emplace_back("ring: completed", ring.completed.load());
+    counters.emplace_back("ring: doorbells", ring.doorbells.load());
+    counters.emplace_back("ring: bad entries", ring.badEntries.load());
+    return counters;
+}

@@ -1,0 +1,64 @@
+#include "adapters/runner/DeviceTable.h"
+
+#include <cerrno>
+#include <exception>
+
+#include "util/Log.h"
+
+// Called from inside a C library: nothing may be thrown through it.
+int DeviceTable::Added(LibDevice* device) {
+    try {
+        auto server = std::make_unique<DeviceServer>(m_environment, device);
+        const int result = server->Open();
+        if (result != 0) {
+            MO_LOG(kLogError, "TCMU runner: device %s is refused (%d)", server->CfgString().c_str(),
+                   result);
+            return result;
+        }
+        const MutexGuard guard(m_mutex);
+        m_servers[device] = std::move(server);
+        return 0;
+    } catch (const std::exception& error) {
+        MO_LOG(kLogError, "TCMU runner: a device can't be served: %s", error.what());
+        return -EAGAIN;
+    }
+}
+
+void DeviceTable::Removed(LibDevice* device) {
+    std::unique_ptr<DeviceServer> server;
+    {
+        const MutexGuard guard(m_mutex);
+        const auto found = m_servers.find(device);
+        if (found == m_servers.end())
+            return;
+        server = std::move(found->second);
+        m_servers.erase(found);
+    }
+    server->EndThread();
+    server->Close();
+}
+
+std::vector<DeviceTable::Held> DeviceTable::NotDrained() {
+    const MutexGuard guard(m_mutex);
+    std::vector<Held> held;
+    for (const auto& [device, server] : m_servers)
+        if (!server->Drained())
+            held.push_back({server->CfgString(), server->InFlight()});
+    return held;
+}
+
+std::vector<std::filesystem::path> DeviceTable::Backstores() {
+    const MutexGuard guard(m_mutex);
+    std::vector<std::filesystem::path> backstores;
+    for (const auto& [device, server] : m_servers)
+        backstores.push_back(server->Backstore());
+    return backstores;
+}
+
+std::vector<DeviceServer*> DeviceTable::Servers() {
+    const MutexGuard guard(m_mutex);
+    std::vector<DeviceServer*> servers;
+    for (const auto& [device, server] : m_servers)
+        servers.push_back(server.get());
+    return servers;
+}

@@ -1,0 +1,83 @@
+#include "adapters/runner/InterruptWait.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/signalfd.h>
+
+#include <algorithm>
+#include <array>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+namespace {
+
+constexpr std::chrono::milliseconds kLookAgain(20);
+
+sigset_t InterruptSet() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    return set;
+}
+
+// Whether SIGINT is pending for this thread, as distinct from its process.
+bool DirectedInterruptPending() {
+    const UniqueFd status(open("/proc/thread-self/status", O_RDONLY | O_CLOEXEC));
+    std::array<char, 8192> text;
+    const ssize_t size =
+        status.Valid() ? read(status.Get(), text.data(), text.size() - 1) : ssize_t(-1);
+    if (size <= 0)
+        return false;
+    text[static_cast<size_t>(size)] = '\0';
+    static constexpr char kField[] = "\nSigPnd:";
+    const char* field = strstr(text.data(), kField);
+    if (field == nullptr)
+        return false;
+    const unsigned long long pending = strtoull(field + sizeof kField - 1, nullptr, 16);
+    return (pending >> (SIGINT - 1) & 1) != 0;
+}
+
+}  // namespace
+
+InterruptWait::InterruptWait() {
+    const sigset_t set = InterruptSet();
+    m_signals = UniqueFd(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
+}
+
+bool InterruptWait::Interrupted() {
+    if (m_interrupted || !DirectedInterruptPending())
+        return m_interrupted;
+    // The thread's own queue is looked at before the process's, so this takes the directed one.
+    const sigset_t set = InterruptSet();
+    const timespec now{0, 0};
+    m_interrupted = sigtimedwait(&set, nullptr, &now) == SIGINT;
+    return m_interrupted;
+}
+
+bool InterruptWait::WaitFor(std::chrono::milliseconds limit) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (!Interrupted()) {
+        const auto left =
+            std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+        if (left.count() <= 0)
+            return false;
+        WaitForSomeSignal(left);
+    }
+    return true;
+}
+
+void InterruptWait::Wait() {
+    while (!WaitFor(std::chrono::hours(1))) {
+    }
+}
+
+// Without a signal descriptor the thread looks again every 20 ms.
+void InterruptWait::WaitForSomeSignal(std::chrono::milliseconds limit) {
+    const auto pause = static_cast<int>(std::min(limit, kLookAgain).count());
+    const int patience = m_signals.Valid() ? static_cast<int>(limit.count()) : pause;
+    pollfd signals{m_signals.Get(), POLLIN, 0};
+    if (poll(&signals, 1, patience) > 0 && !Interrupted())
+        poll(nullptr, 0, pause);  // it is the process's: leave it to the host
+}

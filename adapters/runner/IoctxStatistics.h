@@ -1,0 +1,8 @@
+#pragma once
+
+#include <memory>
+
+#include "adapters/framework/MoStatistics.h"
+
+/// Lets the process see the I/O context manager's counters, as "ioctx manager".
+std::unique_ptr<MoStatistics::Registration> RegisterIoctxStatistics();

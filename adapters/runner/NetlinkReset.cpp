@@ -1,0 +1,35 @@
+#include "adapters/runner/NetlinkReset.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include "adapters/runner/SysfsWrite.h"
+#include "util/Log.h"
+
+NetlinkReset::NetlinkReset(std::filesystem::path parameters)
+    : m_parameters(std::move(parameters)) {}
+
+NetlinkReset::~NetlinkReset() {
+    Unblock();
+}
+
+bool NetlinkReset::BlockAndReset() {
+    m_blocked = true;  // even when the write fails half-way: then it is cleared once too often
+    return Write("block_netlink", "1") && Write("reset_netlink", "1");
+}
+
+bool NetlinkReset::Unblock() {
+    if (!m_blocked)
+        return true;
+    m_blocked = !Write("block_netlink", "0");
+    return !m_blocked;
+}
+
+bool NetlinkReset::Write(const char* parameter, const char* value) {
+    const std::filesystem::path path = m_parameters / parameter;
+    const int error = SysfsWrite(path, value);
+    if (error != 0)
+        MO_LOG(kLogError, "TCMU runner: cannot write %s to %s: %s", value, path.c_str(),
+               strerror(error));
+    return error == 0;
+}

@@ -1,0 +1,117 @@
+#include "adapters/runner/Runner.h"
+
+#include <cstring>
+#include <exception>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "adapters/libtcmu/Device.h"
+#include "adapters/libtcmu/LibtcmuApi.h"
+#include "adapters/runner/DbusService.h"
+#include "adapters/runner/DeviceTable.h"
+#include "adapters/runner/MasterThread.h"
+#include "adapters/runner/NetlinkReset.h"
+#include "adapters/runner/StopSequence.h"
+#include "util/Log.h"
+#include "util/Mutex.h"
+
+namespace {
+
+// targetcli lower-cases its command lines, and matches names by case: both spellings must be there.
+const std::vector<std::string> kSubTypes = {std::string(kCanonicalSubType), "moscsisrvtcmu"};
+constexpr const char* kDescription = "Identifier of a LUN whose data the SCSI server holds.";
+
+struct Serving {
+    explicit Serving(const RunnerEnvironment& environment)
+        : table(environment), master(*environment.tcmu) {}
+
+    DeviceTable table;
+    MasterThread master;
+};
+
+// What a stop had to leave open lives to the end of the process: the host's late completions need
+// it.
+void LeaveOpen(std::unique_ptr<Serving> serving) {
+    static Mutex mutex;
+    static auto* left = new std::vector<std::unique_ptr<Serving>>;
+    const MutexGuard guard(mutex);
+    left->push_back(std::move(serving));
+}
+
+bool WaitForFamily(const RunnerEnvironment& environment, InterruptWait& interrupt) {
+    if (environment.familyRegistered())
+        return true;
+    MO_LOG(kLogProgress, "TCMU runner: waiting for the kernel's TCM-USER (target_core_user)");
+    while (!interrupt.WaitFor(environment.familyPause))
+        if (environment.familyRegistered())
+            return true;
+    return false;
+}
+
+std::vector<LibtcmuApi::SubType> SubTypes() {
+    std::vector<LibtcmuApi::SubType> subTypes;
+    for (const std::string& name : kSubTypes)
+        subTypes.push_back({name, kDescription});
+    return subTypes;
+}
+
+LibtcmuApi::Callbacks MakeCallbacks(DeviceTable& table) {
+    LibtcmuApi::Callbacks callbacks;
+    callbacks.added = [&table](LibDevice* device) { return table.Added(device); };
+    callbacks.removed = [&table](LibDevice* device) { table.Removed(device); };
+    callbacks.checkConfig = [](const std::string& config, std::string& reason) {
+        bool valid = false;
+        for (const std::string& subType : kSubTypes) {
+            const auto [good, why] = DbusService::CheckConfig(subType, config);
+            valid = valid || good;
+            reason = why;
+        }
+        return valid;
+    };
+    return callbacks;
+}
+
+// From the context on: offers, serves, stops. Returns: whether it came to serving.
+bool ServeDevices(const RunnerEnvironment& environment, InterruptWait& interrupt,
+                  NetlinkReset& netlink, DbusService& dbus, std::unique_ptr<Serving> serving) {
+    bool served = false;
+    try {
+        serving->master.Start();
+        served = netlink.Unblock() && dbus.ExportHandlers(kSubTypes);
+    } catch (const std::exception& error) {
+        MO_LOG(kLogError, "TCMU runner: cannot start its thread: %s", error.what());
+    }
+    if (served) {
+        MO_LOG(kLogProgress, "TCMU runner: ready");
+        interrupt.Wait();
+        MO_LOG(kLogProgress, "TCMU runner: stopping");
+    }
+    dbus.WithdrawHandlers();
+    if (!StopServing(environment, serving->table, serving->master))
+        LeaveOpen(std::move(serving));
+    return served;
+}
+
+}  // namespace
+
+int RunRunner(const RunnerEnvironment& environment, InterruptWait& interrupt) {
+    if (interrupt.Interrupted())
+        return 0;
+    DbusService dbus;  // destroyed last: its name keeps other daemons away
+    if (!dbus.TakeName())
+        return 1;
+    if (!WaitForFamily(environment, interrupt))
+        return 0;
+
+    NetlinkReset netlink(environment.moduleParameters);
+    if (!netlink.BlockAndReset())
+        return 1;
+    auto serving = std::make_unique<Serving>(environment);
+    const int result = environment.tcmu->Initialize(SubTypes(), MakeCallbacks(serving->table));
+    if (result < 0) {
+        MO_LOG(kLogError, "TCMU runner: libtcmu could not be initialised: %s", strerror(-result));
+        return 1;
+    }
+    return ServeDevices(environment, interrupt, netlink, dbus, std::move(serving)) ? 0 : 1;
+}

@@ -1,0 +1,48 @@
+#include "adapters/runner/tcmu_runner.h"
+
+#include <cstring>
+
+#include "adapters/libtcmu/LibtcmuApi.h"
+#include "adapters/runner/IoctxStatistics.h"
+#include "adapters/runner/Runner.h"
+#include "adapters/runner/TcmuFamily.h"
+#include "adapters/runner/ThreadSignals.h"
+#include "util/Log.h"
+
+namespace {
+
+constexpr const char* kPathOption = "--handler-path=";
+
+// Kept, as the contract allows. Handlers of other makers would be looked for there; ours is built
+// in.
+const char* g_handlerPath = "";
+
+bool ParseArguments(int argc, char** argv) {
+    const size_t length = strlen(kPathOption);
+    if (argc != 2 || argv == nullptr || argv[0] == nullptr || argv[1] == nullptr ||
+        strncmp(argv[1], kPathOption, length) != 0) {
+        MO_LOG(kLogError, "TCMU runner: expected a program name and %sPATH", kPathOption);
+        return false;
+    }
+    g_handlerPath = argv[1] + length;
+    return true;
+}
+
+}  // namespace
+
+RunnerEnvironment RunnerEnvironment::Real() {
+    RunnerEnvironment environment;
+    environment.tcmu = &RealLibtcmuApi();
+    environment.familyRegistered = [] { return TcmuFamily::Registered(); };
+    environment.makeHandler = MakePluginHandler;
+    return environment;
+}
+
+int tcmu_runner_main(int argc, char** argv) {
+    if (!ParseArguments(argc, argv))
+        return 1;
+    const ThreadSignals signals;
+    InterruptWait interrupt;
+    const auto statistics = RegisterIoctxStatistics();
+    return RunRunner(RunnerEnvironment::Real(), interrupt);
+}
