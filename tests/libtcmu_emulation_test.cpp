@@ -1,0 +1,417 @@
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+#include <numeric>
+
+#include "adapters/libtcmu/Cdb.h"
+#include "adapters/libtcmu/Device.h"
+#include "tests/support/KernelRing.h"
+
+using Bytes = std::vector<uint8_t>;
+
+namespace {
+
+constexpr const char* kSerial = "host1-0f9A0000111122223333444455556666";
+
+/// A libtcmu with one device, over a ring of the test's.
+struct FakeLibtcmu : LibtcmuApi {
+    KernelRing kernel;
+    std::string cfgString = "moscsisrvtcmu/0123";
+    std::string serial = kSerial;
+    uint64_t size = 0;
+    int sizeError = 0;
+
+    int Initialize(const std::vector<SubType>&, Callbacks) override { return 0; }
+    int MasterFd() override { return -1; }
+    int MasterFdReady() override { return 0; }
+    void Close() override {}
+    std::string CfgString(LibDevice*) override { return cfgString; }
+    int AttrInt(LibDevice*, const char* name) override {
+        return std::strcmp(name, "hw_block_size") == 0 ? 4096 : -ENOENT;
+    }
+    int InfoU64(LibDevice*, const char* name, uint64_t& value) override {
+        value = size;
+        return std::strcmp(name, "Size") == 0 ? sizeError : -ENOENT;
+    }
+    std::string Wwn(LibDevice*) override { return serial; }
+    int Fd(LibDevice*) override { return kernel.DoorbellFd(); }
+    Memory MemoryInfo(LibDevice*) override { return {kernel.Memory(), kernel.Length()}; }
+    std::string UioName(LibDevice*) override { return "uio0"; }
+    void ProcessingStart(LibDevice*) override {}
+};
+
+Bytes Hex(const std::string& text) {
+    Bytes bytes;
+    std::string digits;
+    for (const char c : text) {
+        if (c == ' ')
+            continue;
+        digits += c;
+        if (digits.size() == 2) {
+            bytes.push_back(static_cast<uint8_t>(std::stoul(digits, nullptr, 16)));
+            digits.clear();
+        }
+    }
+    return bytes;
+}
+
+Bytes Text(std::string_view text) {
+    return {text.begin(), text.end()};
+}
+
+Bytes operator+(Bytes a, const Bytes& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+struct Outcome {
+    int status;
+    uint8_t key;
+    uint16_t ascAscq;
+    size_t consumed;
+    Bytes buffer;  ///< all entries, one after the other
+
+    Bytes Answer() const { return {buffer.begin(), buffer.begin() + consumed}; }
+};
+
+struct EmulationTest : testing::Test {
+    FakeLibtcmu api;
+    tcmu_device dev{api, nullptr};
+    uint64_t numLbas = 0x12345678;
+
+    EmulationTest() {
+        dev.blockSize = 512;
+        dev.maxTransferBlocks = 0x800;
+    }
+
+    /// Runs a command over entries of the given lengths, each full of what was there before.
+    Outcome Run(Bytes cdb, const std::vector<size_t>& split, uint8_t fill = 0xEE,
+                const Bytes& data = {}) {
+        std::vector<Bytes> pieces;
+        std::vector<iovec> iov;
+        size_t from = 0;
+        for (const size_t length : split) {
+            Bytes& piece = pieces.emplace_back(length, fill);
+            for (uint8_t& byte : piece) {
+                if (from < data.size())
+                    byte = data[from++];
+            }
+        }
+        for (Bytes& piece : pieces)
+            iov.push_back({piece.data(), piece.size()});
+        const size_t before = std::accumulate(split.begin(), split.end(), size_t{0});
+        Bytes sense(96, 0xDD);
+        cdb.resize(16);
+
+        Outcome outcome{};
+        outcome.status = Dispatch(cdb.data(), iov.data(), iov.size(), sense.data());
+        size_t after = 0;
+        for (const iovec& entry : iov)
+            after += entry.iov_len;
+        outcome.consumed = before - after;
+        for (const Bytes& piece : pieces)
+            outcome.buffer = std::move(outcome.buffer) + piece;
+        outcome.key = sense[2];
+        outcome.ascAscq = LoadBe16(&sense[12]);
+        if (outcome.status != 0) {
+            EXPECT_EQ(Bytes(sense.begin(), sense.begin() + 12),
+                      (Bytes{0x70, 0, outcome.key, 0, 0, 0, 0, 10, 0, 0, 0, 0}));
+        }
+        return outcome;
+    }
+
+    Bytes Answer(const std::string& cdb) {
+        const Outcome outcome = Run(Hex(cdb), {4096});
+        EXPECT_EQ(outcome.status, 0) << cdb;
+        return outcome.Answer();
+    }
+
+    int Dispatch(uint8_t* cdb, iovec* iov, size_t n, uint8_t* sense) {
+        switch (cdb[0]) {
+            case 0x00:
+                return tcmu_emulate_test_unit_ready(cdb, iov, n, sense);
+            case 0x12:
+                return tcmu_emulate_inquiry(&dev, cdb, iov, n, sense);
+            case 0x15:
+            case 0x55:
+                return tcmu_emulate_mode_select(cdb, iov, n, sense);
+            case 0x1A:
+            case 0x5A:
+                return tcmu_emulate_mode_sense(cdb, iov, n, sense);
+            case 0x1B:
+                return tcmu_emulate_start_stop(&dev, cdb, sense);
+            case 0x25:
+                return tcmu_emulate_read_capacity_10(numLbas, 512, cdb, iov, n, sense);
+            default:
+                return tcmu_emulate_read_capacity_16(numLbas, 512, cdb, iov, n, sense);
+        }
+    }
+};
+
+const std::string kCaching = "08 12 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00";
+const std::string kControl = "0A 0A 02 10 00 40 00 00 FF FF 00 00";
+const std::string kExceptions = "1C 0A 08 00 00 00 00 00 00 00 00 00";
+
+TEST_F(EmulationTest, AnswersAreWhatTheStandardsSay) {
+    struct Case {
+        std::string cdb;
+        Bytes answer;
+    };
+    const Bytes serial = Text(kSerial);
+    const std::vector<Case> cases = {
+        {"00", {}},
+        {"12 00 00 10 00", Hex("00 00 06 02 5B 00 00 02") + Text("LIO-ORG TCMU device     1.0 ") +
+                               Bytes(22) + Hex("00A0 0460 04C0 0960") + Bytes(30)},
+        {"12 01 00 10 00", Hex("00 00 0006 00 80 83 B0 B1 B2")},
+        {"12 01 80 10 00", Hex("00 80 0026") + serial},
+        {"12 01 83 10 00", Hex("00 83 0046 02 01 00 2E") + Text("LIO-ORG ") + serial +
+                               Hex("01 03 00 10 6001405 10f9A0000111122223333 4444 5")},
+        {"12 01 B0 10 00", Hex("00 B0 003C 00 00 0008 00000800 00000800") + Bytes(48)},
+        {"12 01 B1 10 00", Hex("00 B1 003C") + Bytes(60)},
+        {"12 01 B2 10 00", Hex("00 B2 0004 00 00 00 00")},
+        {"1A 00 08 00 FF", Hex("17 00 10 00" + kCaching)},
+        {"1A 08 0A 00 FF", Hex("0F 00 10 00" + kControl)},
+        {"1A 00 9C 00 FF", Hex("0F 00 10 00" + kExceptions)},  // default values
+        {"1A 00 3F 00 FF", Hex("2F 00 10 00" + kCaching + kControl + kExceptions)},
+        {"5A 10 3F FF 00 00 00 10 00",
+         Hex("0032 00 10 00 00 0000" + kCaching + kControl + kExceptions)},
+        {"5A 00 48 FF 00 00 00 10 00", Hex("001A 00 10 00 00 0000 08 12") + Bytes(18)},
+        {"1A 00 4A 00 FF", Hex("0F 00 10 00 0A 0A") + Bytes(10)},
+        {"1B 00 00 00 01", {}},
+        {"1B 01 00 00 05", {}},
+        {"25", Hex("12345677 00000200")},
+        {"9E 10 00000000 00000000 00001000", Hex("00000000 12345677 00000200") + Bytes(20)},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.cdb);
+        EXPECT_EQ(Answer(c.cdb), c.answer);
+        // Whatever the buffers, the same bytes; behind them nothing of what was there before.
+        for (const std::vector<size_t>& split :
+             {std::vector<size_t>{20, 76, 300}, {1, 0, 1, 3, 400}, {7}, {}}) {
+            const Outcome outcome = Run(Hex(c.cdb), split);
+            Bytes expected = c.answer;
+            expected.resize(outcome.buffer.size());
+            if (!c.answer.empty()) {
+                EXPECT_EQ(outcome.buffer, expected);
+            }
+            EXPECT_EQ(outcome.consumed, std::min(c.answer.size(), outcome.buffer.size()));
+        }
+    }
+}
+
+TEST_F(EmulationTest, AnAnswerIsCutToItsAllocationLength) {
+    struct Case {
+        std::string cdb;
+        size_t at, width;  // of the allocation length
+    };
+    const std::vector<Case> cases = {{"12 00 00 10 00", 3, 2},
+                                     {"12 01 83 10 00", 3, 2},
+                                     {"1A 00 3F 00 FF", 4, 1},
+                                     {"5A 00 3F 00 00 00 00 10 00", 7, 2},
+                                     {"9E 10 00000000 00000000 00001000", 10, 4}};
+    for (const Case& c : cases) {
+        const Bytes whole = Answer(c.cdb);
+        for (size_t length = 0; length <= whole.size() + 2; length++) {
+            SCOPED_TRACE(c.cdb + ", " + std::to_string(length));
+            Bytes cdb = Hex(c.cdb);
+            std::fill_n(&cdb[c.at], c.width, 0);
+            cdb[c.at + c.width - 1] = static_cast<uint8_t>(length);
+            const Outcome outcome = Run(cdb, {5, 200});
+            Bytes expected = whole;
+            expected.resize(std::min(length, whole.size()));
+            EXPECT_EQ(outcome.Answer(), expected);
+            expected.resize(205);
+            EXPECT_EQ(outcome.buffer, expected);
+        }
+    }
+}
+
+TEST_F(EmulationTest, WhatIsNotSupportedIsRefused) {
+    struct Case {
+        std::string cdb;
+        uint16_t ascAscq;
+    };
+    const std::vector<Case> cases = {
+        {"12 00 80 10 00", 0x2400},  // page code without EVPD
+        {"12 02 00 10 00", 0x2400},
+        {"12 03 80 10 00", 0x2400},
+        {"12 01 86 10 00", 0x2400},
+        {"1A 00 01 00 FF", 0x2400},
+        {"1A 00 3F 01 FF", 0x2400},
+        {"1A 00 08 01 FF", 0x2400},
+        {"1A 00 C8 00 FF", 0x3900},  // saved values
+        {"5A 00 FF 00 00 00 00 10 00", 0x3900},
+        {"1B 00 00 00 00", 0x2400},  // stop
+        {"1B 00 00 00 02", 0x2400},  // eject
+        {"1B 00 00 00 03", 0x2400},  // load
+        {"1B 00 00 00 11", 0x2400},  // ACTIVE
+        {"1B 00 00 01 01", 0x2400},
+        {"25 00 00 00 00 01", 0x2400},
+        {"25 00 00 00 00 00 00 00 01", 0x2400},
+        {"9E 10 80 00 00 00 00 00 00 00 00 00 10 00", 0x2400},
+        {"9E 10 00 00 00 00 00 00 00 01 00 00 10 00", 0x2400},
+        {"9E 10 00 00 00 00 00 00 00 00 00 00 10 00 01", 0x2400},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.cdb);
+        const Outcome outcome = Run(Hex(c.cdb), {4096});
+        EXPECT_EQ(outcome.status, TCMU_STATUS_CHECK_CONDITION);
+        EXPECT_EQ(outcome.key, 5);
+        EXPECT_EQ(outcome.ascAscq, c.ascAscq);
+        EXPECT_EQ(outcome.consumed, 0U);
+    }
+}
+
+TEST_F(EmulationTest, ModeSelectAcceptsOnlyWhatIsSoAlready) {
+    const std::string select6 = "15 10 00 00 ";
+    const std::string select10 = "55 10 00 00 00 00 00 ";
+    struct Case {
+        std::string cdb, list;
+        uint16_t ascAscq;  // 0: accepted
+    };
+    const std::vector<Case> cases = {
+        {select6 + "00", "", 0},
+        {select6 + "04", "00 00 00 00", 0},
+        {select6 + "18", "17 00 10 00" + kCaching, 0},  // as read, length and DPOFUA included
+        {select6 + "18", "00 00 00 00 88" + kCaching.substr(2), 0},  // PS
+        {select10 + "00 28", "0000 00 00 00 00 0000" + kCaching + kControl, 0},
+        {"15 11 00 00 04", "00 00 00 00", 0x2400},  // save pages
+        {"15 11 00 00 00", "", 0x2400},
+        {"15 00 00 00 04", "00 00 00 00", 0x2400},  // no page format
+        {select6 + "03", "00 00 00", 0x1A00},
+        {select10 + "00 04", "0000 00 00", 0x1A00},
+        {select6 + "18", "00 00 00 00 08 12", 0x1A00},  // fewer bytes sent than announced
+        {select6 + "06", "00 00 00 00 08 12", 0x1A00},  // page cut off
+        {select6 + "05", "00 00 00 00 08", 0x1A00},
+        {select6 + "04", "00 00 00 08", 0x1A00},
+        {select6 + "0C", "00 00 00 08 00 00 00 00 00 00 02 00", 0x2600},
+        {select10 + "00 10", "0000 00 00 00 00 0008 00 00 00 00 00 00 02 00", 0x2600},
+        {select6 + "04", "00 01 00 00", 0x2600},  // medium type
+        {select10 + "00 08", "0000 01 00 00 00 0000", 0x2600},
+        {select6 + "18", "00 00 00 00 08 12 04" + kCaching.substr(8), 0x2600},  // WCE
+        {select6 + "10", "00 00 00 00 0A 0A 02 10 00 40 00 00 FF FF 00 01", 0x2600},
+        {select6 + "10", "00 00 00 00 0A 0C 02 10 00 40 00 00 FF FF 00 00", 0x2600},
+        {select6 + "06", "00 00 00 00 01 00", 0x2600},
+        {select10 + "01 01", "0000 00 00 00 00 0000", 0x2600},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.cdb + ": " + c.list);
+        const Bytes list = Hex(c.list);
+        const size_t first = std::min<size_t>(list.size(), 3);
+        const Outcome outcome = Run(Hex(c.cdb), {first, list.size() - first}, 0, list);
+        EXPECT_EQ(outcome.status != 0, c.ascAscq != 0);
+        if (c.ascAscq != 0) {
+            EXPECT_EQ(outcome.key, 5);
+            EXPECT_EQ(outcome.ascAscq, c.ascAscq);
+        }
+        EXPECT_EQ(outcome.buffer, list);
+        EXPECT_EQ(outcome.consumed, 0U);
+    }
+}
+
+TEST_F(EmulationTest, CapacityAtItsLimits) {
+    struct Case {
+        uint64_t blocks;
+        std::string ten, sixteen;
+    };
+    for (const Case& c : std::vector<Case>{
+             {1, "00000000", "00000000 00000000"},
+             {0xFFFFFFFF, "FFFFFFFE", "00000000 FFFFFFFE"},
+             {0x100000000, "FFFFFFFF", "00000000 FFFFFFFF"},
+             {0x100000001, "FFFFFFFF", "00000001 00000000"},
+         }) {
+        numLbas = c.blocks;
+        EXPECT_EQ(Answer("25"), Hex(c.ten + "00000200"));
+        EXPECT_EQ(Answer("9E 10 00000000 00000000 00000008"), Hex(c.sixteen));
+    }
+    numLbas = 0;
+    for (const char* cdb : {"25", "9E 10 00000000 00000000 00001000"})
+        EXPECT_EQ(Run(Hex(cdb), {32}).ascAscq, 0x3A00);
+}
+
+TEST_F(EmulationTest, TheSerialIsReadWhenAPageIsAskedFor) {
+    api.serial = "";
+    EXPECT_EQ(Answer("12 01 80 10 00"), Hex("00 80 0004") + Text("    "));
+    EXPECT_EQ(Answer("12 01 83 10 00"), Hex("00 83 000C 02 01 00 08") + Text("LIO-ORG "));
+    api.serial = "x-7";
+    EXPECT_EQ(Answer("12 01 83 10 00"), Hex("00 83 0023 02 01 00 0B") + Text("LIO-ORG x-7") +
+                                            Hex("01 03 00 10 60014057") + Bytes(12));
+    api.serial = std::string(252, 'z');
+    EXPECT_EQ(Answer("12 01 80 10 00").size(), 256U);
+    EXPECT_EQ(Answer("12 01 83 10 00").at(7), 255);
+}
+
+TEST_F(EmulationTest, BlockLimitsFollowTheDevice) {
+    dev.maxTransferBlocks = 0;
+    dev.blockSize = 512;
+    EXPECT_EQ(LoadBe32(&Answer("12 01 B0 10 00")[8]), 128U);
+    dev.blockSize = 65536;
+    EXPECT_EQ(LoadBe32(&Answer("12 01 B0 10 00")[8]), 1U);
+    EXPECT_EQ(LoadBe16(&Answer("12 01 B0 10 00")[6]), 1U);
+}
+
+TEST(Device, AttributesComeFromLibtcmu) {
+    FakeLibtcmu api;
+    tcmu_device dev(api, nullptr);
+    EXPECT_EQ(tcmu_get_attribute(&dev, "hw_block_size"), 4096);
+    EXPECT_EQ(tcmu_get_attribute(&dev, "nothing"), -ENOENT);
+    api.size = INT64_MAX;
+    EXPECT_EQ(tcmu_get_device_size(&dev), INT64_MAX);
+    api.size++;
+    EXPECT_LT(tcmu_get_device_size(&dev), 0);
+    api.sizeError = -EIO;
+    EXPECT_EQ(tcmu_get_device_size(&dev), -EIO);
+}
+
+TEST(Device, OnlyOurSubTypeGetsItsCanonicalCase) {
+    EXPECT_EQ(CanonicalCfgString("moscsisrvtcmu/aBc"), "MoScsiSrvTcmu/aBc");
+    EXPECT_EQ(CanonicalCfgString("MoScsiSrvTcmu/aBc"), "MoScsiSrvTcmu/aBc");
+    for (const char* other :
+         {"moscsisrvtcmux/a", "moscsisrvtcm/a", "moscsisrvtcmu", "", "file/moscsisrvtcmu/a"})
+        EXPECT_EQ(CanonicalCfgString(other), other);
+}
+
+TEST(Device, TheHookSeesTheAnswerBeforeTheKernel) {
+    FakeLibtcmu api;
+    tcmu_device dev(api, nullptr);
+    dev.completionHook = [](RingCommand& command, int& result) {
+        command.readLength = 77;
+        result = result == 1 ? 0 : 1;
+    };
+    api.kernel.Put(Bytes(6), {});
+    tcmulib_command_complete(&dev, dev.ring.Fetch(), 1);
+    EXPECT_EQ(api.kernel.Doorbells(), 0U);
+    tcmulib_processing_complete(&dev);
+    EXPECT_EQ(api.kernel.Doorbells(), 1U);
+    const auto answer = api.kernel.Reap().at(0);
+    EXPECT_EQ(answer.status, 0);
+    EXPECT_EQ(answer.readLength, 77U);
+}
+
+TEST(Cdb, AddressAndLengthByGroup) {
+    struct Case {
+        std::string cdb;
+        uint64_t lba;
+        uint32_t blocks;
+        size_t length;
+    };
+    for (const Case& c : std::vector<Case>{
+             {"08 FF FF FE 00 01", 0x1FFFFE, 0, 6},
+             {"0A 00 01 02 03 00", 0x000102, 3, 6},
+             {"28 FF F1 F2 F3 F4 EE A1 A2 00", 0xF1F2F3F4, 0xA1A2, 10},
+             {"A8 FF F1 F2 F3 F4 A1 A2 A3 A4 EE 00", 0xF1F2F3F4, 0xA1A2A3A4, 12},
+             {"8A FF F1 F2 F3 F4 F5 F6 F7 F8 A1 A2 A3 A4 EE 00", 0xF1F2F3F4F5F6F7F8, 0xA1A2A3A4,
+              16},
+             {"7F 11 22 33 44 55 66 18 99 99 99 99 99 99", 0, 0, 32},
+             {"60 11 22 33 44 55 66 18 99 99 99 99", 0, 0, 12},
+             {"FF 11 22 33 44 55 66 18 99 99", 0, 0, 10},
+         }) {
+        const Bytes cdb = Hex(c.cdb);
+        EXPECT_EQ(tcmu_get_lba(cdb.data()), c.lba) << c.cdb;
+        EXPECT_EQ(tcmu_get_xfer_length(cdb.data()), c.blocks) << c.cdb;
+        EXPECT_EQ(CdbLength(cdb.data()), c.length) << c.cdb;
+    }
+}
+
+}  // namespace

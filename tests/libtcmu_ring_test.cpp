@@ -1,0 +1,483 @@
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <random>
+#include <thread>
+
+#include "adapters/libtcmu/CommandRing.h"
+#include "tests/support/HeapProbe.h"
+#include "tests/support/KernelRing.h"
+
+using namespace ringlayout;
+using Bytes = std::vector<uint8_t>;
+
+namespace {
+
+const Bytes kTestUnitReady(6);
+
+Bytes Read10(uint8_t tag = 0) {
+    return {0x28, 0, 0, 0, 0, tag, 0, 0, 8, 0};
+}
+
+struct RingTest : testing::Test {
+    KernelRing kernel;
+    CommandRing ring{kernel.Memory(), kernel.Length(), kernel.DoorbellFd()};
+
+    RingCommand& FetchOne() {
+        RingCommand* command = ring.Fetch();
+        if (command == nullptr)
+            throw std::runtime_error("nothing to fetch");
+        return *command;
+    }
+    RingCommand& PutAndFetch(const Bytes& cdb, const std::vector<KernelRing::Extent>& data = {}) {
+        EXPECT_TRUE(kernel.Put(cdb, data));
+        return FetchOne();
+    }
+    KernelRing::Answer ReapOne() {
+        const auto answers = kernel.Reap();
+        if (answers.size() != 1)
+            throw std::runtime_error("not one answer");
+        return answers[0];
+    }
+    template <class Field>
+    void Overwrite(size_t at, Field value) {
+        std::memcpy(kernel.Ring() + kernel.LastEntry() + at, &value, sizeof(value));
+    }
+};
+
+TEST_F(RingTest, ARecordThatIsUsedAgainCarriesNothingOver) {
+    RingCommand& first = PutAndFetch(Bytes(16, 0x8A), {{0, 512}, {4096, 100}});
+    EXPECT_EQ(first.iovec[1].iov_base, kernel.Data() + 4096);
+    EXPECT_EQ(first.dataLength, 612U);
+    std::memset(first.sense_buf, 0xEE, sizeof(first.sense_buf));
+    first.hm_private = this;
+    first.readLength = 5;
+    first.iovec = nullptr;
+    const uint16_t number = first.cmd_id;
+    ring.Complete(first, TCMU_STATUS_CHECK_CONDITION);
+    EXPECT_EQ(ReapOne().sense[95], 0xEE);
+
+    RingCommand& second = PutAndFetch({0x1B, 0, 0, 0, 1, 0});
+    EXPECT_EQ(second.cmd_id, number);
+    const Bytes cdb(second.cdb, second.cdb + 16);
+    EXPECT_EQ(cdb, (Bytes{0x1B, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(second.iov_cnt, 0U);
+    EXPECT_EQ(second.dataLength, 0U);
+    EXPECT_EQ(second.hm_private, nullptr);
+    EXPECT_FALSE(second.readLength);
+    EXPECT_EQ(std::count(second.sense_buf, second.sense_buf + 96, 0), 96);
+}
+
+TEST_F(RingTest, AResultBecomesStatusSenseAndLength) {
+    struct Case {
+        int result;
+        std::optional<uint32_t> readLength;
+        uint8_t status;
+        uint8_t key, asc;
+        std::optional<uint32_t> told;
+    };
+    const std::vector<Case> cases = {
+        {0, std::nullopt, 0, 0xAB, 0, std::nullopt},
+        {0, 36, 0, 0xAB, 0, 36},
+        {TCMU_STATUS_CHECK_CONDITION, 36, 2, 0xAB, 0, std::nullopt},
+        {0x28, std::nullopt, 0x28, 0xAB, 0, std::nullopt},  // TASK SET FULL
+        {-1, std::nullopt, 2, 0x5, 0x20, std::nullopt},
+        {-22, std::nullopt, 2, 0x4, 0x44, std::nullopt},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.result);
+        RingCommand& command = PutAndFetch(kTestUnitReady);
+        command.sense_buf[2] = 0xAB;
+        command.readLength = c.readLength;
+        ring.Complete(command, c.result);
+        const auto answer = ReapOne();
+        EXPECT_EQ(answer.status, c.status);
+        EXPECT_EQ(answer.sense[2], c.key);
+        EXPECT_EQ(answer.sense[12], c.asc);
+        EXPECT_EQ(answer.readLength, c.told);
+    }
+}
+
+TEST(Ring, LengthIsNotToldToAKernelThatDoesNotTakeIt) {
+    KernelRing kernel(4096, 4096, 0);
+    CommandRing ring(kernel.Memory(), kernel.Length(), kernel.DoorbellFd());
+    kernel.Put(Read10(), {});
+    RingCommand* command = ring.Fetch();
+    command->readLength = 1;
+    ring.Complete(*command, 0);
+    EXPECT_FALSE(kernel.Reap().at(0).readLength);
+    EXPECT_FALSE(ring.TakesReadLength());
+}
+
+TEST_F(RingTest, ABadEntryIsAnsweredAndTheNextCommandServed) {
+    constexpr size_t kCdbOffset = offsetof(Request, cdbOffset);
+    const size_t end = kernel.Length();
+    const std::vector<std::function<void()>> damages = {
+        [&] { Overwrite<uint32_t>(offsetof(Request, entries), 100); },
+        [&] { Overwrite<uint32_t>(offsetof(Request, entries), UINT32_MAX); },
+        [&] { Overwrite<uint64_t>(kCdbOffset, end); },
+        [&] { Overwrite<uint64_t>(kCdbOffset, end - 9); },  // ten bytes wanted
+        [&] { Overwrite<uint64_t>(kCdbOffset, UINT64_MAX - 2); },
+        [&] {  // a variable-length CDB whose length stands outside
+            kernel.Memory()[end - 7] = 0x7F;
+            Overwrite<uint64_t>(kCdbOffset, end - 7);
+        },
+        [&] { Overwrite<uint64_t>(sizeof(Request), end - 511); },  // address of 512 bytes
+        [&] { Overwrite<uint64_t>(sizeof(Request), UINT64_MAX - 255); },
+        [&] { Overwrite<uint64_t>(sizeof(Request) + 8, UINT64_MAX); },  // length
+    };
+    for (size_t i = 0; i < damages.size(); i++) {
+        SCOPED_TRACE(i);
+        std::memset(kernel.Data(), 0x28, kernel.Length() - (kernel.Data() - kernel.Memory()));
+        kernel.Put(Read10(), {{0, 512}});
+        damages[i]();
+        ring.Complete(PutAndFetch(kTestUnitReady), 0);
+        const auto answers = kernel.Reap();
+        ASSERT_EQ(answers.size(), 2U);
+        EXPECT_EQ(answers[0].status, TCMU_STATUS_CHECK_CONDITION);
+        EXPECT_EQ(answers[0].sense[2], 0x4);
+        EXPECT_EQ(answers[1].status, 0);
+    }
+    EXPECT_EQ(ring.GetStats().badEntries, damages.size());
+    EXPECT_EQ(ring.Broken(), nullptr);
+}
+
+TEST(Ring, WhatCannotBeWalkedIsLeftAlone) {
+    const std::vector<std::function<void(KernelRing&, uint8_t * entry)>> damages = {
+        [](auto&, uint8_t* entry) { *reinterpret_cast<uint32_t*>(entry) = kCommand; },  // length 0
+        [](auto&, uint8_t* entry) { *reinterpret_cast<uint32_t*>(entry) = 104 | kCommand; },
+        [](auto&, uint8_t* entry) { *reinterpret_cast<uint32_t*>(entry) = 4096 | kPad; },
+        [](auto&, uint8_t* entry) { *reinterpret_cast<uint32_t*>(entry) = 120 | kPad; },
+        [](auto& kernel, uint8_t*) { kernel.Mailbox().head = 4096; },
+        [](auto& kernel, uint8_t*) { kernel.Mailbox().head -= 1; },
+        [](auto& kernel, uint8_t*) { kernel.Mailbox().tail = 8; },  // reset by somebody else
+        [](auto&, uint8_t* entry) { entry[4] = 1; },                // the first command's number
+    };
+    for (size_t i = 0; i < damages.size(); i++) {
+        SCOPED_TRACE(i);
+        KernelRing kernel;
+        CommandRing ring(kernel.Memory(), kernel.Length(), kernel.DoorbellFd());
+        kernel.Put(kTestUnitReady, {});
+        RingCommand* command = ring.Fetch();
+        ASSERT_NE(command, nullptr);
+        kernel.Put(kTestUnitReady, {});
+        damages[i](kernel, kernel.Ring() + kernel.LastEntry());
+        ring.BeginDrain();
+        EXPECT_EQ(ring.Fetch(), nullptr);
+        ring.EndDrain();
+        EXPECT_NE(ring.Broken(), nullptr);
+
+        const Bytes before(kernel.Memory(), kernel.Memory() + kernel.Length());
+        ring.Complete(*command, 0);
+        ring.RingDoorbell();
+        EXPECT_EQ(before, Bytes(kernel.Memory(), kernel.Memory() + kernel.Length()));
+        EXPECT_EQ(ring.InFlight(), 0U);
+    }
+}
+
+TEST(Ring, ALostTailIsSeenByTheCompletionItself) {
+    KernelRing kernel;
+    CommandRing ring(kernel.Memory(), kernel.Length(), kernel.DoorbellFd());
+    kernel.Put(kTestUnitReady, {});
+    RingCommand* command = ring.Fetch();
+    kernel.Mailbox().tail = 112;
+    ring.Complete(*command, 0);
+    EXPECT_NE(ring.Broken(), nullptr);
+    EXPECT_EQ(kernel.Mailbox().tail, 112U);
+}
+
+TEST(Ring, AMailboxThatPointsElsewhereIsRefused) {
+    const std::vector<std::function<void(Mailbox&)>> damages = {
+        [](Mailbox& m) { m.version = 1; },          [](Mailbox& m) { m.ringOffset = 32; },
+        [](Mailbox& m) { m.ringOffset = 1 << 30; }, [](Mailbox& m) { m.ringSize = UINT32_MAX - 7; },
+        [](Mailbox& m) { m.ringSize = 104; },       [](Mailbox& m) { m.ringSize = 4092; },
+        [](Mailbox& m) { m.tail = 4096; },          [](Mailbox& m) { m.tail = 4; },
+    };
+    for (size_t i = 0; i < damages.size(); i++) {
+        SCOPED_TRACE(i);
+        KernelRing kernel;
+        damages[i](kernel.Mailbox());
+        CommandRing ring(kernel.Memory(), kernel.Length(), kernel.DoorbellFd());
+        EXPECT_NE(ring.Broken(), nullptr);
+        EXPECT_EQ(ring.Fetch(), nullptr);
+        EXPECT_TRUE(ring.Empty());
+    }
+    KernelRing kernel;
+    EXPECT_NE(CommandRing(nullptr, 4096, -1).Broken(), nullptr);
+    EXPECT_NE(CommandRing(kernel.Memory(), 64, -1).Broken(), nullptr);
+}
+
+TEST_F(RingTest, WhatIsNoCommandIsPassedOverOnBothSides) {
+    kernel.PutOther(kTaskManagement, 48);
+    EXPECT_EQ(ring.Fetch(), nullptr);
+    EXPECT_TRUE(ring.Empty()) << "no completion will come to move the tail";
+
+    RingCommand& command = PutAndFetch(kTestUnitReady);
+    kernel.PutOther(5, 16);
+    const uint32_t unknown = kernel.LastEntry();
+    kernel.PutOther(kTaskManagement, 8);
+    const uint32_t notice = kernel.LastEntry();
+    EXPECT_EQ(ring.Fetch(), nullptr);
+    EXPECT_FALSE(ring.Empty());
+    EXPECT_EQ(kernel.Ring()[unknown + offsetof(Header, userFlags)], kUserUnknownOperation);
+    EXPECT_EQ(kernel.Ring()[notice + offsetof(Header, userFlags)], 0);
+    ring.Complete(command, 0);
+    EXPECT_TRUE(ring.Empty());
+    EXPECT_EQ(kernel.Reap().size(), 1U);
+    EXPECT_EQ(ring.GetStats().otherEntries, 3U);
+}
+
+TEST_F(RingTest, ADrainTellsTheKernelOnce) {
+    ring.EndDrain();
+    ring.RingDoorbell();
+    EXPECT_EQ(kernel.Doorbells(), 0U) << "nothing to tell";
+
+    ring.BeginDrain();
+    for (int i = 0; i < 5; i++) {
+        ring.Complete(PutAndFetch(kTestUnitReady), 0);
+        ring.RingDoorbell();
+    }
+    EXPECT_EQ(kernel.Doorbells(), 0U);
+    ring.EndDrain();
+    EXPECT_EQ(kernel.Doorbells(), 1U);
+
+    ring.Complete(PutAndFetch(kTestUnitReady), 0);
+    EXPECT_EQ(kernel.Doorbells(), 0U);
+    ring.RingDoorbell();
+    EXPECT_EQ(kernel.Doorbells(), 1U);
+}
+
+TEST_F(RingTest, ADrainHoldsBackOnlySoMuch) {
+    const Bytes write = {0x2A, 0, 0, 0, 0, 0, 0, 0, 128, 0};
+    const std::vector<std::pair<Bytes, size_t>> cases = {
+        {Read10(), CommandRing::kDoorbellReadBytes / 65536},
+        {write, CommandRing::kDoorbellAnswers}};
+    for (const auto& [cdb, bound] : cases) {
+        ring.BeginDrain();
+        for (size_t i = 1; i <= bound; i++) {
+            ring.Complete(PutAndFetch(cdb, {{0, 65536}}), 0);
+            ring.RingDoorbell();
+            EXPECT_EQ(kernel.Doorbells(), i == bound ? 1U : 0U) << i;
+            kernel.Reap();
+        }
+        ring.EndDrain();
+        EXPECT_EQ(kernel.Doorbells(), 0U);
+    }
+}
+
+TEST(Ring, AFailingDoorbellIsCounted) {
+    KernelRing kernel;
+    CommandRing ring(kernel.Memory(), kernel.Length(), -1);
+    kernel.Put(kTestUnitReady, {});
+    ring.Complete(*ring.Fetch(), 0);
+    ring.RingDoorbell();
+    EXPECT_EQ(ring.GetStats().doorbellErrors, 1U);
+    EXPECT_EQ(kernel.Reap().size(), 1U);
+}
+
+TEST_F(RingTest, WarmCommandsTakeNothingFromTheHeap) {
+    auto cycle = [&] {
+        std::vector<RingCommand*> commands;
+        commands.reserve(8);
+        for (int i = 0; i < 8; i++)
+            kernel.Put(Read10(), {{0, 4096}, {8192, 4096}, {4096, 4096}, {20480, 4096}});
+        const size_t before = heap_probe::Allocations();
+        while (RingCommand* command = ring.Fetch())
+            commands.push_back(command);
+        for (RingCommand* command : commands)
+            ring.Complete(*command, 0);
+        ring.RingDoorbell();
+        const size_t made = heap_probe::Allocations() - before;
+        EXPECT_EQ(kernel.Reap().size(), 8U);
+        return made;
+    };
+    cycle();
+    for (int i = 0; i < 100; i++)
+        EXPECT_EQ(cycle(), 0U);
+}
+
+/// Random commands through a ring of odd size, completed in random order by several threads, with
+/// a kernel that looks at answers only when it hears the doorbell.
+struct Traffic {
+    struct Sent {
+        Bytes cdb;
+        std::vector<KernelRing::Extent> data;
+    };
+
+    explicit Traffic(unsigned seed) : random(seed) {}
+
+    size_t Below(size_t bound) { return random() % bound; }
+
+    Sent Make() {
+        static constexpr std::pair<uint8_t, size_t> kKinds[] = {
+            {0x08, 6}, {0x2A, 10}, {0xA8, 12}, {0x8A, 16}, {0xC0, 10}, {0x60, 12}, {0x7F, 8}};
+        const auto [opcode, length] = kKinds[Below(std::size(kKinds))];
+        const size_t additional = opcode == 0x7F ? Below(253) : 0;
+        Sent sent;
+        sent.cdb.resize(length + additional);
+        for (uint8_t& byte : sent.cdb)
+            byte = static_cast<uint8_t>(random());
+        sent.cdb[0] = opcode;
+        if (opcode == 0x7F)
+            sent.cdb[7] = static_cast<uint8_t>(additional);
+        sent.data.resize(Below(4) == 0 ? Below(24) : Below(4));
+        for (auto& extent : sent.data) {
+            extent.offset = Below(60000);
+            extent.length = Below(5000);
+        }
+        return sent;
+    }
+
+    std::mt19937 random;
+};
+
+void ExpectSame(const RingCommand& got, const Traffic::Sent& sent, uint8_t* data) {
+    Bytes padded = sent.cdb;
+    padded.resize(RingCommand::kMaxCdb);
+    EXPECT_EQ(Bytes(got.cdb, got.cdb + RingCommand::kMaxCdb), padded);
+    ASSERT_EQ(got.iov_cnt, sent.data.size());
+    size_t total = 0;
+    for (size_t i = 0; i < got.iov_cnt; i++) {
+        EXPECT_EQ(got.iovec[i].iov_base, data + sent.data[i].offset);
+        EXPECT_EQ(got.iovec[i].iov_len, sent.data[i].length);
+        total += sent.data[i].length;
+    }
+    EXPECT_EQ(got.dataLength, total);
+}
+
+TEST(RingTraffic, RandomOrderAroundTheEndKeepsEveryCommandItsAnswer) {
+    for (unsigned seed = 1; seed <= 20; seed++) {
+        SCOPED_TRACE(seed);
+        Traffic traffic(seed);
+        KernelRing kernel(static_cast<uint32_t>(1200 + 8 * traffic.Below(300)));
+        CommandRing ring(kernel.Memory(), kernel.Length(), kernel.DoorbellFd());
+        std::map<uint16_t, Traffic::Sent> sent;
+        std::vector<RingCommand*> held;
+        for (int step = 0; step < 2000; step++) {
+            if (traffic.Below(2) == 0) {
+                const auto next = traffic.Make();
+                if (const auto number = kernel.Put(next.cdb, next.data))
+                    sent[*number] = next;
+            } else if (RingCommand* command = traffic.Below(3) == 0 ? nullptr : ring.Fetch()) {
+                ExpectSame(*command, sent.at(command->cmd_id), kernel.Data());
+                held.push_back(command);
+            } else if (!held.empty()) {
+                std::swap(held[traffic.Below(held.size())], held.back());
+                RingCommand& command = *held.back();
+                held.pop_back();
+                command.sense_buf[0] = sent.at(command.cmd_id).cdb[1];
+                ring.Complete(command, TCMU_STATUS_CHECK_CONDITION);
+                for (const auto& answer : kernel.Reap())
+                    EXPECT_EQ(answer.sense[0], sent.at(answer.number).cdb[1]);
+            }
+            ASSERT_FALSE(testing::Test::HasFailure()) << "step " << step;
+            ASSERT_EQ(ring.InFlight(), held.size());
+        }
+        EXPECT_EQ(ring.Broken(), nullptr);
+    }
+}
+
+TEST(RingTraffic, ConcurrentCompletionsLoseNoAnswerAndNoDoorbell) {
+    constexpr size_t kCommands = 20000;
+    KernelRing kernel(3000);
+    CommandRing ring(kernel.Memory(), kernel.Length(), kernel.DoorbellFd());
+    std::atomic<uint32_t> events{0};
+    std::atomic<bool> stop{false};
+    std::mutex mutex;
+    std::deque<RingCommand*> held;
+    std::atomic<uint32_t> handed{0};
+
+    std::thread device([&] {
+        for (unsigned turn = 0;; turn++) {
+            const uint32_t seen = events.load();
+            ring.BeginDrain();
+            while (RingCommand* command = ring.Fetch()) {
+                if (command->cdb[5] % 4 == 0) {
+                    command->sense_buf[0] = command->cdb[5];
+                    ring.Complete(*command, TCMU_STATUS_CHECK_CONDITION);
+                    continue;
+                }
+                const std::lock_guard guard(mutex);
+                // Both ends, so that the order differs from that of the ring.
+                if (turn % 3 == 0)
+                    held.push_front(command);
+                else
+                    held.push_back(command);
+                handed.fetch_add(1);
+                handed.notify_all();
+            }
+            ring.EndDrain();
+            if (stop)
+                return;
+            events.wait(seen);
+        }
+    });
+    std::vector<std::thread> hosts;
+    for (int i = 0; i < 3; i++) {
+        hosts.emplace_back([&] {
+            for (;;) {
+                const uint32_t before = handed.load();
+                RingCommand* command = nullptr;
+                {
+                    const std::lock_guard guard(mutex);
+                    if (!held.empty()) {
+                        command = held.front();
+                        held.pop_front();
+                    }
+                }
+                if (command != nullptr) {
+                    command->sense_buf[0] = command->cdb[5];
+                    ring.Complete(*command, TCMU_STATUS_CHECK_CONDITION);
+                    ring.RingDoorbell();
+                } else if (stop) {
+                    return;
+                } else {
+                    handed.wait(before);
+                }
+            }
+        });
+    }
+
+    std::map<uint16_t, uint8_t> tags;
+    size_t put = 0;
+    size_t answered = 0;
+    while (answered < kCommands && !testing::Test::HasFailure()) {
+        const auto tag = static_cast<uint8_t>(put);
+        std::optional<uint16_t> number;
+        if (put < kCommands)
+            number = kernel.Put(Read10(tag), {{0, 4096}});
+        if (number) {
+            tags[*number] = tag;
+            put++;
+            events.fetch_add(1);
+            events.notify_all();
+            if (put % 7 != 0)
+                continue;
+        } else if (!kernel.WaitForDoorbell()) {
+            ADD_FAILURE() << "no doorbell with " << kernel.InFlight() << " in flight";
+            break;
+        }
+        for (const auto& answer : kernel.Reap()) {
+            EXPECT_EQ(answer.sense[0], tags.at(answer.number));
+            answered++;
+        }
+    }
+    stop = true;
+    events.fetch_add(1);
+    events.notify_all();
+    handed.fetch_add(1);
+    handed.notify_all();
+    device.join();
+    for (auto& host : hosts)
+        host.join();
+    EXPECT_EQ(answered, kCommands);
+    EXPECT_TRUE(ring.Empty());
+    EXPECT_EQ(ring.InFlight(), 0U);
+}
+
+}  // namespace
