@@ -301,6 +301,10 @@ class Limits(WrapperTest):
         _, _, err = self.run_fake_script(self.LOCKED, MOSCSI_TARGETCLI_TIMEOUT=1)
         self.assertIn(f"process {holder.pid} (holder)", err)
 
+    def test_each_holder_of_a_queue_may_take_the_time(self):
+        queue = "for i in 1 2 3 4 5; do flock $D/lock sleep 1 & done; "
+        self.assertEqual(self.run_fake_script(queue + self.LOCKED, MOSCSI_TARGETCLI_LOCK_WAIT=3), (0, "got it\n", ""))
+
     def test_a_lock_that_becomes_free_is_taken(self):
         holder = self.lock_holder()
         process = self.start_fake_script(self.LOCKED)

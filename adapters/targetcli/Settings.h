@@ -4,7 +4,8 @@
 //                                own below it, in targetcli/
 //   MOSCSI_TARGETCLI_REAL        the real targetcli (otherwise the next one on PATH)
 //   MOSCSI_TARGETCLI_TIMEOUT     seconds that one run of the wrapper may take (120)
-//   MOSCSI_TARGETCLI_LOCK_WAIT   seconds of these that may go by waiting for targetcli's lock (20)
+//   MOSCSI_TARGETCLI_LOCK_WAIT   seconds of these that one other process may keep targetcli waiting
+//                                for its lock (20)
 //   MOSCSI_TARGETCLI_VERSION     the version that --version answers instead of the real one's, as
 //                                long as the real one answers at all; for tests and for operators
 //                                who want user backstores configured without targetcli ("2.1.fb41")

@@ -117,10 +117,12 @@ void Supervisor::wait() {
 }
 
 void Supervisor::checkLock(Clock::duration sinceLast) {
-    const bool waitedBefore = m_lockHolder.has_value();
+    const std::optional<pid_t> before = m_lockHolder;
     m_lockHolder = m_ended ? std::nullopt : lockHolder(m_pid);
-    if (waitedBefore && m_lockHolder) {
+    if (m_lockHolder && m_lockHolder == before) {
         m_limit.addLockWait(sinceLast);
+    } else {
+        m_limit.restartLockWait();
     }
 }
 

@@ -27,8 +27,10 @@ class TimeLimit {
     std::chrono::seconds limit() const;
     bool expired() const { return Clock::now() - m_start >= limit(); }
 
-    // Counts time that went by while targetcli waited for its lock.
+    // Time goes by while one process keeps targetcli from its lock. A new holder has all of the
+    // time again: several runs may stand in a queue, and the limit of the run bounds them all.
     void addLockWait(Clock::duration time) { m_lockWaited += time; }
+    void restartLockWait() { m_lockWaited = {}; }
     bool lockWaitExpired() const { return m_lockWaited >= m_lockWait; }
     std::chrono::seconds lockWaited() const {
         return std::chrono::duration_cast<std::chrono::seconds>(m_lockWaited);
