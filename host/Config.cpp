@@ -10,7 +10,7 @@
 #include <sstream>
 
 #include "host/TableReader.h"
-#include "host/data/FaultPlan.h"
+#include "host/data/FaultPlanReader.h"
 
 namespace moscsi::host {
 namespace {

@@ -7,35 +7,6 @@
 #include "host/Compare.h"
 #include "host/data/LunData.h"
 
-#ifndef MOSCSI_HOSTDATA  // until host/data is there: refused, never pretended
-namespace moscsi::data {
-LunDataResult MakeLunData(const LunDataConfig&, MoScsiSrvPlatform&) {
-    return {nullptr, "LUNs of type \"user\" are not served yet"};
-}
-FaultPlanResult ParseFaultPlan(const toml::value&) {
-    return {{}, "faults are not served yet: leave the table out"};
-}
-struct LunData::Parts {};
-LunData::~LunData() = default;
-CRyError LunData::Read(void*, MoScsiSrvIO*, int) {
-    return {};
-}
-CRyError LunData::Write(void*, MoScsiSrvIO*, int) {
-    return {};
-}
-CRyError LunData::Abort(void*, MoScsiSrvIO*) {
-    return {};
-}
-LunStatistics LunData::Snapshot() const {
-    return {};
-}
-void LunData::Stop() {}
-nlohmann::json ToJson(const LunStatistics&) {
-    return {};
-}
-}  // namespace moscsi::data
-#endif
-
 namespace moscsi::host {
 
 UserData::UserData() = default;

@@ -4,8 +4,6 @@
 #include <string>
 #include <vector>
 
-#include <toml.hpp>
-
 namespace moscsi::data {
 
 /// What happens to a transfer that a fault hits.
@@ -38,13 +36,5 @@ struct FaultPlan {
 
     bool IsQuiet() const { return rules.empty() && durable; }
 };
-
-struct FaultPlanResult {
-    FaultPlan plan;
-    std::string error;  ///< empty, or one line "FILE:LINE: what is wrong and what to write"
-};
-
-/// Reads a LUN's `faults` table (docs/fault-injection.md). Unknown keys are errors.
-FaultPlanResult ParseFaultPlan(const toml::value& table);
 
 }  // namespace moscsi::data

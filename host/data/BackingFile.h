@@ -1,0 +1,40 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <utility>
+
+namespace moscsi::data {
+
+/// The open and locked file behind a LUN.
+class BackingFile {
+  public:
+    /// Opens the file at `path`, or makes it with `size` bytes of zeros. A new file gets its name
+    /// when it has its size and is on stable storage, and the name is synced before this returns,
+    /// so a crash leaves a whole file or none. Its blocks aren't allocated: writes may meet a full
+    /// disk, and then fail.
+    /// Returns: false with one line in `error` when the file can't be used or isn't ours to use.
+    bool Open(const std::string& path, uint64_t size, std::string& error);
+
+    BackingFile() = default;
+    ~BackingFile() { Close(); }
+    BackingFile(const BackingFile&) = delete;
+    BackingFile& operator=(const BackingFile&) = delete;
+    BackingFile(BackingFile&& other) noexcept : m_fd(std::exchange(other.m_fd, -1)) {}
+    BackingFile& operator=(BackingFile&& other) noexcept {
+        std::swap(m_fd, other.m_fd);
+        return *this;
+    }
+
+    int Fd() const { return m_fd; }
+
+  private:
+    bool OpenExisting(const std::string& path, uint64_t size, std::string& error);
+    bool Create(const std::string& path, uint64_t size, std::string& error);
+    bool Lock(const std::string& path, std::string& error);
+    void Close();
+
+    int m_fd = -1;
+};
+
+}  // namespace moscsi::data

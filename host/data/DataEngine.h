@@ -1,0 +1,27 @@
+#pragma once
+
+#include "host/data/Transfers.h"
+
+namespace moscsi::data {
+
+/// Moves a transfer's bytes between its buffers and one kind of backing.
+class DataEngine {
+  public:
+    virtual ~DataEngine() = default;
+
+    virtual const char* Name() const = 0;
+
+    /// Moves `wanted` bytes and ends the transfer, once, with the bytes moved or -errno; inside the
+    /// call or later.
+    /// Thread: any. Requires: the transfer is the engine's until it ended it.
+    virtual void Start(Transfer& transfer) = 0;
+
+    /// Ends with -ECANCELED what is marked as aborted and hasn't begun.
+    /// Thread: any but one inside Abort.
+    virtual void CancelAborted() {}
+
+    /// Ends the engine's threads. Requires: no transfer is with the engine, and none will come.
+    virtual void Stop() {}
+};
+
+}  // namespace moscsi::data

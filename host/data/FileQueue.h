@@ -1,0 +1,50 @@
+#pragma once
+
+#include <sys/uio.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "host/data/Transfers.h"
+
+namespace moscsi::data {
+
+/// One call to the kernel. `iov` stays valid until the request ended.
+struct FileRequest {
+    bool write = false;
+    const iovec* iov = nullptr;
+    int count = 0;
+    uint64_t offset = 0;
+    int flags = 0;  ///< RWF_ flags, preadv2(2)
+    Ticket ticket = 0;
+};
+
+/// Carries requests of one file to the kernel. It neither resumes nor retries: FileEngine does.
+class FileQueue {
+  public:
+    /// Called once a request, with the bytes moved or -errno: on a thread of the queue's own, or
+    /// inside Submit when the kernel refuses the request. No lock of the queue is held.
+    using Ended = std::function<void(Ticket ticket, int64_t result)>;
+
+    virtual ~FileQueue() = default;
+
+    virtual const char* Name() const = 0;
+
+    /// Requests that may be under way at once; the caller keeps to it.
+    virtual size_t Depth() const = 0;
+
+    /// Thread: any.
+    virtual void Submit(const FileRequest& request) = 0;
+
+    /// Ends the threads. Requires: no request is under way. May be called again.
+    virtual void Stop() = 0;
+};
+
+/// Makes a queue for an open file. Returns: null with a reason in `error` when it isn't possible.
+using FileQueueMaker =
+    std::function<std::unique_ptr<FileQueue>(int fd, FileQueue::Ended ended, std::string& error)>;
+
+}  // namespace moscsi::data

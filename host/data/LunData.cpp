@@ -1,0 +1,134 @@
+#include "host/data/LunData.h"
+
+#include <fmt/format.h>
+
+#include <cerrno>
+#include <cstdint>
+
+#include "host/data/BackingFile.h"
+#include "host/data/FileEngine.h"
+#include "host/data/LunDataParts.h"
+#include "host/data/MemoryEngine.h"
+#include "host/data/ThreadQueue.h"
+#include "host/data/UringQueue.h"
+#include "util/Log.h"
+
+namespace moscsi::data {
+namespace {
+
+std::unique_ptr<DataEngine> MakeFileEngine(const LunDataConfig& config, Transfers& transfers,
+                                           std::string& error) {
+    BackingFile file;
+    if (!file.Open(config.path, config.sizeBytes, error))
+        return nullptr;
+    const bool durable = config.faults.durable;
+    if (config.engine != FileEngineChoice::Threads) {
+        std::string reason;
+        auto engine = FileEngine::Make(file, durable, transfers, UringQueue::Make, reason);
+        if (engine)
+            return engine;
+        if (config.engine == FileEngineChoice::Uring) {
+            error =
+                fmt::format("no io_uring for {} ({}); allow it, or leave the choice to the host",
+                            config.path, reason);
+            return nullptr;
+        }
+        MO_LOG(kLogConfirm, "%s: no io_uring (%s), threads serve the file", config.name.c_str(),
+               reason.c_str());
+    }
+    return FileEngine::Make(file, durable, transfers, ThreadQueue::Make, error);
+}
+
+}  // namespace
+
+LunDataResult MakeLunData(const LunDataConfig& config, MoScsiSrvPlatform& platform) {
+    LunDataResult result;
+    if (config.sizeBytes == 0 || config.sizeBytes % 512 != 0 || config.sizeBytes > INT64_MAX) {
+        result.error =
+            fmt::format("a size of {} bytes; give a positive multiple of 512", config.sizeBytes);
+        return result;
+    }
+    auto parts = std::make_unique<LunData::Parts>(config, platform);
+    std::string error;
+    if (config.backing == Backing::Memory)
+        parts->engine = MemoryEngine::Make(config.sizeBytes, parts->transfers, error);
+    else
+        parts->engine = MakeFileEngine(config, parts->transfers, error);
+    if (!parts->engine) {
+        result.error = std::move(error);
+        return result;
+    }
+    if (!config.faults.durable)
+        MO_LOG(kLogError, "%s: durability is off, a power cut loses acknowledged writes",
+               config.name.c_str());
+    MO_LOG(kLogConfirm, "%s: %lu bytes in %s, served by %s", config.name.c_str(),
+           static_cast<unsigned long>(config.sizeBytes),
+           config.backing == Backing::Memory ? "memory" : config.path.c_str(),
+           parts->engine->Name());
+    result.data = std::make_unique<LunData>(std::move(parts));
+    return result;
+}
+
+LunData::LunData(std::unique_ptr<Parts> parts) : m_parts(std::move(parts)) {
+    m_parts->waitingRoom = std::make_unique<WaitingRoom>(m_parts->transfers, *m_parts->engine);
+}
+
+LunData::~LunData() {
+    Stop();
+}
+
+CRyError LunData::Read(void* /*bstoreCtx*/, MoScsiSrvIO* ioctx, int /*reserved*/) {
+    return Begin(ioctx, false);
+}
+
+CRyError LunData::Write(void* /*bstoreCtx*/, MoScsiSrvIO* ioctx, int /*reserved*/) {
+    return Begin(ioctx, true);
+}
+
+CRyError LunData::Begin(MoScsiSrvIO* ioctx, bool write) {
+    const FaultRule* const fault = m_parts->faults.Next(write);
+    const uint64_t limit =
+        fault != nullptr && fault->kind == FaultKind::Short ? fault->bytes : UINT64_MAX;
+    Transfer* const transfer =
+        m_parts->transfers.Open(ioctx, write, m_parts->config.sizeBytes, limit);
+    if (transfer == nullptr)
+        return CRyError::Success();
+    if (fault != nullptr)
+        m_parts->transfers.CountFault();
+    if (fault == nullptr || fault->kind == FaultKind::Short)
+        m_parts->engine->Start(*transfer);
+    else if (fault->kind == FaultKind::Error)
+        m_parts->transfers.Finish(transfer->ticket, -fault->errorNumber);
+    else if (fault->kind == FaultKind::Delay)
+        m_parts->waitingRoom->Delay(*transfer, std::chrono::milliseconds(fault->delayMs));
+    else
+        m_parts->waitingRoom->HoldWhile(*transfer, fault->whileFile);
+    return CRyError::Success();
+}
+
+CRyError LunData::Abort(void* /*bstoreCtx*/, MoScsiSrvIO* ioctx) {
+    if (m_parts->transfers.MarkAborted(ioctx))
+        m_parts->waitingRoom->CancelAborted();
+    else
+        MO_LOG(kLogError, "%s: abort of context %p, which isn't on loan, is ignored",
+               m_parts->config.name.c_str(), static_cast<void*>(ioctx));
+    return CRyError::Success();
+}
+
+LunStatistics LunData::Snapshot() const {
+    LunStatistics statistics = m_parts->transfers.Counters();
+    statistics.backing =
+        m_parts->config.backing == Backing::Memory ? "memory" : m_parts->config.path;
+    statistics.engine = m_parts->engine->Name();
+    return statistics;
+}
+
+void LunData::Stop() {
+    m_parts->transfers.Shut();
+    m_parts->waitingRoom->CancelAborted();
+    m_parts->transfers.WaitUntilEmpty();
+    m_parts->waitingRoom->Stop();
+    m_parts->engine->Stop();
+}
+
+}  // namespace moscsi::data

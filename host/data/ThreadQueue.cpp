@@ -1,0 +1,53 @@
+#include "host/data/ThreadQueue.h"
+
+#include <cerrno>
+
+namespace moscsi::data {
+
+std::unique_ptr<FileQueue> ThreadQueue::Make(int fd, Ended ended, std::string& /*error*/) {
+    return std::make_unique<ThreadQueue>(fd, std::move(ended));
+}
+
+ThreadQueue::ThreadQueue(int fd, Ended ended) : m_fd(fd), m_ended(std::move(ended)) {
+    for (size_t i = 0; i < kThreads; ++i)
+        m_threads.emplace_back([this] { Run(); });
+}
+
+void ThreadQueue::Submit(const FileRequest& request) {
+    const MutexGuard guard(m_mutex);
+    m_requests.push_back(request);
+    m_changed.notify_one();
+}
+
+void ThreadQueue::Stop() {
+    {
+        const MutexGuard guard(m_mutex);
+        m_stop = true;
+        m_changed.notify_all();
+    }
+    for (std::thread& each : m_threads)
+        each.join();
+    m_threads.clear();
+}
+
+void ThreadQueue::Run() {
+    m_mutex.lock();
+    while (true) {
+        while (m_requests.empty() && !m_stop)
+            m_changed.wait(m_mutex);
+        if (m_requests.empty())
+            break;
+        const FileRequest request = m_requests.front();
+        m_requests.pop_front();
+        m_mutex.unlock();
+        const auto offset = static_cast<off_t>(request.offset);
+        const ssize_t moved =
+            request.write ? pwritev2(m_fd, request.iov, request.count, offset, request.flags)
+                          : preadv2(m_fd, request.iov, request.count, offset, request.flags);
+        m_ended(request.ticket, moved < 0 ? -errno : moved);
+        m_mutex.lock();
+    }
+    m_mutex.unlock();
+}
+
+}  // namespace moscsi::data

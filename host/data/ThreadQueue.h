@@ -1,0 +1,43 @@
+#pragma once
+
+#include <condition_variable>
+#include <deque>
+#include <thread>
+#include <vector>
+
+#include "host/data/FileQueue.h"
+#include "util/Mutex.h"
+
+namespace moscsi::data {
+
+/// A few threads that block in preadv2 and pwritev2, for where io_uring isn't allowed.
+class ThreadQueue : public FileQueue {
+  public:
+    static std::unique_ptr<FileQueue> Make(int fd, Ended ended, std::string& error);
+    ThreadQueue(int fd, Ended ended);
+    ~ThreadQueue() override { Stop(); }
+    ThreadQueue(const ThreadQueue&) = delete;
+    ThreadQueue& operator=(const ThreadQueue&) = delete;
+
+    const char* Name() const override { return "threads"; }
+    size_t Depth() const override { return kThreads; }
+    void Submit(const FileRequest& request) override MO_EXCLUDES(m_mutex);
+    void Stop() override MO_EXCLUDES(m_mutex);
+
+  private:
+    static constexpr size_t kThreads = 8;
+
+    void Run() MO_EXCLUDES(m_mutex);
+
+    const int m_fd;
+    const Ended m_ended;
+
+    Mutex m_mutex;
+    std::condition_variable_any m_changed;
+    std::deque<FileRequest> m_requests MO_GUARDED_BY(m_mutex);
+    bool m_stop MO_GUARDED_BY(m_mutex) = false;
+
+    std::vector<std::thread> m_threads;
+};
+
+}  // namespace moscsi::data

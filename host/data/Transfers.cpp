@@ -1,0 +1,154 @@
+#include "host/data/Transfers.h"
+
+#include <algorithm>
+#include <cerrno>
+
+#include "util/Log.h"
+
+namespace moscsi::data {
+namespace {
+
+constexpr size_t kBuffersReserved = 16;  // the most that a context carries
+constexpr unsigned kGenerationShift = 32;
+constexpr Ticket kPlaceMask = (Ticket{1} << kGenerationShift) - 1;
+constexpr Ticket kNextGeneration = Ticket{1} << kGenerationShift;
+
+/// Copies the record's list up to `limit` bytes, without empty buffers. Returns: the bytes.
+uint64_t CopyBuffers(const MoScsiSrvIO& record, uint64_t limit, std::vector<iovec>& out) {
+    uint64_t total = 0;
+    for (int64_t i = 0; i < record.iovcnt && total < limit; ++i) {
+        const size_t part = std::min<uint64_t>(record.iov[i].iov_len, limit - total);
+        if (part == 0)
+            continue;
+        out.push_back({record.iov[i].iov_base, part});
+        total += part;
+    }
+    return total;
+}
+
+}  // namespace
+
+void Transfer::Advance(uint64_t bytes) {
+    bytes = std::min(bytes, wanted - done);
+    done += bytes;
+    while (bytes > 0) {
+        iovec& buffer = iov[firstBuffer];
+        const size_t part = std::min<uint64_t>(bytes, buffer.iov_len);
+        buffer.iov_base = static_cast<char*>(buffer.iov_base) + part;
+        buffer.iov_len -= part;
+        bytes -= part;
+        if (buffer.iov_len == 0)
+            ++firstBuffer;
+    }
+}
+
+Transfer* Transfers::Open(MoScsiSrvIO* ioctx, bool write, uint64_t backingSize, uint64_t limit) {
+    m_mutex.lock();
+    if (m_shut) {
+        m_mutex.unlock();
+        m_platform.IODone(ioctx, -ESHUTDOWN);
+        return nullptr;
+    }
+    if (m_free.empty()) {
+        m_free.push_back(m_places.size());
+        Transfer& fresh = m_places.emplace_back();
+        fresh.ticket = m_free.back();
+        fresh.iov.reserve(kBuffersReserved);
+    }
+    Transfer& transfer = m_places[m_free.back()];
+    m_free.pop_back();
+    transfer.write = write;
+    transfer.offset = ioctx->offset;
+    transfer.done = 0;
+    transfer.firstBuffer = 0;
+    transfer.aborted = false;
+    transfer.ioctx = ioctx;
+    transfer.asked = ioctx->length;
+    const uint64_t within = ioctx->offset < backingSize ? backingSize - ioctx->offset : 0;
+    transfer.iov.clear();
+    transfer.wanted = CopyBuffers(*ioctx, std::min({ioctx->length, within, limit}), transfer.iov);
+    ++(write ? m_counters.writes : m_counters.reads);
+    ++m_counters.onLoan;
+    m_mutex.unlock();
+    return &transfer;
+}
+
+Transfer* Transfers::FindLocked(Ticket ticket) {
+    const size_t place = ticket & kPlaceMask;
+    if (place >= m_places.size())
+        return nullptr;
+    Transfer& transfer = m_places[place];
+    return transfer.ioctx != nullptr && transfer.ticket == ticket ? &transfer : nullptr;
+}
+
+Transfer* Transfers::Find(Ticket ticket) {
+    const MutexGuard guard(m_mutex);
+    return FindLocked(ticket);
+}
+
+void Transfers::Finish(Ticket ticket, int64_t result) {
+    m_mutex.lock();
+    Transfer* const transfer = FindLocked(ticket);
+    if (transfer == nullptr) {
+        ++m_counters.ignoredCompletions;
+        m_mutex.unlock();
+        MO_LOG(kLogError, "%s: a transfer ended twice, the second end (%ld) is ignored",
+               m_name.c_str(), static_cast<long>(result));
+        return;
+    }
+    MoScsiSrvIO* const ioctx = transfer->ioctx;
+    MoScsiSrvPlatform& platform = m_platform;  // Stop may end this object once we unlock
+    if (result > 0)
+        (transfer->write ? m_counters.bytesWritten : m_counters.bytesRead) += result;
+    if (result < 0 || static_cast<uint64_t>(result) != transfer->asked)
+        ++m_counters.errors;
+    --m_counters.onLoan;
+    transfer->ioctx = nullptr;
+    transfer->ticket += kNextGeneration;
+    m_free.push_back(ticket & kPlaceMask);
+    if (m_shut)
+        m_returned.notify_all();
+    m_mutex.unlock();
+    // Without the mutex: IODone takes the device's, under which Abort comes to us. From here on the
+    // context may be lent again, also to us.
+    platform.IODone(ioctx, result);
+}
+
+bool Transfers::MarkAborted(MoScsiSrvIO* ioctx) {
+    const MutexGuard guard(m_mutex);
+    const auto found = std::find_if(m_places.begin(), m_places.end(), [&](const Transfer& each) {
+        return each.ioctx == ioctx && ioctx != nullptr;
+    });
+    if (found == m_places.end()) {
+        ++m_counters.unknownAborts;
+        return false;
+    }
+    ++m_counters.aborted;
+    found->aborted = true;
+    return true;
+}
+
+void Transfers::Shut() {
+    const MutexGuard guard(m_mutex);
+    m_shut = true;
+    for (Transfer& each : m_places)
+        each.aborted = true;
+}
+
+void Transfers::WaitUntilEmpty() {
+    const MutexGuard guard(m_mutex);
+    while (m_counters.onLoan != 0)
+        m_returned.wait(m_mutex);
+}
+
+void Transfers::CountFault() {
+    const MutexGuard guard(m_mutex);
+    ++m_counters.faults;
+}
+
+LunStatistics Transfers::Counters() const {
+    const MutexGuard guard(m_mutex);
+    return m_counters;
+}
+
+}  // namespace moscsi::data

@@ -1,0 +1,92 @@
+#pragma once
+
+#include <sys/uio.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <string>
+#include <vector>
+
+#include "host/data/LunStatistics.h"
+#include "platform/MoScsiSrvPlatform.h"
+#include "util/Mutex.h"
+
+namespace moscsi::data {
+
+/// Names one transfer for ever: a place in the table and how often the place was used before. A
+/// ticket that is kept after the transfer's end fits nothing any more.
+using Ticket = uint64_t;
+
+/// One transfer on loan. The holder of the transfer (fault plan, waiting room, engine: one after
+/// the other) works on it alone and may not touch it after Transfers::Finish.
+struct Transfer {
+    Ticket ticket = 0;
+    bool write = false;
+    uint64_t offset = 0;     ///< first byte in the backing
+    uint64_t wanted = 0;     ///< bytes to move: within the backing, the buffers and the faults
+    std::vector<iovec> iov;  ///< own copy of the buffer list, exactly `wanted` bytes
+
+    uint64_t done = 0;       ///< bytes moved so far; Advance moves it
+    size_t firstBuffer = 0;  ///< buffers before it are done
+
+    std::atomic<bool> aborted{false};
+
+    /// Notes that `bytes` more were moved, at most what was missing, and cuts the list to the rest.
+    void Advance(uint64_t bytes);
+
+    // The table's, under its mutex.
+    MoScsiSrvIO* ioctx = nullptr;  ///< null: the place is free
+    uint64_t asked = 0;            ///< the record's length
+};
+
+/// The contexts that the host holds, and the one way back to the plug-in. Counts what passes.
+///
+/// Thread: any.
+class Transfers {
+  public:
+    Transfers(std::string name, MoScsiSrvPlatform& platform)
+        : m_name(std::move(name)), m_platform(platform) {}
+
+    /// Takes a context on loan. `wanted` becomes what `backingSize` and the buffers allow, and
+    /// `limit` at most. No heap once warm.
+    /// Returns: the transfer, or null after Shut: then the context went back with -ESHUTDOWN.
+    Transfer* Open(MoScsiSrvIO* ioctx, bool write, uint64_t backingSize, uint64_t limit)
+        MO_EXCLUDES(m_mutex);
+
+    /// Returns: the transfer, or null when it has ended.
+    Transfer* Find(Ticket ticket) MO_EXCLUDES(m_mutex);
+
+    /// Ends a transfer: IODone with the bytes moved or -errno. One that has ended already is
+    /// counted, logged and left alone. Nothing of this object is touched after IODone.
+    void Finish(Ticket ticket, int64_t result) MO_EXCLUDES(m_mutex);
+
+    /// Marks the transfer of a context. Returns: false when the context isn't on loan.
+    bool MarkAborted(MoScsiSrvIO* ioctx) MO_EXCLUDES(m_mutex);
+
+    /// Marks all, and lets none in any more.
+    void Shut() MO_EXCLUDES(m_mutex);
+    /// Waits until no context is on loan. Requires: Shut.
+    void WaitUntilEmpty() MO_EXCLUDES(m_mutex);
+
+    void CountFault() MO_EXCLUDES(m_mutex);
+
+    /// Everything but backing and engine.
+    LunStatistics Counters() const MO_EXCLUDES(m_mutex);
+
+  private:
+    Transfer* FindLocked(Ticket ticket) MO_REQUIRES(m_mutex);
+
+    const std::string m_name;
+    MoScsiSrvPlatform& m_platform;
+
+    mutable Mutex m_mutex;
+    std::condition_variable_any m_returned;
+    std::deque<Transfer> m_places MO_GUARDED_BY(m_mutex);  ///< a deque: places never move
+    std::vector<size_t> m_free MO_GUARDED_BY(m_mutex);
+    LunStatistics m_counters MO_GUARDED_BY(m_mutex);
+    bool m_shut MO_GUARDED_BY(m_mutex) = false;
+};
+
+}  // namespace moscsi::data

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <liburing.h>
+
+#include <thread>
+
+#include "host/data/FileQueue.h"
+#include "util/Mutex.h"
+
+namespace moscsi::data {
+
+/// One io_uring for one file. The thread that calls Submit enters the kernel itself; one thread of
+/// the queue's own takes what ended. Without a kernel polling thread: it costs a core.
+class UringQueue : public FileQueue {
+  public:
+    static std::unique_ptr<FileQueue> Make(int fd, Ended ended, std::string& error);
+    ~UringQueue() override;
+
+    const char* Name() const override { return "io_uring"; }
+    size_t Depth() const override { return kDepth; }
+    void Submit(const FileRequest& request) override MO_EXCLUDES(m_submitMutex);
+    void Stop() override MO_EXCLUDES(m_submitMutex);
+
+  private:
+    static constexpr unsigned kDepth = 256;
+
+    UringQueue(int fd, Ended ended) : m_fd(fd), m_ended(std::move(ended)) {}
+
+    void Run();
+    int EnterLocked(io_uring_sqe* entry) MO_REQUIRES(m_submitMutex);
+
+    const int m_fd;
+    const Ended m_ended;
+
+    Mutex m_submitMutex;  ///< the ring's submission side; the completion side is the thread's
+    io_uring m_ring = {};
+    bool m_made = false;
+    std::thread m_thread;
+};
+
+}  // namespace moscsi::data
