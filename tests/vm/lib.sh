@@ -8,6 +8,7 @@ set -euo pipefail
 scenario=$(basename "$0" .sh)
 work=$(mktemp -d "/tmp/$scenario.XXXX") # the scenario's own directory; saved when it fails
 home_dir=/usr/local/libexec/moscsi
+artifacts=$([[ ${MOSCSI_GUEST-} ]] && echo /artifacts || echo build/vm/artifacts)
 service=$home_dir/moscsi_server.sh
 configfs=/sys/kernel/config
 portal=127.0.0.1:3260
@@ -51,7 +52,7 @@ finish() {
         ((status == 0 || status == 77)) && status=1
     done
     if ((status != 0 && status != 77)); then
-        mkdir -p "/artifacts/$scenario" && cp -r "$work/." "/artifacts/$scenario/"
+        mkdir -p "$artifacts/$scenario" && cp -r "$work/." "$artifacts/$scenario/"
     fi
     rm -rf "$work"
     exit "$status"
