@@ -287,11 +287,13 @@ TEST_F(EmulationTest, ModeSelectAcceptsOnlyWhatIsSoAlready) {
         {select6 + "04", "00 00 00 08", 0x1A00},
         {select6 + "0C", "00 00 00 08 00 00 00 00 00 00 02 00", 0x2600},
         {select10 + "00 10", "0000 00 00 00 00 0008 00 00 00 00 00 00 02 00", 0x2600},
+        {select6 + "18", "00 00 00 14" + kCaching, 0x2600},
         {select6 + "04", "00 01 00 00", 0x2600},  // medium type
         {select10 + "00 08", "0000 01 00 00 00 0000", 0x2600},
         {select6 + "18", "00 00 00 00 08 12 04" + kCaching.substr(8), 0x2600},  // WCE
         {select6 + "10", "00 00 00 00 0A 0A 02 10 00 40 00 00 FF FF 00 01", 0x2600},
         {select6 + "10", "00 00 00 00 0A 0C 02 10 00 40 00 00 FF FF 00 00", 0x2600},
+        {select6 + "06", "00 00 00 00 0A 0C", 0x2600},  // another length, before the cut
         {select6 + "06", "00 00 00 00 01 00", 0x2600},
         {select10 + "01 01", "0000 00 00 00 00 0000", 0x2600},
     };
@@ -395,22 +397,29 @@ TEST(Cdb, AddressAndLengthByGroup) {
         uint64_t lba;
         uint32_t blocks;
         size_t length;
+        char kind;  // r: read, w: write
     };
     for (const Case& c : std::vector<Case>{
-             {"08 FF FF FE 00 01", 0x1FFFFE, 0, 6},
-             {"0A 00 01 02 03 00", 0x000102, 3, 6},
-             {"28 FF F1 F2 F3 F4 EE A1 A2 00", 0xF1F2F3F4, 0xA1A2, 10},
-             {"A8 FF F1 F2 F3 F4 A1 A2 A3 A4 EE 00", 0xF1F2F3F4, 0xA1A2A3A4, 12},
-             {"8A FF F1 F2 F3 F4 F5 F6 F7 F8 A1 A2 A3 A4 EE 00", 0xF1F2F3F4F5F6F7F8, 0xA1A2A3A4,
-              16},
-             {"7F 11 22 33 44 55 66 18 99 99 99 99 99 99", 0, 0, 32},
-             {"60 11 22 33 44 55 66 18 99 99 99 99", 0, 0, 12},
-             {"FF 11 22 33 44 55 66 18 99 99", 0, 0, 10},
+             {"08 FF FF FE 00 01", 0x1FFFFE, 0, 6, 'r'},
+             {"0A 00 01 02 03 00", 0x000102, 3, 6, 'w'},
+             {"28 FF F1 F2 F3 F4 EE A1 A2 00", 0xF1F2F3F4, 0xA1A2, 10, 'r'},
+             {"2A FF F1 F2 F3 F4 EE A1 A2 00", 0xF1F2F3F4, 0xA1A2, 10, 'w'},
+             {"A8 FF F1 F2 F3 F4 A1 A2 A3 A4 EE 00", 0xF1F2F3F4, 0xA1A2A3A4, 12, 'r'},
+             {"AA FF F1 F2 F3 F4 A1 A2 A3 A4 EE 00", 0xF1F2F3F4, 0xA1A2A3A4, 12, 'w'},
+             {"88 FF F1 F2 F3 F4 F5 F6 F7 F8 A1 A2 A3 A4", 0xF1F2F3F4F5F6F7F8, 0xA1A2A3A4, 16, 'r'},
+             {"8A FF F1 F2 F3 F4 F5 F6 F7 F8 A1 A2 A3 A4", 0xF1F2F3F4F5F6F7F8, 0xA1A2A3A4, 16, 'w'},
+             {"7F 11 22 33 44 55 66 18 99 99 99 99 99 99", 0, 0, 32, '-'},
+             {"60 11 22 33 44 55 66 18 99 99 99 99", 0, 0, 12, '-'},
+             {"FF 11 22 33 44 55 66 18 99 99", 0, 0, 10, '-'},
          }) {
-        const Bytes cdb = Hex(c.cdb);
-        EXPECT_EQ(tcmu_get_lba(cdb.data()), c.lba) << c.cdb;
-        EXPECT_EQ(tcmu_get_xfer_length(cdb.data()), c.blocks) << c.cdb;
-        EXPECT_EQ(CdbLength(cdb.data()), c.length) << c.cdb;
+        SCOPED_TRACE(c.cdb);
+        Bytes cdb = Hex(c.cdb);
+        cdb.resize(16);
+        EXPECT_EQ(tcmu_get_lba(cdb.data()), c.lba);
+        EXPECT_EQ(tcmu_get_xfer_length(cdb.data()), c.blocks);
+        EXPECT_EQ(CdbLength(cdb.data()), c.length);
+        EXPECT_EQ(IsRead(cdb[0]), c.kind == 'r');
+        EXPECT_EQ(IsWrite(cdb[0]), c.kind == 'w');
     }
 }
 

@@ -18,6 +18,20 @@ using Bytes = std::vector<uint8_t>;
 
 namespace {
 
+/// Takes the place of the next doorbell when set.
+std::function<ssize_t()> g_doorbell;
+
+}  // namespace
+
+extern "C" ssize_t __real_write(int fd, const void* bytes, size_t count);
+extern "C" ssize_t __wrap_write(int fd, const void* bytes, size_t count) {
+    if (g_doorbell)
+        return std::exchange(g_doorbell, nullptr)();
+    return __real_write(fd, bytes, count);
+}
+
+namespace {
+
 const Bytes kTestUnitReady(6);
 
 Bytes Read10(uint8_t tag = 0) {
@@ -118,7 +132,10 @@ TEST_F(RingTest, ABadEntryIsAnsweredAndTheNextCommandServed) {
     constexpr size_t kCdbOffset = offsetof(Request, cdbOffset);
     const size_t end = kernel.Length();
     const std::vector<std::function<void()>> damages = {
-        [&] { Overwrite<uint32_t>(offsetof(Request, entries), 100); },
+        [&] {  // there is room for 4; what follows would pass
+            Overwrite<uint32_t>(offsetof(Request, entries), 5);
+            Overwrite(sizeof(Request), std::array<uint8_t, 64>{});
+        },
         [&] { Overwrite<uint32_t>(offsetof(Request, entries), UINT32_MAX); },
         [&] { Overwrite<uint64_t>(kCdbOffset, end); },
         [&] { Overwrite<uint64_t>(kCdbOffset, end - 9); },  // ten bytes wanted
@@ -136,6 +153,7 @@ TEST_F(RingTest, ABadEntryIsAnsweredAndTheNextCommandServed) {
         std::memset(kernel.Data(), 0x28, kernel.Length() - (kernel.Data() - kernel.Memory()));
         kernel.Put(Read10(), {{0, 512}});
         damages[i]();
+        EXPECT_EQ(ring.Fetch(), nullptr);
         ring.Complete(PutAndFetch(kTestUnitReady), 0);
         const auto answers = kernel.Reap();
         ASSERT_EQ(answers.size(), 2U);
@@ -147,26 +165,36 @@ TEST_F(RingTest, ABadEntryIsAnsweredAndTheNextCommandServed) {
     EXPECT_EQ(ring.Broken(), nullptr);
 }
 
+/// Serves commands until the ring is full of old entries and the next one stands at `offset`.
+void RunUpTo(uint32_t offset, KernelRing& kernel, CommandRing& ring) {
+    for (int i = 0; i < 40 || kernel.Mailbox().head != offset; i++) {
+        kernel.Put(kTestUnitReady, {});
+        ring.Complete(*ring.Fetch(), 0);
+        kernel.Reap();
+    }
+}
+
 TEST(Ring, WhatCannotBeWalkedIsLeftAlone) {
-    const std::vector<std::function<void(KernelRing&, uint8_t * entry)>> damages = {
-        [](auto&, uint8_t* entry) { *reinterpret_cast<uint32_t*>(entry) = kCommand; },  // length 0
-        [](auto&, uint8_t* entry) { *reinterpret_cast<uint32_t*>(entry) = 104 | kCommand; },
-        [](auto&, uint8_t* entry) { *reinterpret_cast<uint32_t*>(entry) = 4096 | kPad; },
-        [](auto&, uint8_t* entry) { *reinterpret_cast<uint32_t*>(entry) = 120 | kPad; },
-        [](auto& kernel, uint8_t*) { kernel.Mailbox().head = 4096; },
-        [](auto& kernel, uint8_t*) { kernel.Mailbox().head -= 1; },
-        [](auto& kernel, uint8_t*) { kernel.Mailbox().tail = 8; },  // reset by somebody else
-        [](auto&, uint8_t* entry) { entry[4] = 1; },                // the first command's number
+    const std::vector<std::function<void(KernelRing&, uint32_t * entry)>> damages = {
+        [](auto&, uint32_t* entry) { *entry = kCommand; },
+        [](auto&, uint32_t* entry) { *entry = 104 | kCommand; },  // an answer wouldn't fit
+        [](auto&, uint32_t* entry) { *entry = 4096 | kPad; },
+        [](auto&, uint32_t* entry) { *entry = 224 | kPad; },  // beyond the head
+        [](auto&, uint32_t* entry) { entry[1] = 1; },         // the first command's number
+        [](auto& kernel, uint32_t*) { kernel.Mailbox().head = 4096; },
+        [](auto& kernel, uint32_t*) { kernel.Mailbox().head -= 1; },
+        [](auto& kernel, uint32_t*) { kernel.Mailbox().tail = 8; },  // reset by somebody else
     };
     for (size_t i = 0; i < damages.size(); i++) {
         SCOPED_TRACE(i);
         KernelRing kernel;
         CommandRing ring(kernel.Memory(), kernel.Length(), kernel.DoorbellFd());
+        RunUpTo(112, kernel, ring);
         kernel.Put(kTestUnitReady, {});
         RingCommand* command = ring.Fetch();
         ASSERT_NE(command, nullptr);
         kernel.Put(kTestUnitReady, {});
-        damages[i](kernel, kernel.Ring() + kernel.LastEntry());
+        damages[i](kernel, reinterpret_cast<uint32_t*>(kernel.Ring() + kernel.LastEntry()));
         ring.BeginDrain();
         EXPECT_EQ(ring.Fetch(), nullptr);
         ring.EndDrain();
@@ -180,15 +208,56 @@ TEST(Ring, WhatCannotBeWalkedIsLeftAlone) {
     }
 }
 
-TEST(Ring, ALostTailIsSeenByTheCompletionItself) {
+TEST(Ring, AnEntryAcrossTheEndOfTheRingIsRefused) {
     KernelRing kernel;
     CommandRing ring(kernel.Memory(), kernel.Length(), kernel.DoorbellFd());
+    RunUpTo(4032, kernel, ring);
+    kernel.Put(kTestUnitReady, {});  // behind 64 bytes of padding
     kernel.Put(kTestUnitReady, {});
-    RingCommand* command = ring.Fetch();
-    kernel.Mailbox().tail = 112;
-    ring.Complete(*command, 0);
+    const uint32_t padding = (64 + 112) | kPad;
+    std::memcpy(kernel.Ring() + 4032, &padding, sizeof(padding));
+    EXPECT_EQ(ring.Fetch(), nullptr);
     EXPECT_NE(ring.Broken(), nullptr);
-    EXPECT_EQ(kernel.Mailbox().tail, 112U);
+}
+
+TEST(Ring, ACompletionSeesByItselfThatItMustNotWrite) {
+    for (const uint32_t at : {0, 112}) {
+        KernelRing kernel;
+        CommandRing ring(kernel.Memory(), kernel.Length(), kernel.DoorbellFd());
+        kernel.Put(kTestUnitReady, {});
+        RingCommand* command = ring.Fetch();
+        kernel.Mailbox().tail = at;  // 112: somebody else was here
+        if (at == 0)
+            std::memset(kernel.Ring(), 0, 8);  // the entry's header
+        const Bytes before(kernel.Memory(), kernel.Memory() + kernel.Length());
+        ring.Complete(*command, 0);
+        EXPECT_NE(ring.Broken(), nullptr);
+        EXPECT_EQ(before, Bytes(kernel.Memory(), kernel.Memory() + kernel.Length()));
+    }
+}
+
+TEST_F(RingTest, ACommandIsAnsweredOnce) {
+    RingCommand& first = PutAndFetch(kTestUnitReady);
+    RingCommand& second = PutAndFetch(kTestUnitReady);
+    ring.Complete(first, 0);
+    ring.Complete(first, 0);
+    EXPECT_EQ(kernel.Reap().size(), 1U);
+    EXPECT_EQ(ring.InFlight(), 1U);
+    EXPECT_EQ(ring.GetStats().completedTwice, 1U);
+    ring.Complete(second, 0);
+    EXPECT_EQ(kernel.Reap().size(), 1U);
+}
+
+TEST_F(RingTest, ANewServerGoesOnWhereTheLastOneEnded) {
+    ring.Complete(PutAndFetch(kTestUnitReady), 0);
+    CommandRing next(kernel.Memory(), kernel.Length(), kernel.DoorbellFd());
+    EXPECT_EQ(next.Fetch(), nullptr);
+    kernel.Put(Read10(9), {});
+    RingCommand* command = next.Fetch();
+    ASSERT_NE(command, nullptr);
+    EXPECT_EQ(command->cdb[5], 9);
+    next.Complete(*command, 0);
+    EXPECT_EQ(kernel.Reap().size(), 2U);
 }
 
 TEST(Ring, AMailboxThatPointsElsewhereIsRefused) {
@@ -270,14 +339,39 @@ TEST_F(RingTest, ADrainHoldsBackOnlySoMuch) {
     }
 }
 
-TEST(Ring, AFailingDoorbellIsCounted) {
-    KernelRing kernel;
-    CommandRing ring(kernel.Memory(), kernel.Length(), -1);
-    kernel.Put(kTestUnitReady, {});
-    ring.Complete(*ring.Fetch(), 0);
+TEST_F(RingTest, WhoComesDuringADoorbellLeavesItToTheOneWhoRings) {
+    RingCommand& first = PutAndFetch(kTestUnitReady);
+    RingCommand& second = PutAndFetch(kTestUnitReady);
+    g_doorbell = [&] {
+        ring.Complete(second, 0);
+        ring.RingDoorbell();
+        EXPECT_EQ(kernel.Doorbells(), 0U);
+        return ssize_t{4};
+    };
+    ring.Complete(first, 0);
+    ring.RingDoorbell();
+    EXPECT_EQ(kernel.Doorbells(), 1U);
+    EXPECT_EQ(ring.GetStats().doorbells, 2U);
+}
+
+TEST_F(RingTest, ADoorbellIsRepeatedAfterASignalAndItsFailureCounted) {
+    ring.Complete(PutAndFetch(kTestUnitReady), 0);
+    g_doorbell = [] {
+        errno = EINTR;
+        return ssize_t{-1};
+    };
+    ring.RingDoorbell();
+    EXPECT_EQ(kernel.Doorbells(), 1U);
+    EXPECT_EQ(ring.GetStats().doorbellErrors, 0U);
+
+    ring.Complete(PutAndFetch(kTestUnitReady), 0);
+    g_doorbell = [] {
+        errno = EIO;
+        return ssize_t{-1};
+    };
     ring.RingDoorbell();
     EXPECT_EQ(ring.GetStats().doorbellErrors, 1U);
-    EXPECT_EQ(kernel.Reap().size(), 1U);
+    EXPECT_EQ(kernel.Reap().size(), 2U);
 }
 
 TEST_F(RingTest, WarmCommandsTakeNothingFromTheHeap) {

@@ -90,8 +90,7 @@ RingCommand* CommandRing::Fetch() {
 
         Header header{};
         const uint32_t published = (head + m_ringSize - offset) % m_ringSize;
-        if (head >= m_ringSize || head % alignof(uint64_t) != 0 || !ReadHeader(offset, header) ||
-            LengthOf(header) > published) {
+        if (head >= m_ringSize || !ReadHeader(offset, header) || LengthOf(header) > published) {
             SetBroken("an entry leaves the command ring");
             return nullptr;
         }
@@ -201,6 +200,10 @@ bool CommandRing::CopyCdb(uint64_t offset, RingCommand& command) const {
 
 void CommandRing::Complete(RingCommand& command, int result) {
     const MutexGuard guard(m_completionMutex);
+    if (!command.m_inFlight.load(std::memory_order_relaxed)) {
+        m_stats.completedTwice.fetch_add(1, std::memory_order_relaxed);
+        return;
+    }
     const uint64_t untold = OneAnswer(command.readBytes);
     std::optional<uint32_t> tail;
     if (Broken() == nullptr && TailIsOursLocked())
@@ -218,19 +221,18 @@ void CommandRing::Complete(RingCommand& command, int result) {
     m_doorbell.fetch_add(untold);
 }
 
-/// Writes an answer over the entry at the tail, whichever command that was.
-/// Returns: the tail behind it, or nothing when there is no entry to answer.
+/// Writes an answer over the entry at the tail, whichever command that was. It is a command's
+/// entry: what isn't one was stepped over when the tail or the device's thread came to it.
+/// Returns: the tail behind it, or nothing when the memory has been damaged.
 std::optional<uint32_t> CommandRing::WriteAnswerLocked(const RingCommand& command, int result) {
-    SkipOthersLocked();
     Header header{};
-    if (m_tail == m_seen.load(std::memory_order_acquire) || !ReadHeader(m_tail, header)) {
-        SetBroken("there is no entry at the tail to answer");
+    if (!ReadHeader(m_tail, header) || OperationOf(header) != ringlayout::kCommand) {
+        SetBroken("there is no command's entry at the tail");
         return std::nullopt;
     }
     Response response{};
     response.header = header;
     response.header.number = command.cmd_id;
-    response.header.userFlags = 0;
     if (result >= 0) {
         response.status = static_cast<uint8_t>(result);
         std::memcpy(response.sense, command.sense_buf, sizeof(response.sense));

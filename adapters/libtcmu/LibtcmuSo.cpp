@@ -91,7 +91,7 @@ class LibtcmuSo final : public LibtcmuApi {
     std::string Wwn(LibDevice* dev) override {
         const AllocatedText serial(tcmu_cfgfs_dev_get_wwn(dev));
         std::string text = Text(serial.get());
-        text.erase(text.find_last_not_of("\n") + 1);
+        text.erase(text.find_last_not_of('\n') + 1);
         return text;
     }
     int Fd(LibDevice* dev) override { return tcmu_dev_get_fd(dev); }

@@ -76,9 +76,13 @@ int ComparePages(const uint8_t* list, size_t length, uint8_t* sense) {
         const Page* page = FindPage(code);
         if (page == nullptr)
             return SetSense(sense, Sense::kInvalidFieldInParameterList);
-        if (length < 2 || (list[1] == page->bytes[1] && length < page->Length()))
+        if (length < 2)
             return SetSense(sense, Sense::kParameterListLengthError);
-        if (std::memcmp(list + 1, page->bytes.data() + 1, page->Length() - 1) != 0)
+        if (list[1] != page->bytes[1])
+            return SetSense(sense, Sense::kInvalidFieldInParameterList);
+        if (length < page->Length())
+            return SetSense(sense, Sense::kParameterListLengthError);
+        if (std::memcmp(list + 2, page->bytes.data() + 2, page->Length() - 2) != 0)
             return SetSense(sense, Sense::kInvalidFieldInParameterList);
         list += page->Length();
         length -= page->Length();
@@ -135,13 +139,12 @@ int tcmu_emulate_mode_select(uint8_t* cdb, iovec* iov, size_t iovCnt, uint8_t* s
     std::array<uint8_t, 256> list{};
     if (listLength > list.size())
         return SetSense(sense, Sense::kInvalidFieldInParameterList);
-    if (listLength < headerLength ||
-        CopyFromIovec(iov, iovCnt, list.data(), listLength) < listLength)
+    if (CopyFromIovec(iov, iovCnt, list.data(), listLength) < listLength)
         return SetSense(sense, Sense::kParameterListLengthError);
 
     const uint8_t mediumType = six ? list[1] : list[2];
     const size_t descriptors = six ? list[3] : LoadBe16(list.data() + 6);
-    if (headerLength + descriptors > listLength)
+    if (headerLength + descriptors > listLength)  // a header that is cut off, too
         return SetSense(sense, Sense::kParameterListLengthError);
     if (mediumType != 0 || descriptors != 0)  // a descriptor could set another block length
         return SetSense(sense, Sense::kInvalidFieldInParameterList);

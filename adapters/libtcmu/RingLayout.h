@@ -11,7 +11,7 @@ namespace ringlayout {
 inline constexpr uint16_t kVersion = 2;
 inline constexpr uint16_t kFlagReadLength = 1U << 1U;  ///< the kernel takes Response::readLength
 
-struct Mailbox {
+struct Mailbox {  // NOLINT(clang-analyzer-optin.performance.Padding)
     uint16_t version;
     uint16_t flags;
     uint32_t ringOffset;
