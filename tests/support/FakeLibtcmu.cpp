@@ -1,6 +1,6 @@
 #include "tests/support/FakeLibtcmu.h"
 
-#include <cstring>
+#include <algorithm>
 #include <string_view>
 
 FakeEmulation& TheFakeEmulation() {
@@ -25,7 +25,7 @@ int Emulate(std::string call, iovec* iov, size_t iovCnt, uint8_t* sense) {
         return emulation.device->emulationStatus;
     }
     for (; iovCnt > 0; ++iov, --iovCnt) {
-        std::memset(iov->iov_base, emulation.device->fill, iov->iov_len);
+        std::fill_n(static_cast<uint8_t*>(iov->iov_base), iov->iov_len, emulation.device->fill);
         iov->iov_base = static_cast<char*>(iov->iov_base) + iov->iov_len;
         iov->iov_len = 0;
     }

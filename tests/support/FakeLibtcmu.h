@@ -35,7 +35,7 @@ struct tcmu_device {
     };
     Mutex mutex;
     std::vector<Completion> completions MO_GUARDED_BY(mutex);
-    int doorbells MO_GUARDED_BY(mutex) = 0;  ///< calls of tcmulib_processing_complete
+    size_t doorbells MO_GUARDED_BY(mutex) = 0;  ///< calls of tcmulib_processing_complete
 };
 
 /// The device that the emulations without a device argument take their script from, and one line
