@@ -13,9 +13,13 @@ namespace {
 
 constexpr const char* kPathOption = "--handler-path=";
 
-// Kept, as the contract allows. Handlers of other makers would be looked for there; ours is built
-// in.
-const char* g_handlerPath = "";
+// Kept, as the contract allows. Handlers of other makers would be looked for below the path; ours
+// is built in.
+struct Arguments {
+    const char* program;
+    const char* handlerPath;
+};
+Arguments g_arguments;
 
 bool ParseArguments(int argc, char** argv) {
     const size_t length = strlen(kPathOption);
@@ -24,7 +28,9 @@ bool ParseArguments(int argc, char** argv) {
         MO_LOG(kLogError, "TCMU runner: expected a program name and %sPATH", kPathOption);
         return false;
     }
-    g_handlerPath = argv[1] + length;
+    g_arguments = {argv[0], argv[1] + length};
+    MO_LOG(kTraceDetail, "TCMU runner: %s, handlers at \"%s\"", g_arguments.program,
+           g_arguments.handlerPath);
     return true;
 }
 

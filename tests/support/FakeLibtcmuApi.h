@@ -1,0 +1,227 @@
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <deque>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "adapters/libtcmu/LibtcmuApi.h"
+#include "tests/support/KernelRing.h"
+#include "util/Mutex.h"
+
+/// A device as libtcmu would know it. Its UIO descriptor is one end of a socket pair.
+///
+/// Thread: one, beside those of the code under test.
+struct FakeDevice {
+    FakeDevice() {
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, m_uio), 0);
+    }
+    ~FakeDevice() {
+        close(m_uio[0]);
+        close(m_uio[1]);
+    }
+    FakeDevice(const FakeDevice&) = delete;
+    FakeDevice& operator=(const FakeDevice&) = delete;
+
+    std::string cfgString = "MoScsiSrvTcmu/0123";
+    std::string uioName = "uio0";
+    int blockSize = 512;
+    uint64_t size = uint64_t(1) << 20;
+    KernelRing ring{256 * 1024, size_t(8) << 20};
+
+    LibDevice* Lib() { return reinterpret_cast<LibDevice*>(this); }
+    int Uio() const { return m_uio[0]; }
+
+    /// Puts a command in and raises the event. Returns: its number.
+    uint16_t Submit(const std::vector<uint8_t>& cdb,
+                    const std::vector<KernelRing::Extent>& data = {}) {
+        const auto number = ring.Put(cdb, data);
+        EXPECT_TRUE(number.has_value());
+        const uint32_t event = 1;
+        // Full: then it is readable anyway.
+        EXPECT_TRUE(write(m_uio[1], &event, sizeof event) > 0 || errno == EAGAIN);
+        return number.value_or(0);
+    }
+
+    /// The answer to a command, if it is there; given out once.
+    std::optional<KernelRing::Answer> AnswerOf(uint16_t number) {
+        char doorbells[4096];
+        while (read(m_uio[1], doorbells, sizeof doorbells) > 0) {
+        }
+        for (const KernelRing::Answer& answer : ring.Reap())
+            m_answers[answer.number] = answer;
+        const auto found = m_answers.find(number);
+        if (found == m_answers.end())
+            return std::nullopt;
+        const KernelRing::Answer answer = found->second;
+        m_answers.erase(found);
+        return answer;
+    }
+
+    /// Whether all entries are answered, as libtcmu looks at it. Thread: any.
+    bool RingEmpty() {
+        return __atomic_load_n(&ring.Mailbox().head, __ATOMIC_ACQUIRE) ==
+               __atomic_load_n(&ring.Mailbox().tail, __ATOMIC_ACQUIRE);
+    }
+
+    bool AnsweredAll() {
+        AnswerOf(0);  // no command has this number
+        return ring.InFlight() == 0;
+    }
+
+    /// Waits for it; a missing one fails the test.
+    KernelRing::Answer WaitForAnswer(uint16_t number) {
+        std::optional<KernelRing::Answer> answer;
+        EXPECT_TRUE(Eventually([&] { return (answer = AnswerOf(number)).has_value(); }));
+        return answer.value_or(KernelRing::Answer{number, 0xFF, std::nullopt, {}});
+    }
+
+    /// Asks until the condition holds. Returns: whether it did within the deadline.
+    static bool Eventually(const std::function<bool()>& condition) {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        while (!condition()) {
+            if (std::chrono::steady_clock::now() > end)
+                return false;
+            std::this_thread::yield();
+        }
+        return true;
+    }
+
+  private:
+    int m_uio[2] = {-1, -1};
+    std::map<uint16_t, KernelRing::Answer> m_answers;
+};
+
+/// libtcmu without a kernel: devices are what the test makes, netlink events what it announces.
+class FakeLibtcmuApi : public LibtcmuApi {
+  public:
+    FakeLibtcmuApi() {
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, m_master), 0);
+    }
+    ~FakeLibtcmuApi() override {
+        close(m_master[0]);
+        close(m_master[1]);
+    }
+
+    // What the test prepares.
+    std::vector<FakeDevice*> existing;  // found by Initialize
+    int initializeResult = 0;
+    std::function<void()> onInitialize = [] {};
+
+    // What the test looks at.
+    std::atomic<bool> closed{false};
+    std::atomic<bool> closedTooEarly{false};  // the real one would have waited for ever
+    std::atomic<int> answered{0};             // netlink events
+    std::atomic<int> lastAdded{1};
+    std::vector<std::string> subTypes;
+
+    /// The kernel announces a device, or asks for its removal.
+    void Announce(FakeDevice& device) { Push({&device, true}); }
+    void Remove(FakeDevice& device) { Push({&device, false}); }
+
+    int ReceiveBuffer() const {
+        int bytes = 0;
+        socklen_t size = sizeof bytes;
+        EXPECT_EQ(getsockopt(m_master[0], SOL_SOCKET, SO_RCVBUF, &bytes, &size), 0);
+        return bytes;
+    }
+
+    int Initialize(const std::vector<SubType>& types, Callbacks callbacks) override {
+        onInitialize();
+        for (const SubType& type : types)
+            subTypes.push_back(type.name);
+        if (initializeResult != 0)
+            return initializeResult;
+        m_callbacks = std::move(callbacks);
+        for (FakeDevice* device : existing)
+            Add(device);
+        return 0;
+    }
+    int MasterFd() override { return m_master[0]; }
+    int MasterFdReady() override {
+        char events[64];
+        while (read(m_master[0], events, sizeof events) > 0) {
+        }
+        for (;;) {
+            Event event{};
+            {
+                const MutexGuard guard(m_mutex);
+                if (m_events.empty())
+                    return 0;
+                event = m_events.front();
+                m_events.pop_front();
+            }
+            if (event.second)
+                Add(event.first);
+            else
+                Drop(event.first);
+            ++answered;
+        }
+    }
+    void Close() override {
+        for (FakeDevice* device : std::vector(m_known)) {
+            closedTooEarly = closedTooEarly || !device->RingEmpty();
+            Drop(device);
+        }
+        closed = true;
+    }
+
+    std::string CfgString(LibDevice* dev) override { return Of(dev).cfgString; }
+    int AttrInt(LibDevice* dev, const char* name) override {
+        return std::string(name) == "hw_block_size" ? Of(dev).blockSize : -ENOENT;
+    }
+    int InfoU64(LibDevice* dev, const char* name, uint64_t& value) override {
+        value = Of(dev).size;
+        return std::string(name) == "Size" ? 0 : -ENOENT;
+    }
+    std::string Wwn(LibDevice* /*dev*/) override { return "0123456789"; }
+    int Fd(LibDevice* dev) override { return Of(dev).Uio(); }
+    Memory MemoryInfo(LibDevice* dev) override {
+        return {Of(dev).ring.Memory(), Of(dev).ring.Length()};
+    }
+    std::string UioName(LibDevice* dev) override { return Of(dev).uioName; }
+    void ProcessingStart(LibDevice* dev) override {
+        char events[256];
+        while (read(Fd(dev), events, sizeof events) > 0) {
+        }
+    }
+
+  private:
+    using Event = std::pair<FakeDevice*, bool>;
+
+    static FakeDevice& Of(LibDevice* dev) { return *reinterpret_cast<FakeDevice*>(dev); }
+    void Push(Event event) {
+        {
+            const MutexGuard guard(m_mutex);
+            m_events.push_back(event);
+        }
+        EXPECT_EQ(write(m_master[1], "!", 1), 1);
+    }
+    void Add(FakeDevice* device) {
+        const int result = m_callbacks.added(device->Lib());
+        if (result == 0)
+            m_known.push_back(device);
+        lastAdded = result;
+    }
+    void Drop(FakeDevice* device) {
+        std::erase(m_known, device);
+        m_callbacks.removed(device->Lib());
+    }
+
+    int m_master[2] = {-1, -1};
+    Callbacks m_callbacks;
+    std::vector<FakeDevice*> m_known;
+    Mutex m_mutex;
+    std::deque<Event> m_events MO_GUARDED_BY(m_mutex);
+};
