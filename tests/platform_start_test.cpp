@@ -1,0 +1,301 @@
+// The factory, the runner's thread, Initialize, Cleanup, and the slots that host and plug-in call
+// by position.
+
+#include <sys/stat.h>
+
+#include <chrono>
+#include <csignal>
+#include <fstream>
+#include <map>
+#include <thread>
+
+#include "adapters/framework/MOPlatformInfo.h"
+#include "ioctx/MoScsiSrvIoctxMgr.h"
+#include "tcmu/MoScsiSrvTcmuDev.h"
+#include "tests/support/FakeLibtcmu.h"
+#include "tests/support/PlatformFixture.h"
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+namespace {
+
+const std::string kVersionCommand = "targetcli --version 2>&1  | cut -d' ' -f3";
+
+/// The operation in a slot, counted from 1, of an object's table of virtual operations.
+template <typename Function>
+Function* Slot(void* object, int number) {
+    return reinterpret_cast<Function*>((*static_cast<void***>(object))[number - 1]);
+}
+
+}  // namespace
+
+struct PlatformStartTest : MoScsiSrvLIOTest {
+    const std::string script = dir.path + "/moscsi_server.sh";
+
+    PlatformStartTest() {
+        PlatformFacts facts;
+        facts.homeDirectory = dir.path;
+        facts.strings["Base"]["dBASEHOME"] = "/base";
+        MOPlatformInfo::setFacts(facts);
+        Script("exit 0");
+    }
+    ~PlatformStartTest() override { MOPlatformInfo::setFacts({}); }
+
+    void Script(const std::string& text) const {
+        std::ofstream(script) << "#!/bin/sh\necho \"$@\" >> " << dir.path << "/ran\n"
+                              << text << '\n';
+        chmod(script.c_str(), 0755);
+    }
+    std::string Ran() const {
+        std::ifstream file(dir.path + "/ran");
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+};
+
+TEST_F(PlatformStartTest, RunnerGetsItsArgumentsAndABlockedInterrupt) {
+    sigset_t before;
+    pthread_sigmask(SIG_SETMASK, nullptr, &before);
+    MakePlatform();
+    sigset_t after;
+    pthread_sigmask(SIG_SETMASK, nullptr, &after);
+    EXPECT_EQ(sigismember(&after, SIGINT), sigismember(&before, SIGINT));
+    EXPECT_THAT(runner.arguments, ElementsAre("tcmu_runner_main", "--handler-path=/base"));
+    EXPECT_TRUE(runner.endsInNull);
+    EXPECT_TRUE(runner.interruptBlocked);
+    EXPECT_EQ(Texts(1).back(), "starting tcmu_runner main --handler-path=/base");
+    EXPECT_THAT(Errors(), IsEmpty());
+}
+
+TEST_F(PlatformStartTest, RunnerStartsWithoutABaseDirectoryAndSaysWhenItFailed) {
+    MOPlatformInfo::setFacts({});
+    runner.result = 1;
+    MakePlatform();
+    EXPECT_THAT(runner.arguments, ElementsAre("tcmu_runner_main", "--handler-path="));
+    EXPECT_THAT(Errors(),
+                ElementsAre("couldn't get MOPI_BASEHOME", "tcmu not initialized --handler-path="));
+    EXPECT_EQ(journal.Messages().back().function, "void* TcmuRunerThread(void*)");
+}
+
+TEST_F(PlatformStartTest, PlatformWithoutARunnerStillConfiguresAndSignalsNobody) {
+    os_seams::FailAt(os_seams::kThreadCreate, 1, ENOMEM);
+    MakePlatform();
+    EXPECT_THAT(Errors(),
+                ElementsAre("pthread_create TcmuRunerThread error " + std::to_string(ENOMEM)));
+    EXPECT_FALSE(Platform().CreateTarget(&target).IsError());
+    EXPECT_FALSE(Platform().Cleanup().IsError());
+    EXPECT_THAT(journal.Events(), testing::Not(testing::Contains(HasSubstr("signal"))));
+}
+
+TEST_F(PlatformStartTest, TwoThreadsGetOnePlatformWithOneRunner) {
+    SetInstance(nullptr);
+    os_seams::LockAttempts(InstanceMutex());
+    // The first one makes the platform; it waits here until the other one is at the lock too.
+    os_seams::onThreadCreate = [] {
+        const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (os_seams::LockAttempts(InstanceMutex()) < 2 &&
+               std::chrono::steady_clock::now() < limit)
+            std::this_thread::yield();
+    };
+    void* platforms[2] = {};
+    std::thread other([&] { platforms[0] = GetMOScsiPlatformObj(); });
+    platforms[1] = GetMOScsiPlatformObj();
+    other.join();
+    EXPECT_EQ(platforms[0], platforms[1]);
+    EXPECT_EQ(platforms[0], MoScsiSrvLIO::Instance());
+    EXPECT_EQ(os_seams::Count(os_seams::kThreadCreate), 1);
+    EXPECT_EQ(os_seams::LockAttempts(InstanceMutex()), 3);
+    DiscardInstance();
+}
+
+TEST_F(PlatformStartTest, InitializeRunsTheScriptAndKeepsTheVersion) {
+    targetcli.Answer("--version", "", "/usr/bin/targetcli version 2.1.fb43\\n", 0);
+    Version() = "";
+    journal.Reset(1);
+    for (int i = 0; i < 2; ++i)  // it may be called again
+        EXPECT_FALSE(Platform().Initialize().IsError());
+    EXPECT_EQ(Ran(), "-start\n-start\n");
+    EXPECT_EQ(Version(), "2.1.fb43");
+    const Strings texts = Texts(1);
+    ASSERT_EQ(texts.size(), 8U);
+    EXPECT_THAT(Strings(texts.begin(), texts.begin() + 4),
+                ElementsAre("enter", "Excecuting " + script + " -start",
+                            "targetcli version 2.1.fb43\n", "leave"));
+    EXPECT_EQ(journal.Messages()[0].function, "virtual CRyError MoScsiSrvLIO::Initialize()");
+}
+
+TEST_F(PlatformStartTest, VersionsAreComparedAsText) {
+    const struct {
+        const char* version;  // the third word
+        bool onStandardError;
+        bool accepted;
+    } cases[] = {{"2.1.fb41", false, true},  {"2.1.fb5", true, true},    {"3.0", false, true},
+                 {"2.1.fb40", false, false}, {"2.1.fb100", true, false}, {"", false, false}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.version);
+        Version() = "";
+        targetcli.Reset();
+        const std::string text =
+            *c.version != '\0' ? std::string("targetcli version ") + c.version + "\\n" : "";
+        targetcli.Answer("--version", c.onStandardError ? text : "", c.onStandardError ? "" : text);
+        journal.Reset(0);
+        const CRyError error = Platform().Initialize();
+        EXPECT_EQ(error.IsError(), !c.accepted);
+        EXPECT_EQ(Version(), c.accepted ? c.version : "");
+        if (c.accepted) {
+            EXPECT_THAT(Errors(), IsEmpty());
+            continue;
+        }
+        EXPECT_EQ(error.Number(), 774);
+        EXPECT_EQ(error.Message(), "upgrade to targetcli version 2.1.fb41 or higher");
+        EXPECT_THAT(Errors(), ElementsAre(std::string("targetcli version ") + c.version));
+    }
+}
+
+TEST_F(PlatformStartTest, InitializeStopsAtAStepThatFails) {
+    Script("exit 3");
+    CRyError error = Platform().Initialize();
+    EXPECT_EQ(error.Number(), 774);
+    EXPECT_EQ(error.Message(), "cmd " + script + " -start failed");
+    EXPECT_THAT(Errors(), ElementsAre(error.Message()));
+    EXPECT_THAT(targetcli.Calls(), IsEmpty());
+
+    Script("exit 0");
+    setenv("PATH", FAKE_TARGETCLI_PATH, 1);  // no cut: the pipeline fails
+    journal.Reset(0);
+    error = Platform().Initialize();
+    EXPECT_EQ(error.Number(), 774);
+    EXPECT_EQ(error.Message(), "cmd " + kVersionCommand + " failed");
+    EXPECT_THAT(Errors(),
+                ElementsAre("cmd " + kVersionCommand + " failed, install targetcli package"));
+}
+
+TEST_F(PlatformStartTest, CleanupInterruptsTheRunnerEvenWhenTheScriptFails) {
+    for (const char* status : {"exit 0", "exit 5"}) {
+        runner.Reset();
+        runner.waitForInterrupt = true;
+        Script(status);
+        MakePlatform();
+        journal.Reset(-1);
+        EXPECT_FALSE(Platform().Cleanup().IsError());
+        JoinRunner();
+        EXPECT_TRUE(runner.interrupted);
+        const Strings failed = {"[-1] cmd " + script + " -stop failed", "signal 2"};
+        EXPECT_EQ(journal.Events(),
+                  *status == 'e' && status[5] == '5' ? failed : Strings{"signal 2"});
+    }
+    EXPECT_EQ(Ran(), "-stop\n-stop\n");
+}
+
+// ---- Traces and slots
+// ----------------------------------------------------------------------------
+
+TEST_F(PlatformStartTest, SlotsOfThePlatformStandInOrderAndTrace) {
+    tcmu_device library;
+    MoScsiSrvTcmuDev device(&library);
+    MoScsiSrvIO* const ioctx = MoIoctxMgr::Instance()->Ioctx_Alloc(1, &device);
+    MoScsiSrvLun lun = Lun(0);
+    MoScsiSrvPlatform* const platform = &Platform();
+    const char* const names[] = {"Initialize()",
+                                 "CreateTarget(MoScsiSrvTarget_t*)",
+                                 "DeleteTarget(MoScsiSrvTarget_t*)",
+                                 "CreateLun(MoScsiSrvLun_t*)",
+                                 "DeleteLun(MoScsiSrvLun_t*)",
+                                 "MapHost(MoScsiSrvLun_t*, MoScsiSrvHost_t*)",
+                                 "UnMapHost(MoScsiSrvLun_t*, MoScsiSrvHost_t*)",
+                                 nullptr,  // IODone has no trace: the device's own entry follows
+                                 "RegisterGetVPDCB(MoScsiSrvGetVPDCb_t)",
+                                 "Cleanup()"};
+    for (int slot = 1; slot <= 10; ++slot) {
+        journal.Reset(6);
+        const bool host = slot == 6 || slot == 7;
+        void* const argument = slot == 8              ? static_cast<void*>(ioctx)
+                               : slot > 3 && slot < 8 ? static_cast<void*>(&lun)
+                               : slot == 9            ? nullptr
+                                                      : static_cast<void*>(&target);
+        const auto call = Slot<CRyError(void*, void*, void*)>(platform, slot);
+        call(platform, argument, host ? static_cast<void*>(&this->host) : nullptr);
+        const Journal::Message first = journal.Messages().at(0);
+        if (slot == 8) {
+            EXPECT_THAT(first.function, HasSubstr("MoScsiSrvTcmuDev::TcmuDevIODone"));
+            continue;
+        }
+        EXPECT_EQ(first.function, std::string("virtual CRyError MoScsiSrvLIO::") + names[slot - 1]);
+        EXPECT_EQ(first.text, "enter");
+        EXPECT_EQ(first.level, slot == 1 || slot == 10 ? 1 : 6);
+    }
+    MoIoctxMgr::Instance()->Ioctx_Free(ioctx);
+}
+
+TEST_F(PlatformStartTest, SlotsOfTheHostsInterfacesStandInOrder) {
+    CLogWriterInterface* const writer = &journal;
+    journal.Reset(4);
+    EXPECT_EQ(Slot<int(void*)>(writer, 9)(writer), 4);
+    Slot<void(void*, int, const char*, int, int, int, const char*, ...)>(writer, 6)(
+        writer, 2, "void f()", 1, 0, 0, "x%d", 5);
+    EXPECT_THAT(Texts(2), ElementsAre("x5"));
+
+    struct Ops : MoScsiBStorOps {
+        std::string called;
+        CRyError Read(void*, MoScsiSrvIO*, int) override { return called += "read ", CRyError(); }
+        CRyError Write(void*, MoScsiSrvIO*, int) override { return called += "write ", CRyError(); }
+        CRyError Abort(void*, MoScsiSrvIO*) override { return called += "abort ", CRyError(); }
+    } ops;
+    MoScsiBStorOps* const table = &ops;
+    for (const int slot : {9, 10, 11})
+        Slot<CRyError(void*, void*, void*, int)>(table, slot)(table, nullptr, nullptr, 0);
+    EXPECT_EQ(ops.called, "read write abort ");
+}
+
+TEST_F(PlatformStartTest, EveryOperationOpensATraceOfItsOwn) {
+    tcmu_device library;
+    MoScsiSrvTcmuDev device(&library);
+    journal.Reset(6);
+    SetInstance(nullptr);
+    GetMOScsiPlatformObj();
+    DiscardInstance();
+    for (const uint32_t type : {BSTOR_FILE, BSTOR_BLKDEV, BSTOR_USER}) {
+        MoScsiSrvLun lun = Lun(type, 65535);
+        Platform().CreateLun(&lun);
+        Platform().DeleteLun(&lun);
+    }
+    Version() = kOld;
+    MoScsiSrvLun lun = Lun(BSTOR_USER);
+    os_seams::FailAt(os_seams::kSystem, 1, 0);
+    Platform().CreateLun(&lun);
+    std::string out;
+    Read("true", out);
+    Update("true", {});
+    Platform().RegisterTcmuDev(&device);
+    Platform().UnRegisterTcmuDev(&device);
+    std::map<std::string, int> traces;
+    for (const Journal::Message& message : journal.Messages()) {
+        if (message.text == "enter")
+            traces[message.function] = message.level;
+    }
+    EXPECT_EQ(
+        traces,
+        (std::map<std::string, int>{
+            {"void* GetMOScsiPlatformObj()", 1},
+            {"static MoScsiSrvLIO* MoScsiSrvLIO::Instance()", 6},
+            {"MoScsiSrvLIO::MoScsiSrvLIO()", 1},
+            {"virtual MoScsiSrvLIO::~MoScsiSrvLIO()", 1},
+            {"void* TcmuRunerThread(void*)", 6},
+            {"virtual CRyError MoScsiSrvLIO::CreateLun(MoScsiSrvLun_t*)", 6},
+            {"virtual CRyError MoScsiSrvLIO::DeleteLun(MoScsiSrvLun_t*)", 6},
+            {"CRyError MoScsiSrvLIO::TargetCliUpdateObject(const std::string&, "
+             "std::vector<std::__cxx11::basic_string<char> >)",
+             6},
+            {"CRyError MoScsiSrvLIO::TargetCliReadObject(const std::string&, std::string&)", 6},
+            {"CRyError MoScsiSrvLIO::CreateLun_BStorFile(MoScsiSrvLun_t*)", 6},
+            {"CRyError MoScsiSrvLIO::DeleteLun_BStorFile(MoScsiSrvLun_t*)", 6},
+            {"CRyError MoScsiSrvLIO::CreateLun_BStorBlkDev(MoScsiSrvLun_t*)", 6},
+            {"CRyError MoScsiSrvLIO::DeleteLun_BStorBlkDev(MoScsiSrvLun_t*)", 6},
+            {"CRyError MoScsiSrvLIO::CreateLun_BStorUser(MoScsiSrvLun_t*)", 6},
+            {"CRyError MoScsiSrvLIO::DeleteLun_BStorUser(MoScsiSrvLun_t*)", 6},
+            {"CRyError MoScsiSrvLIO::CreateLun_BStorUser_ConfigFS(MoScsiSrvLun_t*)", 6},
+            {"CRyError MoScsiSrvLIO::DeleteLun_BStorUser_ConfigFS(MoScsiSrvLun_t*)", 6},
+            {"bool MoScsiSrvLIO::RegisterTcmuDev(MoScsiSrvTcmuDev*)", 6},
+            {"bool MoScsiSrvLIO::UnRegisterTcmuDev(MoScsiSrvTcmuDev*)", 6}}));
+}
