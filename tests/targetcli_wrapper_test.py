@@ -22,7 +22,7 @@ DEADLINE = 60  # seconds after which whatever is waited for counts as never comi
 # Behaves as targetcli where the wrapper depends on it: makes preferences when they are missing, in
 # a way that breaks concurrent first runs and with its log beside them, rewrites them in every run,
 # and keeps them at home unless TARGETCLI_HOME says otherwise. `$1` picks what it does then; FAKE_SCRIPT replaces all of it.
-FAKE = r"""#!/bin/sh
+FAKE = r"""#!/bin/bash
 [ -z "$FAKE_SCRIPT" ] || eval "$FAKE_SCRIPT"
 prefs=${TARGETCLI_HOME:-$HOME/.targetcli}/prefs.bin
 if [ ! -e "$prefs" ]; then
@@ -187,8 +187,9 @@ class Relay(WrapperTest):
         self.assertFalse(is_running(int((self.dir / "pid").read_text())))
 
     def test_what_outlives_the_real_one_does_not_hold_the_wrapper(self):
-        self.assertEqual(self.run_fake_script("sleep 1000 & echo $! >$D/a; setsid sleep 1000 & echo $! >$D/b;"
-                                              "echo done; exit 0"), (0, "done\n", ""))
+        script = "sleep 1000 & echo $! >$D/a; setsid sh -c 'echo $$ >$D/b; exec sleep 1000' &" \
+                 "until [ -s $D/b ]; do sleep 0.01; done; echo done; exit 0"
+        self.assertEqual(self.run_fake_script(script), (0, "done\n", ""))
         wait_until(lambda: not is_running(int((self.dir / "a").read_text())))
         os.kill(int((self.dir / "b").read_text()), signal.SIGKILL)
 
@@ -209,7 +210,8 @@ class Relay(WrapperTest):
         extra = os.open("/dev/null", os.O_RDONLY)
         self.addCleanup(os.close, extra)
         self.run_wrapper("anything")
-        # The shell changes masks around its own children, so the last look is without one.
+        # The shell changes masks around its own children (and some clear theirs at the start, so it
+        # is bash), therefore the last look is without one.
         script = "ls /proc/$$/fd; echo $LC_ALL $PYTHONWARNINGS; read _ _ _ _ group _ </proc/$$/stat; " \
                  "[ $group = $$ ] && exec grep -E 'Sig(Blk|Ign)' /proc/self/status; exit 9"
         env = dict(os.environ, PATH=f"{self.bin}:/usr/bin:/bin", MOSCSI_RUN_DIR=str(self.dir / "run"),

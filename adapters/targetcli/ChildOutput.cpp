@@ -54,7 +54,7 @@ void ChildOutput::closePipe() {
 }
 
 bool ChildOutput::hasRoom() const {
-    return m_readerFd < 0 || m_readerGone || m_held.size() < kCapacity;
+    return m_readerFd < 0 || m_held.size() < kCapacity;
 }
 
 void ChildOutput::takeInput(bool childEnded) {
@@ -74,9 +74,9 @@ void ChildOutput::takeInput(bool childEnded) {
         }
         const std::string_view input(buffer.data(), static_cast<size_t>(count));
         note(input);
-        if (m_readerFd >= 0 && !m_readerGone) {
+        if (m_readerFd >= 0) {
             m_held += input;
-        } else if (m_readerFd < 0) {
+        } else {
             m_held += input.substr(0, kCapacity - m_held.size());
         }
         if (!childEnded) {
@@ -93,8 +93,7 @@ void ChildOutput::giveOutput() {
     if (count > 0) {
         m_held.erase(0, static_cast<size_t>(count));
     } else if (count < 0 && errno != EINTR && errno != EAGAIN) {
-        m_readerGone = true;
-        m_held.clear();
+        m_held.clear();  // nobody reads; the same happens to what is still to come
     }
 }
 

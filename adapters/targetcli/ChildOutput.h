@@ -61,7 +61,6 @@ class ChildOutput {
     void noteLineEnd();
 
     int m_readerFd = -1;  // -1: kept
-    bool m_readerGone = false;
     int m_pipeFd = -1;
     int m_childFd = -1;
     std::string m_held;  // relayed: not yet given to the reader; kept: everything
