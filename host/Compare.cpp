@@ -146,7 +146,7 @@ void Comparison::CheckForeign(const LunPlan& lun) {
         if (own || lun.identity.empty() || other.path.empty() || other.kind == "user")
             continue;
         const bool sameDevice = other.device && lun.device != 0 && *other.device == lun.device;
-        if (sameDevice || Storage::LookAt(other.path).identity == lun.identity)
+        if (sameDevice || Storage().LookAt(other.path).identity == lun.identity)
             Say("{}: {} is used by backstore {}: remove it with: {}", lun.Title(), lun.config.path,
                 other.Text(), other.Removal());
     }

@@ -20,7 +20,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr int kDefaultPort = 3260;  // RFC 7143, 13.2
-constexpr char kBusSocket[] = "/run/dbus/system_bus_socket";
 
 std::string Variable(const char* name, const char* fallback) {
     const char* value = getenv(name);
@@ -40,6 +39,15 @@ PlatformFacts DefaultFacts(const std::string& home) {
     facts.homeDirectory = home;
     facts.strings["Base"]["dBASEHOME"] = home;
     return facts;
+}
+
+/// The system bus's socket, where every client looks for it.
+std::string BusSocket() {
+    const std::string prefix = "unix:path=";
+    const std::string address = Variable("DBUS_SYSTEM_BUS_ADDRESS", "");
+    return address.starts_with(prefix)
+               ? address.substr(prefix.size(), address.find(',') - prefix.size())
+               : "/run/dbus/system_bus_socket";
 }
 
 /// Connecting says more than a look: a socket file outlives its daemon.
@@ -105,7 +113,7 @@ void PrepareSearchPath(const Environment& environment) {
 
 std::string MissingPrerequisite(const Environment& environment) {
     if (geteuid() != 0)
-        return "must be run as root: it configures the kernel";
+        return "must be run as root, since it configures the kernel: use sudo";
     if (!IsProgram(environment.home / "bin/targetcli"))
         return fmt::format(
             "the targetcli wrapper isn't in {}: install the product, or name its "
@@ -113,11 +121,11 @@ std::string MissingPrerequisite(const Environment& environment) {
             (environment.home / "bin").string());
     if (!HasRealTargetcli(environment.home / "bin/targetcli"))
         return "targetcli is not installed: install the package targetcli-fb";
-    if (!BusAnswers(kBusSocket))
+    if (!BusAnswers(BusSocket()))
         return fmt::format(
             "no D-Bus system bus answers at {}, which targetcli needs: install and "
             "start dbus",
-            kBusSocket);
+            BusSocket());
     return {};
 }
 

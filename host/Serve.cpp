@@ -196,9 +196,10 @@ int Service::Run() {
     const bool ended = CleanUp();
     if (ended && m_clean)
         m_data.Stop();
-    const bool stoppedEarly = !served && m_stop.Asked();
-    if (stoppedEarly)
-        m_console.Say("stopped before it was ready");
+    if (!served && m_stop.Asked())
+        m_console.Say("stopped before anything was served");
+    m_server.Stop();
+    m_stop.End();
     return ended && m_clean && served ? 0 : 1;
 }
 

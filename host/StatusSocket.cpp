@@ -47,12 +47,16 @@ void SendAll(int connection, const std::string& text) {
 StatusServer::StatusServer(std::filesystem::path socket, Answer answer)
     : m_path(std::move(socket)), m_answer(std::move(answer)) {}
 
+void StatusServer::Stop() {
+    if (!m_thread.joinable())
+        return;
+    unlink(m_path.c_str());
+    eventfd_write(m_wake, 1);
+    m_thread.join();
+}
+
 StatusServer::~StatusServer() {
-    if (m_thread.joinable()) {
-        eventfd_write(m_wake, 1);
-        m_thread.join();
-        unlink(m_path.c_str());
-    }
+    Stop();
     for (const int descriptor : {m_listener, m_wake})
         if (descriptor >= 0)
             close(descriptor);

@@ -17,7 +17,6 @@ class StatusServer {
 
     StatusServer(std::filesystem::path socket, Answer answer);
 
-    /// Ends the thread and removes the socket.
     ~StatusServer();
     StatusServer(const StatusServer&) = delete;
     StatusServer& operator=(const StatusServer&) = delete;
@@ -26,6 +25,9 @@ class StatusServer {
     /// Requires: this process is the machine's one host.
     /// Returns: empty, or one line that says what is wrong.
     std::string Start();
+
+    /// Ends the thread and removes the socket. May be called again.
+    void Stop();
 
   private:
     void Run();

@@ -39,7 +39,9 @@ StopSignals::StopSignals(const std::filesystem::path& runDirectory, seconds allo
     std::filesystem::remove(m_limitFile, ignored);  // of a host that was killed while it stopped
 }
 
-StopSignals::~StopSignals() {
+void StopSignals::End() {
+    if (!m_thread.joinable())
+        return;
     m_ending = true;
     pthread_kill(m_thread.native_handle(), SIGTERM);
     m_thread.join();

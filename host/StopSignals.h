@@ -24,7 +24,7 @@ class StopSignals {
 
     /// Starts to take them. `allowance` is what a stop may take.
     StopSignals(const std::filesystem::path& runDirectory, std::chrono::seconds allowance);
-    ~StopSignals();
+    ~StopSignals() { End(); }
     StopSignals(const StopSignals&) = delete;
     StopSignals& operator=(const StopSignals&) = delete;
 
@@ -40,6 +40,9 @@ class StopSignals {
     /// True when a stop's allowance is used up. Otherwise the running time limit of targetcli is
     /// brought up to date: call it before each step of a stop. Thread: any.
     bool OutOfTime() MO_EXCLUDES(m_mutex);
+
+    /// Ends the thread, and targetcli's time limit with it. May be called again.
+    void End();
 
   private:
     using Clock = std::chrono::steady_clock;

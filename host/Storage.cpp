@@ -33,7 +33,7 @@ bool IsDevice(const std::string& path, const std::string& majorMinor) {
 
 }  // namespace
 
-PathFacts Storage::LookAt(const std::string& path) {
+PathFacts Storage::LookAt(const std::string& path) const {
     PathFacts facts;
     struct stat info {};
     if (stat(path.c_str(), &info) != 0) {

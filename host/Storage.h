@@ -32,8 +32,10 @@ struct PathFacts {
 class Storage {
   public:
     explicit Storage(StorageRoots roots = {}) : m_roots(std::move(roots)) {}
+    virtual ~Storage() = default;
 
-    static PathFacts LookAt(const std::string& path);
+    /// Virtual, so that a test can show devices that its machine hasn't got.
+    virtual PathFacts LookAt(const std::string& path) const;
 
     /// A block device's length in bytes, as sysfs has it.
     std::optional<uint64_t> DeviceSize(dev_t device) const;

@@ -81,7 +81,7 @@ void Planner::CheckNumber(const LunConfig& config, LunPlan& plan) {
 void Planner::CheckFile(const LunConfig& config, const PathFacts& facts, LunPlan& plan) {
     if (facts.kind == PathFacts::Kind::Missing) {
         plan.makesFile = true;
-        const auto parent = Storage::LookAt(std::filesystem::path(config.path).parent_path());
+        const auto parent = m_storage.LookAt(std::filesystem::path(config.path).parent_path());
         if (parent.kind != PathFacts::Kind::Other)
             Refuse(config.places, "path",
                    fmt::format("the directory of {} isn't there: make it", config.path));
@@ -148,7 +148,7 @@ void Planner::CheckStorage(const LunConfig& config, LunPlan& plan) {
         if (!config.size)
             Refuse(config.places, "size", "a LUN on memory needs size = \"...\"");
     } else {
-        const PathFacts facts = Storage::LookAt(config.path);
+        const PathFacts facts = m_storage.LookAt(config.path);
         if (facts.error != 0) {
             Refuse(config.places, "path",
                    fmt::format("{} can't be looked at ({}): mend the path", config.path,

@@ -1,0 +1,295 @@
+// What configfs is compared for, against a tree that can be bent into every wrong state.
+
+#include <gmock/gmock.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+
+#include "host/Compare.h"
+#include "host/Identity.h"
+#include "tests/support/FakeConfigfs.h"
+
+using namespace moscsi::host;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+namespace fs = std::filesystem;
+
+namespace {
+
+const std::string kTarget = "iqn.2026-01.com.example:t";
+const std::string kHostA = "iqn.2026-01.com.example:a";
+const std::string kHostB = "iqn.2026-01.com.example:b";
+
+LunPlan MakeLun(const std::string& name, LunType type, const std::string& path,
+                std::optional<uint32_t> number) {
+    LunPlan lun;
+    lun.config.name = name;
+    lun.config.type = type;
+    lun.config.path = path;
+    lun.target = kTarget;
+    lun.size = 4096;
+    lun.number = number;
+    lun.serial = SerialOf("lun", kTarget, path);
+    lun.object = ObjectNameOf(kTarget, path);
+    lun.cfgString = CfgStringOf(kTarget, path);
+    if (type != LunType::User)
+        lun.identity = "identity of " + path;
+    if (type == LunType::Block)
+        lun.device = makedev(7, 0);
+    return lun;
+}
+
+/// One target, a LUN of each kind, host A with all of them and host B with one; configfs shows
+/// just that until a test bends it.
+struct HostCompareTest : testing::Test {
+    fs::path dir = fs::path(testing::TempDir()) / ("host_compare." + std::to_string(getpid()));
+    FakeConfigfs tree{dir / "target"};
+    Plan plan;
+    Manner manner;
+
+    HostCompareTest() {
+        plan.file = "f.toml";
+        plan.targets.push_back({kTarget,
+                                {MakeLun("file", LunType::File, "/srv/file.img", 0),
+                                 MakeLun("block", LunType::Block, "/dev/loop0", std::nullopt),
+                                 MakeLun("user", LunType::User, "/memory/user", 7)},
+                                {{kHostA, {0, 1, 2}}, {kHostB, {0}}}});
+        FakeConfigfs::Write(dir / "block/7:0/size", "8");
+        fs::create_directories(tree.Root() / "core/alua/lu_gps");
+        fs::create_directories(tree.Root() / "iscsi/discovery_auth");
+    }
+    ~HostCompareTest() override { fs::remove_all(dir); }
+
+    const LunPlan& Lun(size_t index) const { return plan.targets[0].luns[index]; }
+
+    FakeConfigfs::Object ObjectFor(size_t index) const {
+        const LunPlan& lun = Lun(index);
+        const char* kinds[] = {"fileio", "iblock", "user"};
+        const bool user = lun.config.type == LunType::User;
+        return {kinds[index], lun.object, user ? "moscsisrvtcmu/" + lun.cfgString : lun.config.path,
+                lun.size, lun.serial};
+    }
+    void Fill() {
+        tree.AddTarget(kTarget);
+        const unsigned numbers[] = {0, 1, 7};
+        for (size_t i = 0; i < 3; ++i) {
+            tree.AddObject(ObjectFor(i));
+            tree.AddLun(kTarget, numbers[i], Lun(i).object);
+            tree.Map(kTarget, kHostA, numbers[i]);
+        }
+        tree.Map(kTarget, kHostB, 0);
+    }
+    fs::path Object(size_t index) const { return tree.ObjectDirectory(Lun(index).object); }
+    fs::path Group() const { return tree.GroupDirectory(kTarget); }
+
+    ConfigfsView View() const { return ReadConfigfs(tree.Root(), dir / "block"); }
+    std::vector<std::string> Before() const { return ConflictsBefore(plan, View(), manner); }
+    std::vector<std::string> After() const { return FaultsAfter(plan, View(), manner); }
+};
+
+TEST_F(HostCompareTest, EmptyMachineIsNoConflictAndNoResult) {
+    EXPECT_THAT(Before(), IsEmpty());
+    EXPECT_THAT(After().size(), 4U) << "the target and three backstores";
+}
+
+TEST_F(HostCompareTest, WhatTheFileSaysAgrees) {
+    Fill();
+    EXPECT_THAT(Before(), IsEmpty());
+    EXPECT_THAT(After(), IsEmpty());
+    // A foreign target and device beside ours are nobody's business.
+    tree.AddObject({"fileio", "other", "/srv/other.img", 512, "0123"});
+    tree.AddTarget("iqn.2026-01.com.example:other");
+    tree.AddLun("iqn.2026-01.com.example:other", 0, "other");
+    EXPECT_THAT(Before(), IsEmpty());
+    EXPECT_THAT(After(), IsEmpty());
+}
+
+TEST_F(HostCompareTest, EachDisagreementIsOneLineWithARemedy) {
+    const auto swap = [](const fs::path& file, const std::string& from, const std::string& to) {
+        std::ifstream stream(file);
+        std::string text((std::istreambuf_iterator<char>(stream)), {});
+        text.replace(text.find(from), from.size(), to);
+        FakeConfigfs::Write(file, text);
+    };
+    const auto acl = [&](const std::string& host) { return Group() / "acls" / host; };
+    const auto serial = [&](size_t lun, const std::string& text) {
+        FakeConfigfs::Write(Object(lun) / "wwn/vpd_unit_serial",
+                            "T10 VPD Unit Serial Number: " + text);
+    };
+
+    const struct {
+        const char* name;
+        std::function<void()> bend;
+        const char* phrase;
+    } cases[] = {
+        {"file size", [&] { swap(Object(0) / "info", "Size: 4096", "Size: 8192"); },
+         "has 8192 bytes and should have 4096"},
+        {"device size", [&] { FakeConfigfs::Write(dir / "block/7:0/size", "16"); },
+         "has 8192 bytes and should have 4096"},
+        {"user size", [&] { swap(Object(2) / "info", "Size: 4096", "Size: 512"); },
+         "has 512 bytes and should have 4096"},
+        {"path", [&] { FakeConfigfs::Write(Object(0) / "udev_path", "/srv/b.img"); },
+         "has not the path /srv/file.img: remove it with: targetcli /backstores/fileio delete"},
+        {"other device behind the path", [&] { plan.targets[0].luns[1].device = makedev(7, 1); },
+         "over another device"},
+        {"configuration string", [&] { swap(Object(2) / "info", "tcmu/", "tcmu/x"); },
+         "has the configuration \"moscsisrvtcmu/x"},
+        {"read-only device", [&] { swap(Object(1) / "info", "readonly: 0", "readonly: 1"); },
+         "is read-only"},
+        {"serial", [&] { serial(1, "else"); }, "has the serial \"else\""},
+        {"user serial", [&] { serial(2, ""); }, "has the serial \"\""},
+        {"device not enabled", [&] { FakeConfigfs::Write(Object(2) / "enable", "0"); },
+         "is not enabled: remove it with: rmdir"},
+        {"number",
+         [&] {
+             plan.targets[0].luns[2].number = 7;
+             plan.targets[0].luns[0].number = 3;
+         },
+         "LUN file is number 0 in target"},
+        {"foreign LUN in the target",
+         [&] {
+             tree.AddObject({"fileio", "other", "/srv/other.img", 512, ""});
+             tree.AddLun(kTarget, 5, "other");
+         },
+         "holds LUN 5, fileio/other (/srv/other.img), which the file doesn't name"},
+        {"half-made LUN", [&] { fs::create_directories(Group() / "lun/lun_9"); },
+         "half-made LUN 9: remove it with: rmdir"},
+        {"exported elsewhere",
+         [&] {
+             tree.AddTarget("iqn.2026-01.com.example:other");
+             tree.AddLun("iqn.2026-01.com.example:other", 4, Lun(0).object);
+         },
+         "is exported by target iqn.2026-01.com.example:other"},
+        {"device used by another backstore",
+         [&] {
+             tree.AddObject({"iblock", "other", "/dev/other", 0, ""});
+         },
+         "/dev/loop0 is used by backstore iblock/other"},
+        {"another kind under the name",
+         [&] {
+             tree.AddObject({"iblock", Lun(2).object, "/dev/other", 0, ""});
+             plan.targets[0].luns[1].device = makedev(7, 0);
+         },
+         "another backstore, iblock/"},
+        {"foreign NAA",
+         [&] {
+             tree.AddObject(
+                 {"fileio", "other", "/srv/other.img", 512, NaaDigitsOf(Lun(0).serial) + "ffff"});
+         },
+         "first 25 hexadecimal digits"},
+        {"foreign initiator", [&] { tree.Map(kTarget, "iqn.2026-01.com.example:c", 0); },
+         "admits the initiator iqn.2026-01.com.example:c"},
+        {"LUN too many", [&] { tree.Map(kTarget, kHostB, 7); }, "sees LUN 7, which the file"},
+        {"mapped under another number",
+         [&] {
+             fs::remove(acl(kHostA) / "lun_7/d4e5f6");
+             fs::create_symlink(Group() / "lun/lun_1", acl(kHostA) / "lun_7/d4e5f6");
+         },
+         "sees as LUN 7 what is LUN 1"},
+        {"half-made mapping", [&] { fs::remove(acl(kHostA) / "lun_7/d4e5f6"); }, "is LUN nowhere"},
+        {"write-protected", [&] { FakeConfigfs::Write(acl(kHostB) / "lun_0/write_protect", "1"); },
+         "may only read LUN 0"},
+        {"disabled", [&] { FakeConfigfs::Write(Group() / "enable", "0"); }, "disabled"},
+        {"open to all", [&] { FakeConfigfs::Write(Group() / "attrib/generate_node_acls", "1"); },
+         "admits every initiator"},
+        {"no portal", [&] { fs::remove(Group() / "np/0.0.0.0:3260"); },
+         "has no portal on the service port 3260"},
+        {"portal elsewhere", [&] { fs::create_directories(Group() / "np/[::1]:3261"); },
+         "portal [::1]:3261, which isn't on the service port 3260"},
+        {"second portal group", [&] { fs::create_directories(Group() / "../tpgt_2"); },
+         "holds portal group 2"},
+        {"no portal group", [&] { fs::rename(Group(), Group() / "../param"); },
+         "has no portal group 1"},
+    };
+    const Plan good = plan;
+    for (const auto& bent : cases) {
+        SCOPED_TRACE(bent.name);
+        fs::remove_all(tree.Root());
+        FakeConfigfs::Write(dir / "block/7:0/size", "8");
+        plan = good;
+        Fill();
+        bent.bend();
+        EXPECT_THAT(Before(), testing::Contains(HasSubstr(bent.phrase)));
+        EXPECT_THAT(After(), testing::Contains(HasSubstr(bent.phrase)));
+    }
+}
+
+TEST_F(HostCompareTest, WhatIsMissingIsAFaultOnlyAfterwards) {
+    const struct {
+        const char* name;
+        std::function<void()> bend;
+        const char* phrase;
+    } cases[] = {
+        {"target", [&] { tree.RemoveTarget(kTarget); }, "is not in configfs"},
+        {"backstore",
+         [&] {
+             tree.Unmap(kTarget, kHostA, 7);
+             tree.RemoveLun(kTarget, 7);
+             tree.RemoveObject(Lun(2).object);
+         },
+         "has no backstore"},
+        {"LUN of a backstore",
+         [&] {
+             tree.Unmap(kTarget, kHostA, 1);
+             tree.RemoveLun(kTarget, 1);
+         },
+         "but no LUN"},
+        {"mapping", [&] { tree.Unmap(kTarget, kHostA, 1); }, "doesn't see LUN block, number 1"},
+        {"ACL", [&] { fs::remove_all(Group() / "acls" / kHostB); }, "doesn't admit"},
+    };
+    for (const auto& bent : cases) {
+        SCOPED_TRACE(bent.name);
+        fs::remove_all(tree.Root());
+        Fill();
+        bent.bend();
+        EXPECT_THAT(Before(), IsEmpty());
+        EXPECT_THAT(After(), testing::Contains(HasSubstr(bent.phrase)));
+    }
+}
+
+TEST_F(HostCompareTest, NewTargetNeedsThePort) {
+    plan.port = 3261;
+    EXPECT_THAT(Before(), ElementsAre(HasSubstr("a new target listens on 3260")));
+    plan.port = 3260;
+    tree.AddTarget("iqn.2026-01.com.example:other", "127.0.0.1:3260");
+    EXPECT_THAT(Before(), ElementsAre(HasSubstr("portal 127.0.0.1:3260 of target")));
+    tree.RemoveTarget("iqn.2026-01.com.example:other");
+    for (const char* shared : {"0.0.0.0:3260", "[::0]:3260"}) {
+        tree.AddTarget("iqn.2026-01.com.example:other", shared);
+        EXPECT_THAT(Before(), IsEmpty()) << shared << " can be shared";
+        tree.RemoveTarget("iqn.2026-01.com.example:other");
+    }
+}
+
+TEST_F(HostCompareTest, OlderTargetcliChoosesSerialsAndCannotFinishHalfMadeUserLuns) {
+    manner = Manner::Of("2.1.fb41");
+    Fill();
+    FakeConfigfs::Write(Object(0) / "wwn/vpd_unit_serial", "T10 VPD Unit Serial Number: its own");
+    EXPECT_THAT(After(), IsEmpty());
+    EXPECT_THAT(Before(), ElementsAre(HasSubstr("was made through targetcli")));
+
+    tree.RemoveLun(kTarget, 7);
+    tree.Unmap(kTarget, kHostA, 7);
+    EXPECT_THAT(Before(),
+                ElementsAre(testing::AllOf(HasSubstr("LUN user is half-made"),
+                                           HasSubstr("rmdir " + Object(2).string() + "; rmdir " +
+                                                     Object(2).parent_path().string()))));
+    tree.AddLun(kTarget, 7, Lun(2).object, Lun(2).cfgString);
+    EXPECT_THAT(Before(), IsEmpty());
+    EXPECT_FALSE(Manner::Of("2.1.fb53").userByConfigfs);
+    EXPECT_TRUE(Manner::Of("2.1.fb43").chosenSerials);
+}
+
+TEST_F(HostCompareTest, LeftoversAreNamedUnlessTheyWereThereBefore) {
+    const ConfigfsView empty = View();
+    Fill();
+    EXPECT_EQ(Leftovers(plan, empty, View()).size(), 1 + 3 + 3U);
+    EXPECT_THAT(Leftovers(plan, View(), View()), IsEmpty());
+}
+
+}  // namespace

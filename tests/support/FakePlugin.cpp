@@ -1,0 +1,113 @@
+// A plug-in whose kernel is a directory tree (MOSCSI_CONFIGFS_ROOT). It writes one line an
+// operation to FAKE_LOG, and can be told to misbehave:
+//   FAKE_FAIL=OPERATION:N   the N-th call of the operation fails, its work half done
+//   FAKE_PORTAL=TEXT        targets get this portal; empty: none
+//   FAKE_WAIT=FILE          CreateTarget waits until the file is there
+
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <thread>
+
+#include "host/Identity.h"
+#include "platform/MoScsiSrvPlatform.h"
+#include "tests/support/FakeConfigfs.h"
+
+namespace {
+
+constexpr uint32_t kAutomatic = 0xFFFFFFFF;
+
+std::string Variable(const char* name, const char* fallback) {
+    const char* value = getenv(name);
+    return value != nullptr ? value : fallback;
+}
+
+class FakePlatform final : public MoScsiSrvPlatform {
+  public:
+    CRyError Initialize() override { return Done("Initialize", ""); }
+    CRyError Cleanup() override { return Done("Cleanup", ""); }
+    CRyError IODone(MoScsiSrvIO*, long) override { return {}; }
+    CRyError RegisterGetVPDCB(MoScsiSrvGetVPDCb_t) override { return {}; }
+
+    CRyError CreateTarget(MoScsiSrvTarget_t* target) override {
+        const std::string wait = Variable("FAKE_WAIT", "");
+        while (!wait.empty() && !std::filesystem::exists(wait))
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        m_tree.AddTarget(target->targetName, Variable("FAKE_PORTAL", "0.0.0.0:3260"));
+        return Done("CreateTarget", target->targetName);
+    }
+    CRyError DeleteTarget(MoScsiSrvTarget_t* target) override {
+        m_tree.RemoveTarget(target->targetName);
+        return Done("DeleteTarget", target->targetName);
+    }
+    CRyError CreateLun(MoScsiSrvLun_t* lun) override {
+        const std::string asked = NumberText(*lun);
+        const std::string prefix = lun->serialNum;
+        const std::string object = ObjectOf(*lun);
+        lun->serialNum = moscsi::host::SerialOf(prefix, lun->targetName, lun->path);
+        if (m_tree.ObjectDirectory(object).empty())
+            m_tree.AddObject({"fileio", object, lun->path, lun->size, lun->serialNum});
+        CRyError result = Done("CreateLun", lun->path + " " + asked + " " + prefix);
+        if (result.IsError())
+            return result;
+        const auto luns = m_tree.GroupDirectory(lun->targetName) / "lun";
+        for (const auto& entry : std::filesystem::directory_iterator(luns))
+            if (std::filesystem::exists(entry.path() / object.substr(0, 10))) {
+                lun->lunNum = NumberIn(entry.path());
+                return result;
+            }
+        if (lun->lunNum == kAutomatic)
+            for (lun->lunNum = 0;
+                 std::filesystem::exists(luns / ("lun_" + std::to_string(lun->lunNum)));)
+                ++lun->lunNum;
+        m_tree.AddLun(lun->targetName, lun->lunNum, object, object.substr(0, 10));
+        return result;
+    }
+    CRyError DeleteLun(MoScsiSrvLun_t* lun) override {
+        m_tree.RemoveLun(lun->targetName, lun->lunNum);
+        m_tree.RemoveObject(ObjectOf(*lun));
+        return Done("DeleteLun", lun->path + " " + NumberText(*lun));
+    }
+    CRyError MapHost(MoScsiSrvLun_t* lun, MoScsiSrvHost_t* host) override {
+        m_tree.Map(lun->targetName, host->initiatorName, lun->lunNum);
+        return Done("MapHost", host->initiatorName + " " + NumberText(*lun));
+    }
+    CRyError UnMapHost(MoScsiSrvLun_t* lun, MoScsiSrvHost_t* host) override {
+        m_tree.Unmap(lun->targetName, host->initiatorName, lun->lunNum);
+        return Done("UnMapHost", host->initiatorName + " " + NumberText(*lun));
+    }
+
+  private:
+    static std::string ObjectOf(const MoScsiSrvLun& lun) {
+        return moscsi::host::ObjectNameOf(lun.targetName, lun.path);
+    }
+    static std::string NumberText(const MoScsiSrvLun& lun) {
+        return lun.lunNum == kAutomatic ? "auto" : std::to_string(lun.lunNum);
+    }
+    static uint32_t NumberIn(const std::filesystem::path& lun) {
+        return static_cast<uint32_t>(std::stoul(lun.filename().string().substr(4)));
+    }
+
+    CRyError Done(const std::string& operation, const std::string& arguments) {
+        std::ofstream(Variable("FAKE_LOG", "/dev/null"), std::ios::app)
+            << operation << (arguments.empty() ? "" : " ") << arguments << '\n';
+        if (Variable("FAKE_FAIL", "") == operation + ":" + std::to_string(++m_calls[operation]))
+            return FXErrorUtil::ErrorErrNo(FXCodeLocation("FakePlugin", __func__, __LINE__), 774,
+                                           "%s failed as told", operation.c_str());
+        return {};
+    }
+
+    FakeConfigfs m_tree{Variable("MOSCSI_CONFIGFS_ROOT", "")};
+    std::map<std::string, int> m_calls;
+};
+
+}  // namespace
+
+extern "C" __attribute__((visibility("default"))) void* GetMOScsiPlatformObj() {
+    static auto* platform = new FakePlatform;
+    return static_cast<MoScsiSrvPlatform*>(platform);
+}
