@@ -90,6 +90,7 @@ struct EmulationTest : testing::Test {
                 const Bytes& data = {}) {
         std::vector<Bytes> pieces;
         std::vector<iovec> iov;
+        iov.reserve(split.size());
         size_t from = 0;
         for (const size_t length : split) {
             Bytes& piece = pieces.emplace_back(length, fill);

@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
+#include <condition_variable>
 #include <cstring>
 #include <deque>
 #include <functional>
@@ -38,19 +40,19 @@ Bytes Read10(uint8_t tag = 0) {
     return {0x28, 0, 0, 0, 0, tag, 0, 0, 8, 0};
 }
 
-struct RingTest : testing::Test {
+struct Rig {
     KernelRing kernel;
     CommandRing ring{kernel.Memory(), kernel.Length(), kernel.DoorbellFd()};
 
-    RingCommand& FetchOne() {
+    explicit Rig(uint16_t flags = kFlagReadLength, uint32_t ringSize = 4096)
+        : kernel(ringSize, 65536, flags) {}
+
+    RingCommand& PutAndFetch(const Bytes& cdb, const std::vector<KernelRing::Extent>& data = {}) {
+        EXPECT_TRUE(kernel.Put(cdb, data));
         RingCommand* command = ring.Fetch();
         if (command == nullptr)
             throw std::runtime_error("nothing to fetch");
         return *command;
-    }
-    RingCommand& PutAndFetch(const Bytes& cdb, const std::vector<KernelRing::Extent>& data = {}) {
-        EXPECT_TRUE(kernel.Put(cdb, data));
-        return FetchOne();
     }
     KernelRing::Answer ReapOne() {
         const auto answers = kernel.Reap();
@@ -58,11 +60,22 @@ struct RingTest : testing::Test {
             throw std::runtime_error("not one answer");
         return answers[0];
     }
+    Bytes Memory() { return {kernel.Memory(), kernel.Memory() + kernel.Length()}; }
+
+    /// Serves commands until the ring is full of old entries and the next one stands at `offset`.
+    void RunUpTo(uint32_t offset) {
+        for (int i = 0; i < 40 || kernel.Mailbox().head != offset; i++) {
+            ring.Complete(PutAndFetch(kTestUnitReady), 0);
+            kernel.Reap();
+        }
+    }
     template <class Field>
     void Overwrite(size_t at, Field value) {
         std::memcpy(kernel.Ring() + kernel.LastEntry() + at, &value, sizeof(value));
     }
 };
+
+struct RingTest : testing::Test, Rig {};
 
 TEST_F(RingTest, ARecordThatIsUsedAgainCarriesNothingOver) {
     RingCommand& first = PutAndFetch(Bytes(16, 0x8A), {{0, 512}, {4096, 100}});
@@ -118,14 +131,12 @@ TEST_F(RingTest, AResultBecomesStatusSenseAndLength) {
 }
 
 TEST(Ring, LengthIsNotToldToAKernelThatDoesNotTakeIt) {
-    KernelRing kernel(4096, 4096, 0);
-    CommandRing ring(kernel.Memory(), kernel.Length(), kernel.DoorbellFd());
-    kernel.Put(Read10(), {});
-    RingCommand* command = ring.Fetch();
-    command->readLength = 1;
-    ring.Complete(*command, 0);
-    EXPECT_FALSE(kernel.Reap().at(0).readLength);
-    EXPECT_FALSE(ring.TakesReadLength());
+    Rig rig(0);
+    RingCommand& command = rig.PutAndFetch(Read10());
+    command.readLength = 1;
+    rig.ring.Complete(command, 0);
+    EXPECT_FALSE(rig.ReapOne().readLength);
+    EXPECT_FALSE(rig.ring.TakesReadLength());
 }
 
 TEST_F(RingTest, ABadEntryIsAnsweredAndTheNextCommandServed) {
@@ -165,53 +176,39 @@ TEST_F(RingTest, ABadEntryIsAnsweredAndTheNextCommandServed) {
     EXPECT_EQ(ring.Broken(), nullptr);
 }
 
-/// Serves commands until the ring is full of old entries and the next one stands at `offset`.
-void RunUpTo(uint32_t offset, KernelRing& kernel, CommandRing& ring) {
-    for (int i = 0; i < 40 || kernel.Mailbox().head != offset; i++) {
-        kernel.Put(kTestUnitReady, {});
-        ring.Complete(*ring.Fetch(), 0);
-        kernel.Reap();
-    }
-}
-
 TEST(Ring, WhatCannotBeWalkedIsLeftAlone) {
-    const std::vector<std::function<void(KernelRing&, uint32_t * entry)>> damages = {
-        [](auto&, uint32_t* entry) { *entry = kCommand; },
-        [](auto&, uint32_t* entry) { *entry = 104 | kCommand; },  // an answer wouldn't fit
-        [](auto&, uint32_t* entry) { *entry = 4096 | kPad; },
-        [](auto&, uint32_t* entry) { *entry = 224 | kPad; },  // beyond the head
-        [](auto&, uint32_t* entry) { entry[1] = 1; },         // the first command's number
-        [](auto& kernel, uint32_t*) { kernel.Mailbox().head = 4096; },
-        [](auto& kernel, uint32_t*) { kernel.Mailbox().head -= 1; },
-        [](auto& kernel, uint32_t*) { kernel.Mailbox().tail = 8; },  // reset by somebody else
+    const std::vector<std::function<void(Rig&)>> damages = {
+        [](Rig& r) { r.Overwrite<uint32_t>(0, kCommand); },
+        [](Rig& r) { r.Overwrite<uint32_t>(0, 104 | kCommand); },  // an answer wouldn't fit
+        [](Rig& r) { r.Overwrite<uint32_t>(0, 4096 | kPad); },
+        [](Rig& r) { r.Overwrite<uint32_t>(0, 224 | kPad); },  // beyond the head
+        [](Rig& r) { r.Overwrite<uint16_t>(4, 1); },           // the first command's number
+        [](Rig& r) { r.kernel.Mailbox().head = 4096; },
+        [](Rig& r) { r.kernel.Mailbox().head -= 1; },
+        [](Rig& r) { r.kernel.Mailbox().tail = 8; },  // reset by somebody else
     };
     for (size_t i = 0; i < damages.size(); i++) {
         SCOPED_TRACE(i);
-        KernelRing kernel;
-        CommandRing ring(kernel.Memory(), kernel.Length(), kernel.DoorbellFd());
-        RunUpTo(112, kernel, ring);
-        kernel.Put(kTestUnitReady, {});
-        RingCommand* command = ring.Fetch();
-        ASSERT_NE(command, nullptr);
-        kernel.Put(kTestUnitReady, {});
-        damages[i](kernel, reinterpret_cast<uint32_t*>(kernel.Ring() + kernel.LastEntry()));
-        ring.BeginDrain();
-        EXPECT_EQ(ring.Fetch(), nullptr);
-        ring.EndDrain();
-        EXPECT_NE(ring.Broken(), nullptr);
+        Rig rig;
+        rig.RunUpTo(112);
+        RingCommand& command = rig.PutAndFetch(kTestUnitReady);
+        rig.kernel.Put(kTestUnitReady, {});
+        damages[i](rig);
+        rig.ring.BeginDrain();
+        EXPECT_EQ(rig.ring.Fetch(), nullptr);
+        rig.ring.EndDrain();
+        EXPECT_NE(rig.ring.Broken(), nullptr);
 
-        const Bytes before(kernel.Memory(), kernel.Memory() + kernel.Length());
-        ring.Complete(*command, 0);
-        ring.RingDoorbell();
-        EXPECT_EQ(before, Bytes(kernel.Memory(), kernel.Memory() + kernel.Length()));
-        EXPECT_EQ(ring.InFlight(), 0U);
+        const Bytes before = rig.Memory();
+        rig.ring.Complete(command, 0);
+        rig.ring.RingDoorbell();
+        EXPECT_EQ(before, rig.Memory());
+        EXPECT_EQ(rig.ring.InFlight(), 0U);
     }
 }
 
-TEST(Ring, AnEntryAcrossTheEndOfTheRingIsRefused) {
-    KernelRing kernel;
-    CommandRing ring(kernel.Memory(), kernel.Length(), kernel.DoorbellFd());
-    RunUpTo(4032, kernel, ring);
+TEST_F(RingTest, AnEntryAcrossTheEndOfTheRingIsRefused) {
+    RunUpTo(4032);
     kernel.Put(kTestUnitReady, {});  // behind 64 bytes of padding
     kernel.Put(kTestUnitReady, {});
     const uint32_t padding = (64 + 112) | kPad;
@@ -221,18 +218,16 @@ TEST(Ring, AnEntryAcrossTheEndOfTheRingIsRefused) {
 }
 
 TEST(Ring, ACompletionSeesByItselfThatItMustNotWrite) {
-    for (const uint32_t at : {0, 112}) {
-        KernelRing kernel;
-        CommandRing ring(kernel.Memory(), kernel.Length(), kernel.DoorbellFd());
-        kernel.Put(kTestUnitReady, {});
-        RingCommand* command = ring.Fetch();
-        kernel.Mailbox().tail = at;  // 112: somebody else was here
-        if (at == 0)
-            std::memset(kernel.Ring(), 0, 8);  // the entry's header
-        const Bytes before(kernel.Memory(), kernel.Memory() + kernel.Length());
-        ring.Complete(*command, 0);
-        EXPECT_NE(ring.Broken(), nullptr);
-        EXPECT_EQ(before, Bytes(kernel.Memory(), kernel.Memory() + kernel.Length()));
+    for (const uint32_t tail : {0, 112}) {
+        Rig rig;
+        RingCommand& command = rig.PutAndFetch(kTestUnitReady);
+        rig.kernel.Mailbox().tail = tail;  // 112: somebody else was here
+        if (tail == 0)
+            rig.Overwrite<uint32_t>(0, 0);
+        const Bytes before = rig.Memory();
+        rig.ring.Complete(command, 0);
+        EXPECT_NE(rig.ring.Broken(), nullptr);
+        EXPECT_EQ(before, rig.Memory());
     }
 }
 
@@ -324,8 +319,7 @@ TEST_F(RingTest, ADrainTellsTheKernelOnce) {
 TEST_F(RingTest, ADrainHoldsBackOnlySoMuch) {
     const Bytes write = {0x2A, 0, 0, 0, 0, 0, 0, 0, 128, 0};
     const std::vector<std::pair<Bytes, size_t>> cases = {
-        {Read10(), CommandRing::kDoorbellReadBytes / 65536},
-        {write, CommandRing::kDoorbellAnswers}};
+        {Read10(), Doorbell::kMostReadBytes / 65536}, {write, Doorbell::kMostAnswers}};
     for (const auto& [cdb, bound] : cases) {
         ring.BeginDrain();
         for (size_t i = 1; i <= bound; i++) {
@@ -395,8 +389,7 @@ TEST_F(RingTest, WarmCommandsTakeNothingFromTheHeap) {
         EXPECT_EQ(cycle(), 0U);
 }
 
-/// Random commands through a ring of odd size, completed in random order by several threads, with
-/// a kernel that looks at answers only when it hears the doorbell.
+/// Random commands.
 struct Traffic {
     struct Sent {
         Bytes cdb;
@@ -476,66 +469,81 @@ TEST(RingTraffic, RandomOrderAroundTheEndKeepsEveryCommandItsAnswer) {
     }
 }
 
+/// Hands commands from the device's thread to the hosts', now and then out of order.
+class Hosts {
+  public:
+    void Give(RingCommand* command) {
+        {
+            const std::lock_guard guard(m_mutex);
+            if (++m_given % 3 == 0)
+                m_held.push_front(command);
+            else
+                m_held.push_back(command);
+        }
+        m_changed.notify_one();
+    }
+    /// Returns: null after Stop.
+    RingCommand* Take() {
+        std::unique_lock lock(m_mutex);
+        m_changed.wait(lock, [&] { return m_stopped || !m_held.empty(); });
+        if (m_held.empty())
+            return nullptr;
+        RingCommand* command = m_held.front();
+        m_held.pop_front();
+        return command;
+    }
+    void Stop() {
+        const std::lock_guard guard(m_mutex);
+        m_stopped = true;
+        m_changed.notify_all();
+    }
+
+  private:
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::deque<RingCommand*> m_held;
+    size_t m_given = 0;
+    bool m_stopped = false;
+};
+
 TEST(RingTraffic, ConcurrentCompletionsLoseNoAnswerAndNoDoorbell) {
     constexpr size_t kCommands = 20000;
-    KernelRing kernel(3000);
-    CommandRing ring(kernel.Memory(), kernel.Length(), kernel.DoorbellFd());
+    Rig rig(kFlagReadLength, 3000);
     std::atomic<uint32_t> events{0};
     std::atomic<bool> stop{false};
-    std::mutex mutex;
-    std::deque<RingCommand*> held;
-    std::atomic<uint32_t> handed{0};
+    Hosts hosts;
+    const auto complete = [&](RingCommand& command) {
+        command.sense_buf[0] = command.cdb[5];
+        rig.ring.Complete(command, TCMU_STATUS_CHECK_CONDITION);
+    };
 
     std::thread device([&] {
-        for (unsigned turn = 0;; turn++) {
+        while (!stop) {
             const uint32_t seen = events.load();
-            ring.BeginDrain();
-            while (RingCommand* command = ring.Fetch()) {
-                if (command->cdb[5] % 4 == 0) {
-                    command->sense_buf[0] = command->cdb[5];
-                    ring.Complete(*command, TCMU_STATUS_CHECK_CONDITION);
-                    continue;
-                }
-                const std::lock_guard guard(mutex);
-                // Both ends, so that the order differs from that of the ring.
-                if (turn % 3 == 0)
-                    held.push_front(command);
+            rig.ring.BeginDrain();
+            while (RingCommand* command = rig.ring.Fetch()) {
+                if (command->cdb[5] % 4 == 0)
+                    complete(*command);
                 else
-                    held.push_back(command);
-                handed.fetch_add(1);
-                handed.notify_all();
+                    hosts.Give(command);
             }
-            ring.EndDrain();
-            if (stop)
-                return;
+            rig.ring.EndDrain();
             events.wait(seen);
         }
     });
-    std::vector<std::thread> hosts;
-    for (int i = 0; i < 3; i++) {
-        hosts.emplace_back([&] {
-            for (;;) {
-                const uint32_t before = handed.load();
-                RingCommand* command = nullptr;
-                {
-                    const std::lock_guard guard(mutex);
-                    if (!held.empty()) {
-                        command = held.front();
-                        held.pop_front();
-                    }
-                }
-                if (command != nullptr) {
-                    command->sense_buf[0] = command->cdb[5];
-                    ring.Complete(*command, TCMU_STATUS_CHECK_CONDITION);
-                    ring.RingDoorbell();
-                } else if (stop) {
-                    return;
-                } else {
-                    handed.wait(before);
-                }
+    std::array<std::thread, 3> threads;
+    for (std::thread& thread : threads) {
+        thread = std::thread([&] {
+            while (RingCommand* command = hosts.Take()) {
+                complete(*command);
+                rig.ring.RingDoorbell();
             }
         });
     }
+    const auto raiseEvent = [&] {
+        events.fetch_add(1);
+        events.notify_all();
+    };
 
     std::map<uint16_t, uint8_t> tags;
     size_t put = 0;
@@ -544,34 +552,29 @@ TEST(RingTraffic, ConcurrentCompletionsLoseNoAnswerAndNoDoorbell) {
         const auto tag = static_cast<uint8_t>(put);
         std::optional<uint16_t> number;
         if (put < kCommands)
-            number = kernel.Put(Read10(tag), {{0, 4096}});
+            number = rig.kernel.Put(Read10(tag), {{0, 4096}});
         if (number) {
             tags[*number] = tag;
-            put++;
-            events.fetch_add(1);
-            events.notify_all();
-            if (put % 7 != 0)
+            raiseEvent();
+            if (++put % 7 != 0)
                 continue;
-        } else if (!kernel.WaitForDoorbell()) {
-            ADD_FAILURE() << "no doorbell with " << kernel.InFlight() << " in flight";
-            break;
+        } else {
+            EXPECT_TRUE(rig.kernel.WaitForDoorbell()) << rig.kernel.InFlight() << " in flight";
         }
-        for (const auto& answer : kernel.Reap()) {
+        for (const auto& answer : rig.kernel.Reap()) {
             EXPECT_EQ(answer.sense[0], tags.at(answer.number));
             answered++;
         }
     }
     stop = true;
-    events.fetch_add(1);
-    events.notify_all();
-    handed.fetch_add(1);
-    handed.notify_all();
+    raiseEvent();
+    hosts.Stop();
     device.join();
-    for (auto& host : hosts)
-        host.join();
+    for (std::thread& thread : threads)
+        thread.join();
     EXPECT_EQ(answered, kCommands);
-    EXPECT_TRUE(ring.Empty());
-    EXPECT_EQ(ring.InFlight(), 0U);
+    EXPECT_TRUE(rig.ring.Empty());
+    EXPECT_EQ(rig.ring.InFlight(), 0U);
 }
 
 }  // namespace

@@ -1,8 +1,6 @@
 #include "adapters/libtcmu/CommandRing.h"
 
-#include <unistd.h>
-
-#include <cerrno>
+#include <algorithm>
 #include <cstring>
 
 #include "adapters/libtcmu/Cdb.h"
@@ -26,7 +24,9 @@ uint32_t OperationOf(const Header& header) {
 }  // namespace
 
 CommandRing::CommandRing(void* memory, size_t length, int uioFd)
-    : m_memory(static_cast<uint8_t*>(memory)), m_length(length), m_uioFd(uioFd) {
+    : m_memory(static_cast<uint8_t*>(memory)),
+      m_length(length),
+      m_doorbell(uioFd, m_stats.doorbells, m_stats.doorbellErrors) {
     m_broken = CheckMailbox();
     if (Broken() != nullptr)
         return;
@@ -204,7 +204,7 @@ void CommandRing::Complete(RingCommand& command, int result) {
         m_stats.completedTwice.fetch_add(1, std::memory_order_relaxed);
         return;
     }
-    const uint64_t untold = OneAnswer(command.readBytes);
+    const size_t readBytes = command.readBytes;
     std::optional<uint32_t> tail;
     if (Broken() == nullptr && TailIsOursLocked())
         tail = WriteAnswerLocked(command, result);
@@ -218,7 +218,7 @@ void CommandRing::Complete(RingCommand& command, int result) {
     StoreTailLocked(*tail);
     SkipOthersLocked();
     m_stats.completed.fetch_add(1, std::memory_order_relaxed);
-    m_doorbell.fetch_add(untold);
+    m_doorbell.Owe(readBytes);
 }
 
 /// Writes an answer over the entry at the tail, whichever command that was. It is a command's
@@ -275,76 +275,17 @@ void CommandRing::SkipOthersLocked() {
         StoreTailLocked(tail);
 }
 
-// ---- The doorbell. One word says what the kernel hasn't been told yet and who is about to tell
-// it: two flags, then the number of answers, then their READ data in blocks of 512 bytes. Every
-// change is one atomic step, so an answer is either taken by the thread that rings now or seen by
-// the next one to look. --------------------------------------------------------------------------
-
-namespace {
-
-constexpr uint64_t kDraining = 1;  // EndDrain will ring
-constexpr uint64_t kRinging = 2;   // a thread is in write(), and looks again before it leaves
-constexpr uint64_t kFlags = kDraining | kRinging;
-constexpr unsigned kAnswersShift = 8;
-constexpr uint64_t kAnswersMask = 0xFFFFFF;
-constexpr unsigned kBlocksShift = 32;
-constexpr size_t kBlock = 512;
-
-bool WantsDoorbell(uint64_t state) {
-    const uint64_t answers = (state >> kAnswersShift) & kAnswersMask;
-    const uint64_t readBytes = (state >> kBlocksShift) * kBlock;
-    if (answers == 0)
-        return false;
-    return (state & kDraining) == 0 || answers >= CommandRing::kDoorbellAnswers ||
-           readBytes >= CommandRing::kDoorbellReadBytes;
-}
-
-}  // namespace
-
-uint64_t CommandRing::OneAnswer(size_t readBytes) {
-    return (uint64_t{1} << kAnswersShift) | (uint64_t{readBytes / kBlock} << kBlocksShift);
-}
-
 void CommandRing::RingDoorbell() {
-    uint64_t state = m_doorbell.load();
-    do {
-        if ((state & kRinging) != 0 || !WantsDoorbell(state))
-            return;
-    } while (!m_doorbell.compare_exchange_weak(state, (state & kFlags) | kRinging));
-
-    for (;;) {
-        WriteDoorbell();
-        state = m_doorbell.load();
-        uint64_t next = 0;
-        do {
-            next = WantsDoorbell(state) ? state & kFlags : state & ~kRinging;
-        } while (!m_doorbell.compare_exchange_weak(state, next));
-        if ((next & kRinging) == 0)
-            return;
-    }
+    m_doorbell.Ring();
 }
 
 void CommandRing::BeginDrain() {
-    m_doorbell.fetch_or(kDraining);
+    m_doorbell.BeginDrain();
     const MutexGuard guard(m_completionMutex);
     if (Broken() == nullptr)
         TailIsOursLocked();
 }
 
 void CommandRing::EndDrain() {
-    m_doorbell.fetch_and(~kDraining);
-    RingDoorbell();
-}
-
-void CommandRing::WriteDoorbell() {
-    const uint32_t anything = 0;
-    ssize_t written = 0;
-    do {
-        written = write(m_uioFd, &anything, sizeof(anything));
-    } while (written < 0 && errno == EINTR);
-    m_stats.doorbells.fetch_add(1, std::memory_order_relaxed);
-    // A doorbell that fails loses nothing: the answers stand in the ring, and the next one tells
-    // them. It fails for good once the kernel has removed the device.
-    if (written != sizeof(anything))
-        m_stats.doorbellErrors.fetch_add(1, std::memory_order_relaxed);
+    m_doorbell.EndDrain();
 }

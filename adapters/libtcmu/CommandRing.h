@@ -10,6 +10,7 @@
 #include <optional>
 #include <vector>
 
+#include "adapters/libtcmu/Doorbell.h"
 #include "adapters/libtcmu/RingLayout.h"
 #include "adapters/libtcmu/libtcmu.h"
 #include "util/Mutex.h"
@@ -57,11 +58,6 @@ struct alignas(64) RingCommand : tcmulib_cmd {
 // What different threads write stands on cache lines of its own.
 class CommandRing {  // NOLINT(clang-analyzer-optin.performance.Padding)
   public:
-    /// What is copied by one doorbell at most: the copies hold the kernel's device mutex.
-    static constexpr size_t kDoorbellReadBytes = size_t{256} * 1024;
-    /// Answers that one drain may hold back at most.
-    static constexpr uint32_t kDoorbellAnswers = 64;
-
     /// `memory` begins with the mailbox; `uioFd` takes the doorbell.
     CommandRing(void* memory, size_t length, int uioFd);
     ~CommandRing();
@@ -81,8 +77,8 @@ class CommandRing {  // NOLINT(clang-analyzer-optin.performance.Padding)
     /// Thread: any.
     void Complete(RingCommand& command, int result) MO_EXCLUDES(m_completionMutex);
 
-    /// Tells the kernel about the answers given so far. One thread writes for all that come
-    /// meanwhile; during a drain EndDrain does it, unless many answers are waiting already.
+    /// Tells the kernel about the answers given so far, or leaves it to the thread that will; see
+    /// Doorbell.
     /// Thread: any.
     void RingDoorbell();
 
@@ -130,13 +126,10 @@ class CommandRing {  // NOLINT(clang-analyzer-optin.performance.Padding)
     bool TailIsOursLocked() MO_REQUIRES(m_completionMutex);
     void StoreTailLocked(uint32_t tail) MO_REQUIRES(m_completionMutex);
     void SkipOthersLocked() MO_REQUIRES(m_completionMutex);
-    static uint64_t OneAnswer(size_t readBytes);
-    void WriteDoorbell();
 
     // Constant after construction.
     uint8_t* const m_memory;
     const size_t m_length;
-    const int m_uioFd;
     ringlayout::Mailbox* m_mailbox = nullptr;
     uint8_t* m_ring = nullptr;
     uint32_t m_ringSize = 0;
@@ -155,6 +148,6 @@ class CommandRing {  // NOLINT(clang-analyzer-optin.performance.Padding)
     // Atomic.
     std::atomic<uint32_t> m_inFlight{0};
     std::atomic<const char*> m_broken{nullptr};
-    alignas(64) std::atomic<uint64_t> m_doorbell{0};  // what the kernel hasn't been told; see .cpp
     alignas(64) Stats m_stats;
+    Doorbell m_doorbell;
 };

@@ -87,8 +87,9 @@ std::optional<uint16_t> KernelRing::Put(const std::vector<uint8_t>& cdb,
     std::memcpy(at, &request, sizeof(request));
     at += sizeof(request);
     for (const Extent& extent : data) {
-        const iovec entry{reinterpret_cast<void*>(m_dataOffset + extent.offset), extent.length};
-        std::memcpy(at, &entry, sizeof(entry));
+        const std::array<uint64_t, 2> entry = {m_dataOffset + extent.offset, extent.length};
+        static_assert(sizeof(entry) == sizeof(iovec));
+        std::memcpy(at, entry.data(), sizeof(entry));
         at += sizeof(entry);
     }
     std::memcpy(at, cdb.data(), cdb.size());
