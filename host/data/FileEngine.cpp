@@ -6,9 +6,6 @@
 
 namespace moscsi::data {
 
-FileEngine::FileEngine(bool durable, Transfers& transfers)
-    : m_writeFlags(durable ? RWF_DSYNC : 0), m_transfers(transfers) {}
-
 std::unique_ptr<FileEngine> FileEngine::Make(BackingFile& file, bool durable, Transfers& transfers,
                                              const FileQueueMaker& makeQueue, std::string& error) {
     std::unique_ptr<FileEngine> engine(new FileEngine(durable, transfers));
@@ -31,6 +28,7 @@ void FileEngine::Start(Transfer& transfer) {
     // Looked at under the mutex: an Abort that comes later finds the transfer in the list.
     const bool aborted = transfer.aborted;
     const bool submit = !aborted && m_running < m_queue->Depth();
+    transfer.syncFailures = m_syncFailures;
     if (submit)
         ++m_running;
     else if (!aborted)
@@ -44,39 +42,50 @@ void FileEngine::Start(Transfer& transfer) {
 
 void FileEngine::Submit(const Transfer& transfer) {
     FileRequest request;
-    request.write = transfer.write;
+    request.kind = transfer.write ? FileRequest::Kind::Write : FileRequest::Kind::Read;
     request.iov = transfer.iov.data() + transfer.firstBuffer;
     request.count =
         static_cast<int>(std::min<size_t>(transfer.iov.size() - transfer.firstBuffer, IOV_MAX));
     request.offset = transfer.offset + transfer.done;
-    request.flags = transfer.write ? m_writeFlags : 0;
     request.ticket = transfer.ticket;
     m_queue->Submit(request);
 }
 
+void FileEngine::SubmitSync() {
+    FileRequest request;
+    request.kind = FileRequest::Kind::Sync;
+    request.ticket = kSyncTicket;
+    m_queue->Submit(request);
+}
+
 void FileEngine::OnEnded(Ticket ticket, int64_t result) {
+    // The kernel cancels the requests of a thread that ends, as a device's thread may: they go on
+    // from here.
+    const bool again = result == -EINTR || result == -ECANCELED;
+    if (ticket == kSyncTicket) {
+        if (again)
+            SubmitSync();
+        else
+            OnSynced(result);
+        return;
+    }
     Transfer* const transfer = m_transfers.Find(ticket);
     if (transfer == nullptr) {
         m_transfers.Finish(ticket, result);  // counts and logs it
         return;
     }
-    // The kernel cancels the requests of a thread that ends, as a device's thread may: they go on
-    // from here.
-    if (result == -EINTR || result == -ECANCELED) {
-        Submit(*transfer);
-        return;
-    }
     if (result > 0)
         transfer->Advance(result);
-    const bool more = result > 0 && transfer->done < transfer->wanted;
-    if (more)
+    if (again || (result > 0 && transfer->done < transfer->wanted))
         Submit(*transfer);
     else
-        End(*transfer,
-            result < 0 && transfer->done == 0 ? result : static_cast<int64_t>(transfer->done));
+        OnMoved(*transfer,
+                result < 0 && transfer->done == 0 ? result : static_cast<int64_t>(transfer->done));
 }
 
-void FileEngine::End(Transfer& transfer, int64_t result) {
+void FileEngine::OnMoved(Transfer& transfer, int64_t result) {
+    const bool sync = m_durable && transfer.write && result > 0;
+    bool startSync = false;
     Transfer* next = nullptr;
     m_mutex.lock();
     if (m_waiting.empty()) {
@@ -85,10 +94,38 @@ void FileEngine::End(Transfer& transfer, int64_t result) {
         next = m_waiting.front();
         m_waiting.pop_front();
     }
+    if (sync) {
+        startSync = !m_syncRuns;
+        m_syncRuns = true;
+        (startSync ? m_syncing : m_unsynced).push_back({&transfer, result});
+    }
     m_mutex.unlock();
-    m_transfers.Finish(transfer.ticket, result);
+    if (!sync)
+        m_transfers.Finish(transfer.ticket, result);
+    if (startSync)
+        SubmitSync();
     if (next != nullptr)
         Submit(*next);
+}
+
+void FileEngine::OnSynced(int64_t result) {
+    std::vector<Written> synced;
+    m_mutex.lock();
+    if (result < 0)
+        ++m_syncFailures;
+    synced.swap(m_syncing);
+    m_syncing.swap(m_unsynced);
+    for (Written& each : synced) {
+        if (each.transfer->syncFailures != m_syncFailures)
+            each.result = -EIO;
+    }
+    const bool startSync = !m_syncing.empty();
+    m_syncRuns = startSync;
+    m_mutex.unlock();
+    if (startSync)
+        SubmitSync();
+    for (const Written& each : synced)
+        m_transfers.Finish(each.transfer->ticket, each.result);
 }
 
 void FileEngine::CancelAborted() {

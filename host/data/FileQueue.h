@@ -14,13 +14,16 @@ namespace moscsi::data {
 
 /// One call to the kernel. `iov` stays valid until the request ended.
 struct FileRequest {
-    bool write = false;
+    enum class Kind { Read, Write, Sync };  ///< preadv(2), pwritev(2), fdatasync(2)
+    Kind kind = Kind::Read;
     const iovec* iov = nullptr;
     int count = 0;
     uint64_t offset = 0;
-    int flags = 0;  ///< RWF_ flags, preadv2(2)
     Ticket ticket = 0;
 };
+
+/// Tickets that no transfer has: places don't reach that far.
+inline constexpr Ticket kSyncTicket = ~Ticket{0};
 
 /// Carries requests of one file to the kernel. It neither resumes nor retries: FileEngine does.
 class FileQueue {
@@ -33,7 +36,7 @@ class FileQueue {
 
     virtual const char* Name() const = 0;
 
-    /// Requests that may be under way at once; the caller keeps to it.
+    /// Requests that may be under way at once, beside one Sync; the caller keeps to it.
     virtual size_t Depth() const = 0;
 
     /// Thread: any.

@@ -1,8 +1,27 @@
 #include "host/data/ThreadQueue.h"
 
+#include <unistd.h>
+
 #include <cerrno>
 
 namespace moscsi::data {
+namespace {
+
+int64_t Carry(int fd, const FileRequest& request) {
+    const auto offset = static_cast<off_t>(request.offset);
+    switch (request.kind) {
+        case FileRequest::Kind::Read:
+            return preadv(fd, request.iov, request.count, offset);
+        case FileRequest::Kind::Write:
+            return pwritev(fd, request.iov, request.count, offset);
+        case FileRequest::Kind::Sync:
+            return fdatasync(fd);
+    }
+    errno = EINVAL;
+    return -1;
+}
+
+}  // namespace
 
 std::unique_ptr<FileQueue> ThreadQueue::Make(int fd, Ended ended, std::string& /*error*/) {
     return std::make_unique<ThreadQueue>(fd, std::move(ended));
@@ -40,10 +59,7 @@ void ThreadQueue::Run() {
         const FileRequest request = m_requests.front();
         m_requests.pop_front();
         m_mutex.unlock();
-        const auto offset = static_cast<off_t>(request.offset);
-        const ssize_t moved =
-            request.write ? pwritev2(m_fd, request.iov, request.count, offset, request.flags)
-                          : preadv2(m_fd, request.iov, request.count, offset, request.flags);
+        const int64_t moved = Carry(m_fd, request);
         m_ended(request.ticket, moved < 0 ? -errno : moved);
         m_mutex.lock();
     }

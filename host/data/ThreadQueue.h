@@ -10,7 +10,7 @@
 
 namespace moscsi::data {
 
-/// A few threads that block in preadv2 and pwritev2, for where io_uring isn't allowed.
+/// A few threads that block in the kernel, for where io_uring isn't allowed.
 class ThreadQueue : public FileQueue {
   public:
     static std::unique_ptr<FileQueue> Make(int fd, Ended ended, std::string& error);

@@ -8,14 +8,30 @@
 namespace moscsi::data {
 namespace {
 
-constexpr uint64_t kStopMark = ~uint64_t{0};  // no ticket: places don't reach that far
-constexpr uint64_t kVoidMark = kStopMark - 1;
+// Tickets that no request has, like kSyncTicket.
+constexpr uint64_t kStopMark = kSyncTicket - 1;
+constexpr uint64_t kVoidMark = kSyncTicket - 2;
+
+void Prepare(io_uring_sqe* entry, int fd, const FileRequest& request) {
+    switch (request.kind) {
+        case FileRequest::Kind::Read:
+            io_uring_prep_readv(entry, fd, request.iov, request.count, request.offset);
+            break;
+        case FileRequest::Kind::Write:
+            io_uring_prep_writev(entry, fd, request.iov, request.count, request.offset);
+            break;
+        case FileRequest::Kind::Sync:
+            io_uring_prep_fsync(entry, fd, IORING_FSYNC_DATASYNC);
+            break;
+    }
+    io_uring_sqe_set_data64(entry, request.ticket);
+}
 
 }  // namespace
 
 std::unique_ptr<FileQueue> UringQueue::Make(int fd, Ended ended, std::string& error) {
     std::unique_ptr<UringQueue> queue(new UringQueue(fd, std::move(ended)));
-    const int result = io_uring_queue_init(kDepth, &queue->m_ring, 0);
+    const int result = io_uring_queue_init(kDepth + 1, &queue->m_ring, 0);
     if (result < 0) {
         error = strerror(-result);
         return nullptr;
@@ -37,13 +53,8 @@ void UringQueue::Submit(const FileRequest& request) {
         const MutexGuard guard(m_submitMutex);
         // Never null: each entry was taken by the kernel before the mutex was released.
         io_uring_sqe* const entry = io_uring_get_sqe(&m_ring);
-        if (request.write)
-            io_uring_prep_writev2(entry, m_fd, request.iov, request.count, request.offset,
-                                  request.flags);
-        else
-            io_uring_prep_readv2(entry, m_fd, request.iov, request.count, request.offset,
-                                 request.flags);
-        io_uring_sqe_set_data64(entry, request.ticket);
+        Prepare(entry, m_fd, request);
+        m_submitted.fetch_add(1, std::memory_order_release);
         result = EnterLocked(entry);
     }
     if (result < 0)
@@ -92,6 +103,7 @@ void UringQueue::Run() {
         io_uring_cqe_seen(&m_ring, entry);
         if (mark == kStopMark)
             return;
+        m_submitted.load(std::memory_order_acquire);
         if (mark != kVoidMark)
             m_ended(mark, moved);
     }

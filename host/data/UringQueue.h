@@ -2,6 +2,7 @@
 
 #include <liburing.h>
 
+#include <atomic>
 #include <thread>
 
 #include "host/data/FileQueue.h"
@@ -34,6 +35,9 @@ class UringQueue : public FileQueue {
 
     Mutex m_submitMutex;  ///< the ring's submission side; the completion side is the thread's
     io_uring m_ring = {};
+    /// Orders what was written before a Submit before what reads it after the request's end. The
+    /// kernel does so too, where neither the language nor ThreadSanitizer can see it.
+    std::atomic<uint64_t> m_submitted{0};
     bool m_made = false;
     std::thread m_thread;
 };

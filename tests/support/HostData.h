@@ -6,13 +6,16 @@
 #include <condition_variable>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <map>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "host/data/LunData.h"
+#include "host/data/FileEngine.h"
+#include "host/data/LunDataParts.h"
 #include "platform/MoScsiSrvPlatform.h"
 #include "util/Mutex.h"
 
@@ -129,5 +132,25 @@ class Directory {
   private:
     std::string m_path;
 };
+
+inline void Touch(const std::string& path) {
+    std::ofstream(path).put('x');
+}
+
+/// A LUN on a file whose requests go through the maker's queue.
+inline std::unique_ptr<moscsi::data::LunData> MakeOver(const moscsi::data::FileQueueMaker& maker,
+                                                       const moscsi::data::LunDataConfig& config,
+                                                       FakePlatform& platform) {
+    using namespace moscsi::data;
+    std::string error;
+    BackingFile file;
+    auto parts = std::make_unique<LunData::Parts>(config, platform);
+    if (!file.Open(config.path, config.sizeBytes, error))
+        throw std::runtime_error(error);
+    parts->engine = FileEngine::Make(file, config.faults.durable, parts->transfers, maker, error);
+    if (!parts->engine)
+        throw std::runtime_error(error);
+    return std::make_unique<LunData>(std::move(parts));
+}
 
 }  // namespace hostdata_test
