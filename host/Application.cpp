@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <chrono>
 #include <ranges>
 
 namespace moscsi::host {
@@ -10,6 +11,7 @@ namespace {
 
 constexpr uint32_t kAutomatic = 0xFFFFFFFF;
 constexpr uint32_t kMaxMappedLun = 255;
+constexpr std::chrono::seconds kStepAllowance{3};
 
 uint32_t BackstoreType(const LunPlan& lun) {
     switch (lun.config.type) {
@@ -170,24 +172,36 @@ bool Application::Apply(const ConfigfsView& before, const StopAsked& stopAsked) 
     return done;
 }
 
+/// A LUN that configfs carries can't be deleted while it is mapped. One that targetcli carries
+/// takes its mappings along, so that on a machine that is slow the time goes to what must be done.
+bool Application::NeedsUnmap(const LunPlan& lun) const {
+    return !m_slow || (m_manner.userByConfigfs && lun.config.type == LunType::User);
+}
+
+bool Application::TakeDownStep(const std::string& what,
+                               const std::function<CRyError()>& operation) {
+    const auto start = std::chrono::steady_clock::now();
+    const CRyError result = RunStep(m_console, what, operation);
+    m_slow |= std::chrono::steady_clock::now() - start > kStepAllowance;
+    return !result.IsError();
+}
+
 bool Application::Unmap(const TargetPlan& target, Extent extent, const StopAsked& outOfTime) {
     bool good = true;
     for (const InitiatorPlan& initiator : std::views::reverse(target.initiators)) {
         for (const size_t index : std::views::reverse(initiator.luns)) {
             const LunPlan& lun = target.luns[index];
             const auto number = NumberOf(lun);
-            if (!number ||
+            if (!number || !NeedsUnmap(lun) ||
                 (extent == Extent::Made && !m_madeMappings.contains({&initiator, index})))
                 continue;
             if (outOfTime())
                 return false;
             MoScsiSrvLun record = RecordOf(lun, *number);
             MoScsiSrvHost host{initiator.name};
-            good &= !RunStep(m_console,
-                             fmt::format("unmap {}, number {}, from {}", lun.Title(), *number,
-                                         initiator.name),
-                             [&] { return m_platform.UnMapHost(&record, &host); })
-                         .IsError();
+            good &= TakeDownStep(
+                fmt::format("unmap {}, number {}, from {}", lun.Title(), *number, initiator.name),
+                [&] { return m_platform.UnMapHost(&record, &host); });
         }
     }
     return good;
@@ -210,9 +224,8 @@ bool Application::DeleteLun(const LunPlan& lun, const ConfigfsView& now) {
     if (lun.config.type == LunType::User && !m_registered.contains(&lun))
         return false;
     MoScsiSrvLun record = RecordOf(lun, number);
-    return !RunStep(m_console, fmt::format("delete {} of {}", lun.Title(), lun.target), [&] {
-                return m_platform.DeleteLun(&record);
-            }).IsError();
+    return TakeDownStep(fmt::format("delete {} of {}", lun.Title(), lun.target),
+                        [&] { return m_platform.DeleteLun(&record); });
 }
 
 bool Application::TakeDown(Extent extent, const ConfigfsView& now, const StopAsked& outOfTime) {
@@ -239,9 +252,8 @@ bool Application::TakeDown(Extent extent, const ConfigfsView& now, const StopAsk
             continue;
         }
         MoScsiSrvTarget record{target.name};
-        good &= !RunStep(m_console, "delete target " + target.name, [&] {
-                     return m_platform.DeleteTarget(&record);
-                 }).IsError();
+        good &= TakeDownStep("delete target " + target.name,
+                             [&] { return m_platform.DeleteTarget(&record); });
     }
     return good;
 }

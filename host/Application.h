@@ -56,6 +56,8 @@ class Application {
     bool TakeDown(Extent extent, const ConfigfsView& now, const StopAsked& outOfTime);
     bool Unmap(const TargetPlan& target, Extent extent, const StopAsked& outOfTime);
     bool DeleteLun(const LunPlan& lun, const ConfigfsView& now);
+    bool NeedsUnmap(const LunPlan& lun) const;
+    bool TakeDownStep(const std::string& what, const std::function<CRyError()>& operation);
     MoScsiSrvLun RecordOf(const LunPlan& lun, uint32_t number) const;
 
     const Plan& m_plan;
@@ -71,6 +73,7 @@ class Application {
     std::set<const TargetPlan*> m_madeTargets;
     std::set<const LunPlan*> m_madeLuns;
     std::set<std::pair<const InitiatorPlan*, size_t>> m_madeMappings;
+    bool m_slow = false;  // a take-down step took longer than a stop allows for one
 };
 
 }  // namespace moscsi::host

@@ -92,7 +92,8 @@ std::string StatusTable(const json& status) {
     }
     for (const json& counter : status.value("counters", json::array())) {
         text += fmt::format("{}\n", counter.value("source", "?"));
-        for (const auto& [name, value] : counter.value("values", json::object()).items())
+        const json values = counter.value("values", json::object());  // items() keeps a reference
+        for (const auto& [name, value] : values.items())
             text += fmt::format("          {:<22} {:>14}\n", name, value.dump());
     }
     return text;

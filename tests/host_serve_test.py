@@ -146,6 +146,10 @@ class ServeTest(unittest.TestCase):
             self.assertEqual(status["phase"], "ready")
             self.assertEqual({lun["name"]: lun["number"] for lun in status["targets"][0]["luns"]},
                              {"one": 1, "two": 0, "three": 2})
+            table = subprocess.run([HOST, "status"], env=self.env, check=True, timeout=DEADLINE,
+                                   stdout=subprocess.PIPE, text=True).stdout
+            self.assertRegex(table, r"LUN +1 one +file +1 KiB .*/one\n")
+            self.assertRegex(table, r"fake source\n +answers +42\n")
             second = self.end(self.start())
             self.assertEqual(second[0], 1)
             self.assertIn(f"another moscsi-host (process {process.pid})", second[2])
@@ -226,8 +230,7 @@ class ServeTest(unittest.TestCase):
 
     def test_signal_while_a_step_runs_stops_after_it(self):
         process = self.start(FAKE_WAIT=self.path("go"))
-        wait_for(lambda: os.path.exists(self.path("run/host.sock"))
-                 and os.path.exists(self.path("log")), "the first step")
+        wait_for(lambda: os.path.exists(self.path("go.begun")), "the first step")
         process.terminate()
         limit = self.path("run/targetcli/limit")
         wait_for(lambda: os.path.exists(limit), "targetcli's time limit")

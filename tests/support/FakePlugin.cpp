@@ -2,7 +2,7 @@
 // operation to FAKE_LOG, and can be told to misbehave:
 //   FAKE_FAIL=OPERATION:N   the N-th call of the operation fails, its work half done
 //   FAKE_PORTAL=TEXT        targets get this portal; empty: none
-//   FAKE_WAIT=FILE          CreateTarget waits until the file is there
+//   FAKE_WAIT=FILE          CreateTarget makes FILE.begun, and waits until FILE is there
 
 #include <unistd.h>
 
@@ -11,8 +11,10 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <memory>
 #include <thread>
 
+#include "adapters/framework/MoStatistics.h"
 #include "host/Identity.h"
 #include "platform/MoScsiSrvPlatform.h"
 #include "tests/support/FakeConfigfs.h"
@@ -35,6 +37,8 @@ class FakePlatform final : public MoScsiSrvPlatform {
 
     CRyError CreateTarget(MoScsiSrvTarget_t* target) override {
         const std::string wait = Variable("FAKE_WAIT", "");
+        if (!wait.empty())
+            FakeConfigfs::Write(wait + ".begun", "");
         while (!wait.empty() && !std::filesystem::exists(wait))
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         m_tree.AddTarget(target->targetName, Variable("FAKE_PORTAL", "0.0.0.0:3260"));
@@ -101,6 +105,10 @@ class FakePlatform final : public MoScsiSrvPlatform {
         return {};
     }
 
+    std::unique_ptr<MoStatistics::Registration> m_counters =
+        MoStatistics::Register("fake source", [] {
+            return MoStatistics::Counters{{"answers", 42}};
+        });
     FakeConfigfs m_tree{Variable("MOSCSI_CONFIGFS_ROOT", "")};
     std::map<std::string, int> m_calls;
 };
