@@ -63,6 +63,11 @@ def is_running(pid):
     return False
 
 
+def loops(pid):
+    """How often a process has waited for something."""
+    return int(re.search(r"^voluntary_ctxt_switches:\s*(\d+)", Path(f"/proc/{pid}/status").read_text(), re.M)[1])
+
+
 class WrapperTest(unittest.TestCase):
     def setUp(self):
         self.dir = Path(tempfile.mkdtemp())
@@ -182,9 +187,11 @@ class Relay(WrapperTest):
         self.assertTrue((self.dir / "whole").exists())
 
     def test_a_reader_that_never_reads_is_not_waited_for_beyond_the_limit(self):
-        process = self.start_fake_script("echo $$ >$D/pid; seq 400000; exit 0", MOSCSI_TARGETCLI_TIMEOUT=1)
-        self.assertEqual(process.wait(DEADLINE), 124)
-        self.assertFalse(is_running(int((self.dir / "pid").read_text())))
+        # The first doesn't get rid of its output, the second does and ends.
+        for output, status in (("seq 400000", 124), ("head -c 150000 /dev/zero", 7)):
+            process = self.start_fake_script(f"echo $$ >$D/pid; {output}; exit 7", MOSCSI_TARGETCLI_TIMEOUT=1)
+            self.assertEqual(process.wait(DEADLINE), status)
+            self.assertFalse(is_running(int((self.dir / "pid").read_text())))
 
     def test_what_outlives_the_real_one_does_not_hold_the_wrapper(self):
         script = "sleep 1000 & echo $! >$D/a; setsid sh -c 'echo $$ >$D/b; exec sleep 1000' &" \
@@ -266,6 +273,8 @@ class Limits(WrapperTest):
         process = self.start_fake_script("read _ <$D/go; exit 0")
         with open(self.dir / "go", "w") as go:  # opens when the real one runs
             process.send_signal(signal.SIGINT)
+            seen = loops(process.pid)
+            wait_until(lambda: process.poll() is not None or loops(process.pid) > seen + 2)
             go.write("\n")
         self.assertEqual(self.finish(process), (0, "", ""))
 
@@ -384,7 +393,8 @@ class UserBackstore(WrapperTest):
             self.assertIn(" exists\n", self.create("exit 1")[2])
         for other, line in ((dict(size="81920"), "another size (81920 bytes)"), (dict(size="819"), "another size"),
                             (dict(config="MoScsiSrvTcmu/C0ffee"), "another configuration (MoScsiSrvTcmu/C0ffee)"),
-                            (dict(config="moscsisrvtcmuX/c0ffee"), "another conf"), (dict(config="c0ffee"), "another"),
+                            (dict(config="moscsisrvtcmuX/c0ffee"), "another conf"),
+                            (dict(config="moscsi/c0ffee"), "another conf"), (dict(config="c0ffee"), "another"),
                             (dict(config="x/exists"), "differs"), (dict(enable="0"), "never enabled")):
             with self.subTest(other):
                 self.kernel_object(**other)

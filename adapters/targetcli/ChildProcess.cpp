@@ -69,9 +69,7 @@ std::vector<char*> pointers(std::vector<std::string>& texts) {
 }  // namespace
 
 ChildProcess::~ChildProcess() {
-    if (m_pid > 0) {
-        kill(std::chrono::milliseconds(0));
-    }
+    kill(std::chrono::milliseconds(0));
     if (m_exitFd >= 0) {
         close(m_exitFd);
     }
@@ -121,6 +119,9 @@ int ChildProcess::reap() {
 }
 
 bool ChildProcess::kill(std::chrono::milliseconds patience) {
+    if (m_pid <= 0) {
+        return true;
+    }
     ::kill(-m_pid, SIGKILL);
     pollfd ended = {m_exitFd, POLLIN, 0};
     if (m_exitFd >= 0 && poll(&ended, 1, static_cast<int>(patience.count())) == 1) {
