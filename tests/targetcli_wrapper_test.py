@@ -163,7 +163,8 @@ class Version(WrapperTest):
     def test_another_version_can_be_asked_for_while_the_real_one_answers(self):
         asked = dict(MOSCSI_TARGETCLI_VERSION="2.1.fb41")
         self.assertEqual(self.gate("echo targetcli version 2.1.53; exit", **asked), "2.1.fb41\n")
-        self.assertEqual(self.gate("exit 1", **asked), "")
+        for script in ("exit 1", "exit 0"):
+            self.assertEqual(self.gate(script, **asked), "")
         self.assertEqual(self.gate("echo targetcli version 2.1.53; exit", MOSCSI_TARGETCLI_VERSION="old"), "")
 
 
@@ -212,6 +213,12 @@ class Relay(WrapperTest):
                 result, _, err = self.run_fake_script(script)
                 self.assertEqual(result, status)
                 self.assertRegex(err, rf"^{line}\n$" if line else "^$")
+
+    def test_a_caller_that_closed_streams_or_ignores_the_end_of_children_does_no_harm(self):
+        self.run_wrapper("anything")
+        caller = ["sh", "-c", "exec env --ignore-signal=CHLD targetcli do <&- >&-"]
+        for script, status in (("[ -e /proc/$$/fd/0 ] && echo x || exit 9; exit 0", 0), ("exit 3", 3)):
+            self.assertEqual(self.finish(self.start(program=caller, FAKE_SCRIPT=script))[0], status)
 
     def test_the_real_one_gets_clean_surroundings(self):
         extra = os.open("/dev/null", os.O_RDONLY)
