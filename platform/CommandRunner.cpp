@@ -22,16 +22,15 @@ bool Contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
 }
 
-/// Runs `cmd` and keeps the first line that it prints, line feed included. The exit status is not
-/// looked at.
+/// Runs `cmd` and keeps the first line that it prints, line feed included; `line` stays as it is
+/// when nothing comes. The exit status is not looked at.
 /// Returns: false when it could not be started.
 bool ReadFirstLine(const std::string& cmd, char* line, size_t size) {
     // Close-on-exec: what another thread starts meanwhile must not keep the pipe open.
     FILE* const pipe = popen(cmd.c_str(), "re");
     if (pipe == nullptr)
         return false;
-    if (fgets(line, static_cast<int>(size), pipe) == nullptr)
-        line[0] = '\0';
+    [[maybe_unused]] const char* const read = fgets(line, static_cast<int>(size), pipe);
     pclose(pipe);
     return true;
 }

@@ -23,11 +23,21 @@ struct FileBackstore {
 namespace {
 
 constexpr FileBackstore kFile = {
-    {"fileio", "fileio/"},      "file_or_dev=", true, S_IFREG, "bstor %s is not regular file",
-    "bstor %s not regular file"};
+    .targetcli = {.directory = "fileio", .listedAs = "fileio/"},
+    .sourceKey = "file_or_dev=",
+    .createMissing = true,
+    .fileType = S_IFREG,
+    .wrongTypeLog = "bstor %s is not regular file",
+    .wrongTypeError = "bstor %s not regular file",
+};
 constexpr FileBackstore kBlockDevice = {
-    {"block", "block/"},      "dev=", false, S_IFBLK, "bstor %s is not blk dev",
-    "bstor %s is not blk dev"};
+    .targetcli = {.directory = "block", .listedAs = "block/"},
+    .sourceKey = "dev=",
+    .createMissing = false,
+    .fileType = S_IFBLK,
+    .wrongTypeLog = "bstor %s is not blk dev",
+    .wrongTypeError = "bstor %s is not blk dev",
+};
 
 /// Makes a sparse file of the LUN's size. One that can't be written in full stays.
 CRyError CreateBackingFile(const char* function, const MoScsiSrvLun_t* lun) {

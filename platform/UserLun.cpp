@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr TargetCliBackstore kUser = {"user:MoScsiSrvTcmu", "user/"};
+constexpr TargetCliBackstore kUser = {.directory = "user:MoScsiSrvTcmu", .listedAs = "user/"};
 
 constexpr std::chrono::seconds kClosePoll{2};
 
