@@ -162,7 +162,7 @@ TEST_F(PlatformStartTest, InitializeStopsAtAStepThatFails) {
     EXPECT_THAT(targetcli.Calls(), IsEmpty());
 
     Script("exit 0");
-    setenv("PATH", FAKE_TARGETCLI_PATH, 1);  // no cut: the pipeline fails
+    setenv("PATH", FakeTargetcli::kProgramDirectory, 1);  // no cut: the pipeline fails
     journal.Reset(0);
     error = Platform().Initialize();
     EXPECT_EQ(error.Number(), 774);

@@ -10,9 +10,11 @@
 /// starts, with a directory for its answers and for what it was asked.
 class FakeTargetcli {
   public:
+    static const char* const kProgramDirectory;  ///< where nothing else is
+
     explicit FakeTargetcli(std::string directory) : m_directory(std::move(directory)) {
         static const std::string path = getenv("PATH");
-        setenv("PATH", (FAKE_TARGETCLI_PATH ":" + path).c_str(), 1);
+        setenv("PATH", (kProgramDirectory + (":" + path)).c_str(), 1);
         setenv("FAKE_TARGETCLI", m_directory.c_str(), 1);
     }
 

@@ -6,6 +6,8 @@
 
 #include "adapters/framework/GetGUID.h"
 
+const char* const FakeTargetcli::kProgramDirectory = FAKE_TARGETCLI_PATH;
+
 TemporaryDirectory::TemporaryDirectory()
     : path([] {
           std::string name = testing::TempDir() + "moscsi.XXXXXX";
