@@ -21,6 +21,8 @@ TemporaryDirectory::~TemporaryDirectory() {
 MoScsiSrvLIOTest::MoScsiSrvLIOTest() {
     os_seams::Reset();
     runner.Reset();
+    static const std::string real = ConfigFSRoot();  // as it is before the first test
+    EXPECT_EQ(real, "/sys/kernel/config/target/");
     ConfigFSRoot() = dir.path + "/";
     MakePlatform();
     os_seams::Reset();
