@@ -37,6 +37,9 @@ std::vector<std::string> NaaClashes(const Plan& plan, const ConfigfsView& view);
 std::vector<std::string> Leftovers(const Plan& plan, const ConfigfsView& before,
                                    const ConfigfsView& view);
 
+/// User backstores of the plug-in's handler that the plan doesn't name: nobody serves them.
+std::vector<std::string> Unserved(const Plan& plan, const ConfigfsView& view);
+
 /// The object of a LUN of the plan, linked or not; null when there is none.
 const StorageObject* ObjectOf(const LunPlan& lun, const ConfigfsView& view);
 

@@ -99,6 +99,7 @@ std::string FindEnvironment(const std::string& platformFile, Environment& enviro
     MOPlatformInfo::setFacts(facts);
     environment.home = facts.homeDirectory;
     const int port = Platform_Util::GetScsiServicePort();
+    environment.portIsDefault = port < 0;
     environment.port = port < 0 ? kDefaultPort : port;
     return {};
 }
@@ -129,19 +130,23 @@ std::string MissingPrerequisite(const Environment& environment) {
     return {};
 }
 
-std::string ServiceScriptComplaint(const Environment& environment) {
+std::string StartComplaint(const Environment& environment) {
     const fs::path script = environment.home / "moscsi_server.sh";
     if (!IsProgram(script))
         return fmt::format(
             "{} isn't there: install the product, or name its home directory in the "
             "platform file",
             script.string());
-    std::string errors;
-    if (MoProcess::system(script.string() + " -start", nullptr, &errors, 0, false) == 0)
-        return {};
-    while (errors.ends_with('\n'))
-        errors.pop_back();
-    return errors.substr(errors.rfind('\n') + 1);
+    for (const std::string& command :
+         {script.string() + " -start", std::string("targetcli ls /")}) {
+        std::string errors;
+        if (MoProcess::system(command, nullptr, &errors, 0, false) == 0)
+            continue;
+        while (errors.ends_with('\n'))
+            errors.pop_back();
+        return errors.substr(errors.rfind('\n') + 1);
+    }
+    return {};
 }
 
 std::string TargetcliVersion() {

@@ -12,6 +12,7 @@ struct Environment {
     std::filesystem::path runDirectory;  ///< lock, socket, wrapper's state
     std::filesystem::path configfs;      ///< the kernel target's root
     int port = 3260;                     ///< of the iSCSI service
+    bool portIsDefault = false;          ///< the machine has none of its own
 };
 
 /// Finds the installation from this program's own place, reads the platform file (`platformFile`;
@@ -28,9 +29,9 @@ void PrepareSearchPath(const Environment& environment);
 /// the system bus.
 std::string MissingPrerequisite(const Environment& environment);
 
-/// What the plug-in's start couldn't say: runs the service script again and returns its last words;
-/// empty when it succeeds or isn't there.
-std::string ServiceScriptComplaint(const Environment& environment);
+/// What the plug-in's start couldn't say: runs the service script again, then targetcli, and
+/// returns the last words of the first that fails; empty when both succeed.
+std::string StartComplaint(const Environment& environment);
 
 /// The version by which the plug-in chose its manner, read as it reads it. Requires: Initialize
 /// succeeded.

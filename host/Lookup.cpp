@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <set>
+
 #include "host/Compare.h"
 
 namespace moscsi::host {
@@ -52,6 +54,23 @@ const LunView* LunOf(const LunPlan& lun, const ConfigfsView& view) {
             if (candidate.object == object->name && candidate.hba == object->hba)
                 return &candidate;
     return nullptr;
+}
+
+std::vector<std::string> Unserved(const Plan& plan, const ConfigfsView& view) {
+    std::set<const StorageObject*> named;
+    for (const TargetPlan& target : plan.targets)
+        for (const LunPlan& lun : target.luns)
+            named.insert(ObjectOf(lun, view));
+    std::vector<std::string> lines;
+    for (const StorageObject& object : view.objects)
+        if ((object.config.starts_with("MoScsiSrvTcmu/") ||
+             object.config.starts_with("moscsisrvtcmu/")) &&
+            !named.contains(&object))
+            lines.push_back(fmt::format(
+                "backstore {} isn't named by the file and answers NOT READY; once no LUN carries "
+                "it, remove it with: {}",
+                object.Text(), object.Removal()));
+    return lines;
 }
 
 std::vector<std::string> Leftovers(const Plan& plan, const ConfigfsView& before,

@@ -39,7 +39,7 @@ size_t Plan::ObjectCount() const {
 std::vector<std::string> Plan::Lines() const {
     std::vector<std::string> lines;
     for (const TargetPlan& target : targets) {
-        lines.push_back(fmt::format("target {}, portal group 1, port {}", target.name, port));
+        lines.push_back(fmt::format("target {}", target.name));
         for (const LunPlan& lun : target.luns) {
             std::string kind = TypeText(lun.config.type);
             if (lun.config.type == LunType::User)

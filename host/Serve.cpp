@@ -1,6 +1,7 @@
 #include "host/Serve.h"
 
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <nlohmann/json.hpp>
@@ -41,7 +42,8 @@ class Service {
           m_options(options),
           m_console(console),
           m_stop(environment.runDirectory,
-                 kStopBase + kStopPerObject * static_cast<int>(plan.ObjectCount())),
+                 kStopBase + kStopPerObject * static_cast<int>(plan.ObjectCount()),
+                 [this] { GiveUp(); }),
           m_status(plan),
           m_server(environment.runDirectory / "host.sock",
                    [this] { return m_status.Json().dump(); }) {}
@@ -56,6 +58,7 @@ class Service {
     bool Apply();
     void TakeDown(bool all);
     bool CleanUp();
+    [[noreturn]] void GiveUp();
 
     ConfigfsView Look() const { return ReadConfigfs(m_environment.configfs); }
 
@@ -103,7 +106,7 @@ bool Service::Start() {
                                   m_manner.userByConfigfs ? "configfs" : "targetcli"));
         return true;
     }
-    if (const std::string words = ServiceScriptComplaint(m_environment); !words.empty())
+    if (const std::string words = StartComplaint(m_environment); !words.empty())
         m_console.Complain(words);
     return Fail(result.Message());
 }
@@ -129,6 +132,8 @@ bool Service::PrepareData() {
                 : "it answers NOT READY; --discard-lost-memory serves it empty"));
     if (m_options.discardLostMemory)
         lost.clear();
+    for (const std::string& line : Unserved(m_plan, m_before))
+        m_console.Say(line);
     const std::string fault = m_data.Make(m_plan, lost, *m_platform);
     if (!fault.empty())
         return Fail(fault);
@@ -178,6 +183,18 @@ bool Service::CleanUp() {
     RunStep(m_console, "clean up the platform", [&] { return m_platform->Cleanup(); });
     return WaitForBusNameGone(kRunnerLimit) ||
            Fail("the plug-in's runner didn't end: see its log lines");
+}
+
+/// A step that doesn't end can't be ended from outside; the process can.
+void Service::GiveUp() {
+    m_console.Complain(
+        "a step of the stop doesn't end, and the time for it is over: what is still "
+        "in the kernel's target stays until the next start with the same file");
+    // Neither thread is joined here: the one that hangs may be anywhere.
+    std::error_code ignored;
+    std::filesystem::remove(m_environment.runDirectory / "host.sock", ignored);
+    m_stop.EndLimit();
+    _exit(1);
 }
 
 int Service::Run() {

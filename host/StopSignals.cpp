@@ -11,9 +11,11 @@ namespace {
 
 using std::chrono::seconds;
 
-constexpr seconds kStepLimit{35};  // a delete waits up to 30 s for commands in flight
-constexpr seconds kLeastLimit{3};  // less than targetcli needs to start helps nobody
+constexpr seconds kStepLimit{35};   // a delete waits up to 30 s for commands in flight
+constexpr seconds kLeastLimit{3};   // less than targetcli needs to start helps nobody
+constexpr seconds kRunnerTime{10};  // the plug-in's runner waits that long for its devices
 constexpr seconds kHurry{3};
+constexpr seconds kHurryEnd{8};
 
 sigset_t StopSet() {
     sigset_t set;
@@ -31,12 +33,13 @@ void StopSignals::Block() {
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
 }
 
-StopSignals::StopSignals(const std::filesystem::path& runDirectory, seconds allowance)
+StopSignals::StopSignals(const std::filesystem::path& runDirectory, seconds allowance,
+                         std::function<void()> overdue)
     : m_limitFile(runDirectory / "targetcli/limit"),
       m_allowance(allowance),
+      m_overdue(std::move(overdue)),
       m_thread([this] { Run(); }) {
-    std::error_code ignored;
-    std::filesystem::remove(m_limitFile, ignored);  // of a host that was killed while it stopped
+    EndLimit();  // of a host that was killed while it stopped
 }
 
 void StopSignals::End() {
@@ -45,6 +48,10 @@ void StopSignals::End() {
     m_ending = true;
     pthread_kill(m_thread.native_handle(), SIGTERM);
     m_thread.join();
+    EndLimit();
+}
+
+void StopSignals::EndLimit() {
     std::error_code ignored;
     std::filesystem::remove(m_limitFile, ignored);
 }
@@ -62,7 +69,8 @@ void StopSignals::BeginLocked() {
     if (m_begun)
         return;
     m_begun = true;
-    m_deadline = Clock::now() + m_allowance;
+    m_end = Clock::now() + m_allowance;
+    m_deadline = m_end - kRunnerTime;
     LimitTargetcli(kStepLimit);
 }
 
@@ -71,22 +79,36 @@ void StopSignals::Begin() {
     BeginLocked();
 }
 
+std::chrono::nanoseconds StopSignals::UntilOverdue() {
+    const MutexGuard guard(m_mutex);
+    return m_begun ? m_end - Clock::now() : std::chrono::hours(1);
+}
+
+void StopSignals::Take() {
+    const MutexGuard guard(m_mutex);
+    if (m_asked) {
+        m_deadline = std::min(m_deadline, Clock::now() + kHurry);
+        m_end = std::min(m_end, Clock::now() + kHurryEnd);
+        LimitTargetcli(kHurry);
+    }
+    m_asked = true;
+    BeginLocked();
+    m_change.notify_all();
+}
+
 void StopSignals::Run() {
     const sigset_t set = StopSet();
-    for (;;) {
-        int signal = 0;
-        if (sigwait(&set, &signal) != 0)
-            continue;
-        if (m_ending)
+    while (!m_ending) {
+        const std::chrono::nanoseconds left = UntilOverdue();
+        if (left.count() <= 0) {
+            m_overdue();
             return;
-        const MutexGuard guard(m_mutex);
-        if (m_asked) {
-            m_deadline = std::min(m_deadline, Clock::now() + kHurry);
-            LimitTargetcli(kHurry);
         }
-        m_asked = true;
-        BeginLocked();
-        m_change.notify_all();
+        // A stop that begins without a signal is noticed within a second.
+        const auto wait = std::min<std::chrono::nanoseconds>(left, seconds(1));
+        const timespec time{wait.count() / 1000000000, wait.count() % 1000000000};
+        if (sigtimedwait(&set, nullptr, &time) > 0 && !m_ending)
+            Take();
     }
 }
 

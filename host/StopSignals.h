@@ -4,6 +4,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <filesystem>
+#include <functional>
 #include <thread>
 
 #include "util/Mutex.h"
@@ -22,8 +23,11 @@ class StopSignals {
     /// before any other thread exists.
     static void Block();
 
-    /// Starts to take them. `allowance` is what a stop may take.
-    StopSignals(const std::filesystem::path& runDirectory, std::chrono::seconds allowance);
+    /// Starts to take them. `allowance` is what a stop may take, its last ten seconds for the
+    /// plug-in's runner. `overdue` is called on the thread of the signals when a stop takes longer:
+    /// a delete waits without limit for a device that doesn't close.
+    StopSignals(const std::filesystem::path& runDirectory, std::chrono::seconds allowance,
+                std::function<void()> overdue);
     ~StopSignals() { End(); }
     StopSignals(const StopSignals&) = delete;
     StopSignals& operator=(const StopSignals&) = delete;
@@ -37,29 +41,36 @@ class StopSignals {
     /// Waits for the first signal. Thread: any.
     void Wait() MO_EXCLUDES(m_mutex);
 
-    /// True when a stop's allowance is used up. Otherwise the running time limit of targetcli is
-    /// brought up to date: call it before each step of a stop. Thread: any.
+    /// True when it is too late for another step of a stop. Otherwise the running time limit of
+    /// targetcli is brought up to date: call it before each step of a stop. Thread: any.
     bool OutOfTime() MO_EXCLUDES(m_mutex);
 
     /// Ends the thread, and targetcli's time limit with it. May be called again.
     void End();
 
+    /// Ends targetcli's time limit only. Thread: any.
+    void EndLimit();
+
   private:
     using Clock = std::chrono::steady_clock;
 
     void Run() MO_EXCLUDES(m_mutex);
+    void Take() MO_EXCLUDES(m_mutex);
+    std::chrono::nanoseconds UntilOverdue() MO_EXCLUDES(m_mutex);
     void BeginLocked() MO_REQUIRES(m_mutex);
     void LimitTargetcli(std::chrono::seconds seconds);
 
     const std::filesystem::path m_limitFile;
     const std::chrono::seconds m_allowance;
+    const std::function<void()> m_overdue;
     std::atomic<bool> m_asked{false};
     std::atomic<bool> m_ending{false};
     Mutex m_mutex;
     std::condition_variable_any m_change;
     bool m_begun MO_GUARDED_BY(m_mutex) = false;
-    Clock::time_point m_deadline MO_GUARDED_BY(m_mutex);
-    std::thread m_thread;  // last: it uses the others
+    Clock::time_point m_deadline MO_GUARDED_BY(m_mutex);  // of the last step's begin
+    Clock::time_point m_end MO_GUARDED_BY(m_mutex);       // of the process
+    std::thread m_thread;                                 // last: it uses the others
 };
 
 }  // namespace moscsi::host

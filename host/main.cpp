@@ -37,6 +37,8 @@ bool MakePlanOf(const std::string& file, const Environment& environment, Console
 int Check(const Plan& plan, const Environment& environment, Console& console) {
     if (Complain(console, NaaClashes(plan, ReadConfigfs(environment.configfs))))
         return kFailed;
+    console.Say(fmt::format("iSCSI service port: {}{}", environment.port,
+                            environment.portIsDefault ? " (the platform file names none)" : ""));
     for (const std::string& line : plan.Lines())
         console.Say(line);
     console.Say(fmt::format("{} is good", plan.file));

@@ -285,6 +285,15 @@ TEST_F(HostCompareTest, OlderTargetcliChoosesSerialsAndCannotFinishHalfMadeUserL
     EXPECT_TRUE(Manner::Of("2.1.fb43").chosenSerials);
 }
 
+TEST_F(HostCompareTest, UserBackstoresThatNobodyServesAreNamed) {
+    Fill();
+    tree.AddObject({"user", "gone", "MoScsiSrvTcmu/0123", 512, ""});
+    tree.AddObject({"user", "lower", "moscsisrvtcmu/4567", 512, ""});
+    tree.AddObject({"user", "other", "rbd/pool", 512, ""});
+    EXPECT_THAT(Unserved(plan, View()),
+                ElementsAre(HasSubstr("user/gone"), HasSubstr("user/lower")));
+}
+
 TEST_F(HostCompareTest, LeftoversAreNamedUnlessTheyWereThereBefore) {
     const ConfigfsView empty = View();
     Fill();

@@ -229,20 +229,33 @@ class ServeTest(unittest.TestCase):
         self.assertEqual(self.objects(), [f"/iscsi/{TARGET}"])
 
     def test_signal_while_a_step_runs_stops_after_it(self):
-        process = self.start(FAKE_WAIT=self.path("go"))
-        wait_for(lambda: os.path.exists(self.path("go.begun")), "the first step")
+        process = self.start(FAKE_WAIT="CreateTarget")
+        wait_for(lambda: os.path.exists(self.path("log.begun")), "the first step")
         process.terminate()
         limit = self.path("run/targetcli/limit")
         wait_for(lambda: os.path.exists(limit), "targetcli's time limit")
         process.terminate()
         wait_for(lambda: self.read(limit) == "3\n", "the hurry")
-        open(self.path("go"), "w", encoding="ascii").close()
+        open(self.path("log.go"), "w", encoding="ascii").close()
         code, out, _ = self.end(process)
         self.assertEqual(code, 1)
         self.assertNotIn("ready\n", out)
         self.assertEqual(self.objects(), [])
         self.assertEqual(self.log(), ["Initialize", f"CreateTarget {TARGET}",
                                       f"DeleteTarget {TARGET}", "Cleanup"])
+
+    def test_delete_that_never_ends_is_given_up(self):
+        process = self.start(FAKE_WAIT="DeleteLun")
+        self.ready(process)
+        process.terminate()
+        wait_for(lambda: os.path.exists(self.path("log.begun")), "the delete")
+        self.assertIn("stopping", subprocess.run([HOST, "status"], env=self.env, text=True,
+                                                 stdout=subprocess.PIPE, check=True).stdout)
+        process.terminate()
+        code, _, err = self.end(process)
+        self.assertEqual(code, 1)
+        self.assertIn("a step of the stop doesn't end", err)
+        self.assertFalse(os.path.exists(self.path("run/targetcli/limit")))
 
     def test_missing_prerequisites_are_one_line(self):
         os.rename(self.path("bus"), self.path("nobus"))

@@ -2,7 +2,7 @@
 // operation to FAKE_LOG, and can be told to misbehave:
 //   FAKE_FAIL=OPERATION:N   the N-th call of the operation fails, its work half done
 //   FAKE_PORTAL=TEXT        targets get this portal; empty: none
-//   FAKE_WAIT=FILE          CreateTarget makes FILE.begun, and waits until FILE is there
+//   FAKE_WAIT=OPERATION     the operation makes FAKE_LOG.begun, and waits for FAKE_LOG.go
 
 #include <unistd.h>
 
@@ -36,11 +36,7 @@ class FakePlatform final : public MoScsiSrvPlatform {
     CRyError RegisterGetVPDCB(MoScsiSrvGetVPDCb_t) override { return {}; }
 
     CRyError CreateTarget(MoScsiSrvTarget_t* target) override {
-        const std::string wait = Variable("FAKE_WAIT", "");
-        if (!wait.empty())
-            FakeConfigfs::Write(wait + ".begun", "");
-        while (!wait.empty() && !std::filesystem::exists(wait))
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        Wait("CreateTarget");
         m_tree.AddTarget(target->targetName, Variable("FAKE_PORTAL", "0.0.0.0:3260"));
         return Done("CreateTarget", target->targetName);
     }
@@ -72,6 +68,7 @@ class FakePlatform final : public MoScsiSrvPlatform {
         return result;
     }
     CRyError DeleteLun(MoScsiSrvLun_t* lun) override {
+        Wait("DeleteLun");
         m_tree.RemoveLun(lun->targetName, lun->lunNum);
         m_tree.RemoveObject(ObjectOf(*lun));
         return Done("DeleteLun", lun->path + " " + NumberText(*lun));
@@ -94,6 +91,15 @@ class FakePlatform final : public MoScsiSrvPlatform {
     }
     static uint32_t NumberIn(const std::filesystem::path& lun) {
         return static_cast<uint32_t>(std::stoul(lun.filename().string().substr(4)));
+    }
+
+    static void Wait(const std::string& operation) {
+        const std::string log = Variable("FAKE_LOG", "/dev/null");
+        if (Variable("FAKE_WAIT", "") != operation)
+            return;
+        FakeConfigfs::Write(log + ".begun", "");
+        while (!std::filesystem::exists(log + ".go"))
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
 
     CRyError Done(const std::string& operation, const std::string& arguments) {
