@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <ranges>
 
 namespace moscsi::host {
 namespace {
@@ -12,6 +11,15 @@ namespace {
 constexpr uint32_t kAutomatic = 0xFFFFFFFF;
 constexpr uint32_t kMaxMappedLun = 255;
 constexpr std::chrono::seconds kStepAllowance{3};
+
+/// A container seen from its end (std::views need a newer clang).
+template <typename Container>
+struct Reversed {
+    explicit Reversed(const Container& c) : container(c) {}
+    auto begin() const { return container.rbegin(); }
+    auto end() const { return container.rend(); }
+    const Container& container;
+};
 
 uint32_t BackstoreType(const LunPlan& lun) {
     switch (lun.config.type) {
@@ -188,8 +196,8 @@ bool Application::TakeDownStep(const std::string& what,
 
 bool Application::Unmap(const TargetPlan& target, Extent extent, const StopAsked& outOfTime) {
     bool good = true;
-    for (const InitiatorPlan& initiator : std::views::reverse(target.initiators)) {
-        for (const size_t index : std::views::reverse(initiator.luns)) {
+    for (const InitiatorPlan& initiator : Reversed(target.initiators)) {
+        for (const size_t index : Reversed(initiator.luns)) {
             const LunPlan& lun = target.luns[index];
             const auto number = NumberOf(lun);
             if (!number || !NeedsUnmap(lun) ||
@@ -230,9 +238,9 @@ bool Application::DeleteLun(const LunPlan& lun, const ConfigfsView& now) {
 
 bool Application::TakeDown(Extent extent, const ConfigfsView& now, const StopAsked& outOfTime) {
     bool good = true;
-    for (const TargetPlan& target : std::views::reverse(m_plan.targets)) {
+    for (const TargetPlan& target : Reversed(m_plan.targets)) {
         good &= Unmap(target, extent, outOfTime);
-        for (const LunPlan& lun : std::views::reverse(target.luns)) {
+        for (const LunPlan& lun : Reversed(target.luns)) {
             if (extent == Extent::Made && !m_madeLuns.contains(&lun))
                 continue;
             if (outOfTime())
