@@ -32,8 +32,8 @@ class Doorbell {
   private:
     void Write();
 
+    alignas(64) std::atomic<uint64_t> m_state{0};  // see Doorbell.cpp
     const int m_uioFd;
     std::atomic<uint64_t>& m_written;
     std::atomic<uint64_t>& m_failed;
-    alignas(64) std::atomic<uint64_t> m_state{0};  // see Doorbell.cpp
 };
