@@ -6,6 +6,16 @@
 
 #include "util/Log.h"
 
+namespace {
+
+/// Raises a counter that is written under the mutex only: a plain store is enough then, where an
+/// atomic increment would cost as much as the mutex.
+void RaiseLocked(MoIoctxMgr::Stats::Counter& counter) {
+    counter.store(counter.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+}
+
+}  // namespace
+
 MoIoctxMgr* MoIoctxMgr::g_IoctxMgr = nullptr;
 Mutex MoIoctxMgr::g_InstanceMutex;
 
@@ -79,7 +89,7 @@ MoScsiSrvIO* MoIoctxMgr::Ioctx_Alloc(void* priv) {
             // the heap nor a failure comes into it. Ioctx_Free goes the same way back.
             m_freeList.pop_front();
             m_busyMap.emplace(ioctx, priv);
-            ++m_stats.slabAllocs;
+            RaiseLocked(m_stats.slabAllocs);
             break;
         }
         create_slab();
@@ -125,7 +135,7 @@ MoScsiSrvIO* MoIoctxMgr::AllocLarge(int iovcnt, void* priv) {
 void MoIoctxMgr::Ioctx_Free(MoScsiSrvIO* ioctx) {
     m_mutex.lock();
     if (m_busyMap.erase(ioctx) != 0) {
-        ++m_stats.slabFrees;
+        RaiseLocked(m_stats.slabFrees);
         m_freeList.push_back(ioctx);
     } else if (m_largeMap.erase(ioctx) != 0) {
         ++m_stats.largeFrees;

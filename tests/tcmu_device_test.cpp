@@ -28,6 +28,12 @@ TEST_F(TcmuDevLifeTest, OpenLearnsTheGeometryAndRegisters) {
     EXPECT_THAT(Errors(), IsEmpty());
     EXPECT_EQ(dev.GetStats().opens, 1U);
     EXPECT_EQ(dev.GetStats().openErrors, 0U);
+
+    tcmu_device empty;
+    empty.cfgString = "MoScsiSrvTcmu/empty";
+    empty.size = 0;
+    MoScsiSrvTcmuDev other(&empty);
+    EXPECT_EQ(other.TcmuDevOpen(), 0) << "an empty device is one that answers";
 }
 
 TEST_F(TcmuDevLifeTest, FailedOpenLeavesTheObjectClosed) {
@@ -144,6 +150,7 @@ TEST_F(TcmuDevLifeTest, CloseAbortsWhatIsPendingAndPollsUntilTheHostHasGivenItBa
     EXPECT_EQ(Completions(), 3U);
     EXPECT_EQ(Lent(), 0U);
     EXPECT_EQ(dev->TcmuDevCfgString(), "");
+    EXPECT_FALSE(KnowsItsLun(*dev));
 
     // The entry stays, without a device, and the next open takes it.
     bool found = false;

@@ -167,6 +167,9 @@ struct MoScsiSrvTcmuDevTest : testing::Test {
             contexts.push_back(ioctx);
         return contexts;
     }
+    static bool KnowsItsLun(const MoScsiSrvTcmuDev& dev) {
+        return dev.m_bstoreInfo != std::pair<MoScsiBStorOps*, void*>();
+    }
     static void SetBStoreInfo(MoScsiSrvTcmuDev& dev, MoScsiBStorOps* ops, void* ctx) {
         dev.m_bstoreInfo = {ops, ctx};
     }
