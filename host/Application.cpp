@@ -78,10 +78,10 @@ std::optional<uint32_t> Application::NumberOf(const LunPlan& lun) const {
     return found == m_numbers.end() ? std::nullopt : std::optional(found->second);
 }
 
-/// A record filled afresh: a create appends to the serial, so none is used twice.
+/// A record filled afresh each time, since a create appends to the serial.
 MoScsiSrvLun Application::RecordOf(const LunPlan& lun, uint32_t number) const {
     MoScsiSrvLun record;
-    record.serialNum = lun.config.serialPrefix;
+    record.serialNum = lun.serial;
     record.lunNum = number;
     record.targetName = lun.target;
     record.path = lun.config.path;
@@ -106,6 +106,7 @@ bool Application::CreateLun(const LunPlan& lun) {
         m_madeLuns.insert(&lun);
 
     MoScsiSrvLun record = RecordOf(lun, number);
+    record.serialNum = lun.config.serialPrefix;
     const std::string asked = number == kAutomatic ? "automatic number" : fmt::format("{}", number);
     const CRyError result = RunStep(
         m_console,

@@ -10,7 +10,7 @@
 
 namespace moscsi::host {
 
-using nlohmann::json;
+using json = nlohmann::ordered_json;  // counters in the order of their source
 
 void HostStatus::SetPhase(const std::string& phase) {
     const MutexGuard guard(m_mutex);
@@ -36,7 +36,7 @@ json HostStatus::LunJson(const LunPlan& lun) const {
     if (lun.config.type == LunType::User) {
         result["cfgstring"] = lun.cfgString;
         if (m_dataSource)
-            result["data"] = m_dataSource(lun);
+            result["data"] = json(m_dataSource(lun));
     }
     return result;
 }
@@ -86,7 +86,7 @@ std::string StatusTable(const json& status) {
             if (lun.contains("data"))
                 for (const auto& [name, value] : lun["data"].items())
                     text +=
-                        fmt::format("          {:<22} {:>14}\n", name,
+                        fmt::format("          {:<28} {:>14}\n", name,
                                     value.is_string() ? value.get<std::string>() : value.dump());
         }
     }
@@ -94,7 +94,7 @@ std::string StatusTable(const json& status) {
         text += fmt::format("{}\n", counter.value("source", "?"));
         const json values = counter.value("values", json::object());  // items() keeps a reference
         for (const auto& [name, value] : values.items())
-            text += fmt::format("          {:<22} {:>14}\n", name, value.dump());
+            text += fmt::format("          {:<28} {:>14}\n", name, value.dump());
     }
     return text;
 }

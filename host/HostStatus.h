@@ -28,10 +28,10 @@ class HostStatus {
     using DataSource = std::function<nlohmann::json(const LunPlan&)>;
     void SetDataSource(DataSource source) MO_EXCLUDES(m_mutex);
 
-    nlohmann::json Json() const MO_EXCLUDES(m_mutex);
+    nlohmann::ordered_json Json() const MO_EXCLUDES(m_mutex);
 
   private:
-    nlohmann::json LunJson(const LunPlan& lun) const MO_REQUIRES(m_mutex);
+    nlohmann::ordered_json LunJson(const LunPlan& lun) const MO_REQUIRES(m_mutex);
 
     const Plan& m_plan;
     mutable Mutex m_mutex;
@@ -41,6 +41,6 @@ class HostStatus {
 };
 
 /// The status for people.
-std::string StatusTable(const nlohmann::json& status);
+std::string StatusTable(const nlohmann::ordered_json& status);
 
 }  // namespace moscsi::host

@@ -52,7 +52,7 @@ int Status(const Environment& environment, bool asJson, Console& console) {
         console.Complain(error);
         return kFailed;
     }
-    const nlohmann::json status = nlohmann::json::parse(answer, nullptr, false);
+    const auto status = nlohmann::ordered_json::parse(answer, nullptr, false);
     if (status.is_discarded()) {
         console.Complain("the running moscsi-host's answer is cut off: ask again");
         return kFailed;
