@@ -59,6 +59,7 @@ class TrustingHandler : public DeviceHandler {
         ++seen;
         cdb.assign(cmd->cdb, cmd->cdb + 16);
         entries = cmd->iov_cnt;
+        readBytes = static_cast<RingCommand*>(cmd)->readBytes;
         length = 0;
         for (size_t i = 0; i < cmd->iov_cnt; ++i)
             length += cmd->iovec[i].iov_len;
@@ -116,6 +117,7 @@ class TrustingHandler : public DeviceHandler {
     Bytes cdb;
     size_t entries = 0;
     uint64_t length = 0;
+    uint64_t readBytes = 0;
 
   private:
     tcmu_device* m_device;
@@ -143,9 +145,9 @@ class GateTest : public testing::Test {
     }
 
     KernelRing::Answer Run(const Bytes& cdb, const Extents& data) {
-        const uint16_t number = lib.Submit(cdb, data);
+        const uint32_t ticket = lib.Submit(cdb, data);
         Drain();
-        const auto answer = lib.AnswerOf(number);
+        const auto answer = lib.AnswerOf(ticket);
         EXPECT_TRUE(answer.has_value()) << "no answer to opcode " << int(cdb[0]);
         return answer.value_or(KernelRing::Answer{});
     }
@@ -330,6 +332,7 @@ TEST_F(GateTest, AnySplitMovesTheSameBytes) {
         const auto answer = Run(Cdb10(write ? 0x2A : 0x28, lba, blocks), pieces);
         ASSERT_EQ(Sense(answer), "good") << round;
         ASSERT_EQ(handler.length, bytes) << round;
+        ASSERT_EQ(handler.readBytes, write ? 0 : bytes) << round;
         ASSERT_EQ(handler.storage, expected) << round;
         if (write)
             continue;
@@ -374,9 +377,8 @@ TEST_F(GateTest, UsedUpPoolIsBusyUntilBuffersComeBack) {
     Gate(1 << 20);
     Run({0, 0, 0, 0, 0, 0}, {});
     handler.hold = true;
-    std::vector<uint16_t> numbers;
     for (size_t i = 0; i < BouncePool::kMaxBuffers; ++i)
-        numbers.push_back(lib.Submit(Cdb10(0x28, 0, 17), Scattered(17)));
+        lib.Submit(Cdb10(0x28, 0, 17), Scattered(17));
     Drain();
     ASSERT_EQ(handler.held.size(), BouncePool::kMaxBuffers);
     EXPECT_EQ(Sense(Run(Cdb10(0x2A, 0, 17), Scattered(17))), "busy");
@@ -465,7 +467,7 @@ TEST_F(GateTest, RecordIsNotTouchedOnceItCompletesLater) {
         Extents pieces;
         for (size_t i = 0; i < entries; ++i)
             pieces.push_back({i * 1000, 512});
-        const uint16_t number = lib.Submit(Cdb10(0x28, 0, uint16_t(entries)), pieces);
+        const uint32_t ticket = lib.Submit(Cdb10(0x28, 0, uint16_t(entries)), pieces);
         RingCommand* command = device.ring.Fetch();
         ASSERT_NE(command, nullptr);
         gate->Pass(*command);
@@ -473,7 +475,7 @@ TEST_F(GateTest, RecordIsNotTouchedOnceItCompletesLater) {
         __asan_unpoison_memory_region(handler.poisoned, sizeof(RingCommand));
 #endif
         device.ring.RingDoorbell();
-        EXPECT_TRUE(lib.AnswerOf(number).has_value());
+        EXPECT_TRUE(lib.AnswerOf(ticket).has_value());
     }
 }
 

@@ -14,8 +14,8 @@ NetlinkReset::~NetlinkReset() {
 }
 
 bool NetlinkReset::BlockAndReset() {
-    m_blocked = true;  // even when the write fails half-way: then it is cleared once too often
-    return Write("block_netlink", "1") && Write("reset_netlink", "1");
+    m_blocked = Write("block_netlink", "1");
+    return m_blocked && Write("reset_netlink", "1");
 }
 
 bool NetlinkReset::Unblock() {

@@ -51,6 +51,7 @@ bool WaitForFamily(const RunnerEnvironment& environment, InterruptWait& interrup
 
 std::vector<LibtcmuApi::SubType> SubTypes() {
     std::vector<LibtcmuApi::SubType> subTypes;
+    subTypes.reserve(kSubTypes.size());
     for (const std::string& name : kSubTypes)
         subTypes.push_back({name, kDescription});
     return subTypes;

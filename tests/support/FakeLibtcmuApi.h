@@ -43,25 +43,27 @@ struct FakeDevice {
     LibDevice* Lib() { return reinterpret_cast<LibDevice*>(this); }
     int Uio() const { return m_uio[0]; }
 
-    /// Puts a command in and raises the event. Returns: its number.
-    uint16_t Submit(const std::vector<uint8_t>& cdb,
+    /// Puts a command in and raises the event. Returns: a ticket, never given twice (the ring's own
+    /// number is used again as soon as the answer is taken out).
+    uint32_t Submit(const std::vector<uint8_t>& cdb,
                     const std::vector<KernelRing::Extent>& data = {}) {
         const auto number = ring.Put(cdb, data);
         EXPECT_TRUE(number.has_value());
         const uint32_t event = 1;
         // Full: then it is readable anyway.
         EXPECT_TRUE(write(m_uio[1], &event, sizeof event) > 0 || errno == EAGAIN);
-        return number.value_or(0);
+        m_tickets[number.value_or(0)] = ++m_lastTicket;
+        return m_lastTicket;
     }
 
     /// The answer to a command, if it is there; given out once.
-    std::optional<KernelRing::Answer> AnswerOf(uint16_t number) {
+    std::optional<KernelRing::Answer> AnswerOf(uint32_t ticket) {
         char doorbells[4096];
         while (read(m_uio[1], doorbells, sizeof doorbells) > 0) {
         }
         for (const KernelRing::Answer& answer : ring.Reap())
-            m_answers[answer.number] = answer;
-        const auto found = m_answers.find(number);
+            m_answers[m_tickets[answer.number]] = answer;
+        const auto found = m_answers.find(ticket);
         if (found == m_answers.end())
             return std::nullopt;
         const KernelRing::Answer answer = found->second;
@@ -76,15 +78,15 @@ struct FakeDevice {
     }
 
     bool AnsweredAll() {
-        AnswerOf(0);  // no command has this number
+        AnswerOf(0);  // nobody's ticket
         return ring.InFlight() == 0;
     }
 
     /// Waits for it; a missing one fails the test.
-    KernelRing::Answer WaitForAnswer(uint16_t number) {
+    KernelRing::Answer WaitForAnswer(uint32_t ticket) {
         std::optional<KernelRing::Answer> answer;
-        EXPECT_TRUE(Eventually([&] { return (answer = AnswerOf(number)).has_value(); }));
-        return answer.value_or(KernelRing::Answer{number, 0xFF, std::nullopt, {}});
+        EXPECT_TRUE(Eventually([&] { return (answer = AnswerOf(ticket)).has_value(); }));
+        return answer.value_or(KernelRing::Answer{0, 0xFF, std::nullopt, {}});
     }
 
     /// Asks until the condition holds. Returns: whether it did within the deadline.
@@ -100,7 +102,9 @@ struct FakeDevice {
 
   private:
     int m_uio[2] = {-1, -1};
-    std::map<uint16_t, KernelRing::Answer> m_answers;
+    uint32_t m_lastTicket = 0;
+    std::map<uint16_t, uint32_t> m_tickets;  // by the ring's number, while in flight
+    std::map<uint32_t, KernelRing::Answer> m_answers;
 };
 
 /// libtcmu without a kernel: devices are what the test makes, netlink events what it announces.
