@@ -36,15 +36,16 @@ struct Header {
 static_assert(sizeof(Header) == 8);
 
 /// A command; buffer entries (iovec, with offsets for addresses) follow at once.
-struct __attribute__((packed)) Request {
+struct Request {
     Header header;
     uint32_t entries;      ///< data buffers
     uint32_t bidiEntries;  ///< behind them
     uint32_t difEntries;   ///< behind those
+    uint32_t reserved1;    ///< the kernel packs the entry, but not the request within it
     uint64_t cdbOffset;
-    uint64_t reserved[2];
+    uint64_t reserved2[2];
 };
-static_assert(sizeof(Request) == 44);
+static_assert(sizeof(Request) == 48 && offsetof(Request, cdbOffset) == 24);
 
 /// An answer, written over the entry at the tail.
 struct Response {
