@@ -51,7 +51,7 @@ LunDataResult MakeLunData(const LunDataConfig& config, MoScsiSrvPlatform& platfo
     auto parts = std::make_unique<LunData::Parts>(config, platform);
     std::string error;
     if (config.backing == Backing::Memory)
-        parts->engine = MemoryEngine::Make(config.sizeBytes, parts->transfers, error);
+        parts->engine = MemoryEngine::Make(config.name, config.sizeBytes, parts->transfers, error);
     else
         parts->engine = MakeFileEngine(config, parts->transfers, error);
     if (!parts->engine) {

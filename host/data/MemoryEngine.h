@@ -7,13 +7,14 @@
 
 namespace moscsi::data {
 
-/// A LUN in anonymous memory, zeros at first. A transfer ends inside Start: a copy costs less than
+/// A LUN in memory, zeros at first. A transfer ends inside Start: a copy costs less than
 /// waking another thread for it.
 class MemoryEngine : public DataEngine {
   public:
+    /// `name`: the LUN's, for whoever looks at the process. `size` in bytes.
     /// Returns: the engine, or null with one line in `error`.
-    static std::unique_ptr<MemoryEngine> Make(uint64_t size, Transfers& transfers,
-                                              std::string& error);
+    static std::unique_ptr<MemoryEngine> Make(const std::string& name, uint64_t size,
+                                              Transfers& transfers, std::string& error);
     ~MemoryEngine() override;
     MemoryEngine(const MemoryEngine&) = delete;
     MemoryEngine& operator=(const MemoryEngine&) = delete;
@@ -22,9 +23,10 @@ class MemoryEngine : public DataEngine {
     void Start(Transfer& transfer) override;
 
   private:
-    MemoryEngine(char* base, uint64_t size, Transfers& transfers)
-        : m_base(base), m_size(size), m_transfers(transfers) {}
+    MemoryEngine(int fd, char* base, uint64_t size, Transfers& transfers)
+        : m_fd(fd), m_base(base), m_size(size), m_transfers(transfers) {}
 
+    const int m_fd;
     char* const m_base;
     const uint64_t m_size;
     Transfers& m_transfers;
