@@ -21,7 +21,7 @@ machine_state() {
     configfs_snapshot $configfs/target
     losetup -a
     iscsiadm -m session 2>/dev/null || echo "no session"
-    find /etc/iscsi/nodes /etc/iscsi/ifaces -type f 2>/dev/null | sort
+    find /etc/iscsi -path '*/nodes/*' -o -path '*/ifaces/*' | sort
 }
 
 say "-- The target's side"
