@@ -6,7 +6,8 @@
 set -euo pipefail
 
 scenario=$(basename "$0" .sh)
-work=$(mktemp -d "/tmp/$scenario.XXXX") # the scenario's own directory; saved when it fails
+work=/tmp/$scenario.$$ # the scenario's own directory; saved when it fails (paths of LUNs are lower case)
+mkdir "$work"
 home_dir=/usr/local/libexec/moscsi
 artifacts=$([[ ${MOSCSI_GUEST-} ]] && echo /artifacts || echo build/vm/artifacts)
 service=$home_dir/moscsi_server.sh
@@ -127,7 +128,7 @@ host_start() {
     moscsi-host serve "$@" >>"$work/host.log" 2>&1 {say_fd}>&- &
     host_pid=$!
     cleanup host_end
-    wait_until "${HOST_START_LIMIT:-180}" host_ready_or_ended
+    wait_until "${HOST_START_LIMIT:-300}" host_ready_or_ended
     if ended "$host_pid"; then
         tail -n 15 "$work/host.log" >&"$say_fd"
         fail "moscsi-host ended before it was ready"
@@ -271,3 +272,33 @@ dbus_stop() {
     rm -f /run/dbus/pid
 }
 dbus_start() { dbus-daemon --system --fork {say_fd}>&-; }
+
+# --- One operation at a time -------------------------------------------------------------------
+
+# shell_start: the ten operations, from then on with `op` (see tests/vm/platform_shell.cpp).
+shell_start() {
+    PATH=$home_dir/bin:$PATH
+    coproc shell { exec /usr/local/libexec/moscsi-test/platform_shell 2>>"$work/shell.log" {say_fd}>&-; }
+    cleanup shell_end
+    op init
+}
+shell_end() { [[ -z ${shell_PID-} ]] || kill -KILL "$shell_PID"; }
+# op WORD...: one operation that must succeed; what it answers after "ok" is in $answer.
+op() {
+    answer_of "$@"
+    [[ $answer == ok* ]] || fail "$*: $answer"
+    answer=${answer#ok}
+    answer=${answer# }
+}
+# refused TEXT WORD...: one operation that must fail, and say TEXT.
+refused() {
+    local text=$1
+    shift
+    answer_of "$@"
+    [[ $answer == error* ]] || fail "$*: succeeded, and must not"
+    expect_contains "$*" "$answer" "$text"
+}
+answer_of() {
+    echo "$*" >&"${shell[1]}"
+    read -r -t "${OP_LIMIT:-120}" answer <&"${shell[0]}" || fail "$*: no answer"
+}
