@@ -63,8 +63,8 @@ backing_of() {
 say "-- The initiator's side"
 step "host-a logs in" login $host_a $target
 step "host-b logs in" login $host_b $target
-expect_eq "LUNs that host-a sees" "$(luns_of $host_a $target)" "0 1 2 3"
-expect_eq "LUNs that host-b sees" "$(luns_of $host_b $target)" "0"
+expect_luns $host_a $target "0 1 2 3"
+expect_luns $host_b $target "0"
 declare -A disk written
 for lun in 0 1 2 3; do disk[$lun]=$(disk_of $host_a $target $lun); done
 lsscsi -s | sed 's/^/           /' >&"$say_fd"

@@ -37,8 +37,8 @@ step "map 5 to host-b" op map 5 $target $b
 
 step "host-a logs in" login $a $target
 step "host-b logs in" login $b $target
-expect_eq "what host-a sees" "$(luns_of $a $target)" "0"
-expect_eq "what host-b sees" "$(luns_of $b $target)" "2 5"
+expect_luns $a $target "0"
+expect_luns $b $target "2 5"
 file=$(disk_of $a $target 0)
 block=$(disk_of $b $target 2)
 for disk in "$file" "$block"; do

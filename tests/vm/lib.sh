@@ -134,7 +134,7 @@ host_start() {
         fail "moscsi-host ended before it was ready"
     fi
 }
-host_ready_or_ended() { grep -Eq '(^|[:] )ready' "$work/host.log" || ended "$host_pid"; }
+host_ready_or_ended() { grep -q '^ready' "$work/host.log" || ended "$host_pid"; }
 # host_stop [SIGNAL [SECONDS]]: asks it to end; it must, in time, with status 0.
 host_stop() {
     local status=0
@@ -205,6 +205,16 @@ luns_of() {
     for device in "$(session_of "$1" "$2")"/device/target*/*:*:*:*; do
         [[ -e $device ]] && echo "${device##*:}"
     done | sort -n | paste -sd' '
+}
+# expect_luns IQN TARGET "N N ...": these and no others, once the scan that a login starts is through.
+expect_luns() {
+    wait_until 30 sees "$@"
+}
+sees() {
+    local found
+    found=$(luns_of "$1" "$2")
+    echo "found: $found"
+    [[ $found == "$3" ]]
 }
 # disk_of IQN TARGET LUN: waits for its disk and prints it (/dev/sdX).
 disk_of() {
