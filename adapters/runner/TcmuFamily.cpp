@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 
@@ -31,14 +32,17 @@ bool TcmuFamily::Registered(const char* name) {
 
     Request request{};
     strncpy(request.name, name, sizeof request.name - 1);
-    request.message.nlmsg_len = sizeof request;
     request.message.nlmsg_type = GENL_ID_CTRL;
     request.message.nlmsg_flags = NLM_F_REQUEST;
     request.controller.cmd = CTRL_CMD_GETFAMILY;
     request.controller.version = 1;
     request.attribute.nla_type = CTRL_ATTR_FAMILY_NAME;
     request.attribute.nla_len = static_cast<uint16_t>(NLA_HDRLEN + strlen(request.name) + 1);
-    if (send(netlink.Get(), &request, sizeof request, 0) != sizeof request)
+    // What follows the name would be logged by the kernel as left over.
+    request.message.nlmsg_len =
+        static_cast<uint32_t>(offsetof(Request, attribute) + NLA_ALIGN(request.attribute.nla_len));
+    if (send(netlink.Get(), &request, request.message.nlmsg_len, 0) !=
+        static_cast<ssize_t>(request.message.nlmsg_len))
         return false;
 
     // The answer is the family's description, or an error message when there is no such family.
