@@ -136,18 +136,16 @@ TEST_P(Faults, HoldLastsUntilTheFileGoesAway) {
     EXPECT_EQ(text, "hhhhhe");
 }
 
-TEST_P(Faults, StopGivesBackWhatIsHeld) {
-    const std::string file = m_directory.File("hold");
-    Touch(file);
-    FaultRule hold;
-    hold.kind = FaultKind::Hold;
-    hold.whileFile = file;
-    Make({hold});
-    Context held(0, 5);
-    m_lun->Write(nullptr, &held.io, 0);
+TEST_P(Faults, StopGivesBackWhatWaits) {
+    FaultRule endless;
+    endless.kind = FaultKind::Delay;
+    endless.delayMs = 3'600'000;
+    Make({endless});
+    Context waiting(0, 5);
+    m_lun->Write(nullptr, &waiting.io, 0);
     m_lun->Stop();
-    ASSERT_EQ(m_platform.Ends(&held.io), 1U);
-    EXPECT_EQ(m_platform.Wait(&held.io).bytes, -ECANCELED);
+    ASSERT_EQ(m_platform.Ends(&waiting.io), 1U);
+    EXPECT_EQ(m_platform.Wait(&waiting.io).bytes, -ECANCELED);
 }
 
 TEST(FaultInjectorRules, HitByRateTheSameWayForTheSameSeed) {

@@ -108,6 +108,7 @@ TEST_F(Files, OneFileServesOneLun) {
     EXPECT_THAT(Open(other, kSize), HasSubstr("in use by another LUN"));
     { const BackingFile moved = std::move(file); }
     EXPECT_EQ(Open(other, kSize), "");
+    EXPECT_EQ(fcntl(other.Fd(), F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
     EXPECT_EQ(g_steps.size(), 3U);  // an existing file is not made again
 }
 

@@ -57,9 +57,16 @@ class Scripted : public testing::Test {
         m_lun = MakeOver(maker, {"lun", Backing::File, m_directory.File("data"), kSize, faults, {}},
                          m_platform);
     }
-    void Write(Context& context) { m_lun->Write(m_lun->Context(), &context.io, 0); }
-    void Read(Context& context) { m_lun->Read(m_lun->Context(), &context.io, 0); }
-    void EndLast(int64_t result) { m_queue->end(m_queue->Requests().back().ticket, result); }
+    /// Begin a transfer. Return: the ticket of the queue's last request, the transfer's own when
+    /// it was within the depth.
+    Ticket Write(Context& context) {
+        m_lun->Write(m_lun->Context(), &context.io, 0);
+        return m_queue->Requests().back().ticket;
+    }
+    Ticket Read(Context& context) {
+        m_lun->Read(m_lun->Context(), &context.io, 0);
+        return m_queue->Requests().back().ticket;
+    }
     size_t Syncs() {
         return std::ranges::count(m_queue->Requests(), FileRequest::Kind::Sync, &FileRequest::kind);
     }
@@ -75,44 +82,50 @@ class Scripted : public testing::Test {
     std::unique_ptr<LunData> m_lun;
 };
 
-TEST_F(Scripted, AWriteEndsAfterASyncUnlessATestSwitchedThatOff) {
+TEST_F(Scripted, AWriteIsOnTheDiskWhenItEndsUnlessATestSwitchedThatOff) {
     for (const bool durable : {true, false}) {
         FaultPlan plan;
         plan.durable = durable;
         Make(plan);
-        Context write(0, 512);
+        Context alone(0, 512);
+        Context second(512, 512);
         Context read(0, 512);
-        Write(write);
-        EndLast(512);
-        EXPECT_EQ(m_platform.Ends(&write.io), durable ? 0U : 1U);
-        Read(read);  // waits for no sync
-        EndLast(512);
+        const Ticket aloneTicket = Write(alone);
+        EXPECT_EQ(m_queue->Requests().back().flags, durable ? RWF_DSYNC : 0);
+        m_queue->end(Write(second), 512);
+        EXPECT_EQ(m_queue->Requests()[1].flags, 0);
+        EXPECT_EQ(m_platform.Ends(&second.io), durable ? 0U : 1U);
+        m_queue->end(Read(read), 512);  // waits for no sync
         EXPECT_EQ(m_platform.Ends(&read.io), 1U);
+        m_queue->end(aloneTicket, 512);  // has its own
+        EXPECT_EQ(m_platform.Ends(&alone.io), 1U);
         EXPECT_EQ(Syncs(), durable ? 1U : 0U);
         if (durable) {
             m_queue->end(kSyncTicket, -EINTR);  // begun again
             EXPECT_EQ(Syncs(), 2U);
-            EXPECT_EQ(m_platform.Ends(&write.io), 0U);
+            EXPECT_EQ(m_platform.Ends(&second.io), 0U);
             m_queue->end(kSyncTicket, 0);
+            Context next(0, 512);
+            m_queue->end(Write(next), 512);
+            EXPECT_EQ(m_queue->Requests().back().flags, RWF_DSYNC);  // alone again
         }
-        EXPECT_EQ(m_platform.Wait(&write.io).bytes, 512);
+        EXPECT_EQ(m_platform.Wait(&second.io).bytes, 512);
         m_lun.reset();
-        m_platform.Forget(&write.io);
-        m_platform.Forget(&read.io);
+        for (Context* each : {&alone, &second, &read})
+            m_platform.Forget(&each->io);
     }
 }
 
 TEST_F(Scripted, OneSyncServesAllThatGatheredWhileTheOneBeforeRan) {
     Make();
-    Context first(0, 512);
-    Context second(512, 512);
-    Context third(1024, 512);
-    Write(first);
-    EndLast(512);
-    for (Context* each : {&second, &third}) {
-        Write(*each);
-        EndLast(512);
-    }
+    Context alone(0, 512);
+    Context first(512, 512);
+    Context second(1024, 512);
+    Context third(1536, 512);
+    const Ticket aloneTicket = Write(alone);
+    for (Context* each : {&first, &second, &third})
+        m_queue->end(Write(*each), 512);
+    m_queue->end(aloneTicket, 512);
     EXPECT_EQ(Syncs(), 1U);
     m_queue->end(kSyncTicket, 0);
     // The first sync may have begun before the others' bytes were there.
@@ -126,27 +139,39 @@ TEST_F(Scripted, OneSyncServesAllThatGatheredWhileTheOneBeforeRan) {
 }
 
 TEST_F(Scripted, AFailedSyncFailsWhatHadBegunAndNothingLater) {
-    Make();
-    Context synced(0, 512);
-    Context gathered(512, 512);
-    Context moving(1024, 512);
-    Context later(1536, 512);
-    Write(synced);
-    EndLast(512);
-    Write(gathered);
-    EndLast(512);
-    Write(moving);
-    const Ticket movingTicket = m_queue->Requests().back().ticket;
-    m_queue->end(kSyncTicket, -EIO);
-    EXPECT_EQ(m_platform.Wait(&synced.io).bytes, -EIO);
-    m_queue->end(movingTicket, 512);
-    Write(later);
-    EndLast(512);
-    m_queue->end(kSyncTicket, 0);
-    EXPECT_EQ(m_platform.Wait(&gathered.io).bytes, -EIO);
-    m_queue->end(kSyncTicket, 0);
-    EXPECT_EQ(m_platform.Wait(&moving.io).bytes, -EIO);
-    EXPECT_EQ(m_platform.Wait(&later.io).bytes, 512);
+    for (const bool ownSyncFails : {false, true}) {
+        Make();
+        Context alone(0, 512);
+        Context synced(512, 512);
+        Context gathered(1024, 512);
+        Context moving(1536, 512);
+        Context later(2048, 512);
+        const Ticket aloneTicket = Write(alone);
+        m_queue->end(Write(synced), 512);
+        m_queue->end(Write(gathered), 512);
+        const Ticket movingTicket = Write(moving);
+        if (ownSyncFails) {
+            m_queue->end(aloneTicket, 100);
+            m_queue->end(aloneTicket, -EIO);
+            EXPECT_EQ(m_platform.Wait(&alone.io).bytes, 100);
+            m_queue->end(kSyncTicket, 0);
+        } else {
+            m_queue->end(kSyncTicket, -EIO);
+            m_queue->end(aloneTicket, 512);
+            EXPECT_EQ(m_platform.Wait(&alone.io).bytes, -EIO);
+        }
+        EXPECT_EQ(m_platform.Wait(&synced.io).bytes, -EIO);
+        m_queue->end(movingTicket, 512);
+        m_queue->end(Write(later), 512);
+        m_queue->end(kSyncTicket, 0);
+        EXPECT_EQ(m_platform.Wait(&gathered.io).bytes, -EIO);
+        m_queue->end(kSyncTicket, 0);
+        EXPECT_EQ(m_platform.Wait(&moving.io).bytes, -EIO);
+        EXPECT_EQ(m_platform.Wait(&later.io).bytes, 512);
+        m_lun.reset();
+        for (Context* each : {&alone, &synced, &gathered, &moving, &later})
+            m_platform.Forget(&each->io);
+    }
 }
 
 TEST_F(Scripted, ReportsTheBytesThatWereMovedBeforeAFailureOrTheEnd) {
@@ -172,16 +197,14 @@ TEST_F(Scripted, ReportsTheBytesThatWereMovedBeforeAFailureOrTheEnd) {
                 ASSERT_EQ(m_platform.Ends(&context.io), 0U);
                 const FileRequest request = m_queue->Requests().back();
                 EXPECT_EQ(request.kind == FileRequest::Kind::Write, write);
+                EXPECT_EQ(request.flags, write ? RWF_DSYNC : 0);
                 EXPECT_EQ(request.offset, 4096 + done);
                 EXPECT_EQ(request.count, done < 512 ? 2 : 1);
                 EXPECT_EQ(request.iov->iov_base, context.bytes.data() + done);
                 m_queue->end(request.ticket, result);
                 done += result > 0 ? result : 0;
             }
-            const bool sync = write && each.reported > 0;
-            EXPECT_EQ(m_queue->Requests().size(), first + each.results.size() + (sync ? 1 : 0));
-            if (sync)
-                m_queue->end(kSyncTicket, 0);
+            EXPECT_EQ(m_queue->Requests().size(), first + each.results.size());
             EXPECT_EQ(m_platform.Wait(&context.io).bytes, each.reported);
             m_platform.Forget(&context.io);
         }
@@ -248,6 +271,34 @@ TEST_F(Scripted, IgnoresAnAbortOfAContextThatIsNotOnLoan) {
     EXPECT_EQ(m_lun->Snapshot().unknownAborts, 3U);
     EXPECT_EQ(m_lun->Snapshot().aborted, 0U);
     EXPECT_EQ(CapturingLogWriter::Installed().Texts(kLogError).size(), 3U);
+}
+
+TEST_F(Scripted, WhatHasNothingToMoveOrWasAbortedBeforeItsBeginAsksTheKernelNothing) {
+    Make();
+    Context first(0, 512);
+    const Ticket ticket = Read(first);
+    for (const uint64_t offset : {kSize, UINT64_MAX - 100}) {
+        Context beyond(offset, 512);
+        Read(beyond);
+        EXPECT_EQ(m_platform.Wait(&beyond.io).bytes, 0);
+        m_platform.Forget(&beyond.io);
+    }
+    EXPECT_EQ(m_queue->Requests().size(), 1U);
+    m_queue->end(ticket, 512);
+    // The device may ask a transfer back between Read's first step and the engine's.
+    Transfers transfers("lun", m_platform);
+    const auto maker = [](int, FileQueue::Ended, std::string&) {
+        return std::make_unique<ScriptedQueue>();
+    };
+    std::string error;
+    BackingFile file;
+    const auto engine = FileEngine::Make(file, true, transfers, maker, error);
+    Context asked(0, 512);
+    Transfer* const transfer = transfers.Open(&asked.io, false, kSize, kSize);
+    transfers.MarkAborted(&asked.io);
+    engine->Start(*transfer);
+    EXPECT_EQ(m_platform.Ends(&asked.io), 1U);
+    EXPECT_EQ(m_platform.Wait(&asked.io).bytes, -ECANCELED);
 }
 
 TEST_F(Scripted, StopWaitsForWhatRuns) {

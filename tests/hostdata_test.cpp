@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <liburing.h>
 
 #include <cerrno>
 #include <fstream>
@@ -15,6 +16,21 @@
 #include "tests/support/HeapProbe.h"
 #include "tests/support/HostData.h"
 #include "util/Log.h"
+
+namespace {
+
+std::vector<int> g_refusals;  ///< what io_uring_submit answers, last first, before it works again
+
+}  // namespace
+
+extern "C" int __real_io_uring_submit(io_uring* ring);   // NOLINT(bugprone-reserved-identifier)
+extern "C" int __wrap_io_uring_submit(io_uring* ring) {  // NOLINT(bugprone-reserved-identifier)
+    if (g_refusals.empty())
+        return __real_io_uring_submit(ring);
+    const int answer = g_refusals.back();
+    g_refusals.pop_back();
+    return answer;
+}
 
 namespace moscsi::data {
 namespace {
@@ -186,6 +202,27 @@ TEST_P(EveryEngine, RefusesWhatComesAfterStop) {
     Context late(0, 512);
     Begin(late, false);
     EXPECT_EQ(m_platform.Wait(&late.io).bytes, -ESHUTDOWN);
+}
+
+TEST(LunDataUring, ARequestThatTheKernelRefusesFailsAlone) {
+    const Directory directory;
+    FakePlatform platform;
+    LunDataResult made = MakeLunData(
+        {"lun", Backing::File, directory.File("data"), kSize, {}, FileEngineChoice::Uring},
+        platform);
+    if (made.data == nullptr)
+        GTEST_SKIP() << made.error;
+    Context refused(0, 512, 'r');
+    Context delayed(0, 512, 'd');
+    g_refusals = {-ENOMEM};
+    made.data->Write(nullptr, &refused.io, 0);
+    EXPECT_EQ(platform.Wait(&refused.io).bytes, -ENOMEM);
+    g_refusals = {-EINTR, -EBUSY, -EAGAIN};
+    made.data->Write(nullptr, &delayed.io, 0);
+    EXPECT_EQ(platform.Wait(&delayed.io).bytes, 512);
+    made.data->Stop();
+    EXPECT_EQ(made.data->Snapshot().ignoredCompletions, 0U);
+    EXPECT_EQ(Content(directory.File("data")).substr(0, 512), std::string(512, 'd'));
 }
 
 TEST(LunDataMemory, TakesNoHeapOnceWarm) {

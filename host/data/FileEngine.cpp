@@ -28,9 +28,8 @@ void FileEngine::Start(Transfer& transfer) {
     // Looked at under the mutex: an Abort that comes later finds the transfer in the list.
     const bool aborted = transfer.aborted;
     const bool submit = !aborted && m_running < m_queue->Depth();
-    transfer.syncFailures = m_syncFailures;
     if (submit)
-        ++m_running;
+        BeginLocked(transfer);
     else if (!aborted)
         m_waiting.push_back(&transfer);
     m_mutex.unlock();
@@ -40,6 +39,16 @@ void FileEngine::Start(Transfer& transfer) {
         Submit(transfer);
 }
 
+void FileEngine::BeginLocked(Transfer& transfer) {
+    ++m_running;
+    transfer.syncFailures = m_syncFailures;
+    transfer.ownSync = false;
+    if (transfer.write) {
+        transfer.ownSync = m_durable && m_writing == 0 && !m_syncRuns;
+        ++m_writing;
+    }
+}
+
 void FileEngine::Submit(const Transfer& transfer) {
     FileRequest request;
     request.kind = transfer.write ? FileRequest::Kind::Write : FileRequest::Kind::Read;
@@ -47,6 +56,7 @@ void FileEngine::Submit(const Transfer& transfer) {
     request.count =
         static_cast<int>(std::min<size_t>(transfer.iov.size() - transfer.firstBuffer, IOV_MAX));
     request.offset = transfer.offset + transfer.done;
+    request.flags = transfer.ownSync ? RWF_DSYNC : 0;
     request.ticket = transfer.ticket;
     m_queue->Submit(request);
 }
@@ -79,20 +89,26 @@ void FileEngine::OnEnded(Ticket ticket, int64_t result) {
     if (again || (result > 0 && transfer->done < transfer->wanted))
         Submit(*transfer);
     else
-        OnMoved(*transfer,
-                result < 0 && transfer->done == 0 ? result : static_cast<int64_t>(transfer->done));
+        OnMoved(*transfer, std::min<int64_t>(result, 0));
 }
 
-void FileEngine::OnMoved(Transfer& transfer, int64_t result) {
-    const bool sync = m_durable && transfer.write && result > 0;
+void FileEngine::OnMoved(Transfer& transfer, int64_t error) {
+    int64_t result = transfer.done == 0 ? error : static_cast<int64_t>(transfer.done);
+    const bool sync = m_durable && transfer.write && !transfer.ownSync && result > 0;
     bool startSync = false;
     Transfer* next = nullptr;
     m_mutex.lock();
-    if (m_waiting.empty()) {
-        --m_running;
-    } else {
+    --m_running;
+    if (transfer.write)
+        --m_writing;
+    if (transfer.ownSync && result > 0 && transfer.syncFailures != m_syncFailures)
+        result = -EIO;
+    if (transfer.ownSync && error < 0)
+        ++m_syncFailures;  // it may have been its sync
+    if (!m_waiting.empty()) {
         next = m_waiting.front();
         m_waiting.pop_front();
+        BeginLocked(*next);
     }
     if (sync) {
         startSync = !m_syncRuns;

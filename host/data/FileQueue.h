@@ -14,8 +14,9 @@ namespace moscsi::data {
 
 /// One call to the kernel. `iov` stays valid until the request ended.
 struct FileRequest {
-    enum class Kind { Read, Write, Sync };  ///< preadv(2), pwritev(2), fdatasync(2)
+    enum class Kind { Read, Write, Sync };  ///< preadv2(2), pwritev2(2), fdatasync(2)
     Kind kind = Kind::Read;
+    int flags = 0;  ///< RWF_ flags of preadv2 and pwritev2
     const iovec* iov = nullptr;
     int count = 0;
     uint64_t offset = 0;

@@ -11,9 +11,9 @@ int64_t Carry(int fd, const FileRequest& request) {
     const auto offset = static_cast<off_t>(request.offset);
     switch (request.kind) {
         case FileRequest::Kind::Read:
-            return preadv(fd, request.iov, request.count, offset);
+            return preadv2(fd, request.iov, request.count, offset, request.flags);
         case FileRequest::Kind::Write:
-            return pwritev(fd, request.iov, request.count, offset);
+            return pwritev2(fd, request.iov, request.count, offset, request.flags);
         case FileRequest::Kind::Sync:
             return fdatasync(fd);
     }

@@ -100,7 +100,7 @@ void Transfers::Finish(Ticket ticket, int64_t result) {
     MoScsiSrvPlatform& platform = m_platform;  // Stop may end this object once we unlock
     if (result > 0)
         (transfer->write ? m_counters.bytesWritten : m_counters.bytesRead) += result;
-    if (result < 0 || static_cast<uint64_t>(result) != transfer->asked)
+    if (static_cast<uint64_t>(result) != transfer->asked)
         ++m_counters.errors;
     --m_counters.onLoan;
     transfer->ioctx = nullptr;

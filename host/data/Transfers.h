@@ -28,6 +28,7 @@ struct Transfer {
     uint64_t wanted = 0;     ///< bytes to move: within the backing, the buffers and the faults
     std::vector<iovec> iov;  ///< own copy of the buffer list, exactly `wanted` bytes
 
+    bool ownSync = false;       ///< FileEngine's: the write carries its own sync
     uint64_t syncFailures = 0;  ///< FileEngine's: how many there had been when it began
     uint64_t done = 0;          ///< bytes moved so far; Advance moves it
     size_t firstBuffer = 0;     ///< buffers before it are done

@@ -15,10 +15,12 @@ constexpr uint64_t kVoidMark = kSyncTicket - 2;
 void Prepare(io_uring_sqe* entry, int fd, const FileRequest& request) {
     switch (request.kind) {
         case FileRequest::Kind::Read:
-            io_uring_prep_readv(entry, fd, request.iov, request.count, request.offset);
+            io_uring_prep_readv2(entry, fd, request.iov, request.count, request.offset,
+                                 request.flags);
             break;
         case FileRequest::Kind::Write:
-            io_uring_prep_writev(entry, fd, request.iov, request.count, request.offset);
+            io_uring_prep_writev2(entry, fd, request.iov, request.count, request.offset,
+                                  request.flags);
             break;
         case FileRequest::Kind::Sync:
             io_uring_prep_fsync(entry, fd, IORING_FSYNC_DATASYNC);
