@@ -142,7 +142,11 @@ TEST_P(Faults, StopGivesBackWhatWaits) {
     endless.delayMs = 3'600'000;
     Make({endless});
     Context waiting(0, 5);
+    Context other(0, 5);
     m_lun->Write(nullptr, &waiting.io, 0);
+    m_lun->Write(nullptr, &other.io, 0);
+    m_lun->Abort(nullptr, &other.io);
+    m_platform.Wait(&other.io);  // whoever ends it has also looked at what waits
     m_lun->Stop();
     ASSERT_EQ(m_platform.Ends(&waiting.io), 1U);
     EXPECT_EQ(m_platform.Wait(&waiting.io).bytes, -ECANCELED);

@@ -123,9 +123,16 @@ TEST_F(Scripted, OneSyncServesAllThatGatheredWhileTheOneBeforeRan) {
     Context second(1024, 512);
     Context third(1536, 512);
     const Ticket aloneTicket = Write(alone);
-    for (Context* each : {&first, &second, &third})
-        m_queue->end(Write(*each), 512);
+    m_queue->end(Write(first), 512);
     m_queue->end(aloneTicket, 512);
+    for (Context* each : {&second, &third}) {
+        m_queue->end(Write(*each), 512);
+        EXPECT_EQ(m_queue->Requests().back().flags, 0);  // not alone while a sync runs
+    }
+    // What fails without a sync fails alone.
+    Context failing(2048, 512);
+    m_queue->end(Read(failing), -EIO);
+    EXPECT_EQ(m_platform.Wait(&failing.io).bytes, -EIO);
     EXPECT_EQ(Syncs(), 1U);
     m_queue->end(kSyncTicket, 0);
     // The first sync may have begun before the others' bytes were there.

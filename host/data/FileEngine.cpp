@@ -101,7 +101,7 @@ void FileEngine::OnMoved(Transfer& transfer, int64_t error) {
     --m_running;
     if (transfer.write)
         --m_writing;
-    if (transfer.ownSync && result > 0 && transfer.syncFailures != m_syncFailures)
+    if (transfer.ownSync && transfer.syncFailures != m_syncFailures)
         result = -EIO;
     if (transfer.ownSync && error < 0)
         ++m_syncFailures;  // it may have been its sync
