@@ -54,8 +54,9 @@ bool MoIoctxMgr::DeleteSlabLocked(MoScsiSrvIO* slab) {
     for (int i = 0; i < IOCTX_PER_SLAB; ++i) {
         m_freeList.remove(slab + i);
         if (m_freeList.size() != --free) {
-            MO_LOG(kLogError, "slab %p: ioctx %p is on busy list", static_cast<void*>(slab),
-                   static_cast<void*>(slab + i));
+            MO_LOG_AS("bool MoIoctxMgr::delete_slab(MoScsiSrvIO*)", kLogError,
+                      "slab %p: ioctx %p is on busy list", static_cast<void*>(slab),
+                      static_cast<void*>(slab + i));
             ++m_stats.slabDeletesRefused;
             return false;
         }

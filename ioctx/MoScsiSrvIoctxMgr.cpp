@@ -70,7 +70,7 @@ MoScsiSrvIO* MoIoctxMgr::Ioctx_Alloc(int iovcnt, void* priv) {
         return ioctx;
     }
     if (iovcnt <= kMaxIov)
-        return AllocLarge(iovcnt, priv);
+        return AllocLarge(__PRETTY_FUNCTION__, iovcnt, priv);
 
     MO_LOG(kLogError, "too many iovec %d", iovcnt);
     ++m_stats.tooManyIov;
@@ -102,10 +102,10 @@ MoScsiSrvIO* MoIoctxMgr::Ioctx_Alloc(void* priv) {
     return ioctx;
 }
 
-MoScsiSrvIO* MoIoctxMgr::AllocLarge(int iovcnt, void* priv) {
+MoScsiSrvIO* MoIoctxMgr::AllocLarge(const char* function, int iovcnt, void* priv) {
     auto* ioctx = new (std::nothrow) MoScsiSrvIO();
     if (ioctx == nullptr) {
-        MO_LOG(kLogError, "largeioalloc err %d", iovcnt);
+        MO_LOG_AS(function, kLogError, "largeioalloc err %d", iovcnt);
         ++m_stats.largeAllocErrors;
         return nullptr;
     }
@@ -123,7 +123,7 @@ MoScsiSrvIO* MoIoctxMgr::AllocLarge(int iovcnt, void* priv) {
         m_mutex.unlock();
     }
     if (!entered) {
-        MO_LOG(kLogError, "no memory");
+        MO_LOG_AS(function, kLogError, "no memory");
         delete[] ioctx->iov;
         delete ioctx;
         return nullptr;

@@ -60,7 +60,7 @@ class MoIoctxMgr : private MoIoctxMemory {
     /// counted).
     void* Ioctx_GetPriv(MoScsiSrvIO* ioctx) MO_EXCLUDES(m_mutex);
 
-    /// Counters, each raised by one, atomically and without the lock.
+    /// Counters, each raised by one; they may be read at any time, without the lock.
     struct Stats {
         using Counter = std::atomic<uint64_t>;
         Counter slabsCreated;
@@ -98,7 +98,8 @@ class MoIoctxMgr : private MoIoctxMemory {
     bool DeleteSlabLocked(MoScsiSrvIO* slab) MO_REQUIRES(m_mutex);
     bool ReserveForSlab() MO_REQUIRES(m_mutex);
 
-    MoScsiSrvIO* AllocLarge(int iovcnt, void* priv) MO_EXCLUDES(m_mutex);
+    /// `function`: the signature of the entry, for the log.
+    MoScsiSrvIO* AllocLarge(const char* function, int iovcnt, void* priv) MO_EXCLUDES(m_mutex);
     void InitStats();
 
     static MoIoctxMgr* g_IoctxMgr;

@@ -226,6 +226,7 @@ TEST_F(MoIoctxMgrTest, LargeRecordThatCannotBeMadeIsLoggedByWhatWasMissing) {
             break;
         }
         EXPECT_THAT(Errors(), ElementsAre(nth == 0 ? "largeioalloc err 7" : "no memory"));
+        EXPECT_EQ(log.Lines()[0].function, "MoScsiSrvIO* MoIoctxMgr::Ioctx_Alloc(int, void*)");
         EXPECT_EQ(manager.InUse(), 0U);
     }
     EXPECT_EQ(manager.GetStats().largeAllocs, 1U);
@@ -263,6 +264,7 @@ TEST_F(MoIoctxMgrTest, SlabIsDeletedOnlyWhenAllItsRecordsAreFree) {
               Format("slab %p:", slabs[1]) + Format(" ioctx %p is on busy list", slabs[1]));
     EXPECT_EQ(lines[3],
               Format("slab %p:", slabs[2]) + Format(" ioctx %p is on busy list", slabs[2]));
+    EXPECT_EQ(log.Lines()[3].function, "bool MoIoctxMgr::delete_slab(MoScsiSrvIO*)");
     delete[] slabs[1]->iov;
     delete[] slabs[1];
     delete[] large->iov;
