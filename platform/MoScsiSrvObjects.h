@@ -38,8 +38,7 @@ enum : uint32_t {
 ///     serves the LUN's device. These only start the transfer; their result is ignored.
 ///  2. The host moves the data between `iov` and its storage, on any thread.
 ///  3. The host calls MoScsiSrvPlatform::IODone exactly once with the record and the number of
-///  bytes
-///     moved. It may do so before Read or Write returns. From then on the record is not the host's.
+///     bytes moved, maybe before Read or Write returns. From then on the record is not the host's.
 ///
 /// Lifetime: the object and its context live until the LUN's DeleteLun has returned.
 class MoScsiBStorOps {
