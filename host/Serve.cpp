@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <nlohmann/json.hpp>
 
@@ -114,12 +115,16 @@ bool Service::Start() {
 bool Service::WaitForBus() {
     if (!m_plan.HasUserLuns())
         return true;
-    std::string lacking;
-    RunStep(m_console, "wait for the user backstores' objects on D-Bus", [&] {
-        lacking = WaitForBusObjects(kBusLimit, [this] { return m_stop.Asked(); });
-        return CRyError::Success();
-    });
-    return lacking.empty() || Fail(lacking);
+    const CRyError result =
+        RunStep(m_console, "wait for the user backstores' objects on D-Bus", [this] {
+            const std::string lacking =
+                WaitForBusObjects(kBusLimit, [this] { return m_stop.Asked(); });
+            return lacking.empty()
+                       ? CRyError::Success()
+                       : FXErrorUtil::ErrorErrNo(FXCodeLocation(__FILE__, __func__, __LINE__),
+                                                 ENODEV, "%s", lacking.c_str());
+        });
+    return !result.IsError() || Fail(result.Message());
 }
 
 bool Service::PrepareData() {
