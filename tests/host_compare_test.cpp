@@ -8,6 +8,7 @@
 #include <fstream>
 #include <functional>
 
+#include "host/Application.h"
 #include "host/Compare.h"
 #include "host/Identity.h"
 #include "tests/support/FakeConfigfs.h"
@@ -283,6 +284,66 @@ TEST_F(HostCompareTest, OlderTargetcliChoosesSerialsAndCannotFinishHalfMadeUserL
     EXPECT_THAT(Before(), IsEmpty());
     EXPECT_FALSE(Manner::Of("2.1.fb53").userByConfigfs);
     EXPECT_TRUE(Manner::Of("2.1.fb43").chosenSerials);
+}
+
+struct QuietConsole : Console {
+    void Say(const std::string& /*line*/) override {}
+    void Complain(const std::string& /*line*/) override {}
+};
+
+/// Chooses 9 for every automatic number.
+struct RecordingPlatform : MoScsiSrvPlatform {
+    std::vector<std::string> calls;
+
+    CRyError Note(const std::string& call, const MoScsiSrvLun& lun) {
+        calls.push_back(call + " " + std::to_string(static_cast<int>(lun.lunNum)));
+        return {};
+    }
+    CRyError Initialize() override { return {}; }
+    CRyError CreateTarget(MoScsiSrvTarget_t* /*target*/) override { return {}; }
+    CRyError DeleteTarget(MoScsiSrvTarget_t* /*target*/) override { return {}; }
+    CRyError CreateLun(MoScsiSrvLun_t* lun) override {
+        const CRyError result = Note("create " + lun->path, *lun);
+        lun->lunNum = std::min(lun->lunNum, 9U);
+        return result;
+    }
+    CRyError DeleteLun(MoScsiSrvLun_t* lun) override { return Note("delete", *lun); }
+    CRyError MapHost(MoScsiSrvLun_t* lun, MoScsiSrvHost_t* /*host*/) override {
+        return Note("map", *lun);
+    }
+    CRyError UnMapHost(MoScsiSrvLun_t* lun, MoScsiSrvHost_t* /*host*/) override {
+        return Note("unmap", *lun);
+    }
+    CRyError IODone(MoScsiSrvIO* /*ioctx*/, long /*nbytes*/) override { return {}; }
+    CRyError RegisterGetVPDCB(MoScsiSrvGetVPDCb_t /*cb*/) override { return {}; }
+    CRyError Cleanup() override { return {}; }
+};
+
+TEST_F(HostCompareTest, AutomaticNumberOfAUserLunThatIsThereIsAskedForThroughConfigfs) {
+    plan.targets[0].luns = {MakeLun("user", LunType::User, "/memory/user", std::nullopt)};
+    plan.targets[0].initiators = {{kHostA, {0}}};
+    QuietConsole console;
+    const auto never = [] { return false; };
+    for (const auto& [version, there, asked, got] :
+         {std::tuple("2.1.fb42", false, "-1", "9"), std::tuple("2.1.fb42", true, "7", "7"),
+          std::tuple("2.1.fb43", true, "-1", "9")}) {
+        if (there && tree.ObjectDirectory(Lun(0).object).empty()) {
+            tree.AddTarget(kTarget);
+            tree.AddObject(
+                {"user", Lun(0).object, "MoScsiSrvTcmu/" + Lun(0).cfgString, 4096, Lun(0).serial});
+            tree.AddLun(kTarget, 7, Lun(0).object, Lun(0).cfgString);
+        }
+        RecordingPlatform platform;
+        Application application(plan, platform, console, Manner::Of(version),
+                                [](const LunPlan&) { return std::pair(nullptr, nullptr); });
+        EXPECT_TRUE(application.Apply(View(), never));
+        EXPECT_TRUE(application.TakeDownAll(ConfigfsView(), never));
+        const std::string number = got;
+        EXPECT_THAT(platform.calls,
+                    ElementsAre(std::string("create /memory/user ") + asked, "map " + number,
+                                "unmap " + number, "delete " + number))
+            << version << (there ? " there" : " new");
+    }
 }
 
 TEST_F(HostCompareTest, UserBackstoresThatNobodyServesAreNamed) {
