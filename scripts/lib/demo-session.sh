@@ -100,8 +100,8 @@ for lun in 0 1 2 3; do
     expect_eq "LUN $lun on the target's side" "$(sum_of "$(backing_of $lun)" $mib)" "${written[$lun]}"
 done
 say "           each LUN reads what was written, and its backing holds the same $mib MiB (SHA-256)"
-step "moscsi-host status" moscsi-host status
-sed 's/^/           /' "$work/step.log" >&"$say_fd"
+step "moscsi-host status (counters that are not zero)" moscsi-host status
+grep -v ' 0$' "$work/step.log" | sed 's/^/           /' >&"$say_fd"
 
 say "-- The end"
 step "both initiators log out" forget $host_a $target $portal

@@ -59,7 +59,8 @@ run_scenarios() {
     shift
     names=("$@")
     if ((!$#)); then
-        mapfile -t names < <(cd "$scenario_dir" && printf '%s\n' ./*.sh | sed 's,^\./\(.*\)\.sh$,\1,' | grep -vx lib)
+        # Those that can be run; the others are what they source.
+        mapfile -t names < <(find "$scenario_dir" -maxdepth 1 -name '*.sh' -executable -printf '%f\n' | sed 's/\.sh$//' | sort)
     fi
     forwarded=()
     for name in "${environment[@]+"${environment[@]}"}"; do forwarded+=(--env "$name"); done
