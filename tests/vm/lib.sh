@@ -292,7 +292,13 @@ shell_start() {
     cleanup shell_end
     op init
 }
-shell_end() { [[ -z ${shell_PID-} ]] || kill -KILL "$shell_PID"; }
+# Without input it ends by itself; what it left is the scenario's fault.
+shell_end() {
+    [[ -n ${shell_PID-} ]] || return 0
+    local pid=$shell_PID
+    exec {shell[1]}>&-
+    wait_until 20 ended "$pid"
+}
 # op WORD...: one operation that must succeed; what it answers after "ok" is in $answer.
 op() {
     answer_of "$@"

@@ -32,7 +32,7 @@ use_all() {
     done
     for n in "${pids[@]}"; do wait "$n"; done
     # Each serial is its own LUN's.
-    for ((n = 0; n < count; n++)); do sg_inq -p 0x80 "${disks[n]}" | grep serial; done | sort -u | wc -l >"$work/serials"
+    for ((n = 0; n < count; n++)); do sg_inq -p 0x80 "${disks[n]}" | grep 'Unit serial number:'; done | sort -u | wc -l >"$work/serials"
 }
 step "all are written and verified at once" use_all
 expect_eq "different serials" "$(<"$work/serials")" $count
