@@ -295,8 +295,8 @@ shell_start() {
 # Without input it ends by itself; what it left is the scenario's fault.
 shell_end() {
     [[ -n ${shell_PID-} ]] || return 0
-    local pid=$shell_PID
-    exec {shell[1]}>&-
+    local pid=$shell_PID input=${shell[1]}
+    exec {input}>&-
     wait_until 20 ended "$pid"
 }
 # op WORD...: one operation that must succeed; what it answers after "ok" is in $answer.
