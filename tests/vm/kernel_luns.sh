@@ -71,7 +71,8 @@ for round in first second; do
     step "delete LUN 5 ($round time)" op delete-lun file 5 $target "$work/five.img"
 done
 expect_eq "LUNs in configfs" "$(basename -a "$tpg"/lun/lun_* | sort | paste -sd' ')" "lun_0 lun_1 lun_2"
-logout $a $target && logout $b $target
+step "host-a and host-b log out" logout $a $target
+logout $b $target >/dev/null
 step "delete the block LUN" op delete-lun block 2 $target "$loop"
 step "delete the file LUNs" op delete-lun file 0 $target "$work/zero.img"
 op delete-lun file 1 $target "$work/auto.img"

@@ -289,16 +289,12 @@ dbus_start() { dbus-daemon --system --fork {say_fd}>&-; }
 shell_start() {
     PATH=$home_dir/bin:$PATH
     coproc shell { exec /usr/local/libexec/moscsi-test/platform_shell 2>>"$work/shell.log" {say_fd}>&-; }
+    shell_pid=$shell_PID
+    disown "$shell_pid" # so that its end by shell_end is nobody's news
     cleanup shell_end
     op init
 }
-# Without input it ends by itself; what it left is the scenario's fault.
-shell_end() {
-    [[ -n ${shell_PID-} ]] || return 0
-    local pid=$shell_PID input=${shell[1]}
-    exec {input}>&-
-    wait_until 20 ended "$pid"
-}
+shell_end() { ended "$shell_pid" || kill -KILL "$shell_pid"; }
 # op WORD...: one operation that must succeed; what it answers after "ok" is in $answer.
 op() {
     answer_of "$@"
