@@ -289,6 +289,7 @@ dbus_start() { dbus-daemon --system --fork {say_fd}>&-; }
 shell_start() {
     PATH=$home_dir/bin:$PATH
     coproc shell { exec /usr/local/libexec/moscsi-test/platform_shell 2>>"$work/shell.log" {say_fd}>&-; }
+    # shellcheck disable=SC2154 # bash sets it for the coprocess
     shell_pid=$shell_PID
     disown "$shell_pid" # so that its end by shell_end is nobody's news
     cleanup shell_end
