@@ -1,6 +1,8 @@
 #include "adapters/runner/tcmu_runner.h"
 
 #include <cstring>
+#include <filesystem>
+#include <system_error>
 
 #include "adapters/libtcmu/LibtcmuApi.h"
 #include "adapters/runner/IoctxStatistics.h"
@@ -39,7 +41,11 @@ bool ParseArguments(int argc, char** argv) {
 RunnerEnvironment RunnerEnvironment::Real() {
     RunnerEnvironment environment;
     environment.tcmu = &RealLibtcmuApi();
-    environment.familyRegistered = [] { return TcmuFamily::Registered(); };
+    // The module first: asked for a family that it hasn't got, the kernel runs modprobe each time.
+    environment.familyRegistered = [module = environment.moduleParameters] {
+        std::error_code ignored;
+        return std::filesystem::exists(module, ignored) && TcmuFamily::Registered();
+    };
     environment.makeHandler = MakePluginHandler;
     return environment;
 }
