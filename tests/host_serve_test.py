@@ -268,6 +268,17 @@ class ServeTest(unittest.TestCase):
             self.assertEqual(err.count("\n"), 1)
         self.assertFalse(os.path.exists(self.path("log")))
 
+    def test_user_luns_without_their_objects_on_the_bus_stop_before_anything_is_made(self):
+        with open(self.path("f.toml"), "a", encoding="ascii") as file:
+            file.write('[[target.lun]]\nname = "u"\ntype = "user"\nbacking = "file"\nsize = 512\n'
+                       f'path = "{self.path("made")}"\n')
+        code, out, err = self.end(self.start())
+        self.assertEqual(code, 1)
+        self.assertRegex(out, "objects on D-Bus: failed")
+        self.assertRegex(err, r"^moscsi-host: the D-Bus system bus doesn't answer .*\n$")
+        self.assertEqual(self.log(), ["Initialize", "Cleanup"])
+        self.assertFalse(os.path.exists(self.path("made")))
+
     def test_library_that_is_no_plugin(self):
         for library, words in (("/nonexistent.so", "can't load the plug-in"),
                                ("libc.so.6", "lacks GetMOScsiPlatformObj")):
