@@ -13,11 +13,10 @@ import unittest
 from pathlib import Path
 
 SCRIPT = None
-ORDER = ["target_core_mod", "mount", "target_core_user", "target_core_file", "target_core_iblock",
-         "iscsi_target_mod"]
+ORDER = ["target_core_mod", "mount", "target_core_user", "target_core_file", "target_core_iblock", "iscsi_target_mod"]
 
-# A module appears below sys/module; the target's tree with the first of target_core_mod and mount
-# that comes last. Each says what dbroot held when it ran.
+# A module appears below sys/module; the target's tree with the mount, which wants target_core_mod.
+# Each says what dbroot held when it ran.
 FAKES = {
     "modprobe": """[ "$2" = "$LACKS" ] && exit 1
 mkdir "$MOSCSI_ROOT/sys/module/$2" || exit 1
@@ -35,97 +34,76 @@ class ServiceScriptTest(unittest.TestCase):
     def setUp(self):
         self.root = Path(tempfile.mkdtemp())
         self.addCleanup(shutil.rmtree, self.root)
-        self.configfs = self.root / "sys/kernel/config"
+        self.dbroot = self.root / "sys/kernel/config/target/dbroot"
         for directory in ("bin", "proc", "run/dbus", "sys/module", "sys/kernel/config"):
             (self.root / directory).mkdir(parents=True)
-        (self.root / "log").touch()
         (self.root / "proc/mounts").write_text("tmpfs /run tmpfs rw 0 0\n")
         for name, body in FAKES.items():
             (self.root / "bin" / name).write_text("#!/bin/sh\n" + body)
             (self.root / "bin" / name).chmod(0o755)
-        self.bus = socket.socket(socket.AF_UNIX)
-        self.addCleanup(self.bus.close)
-        self.bus.bind(str(self.root / "run/dbus/system_bus_socket"))
+        self.bus = self.root / "run/dbus/system_bus_socket"
+        with socket.socket(socket.AF_UNIX) as bus:
+            bus.bind(str(self.bus))
 
     def run_script(self, *args, **env):
-        env = dict(PATH=f"{self.root}/bin:/usr/bin:/bin", MOSCSI_ROOT=str(self.root), C=str(self.configfs), **env)
+        env = dict(PATH=f"{self.root}/bin:/usr/bin:/bin", MOSCSI_ROOT=str(self.root),
+                   C=f"{self.root}/sys/kernel/config", **env)
         done = subprocess.run([SCRIPT, *args], env=env, capture_output=True, text=True, timeout=60)
         return done.returncode, done.stdout, done.stderr
 
     def tree(self):
         return sorted((str(path), path.read_text() if path.is_file() else "") for path in self.root.rglob("*"))
 
-    def directories(self, *names):
-        return [(self.root / name / kind).is_dir() for name in names for kind in ("pr", "alua")]
+    def assert_directories(self, *names):
+        self.assertTrue(all((self.root / name / kind).is_dir() for name in names for kind in ("pr", "alua")))
 
-    def test_start_makes_everything_in_order_and_once(self):
+    def assert_fails(self, line, **env):
+        status, _, err = self.run_script("-start", **env)
+        self.assertEqual(status, 1)
+        self.assertRegex(err, rf"^moscsi_server.sh: {line}\n$")
+
+    def test_start_makes_everything_in_order_and_once_and_stop_changes_nothing(self):
         status, out, err = self.run_script("-start")
         self.assertEqual((status, err), (0, ""))
         steps = [line.split() for line in (self.root / "log").read_text().splitlines()]
         self.assertEqual([step[0] for step in steps], ORDER)
         self.assertEqual({step[1] for step in steps[2:]}, {"/etc/rtslib-fb-target"},
                          "dbroot was set after a module that may forbid it")
-        self.assertEqual(self.directories("etc/target", "etc/rtslib-fb-target"), [True] * 4)
+        self.assert_directories("etc/target", "etc/rtslib-fb-target")
         self.assertEqual(len(out.splitlines()), 11)
 
         before = self.tree()
-        self.assertEqual(self.run_script("-start"), (0, "", ""))
+        for again in ("-start", "-stop"):
+            self.assertEqual(self.run_script(again), (0, "", ""))
+        for args in ((), ("start",), ("-start", "-stop")):
+            self.assertEqual(self.run_script(*args), (2, "", "usage: moscsi_server.sh -start | -stop\n"))
         self.assertEqual(self.tree(), before)
 
     def test_another_dbroot_stays_when_a_device_uses_it(self):
         self.run_script("-start")
-        (self.configfs / "target/dbroot").write_text("/srv/target\n")
-        (self.configfs / "target/core/fileio_0/disk").mkdir(parents=True)
+        self.dbroot.write_text("/srv/target\n")
+        (self.dbroot.parent / "core/fileio_0/disk").mkdir(parents=True)
         self.assertEqual(self.run_script("-start")[0], 0)
-        self.assertEqual((self.configfs / "target/dbroot").read_text(), "/srv/target\n")
-        self.assertEqual(self.directories("srv/target"), [True] * 2)
+        self.assertEqual(self.dbroot.read_text(), "/srv/target\n")
+        self.assert_directories("srv/target")
 
     def test_what_is_missing_is_named_in_one_line(self):
-        kernel = os.uname().release
-        for lacks, text in ((f"module {name}", f"{kernel}, has no module {name}") for name in
-                            (ORDER[0], ORDER[2], ORDER[5])):
-            with self.subTest(lacks):
-                status, _, err = self.run_script("-start", LACKS=lacks.split()[1])
-                self.assertEqual(status, 1)
-                self.assertRegex(err, rf"^moscsi_server.sh: .*{text}: .*\n$")
-                shutil.rmtree(self.root / "sys/module")
-                (self.root / "sys/module").mkdir()
-        (self.root / "proc/mounts").write_text("")
-        shutil.rmtree(self.configfs / "target")
-        status, _, err = self.run_script("-start", LACKS="configfs")
-        self.assertEqual(status, 1)
-        self.assertRegex(err, rf"^moscsi_server.sh: can't mount configfs on \S+: .*{kernel}.*\n$")
-
-    def test_what_must_be_there_before_is_asked_for_first(self):
         before = self.tree()
-        self.assertEqual(self.run_script("-start", FAKE_UID="1000"),
-                         (1, "", "moscsi_server.sh: must be run as root\n"))
+        self.assert_fails("must be run as root", FAKE_UID="1000")
+        self.bus.rename(self.root / "bus")
+        self.assert_fails("no D-Bus system bus .* start dbus")
+        (self.root / "bus").rename(self.bus)
         self.assertEqual(self.tree(), before)
-        (self.root / "run/dbus/system_bus_socket").unlink()
-        status, out, err = self.run_script("-start")
-        self.assertEqual((status, out), (1, ""))
-        self.assertRegex(err, r"^moscsi_server.sh: no D-Bus system bus .* start dbus\n$")
-        self.assertEqual((self.root / "log").read_text(), "")
-
-    def test_a_directory_that_cannot_be_made_and_a_dbroot_that_is_refused(self):
         (self.root / "etc").write_text("")
-        status, _, err = self.run_script("-start")
-        self.assertEqual((status, err), (1, f"moscsi_server.sh: can't make the directory {self.root}/etc/target/pr\n"))
+        self.assert_fails(f"can't make the directory {self.root}/etc/target/pr")
         (self.root / "etc").unlink()
-        self.run_script("-start")
-        (self.configfs / "target/dbroot").unlink()
-        (self.configfs / "target/dbroot").mkdir()
-        status, _, err = self.run_script("-start")
-        self.assertEqual((status, err), (1, "moscsi_server.sh: the kernel refuses /etc/rtslib-fb-target as "
-                                            f"{self.configfs}/target/dbroot\n"))
-
-    def test_stop_changes_nothing_and_anything_else_is_refused(self):
-        self.run_script("-start")
-        before = self.tree()
-        self.assertEqual(self.run_script("-stop"), (0, "", ""))
-        for args in ((), ("start",), ("-start", "-stop"), ("",)):
-            self.assertEqual(self.run_script(*args), (2, "", "usage: moscsi_server.sh -start | -stop\n"))
-        self.assertEqual(self.tree(), before)
+        kernel = os.uname().release
+        self.assert_fails(f".*{kernel}, has no module {ORDER[0]}: .*", LACKS=ORDER[0])
+        self.assert_fails(rf"can't mount configfs on \S+: .*{kernel}.*", LACKS="configfs")
+        self.assert_fails(f".*{kernel}, has no module {ORDER[5]}: .*", LACKS=ORDER[5])
+        self.dbroot.unlink()
+        self.dbroot.mkdir()
+        self.assert_fails(f"the kernel refuses /etc/rtslib-fb-target as {self.dbroot}")
 
 
 if __name__ == "__main__":
