@@ -1,10 +1,7 @@
-// The runner's entry as the plug-in calls it.
-
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 
-#include "adapters/runner/TcmuFamily.h"
 #include "adapters/runner/tcmu_runner.h"
 #include "tests/support/CapturingLogWriter.h"
 
@@ -24,7 +21,6 @@ TEST(TcmuRunnerMainTest, RefusesOtherArgumentsAndGoesOnWithItsOwn) {
         {2, {program, path, nullptr}, "no system D-Bus"},
         {2, {program, other, nullptr}, "--handler-path=PATH"},
         {1, {program, nullptr}, "--handler-path=PATH"},
-        {3, {program, path, path, nullptr}, "--handler-path=PATH"},
     };
     for (const Call& call : calls) {
         CapturingLogWriter::Installed().Reset(0);
@@ -33,13 +29,6 @@ TEST(TcmuRunnerMainTest, RefusesOtherArgumentsAndGoesOnWithItsOwn) {
         ASSERT_EQ(errors.size(), 1U);
         EXPECT_NE(errors[0].find(call.line), std::string::npos) << errors[0];
     }
-}
-
-TEST(TcmuFamilyTest, FindsFamiliesByName) {
-    if (!TcmuFamily::Registered("nlctrl"))  // the controller itself
-        GTEST_SKIP() << "no generic netlink here";
-    EXPECT_FALSE(TcmuFamily::Registered("TCM-USER-NOT"));
-    EXPECT_FALSE(TcmuFamily::Registered("a name that is longer than any family's"));
 }
 
 }  // namespace

