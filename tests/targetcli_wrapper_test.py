@@ -357,7 +357,7 @@ class Finding(WrapperTest):
     def test_what_cannot_work_is_refused_in_a_line(self):
         self.install_fake("#!/no/interpreter\n")
         for name, value, status, line in (
-                ("PATH", f"{Path(WRAPPER).parent}:/usr/bin:/bin", 127,
+                ("PATH", str(Path(WRAPPER).parent), 127,  # /usr/bin may have the real one
                  "targetcli is not installed: install the package targetcli-fb"),
                 *(("MOSCSI_TARGETCLI_REAL", path, 127, rf"\w+={path} is not the real targetcli program")
                   for path in (WRAPPER, "/none", "/tmp")),
