@@ -236,20 +236,6 @@ TEST_F(EmulationTest, TheSerialIsReadWhenAPageIsAskedFor) {
     EXPECT_EQ(Answer("12 01 83 10 00").at(7), 255);
 }
 
-TEST_F(EmulationTest, BlockLimitsFollowTheDevice) {
-    dev.maxTransferBlocks = 0;
-    EXPECT_EQ(Answer("12 01 B0 10 00")[11], 128);
-    dev.blockSize = 65536;
-    EXPECT_EQ(Answer("12 01 B0 10 00")[11], 1);
-}
-
-TEST(Device, OnlyOurSubTypeGetsItsCanonicalCase) {
-    EXPECT_EQ(CanonicalCfgString("moscsisrvtcmu/aBc"), "MoScsiSrvTcmu/aBc");
-    EXPECT_EQ(CanonicalCfgString("MoScsiSrvTcmu/aBc"), "MoScsiSrvTcmu/aBc");
-    for (const char* other : {"moscsisrvtcmux/a", "moscsisrvtcmu", "", "file/moscsisrvtcmu/a"})
-        EXPECT_EQ(CanonicalCfgString(other), other);
-}
-
 TEST(Cdb, AddressAndLengthByGroup) {
     struct Case {
         std::string cdb;

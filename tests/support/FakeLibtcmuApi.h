@@ -7,18 +7,15 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <deque>
 #include <functional>
 #include <map>
 #include <optional>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "adapters/libtcmu/LibtcmuApi.h"
 #include "tests/support/KernelRing.h"
-#include "util/Mutex.h"
 
 /// Bytes from hexadecimal digits, blanks allowed.
 inline std::vector<uint8_t> Hex(std::string text) {
@@ -125,13 +122,11 @@ class FakeLibtcmuApi : public LibtcmuApi {
     }
     int MasterFd() override { return m_master[0]; }
     int MasterFdReady() override {
-        char events[64];
-        while (read(m_master[0], events, sizeof events) > 0) {
-        }
-        const MutexGuard guard(m_mutex);
-        for (; !m_events.empty(); m_events.pop_front()) {
-            const auto [device, added] = m_events.front();
-            added ? Add(device) : Drop(device);
+        for (Event event{}; read(m_master[0], &event, sizeof event) == sizeof event;) {
+            if (event.added)
+                Add(event.device);
+            else
+                Drop(event.device);
             ++answered;
         }
         return 0;
@@ -167,15 +162,14 @@ class FakeLibtcmuApi : public LibtcmuApi {
     }
 
   private:
-    using Event = std::pair<FakeDevice*, bool>;
+    struct Event {
+        FakeDevice* device;
+        bool added;
+    };
 
     static FakeDevice& Of(LibDevice* dev) { return *reinterpret_cast<FakeDevice*>(dev); }
-    void Push(Event event) {
-        {
-            const MutexGuard guard(m_mutex);
-            m_events.push_back(event);
-        }
-        EXPECT_EQ(write(m_master[1], "!", 1), 1);
+    void Push(const Event& event) {
+        EXPECT_EQ(write(m_master[1], &event, sizeof event), ssize_t{sizeof event});
     }
     void Add(FakeDevice* device) {
         lastAdded = m_callbacks.added(device->Lib());
@@ -190,6 +184,4 @@ class FakeLibtcmuApi : public LibtcmuApi {
     int m_master[2] = {-1, -1};
     Callbacks m_callbacks;
     std::vector<FakeDevice*> m_known;
-    Mutex m_mutex;
-    std::deque<Event> m_events MO_GUARDED_BY(m_mutex);
 };
