@@ -95,7 +95,7 @@ TEST_F(PlatformConfigFSTest, CreateWritesTheTreeAndDeleteTakesItAway) {
     lun.serialNum = "again";
     journal.Reset(1);
     ASSERT_FALSE(Platform().CreateLun(&lun).IsError());
-    EXPECT_THAT(Texts(1), ElementsAre("lun iqn.Ab[3] already exists " + link));
+    EXPECT_THAT(journal.Texts(1), ElementsAre("lun iqn.Ab[3] already exists " + link));
     EXPECT_THAT(Commands(), IsEmpty());
     EXPECT_EQ(Entry(CfgString(lun))->first.serialNum, "again-" + guid);
 
@@ -159,7 +159,7 @@ TEST_F(PlatformConfigFSTest, AutomaticNumberIsTheLowestThatIsSurelyFree) {
     lun.lunNum = 0xFFFFFFFF;
     ASSERT_FALSE(Platform().CreateLun(&lun).IsError());
     EXPECT_EQ(lun.lunNum, 3U);
-    EXPECT_EQ(Texts(1).at(0), "NextAvailableLunNum 3\n");
+    EXPECT_EQ(journal.Texts(1).at(0), "NextAvailableLunNum 3\n");
     EXPECT_TRUE(std::filesystem::exists(link));
 }
 

@@ -37,7 +37,7 @@ struct PlatformFileLunsTest : MoScsiSrvLIOTest {
                                   "(MoScsiSrvLun_t*)";
         EXPECT_EQ(error.Location()->Function(), entry);
         EXPECT_EQ(error.Location()->File(), "MoScsiSrvLIO");
-        for (const Journal::Message& m : journal.Messages())
+        for (const CapturingLogWriter::Line& m : journal.Lines())
             EXPECT_EQ(m.function, entry);
     }
     static off_t Size(const std::string& path) {
@@ -128,7 +128,7 @@ TEST_F(PlatformFileLunsTest, MissingFileIsMadeSparseAndDeleteKeepsIt) {
     const mode_t mask = umask(027);
     EXPECT_FALSE(Platform().CreateLun(&lun).IsError());
     umask(mask);
-    EXPECT_THAT(Texts(1), ElementsAre("creating bstor file " + lun.path));
+    EXPECT_THAT(journal.Texts(1), ElementsAre("creating bstor file " + lun.path));
     struct stat status = {};
     ASSERT_EQ(stat(lun.path.c_str(), &status), 0);
     EXPECT_EQ(status.st_size, (off_t{5} << 30) + 512);
@@ -171,14 +171,7 @@ TEST_F(PlatformFileLunsTest, SerialNumberDependsOnTheVersionAsTextAndGrows) {
     }
 }
 
-TEST_F(PlatformFileLunsTest, StorageObjectsAreNamedAfterTargetAndPath) {
-    MoScsiSrvLun lun = Lun(BSTOR_USER, 1);
-    EXPECT_EQ(Name(lun), Guid("MoScsiSrv-iqn.Ab-/Path").substr(0, 15));
-    EXPECT_EQ(CfgString(lun), "MoScsiSrvTcmu/" + Guid("iqn.Ab/Path"));
-}
-
-// ---- Automatic numbers, for every kind of backstore
-// ----------------------------------------------
+// Automatic numbers, for every kind of backstore.
 
 struct PlatformAutomaticNumberTest : MoScsiSrvLIOTest,
                                      testing::WithParamInterface<std::pair<uint32_t, std::string>> {
@@ -217,32 +210,21 @@ TEST_P(PlatformAutomaticNumberTest, IsReadFromTheObjectsOwnLine) {
     ASSERT_EQ(commands.size(), 3U);
     EXPECT_THAT(commands[1], Not(HasSubstr(" lun=")));
     EXPECT_EQ(commands[2], Lower(command));
-    EXPECT_THAT(Texts(0), ElementsAre(HasSubstr("iqn.Ab Lun 17 SerialNum Ser-")));
+    EXPECT_THAT(journal.Texts(0), ElementsAre(HasSubstr("iqn.Ab Lun 17 SerialNum Ser-")));
 }
 
-TEST_P(PlatformAutomaticNumberTest, OfAnObjectListedTwiceIsWhatTheDigitsSpell) {
-    EXPECT_FALSE(Create(Line(1, object) + Line(2, object)).IsError());
-    EXPECT_EQ(lun.lunNum, 12U);
-}
-
-TEST_P(PlatformAutomaticNumberTest, ThatIsNotListedIsAnError) {
+TEST_P(PlatformAutomaticNumberTest, ThatCannotBeReadIsAnErrorOrLeavesTheConfigurationLocked) {
     const CRyError error = Create("o- luns\\n");
     EXPECT_EQ(error.Number(), 774);
     EXPECT_EQ(error.Message(), "cmd " + command + " completed without any output");
     EXPECT_THAT(error.Location()->Function(), HasSubstr("MoScsiSrvLIO::CreateLun_BStor"));
     EXPECT_THAT(Errors(), IsEmpty());
-    EXPECT_EQ(lun.lunNum, 0xFFFFFFFFU);
-    EXPECT_EQ(Entries(), 0U);
-}
-
-TEST_P(PlatformAutomaticNumberTest, ThatCannotBeReadIsAnError) {
     os_seams::FailAt(os_seams::kPopen, 3, ENOMEM);
     EXPECT_EQ(Create("").Message(), "popen error cmd  " + Lower(command) + " failed");
-    EXPECT_EQ(Entries(), 0U);
-}
 
-TEST_P(PlatformAutomaticNumberTest, ThatIsNoNumberThrowsAndLeavesTheConfigurationLocked) {
+    targetcli.Reset();
     EXPECT_THROW(Create("x none [" + object + "]\\n"), std::invalid_argument);
     EXPECT_TRUE(ConfigurationLocked(true));
     EXPECT_EQ(lun.lunNum, 0xFFFFFFFFU);
+    EXPECT_EQ(Entries(), 0U);
 }

@@ -44,7 +44,7 @@ const std::vector<std::string> kTolerated = {"No such Target in configfs",
 
 struct PlatformOperationsTest : MoScsiSrvLIOTest {
     MoScsiSrvLun lun = Lun(BSTOR_FILE);
-    const std::string name = Name(lun);
+    const std::string name = Guid("MoScsiSrv-iqn.Ab-/Path").substr(0, 15);
     const std::string serial = "Ser-" + Guid("iqn.Ab/Path");
 
     PlatformOperationsTest() {
@@ -169,14 +169,14 @@ TEST_F(PlatformOperationsTest, RunsItsStepsUnderTheLockAndConfirms) {
         journal.Reset(5);
         EXPECT_FALSE(operation.run(Platform()).IsError());
         EXPECT_THAT(journal.Events(), ElementsAreArray(Events(operation, 99, "")));
-        for (const Journal::Message& message : journal.Messages()) {
+        for (const CapturingLogWriter::Line& message : journal.Lines()) {
             EXPECT_EQ("[0] " + message.text, operation.confirmation);
             EXPECT_EQ(message.function, "virtual CRyError MoScsiSrvLIO::" + operation.signature);
         }
         // Below the level of confirmations there is none.
         journal.Reset(-1);
         EXPECT_FALSE(operation.run(Platform()).IsError());
-        EXPECT_TRUE(journal.Messages().empty());
+        EXPECT_TRUE(journal.Lines().empty());
     }
 }
 
@@ -197,7 +197,7 @@ TEST_F(PlatformOperationsTest, ToleratesWhatMeansThatItIsDoneAlready) {
     }
 }
 
-TEST_F(PlatformOperationsTest, StopsAtAStepThatFails) {
+TEST_F(PlatformOperationsTest, StopsAtAStepThatFailsOrCannotStart) {
     for (const Operation& operation : Operations()) {
         for (size_t i = 0; i < operation.steps.size(); ++i) {
             const Step& step = operation.steps[i];
@@ -211,29 +211,22 @@ TEST_F(PlatformOperationsTest, StopsAtAStepThatFails) {
             targetcli.Reset();
             targetcli.Answer(Arguments(step), text + "\\nexists on the second line\\n");
             journal.Reset(5);
-            const CRyError error = operation.run(Platform());
+            CRyError error = operation.run(Platform());
             const std::string message =
                 "cmd " + Updating(step.command) + " failed. err " + text + "\n";
             EXPECT_EQ(error.Number(), 774);
             EXPECT_EQ(error.Message(), message);
             EXPECT_THAT(journal.Events(),
                         ElementsAreArray(Events(operation, i, "[-1] " + message)));
-        }
-    }
-}
 
-TEST_F(PlatformOperationsTest, StopsAtACommandThatCannotStart) {
-    for (const Operation& operation : Operations()) {
-        for (size_t i = 0; i < operation.steps.size(); ++i) {
-            SCOPED_TRACE(operation.steps[i].command);
             targetcli.Reset();
             journal.Reset(5);
             const bool removesUserLun = operation.before.size() > 1;  // created on the way
             os_seams::FailAt(os_seams::kPopen, static_cast<int>(i) + (removesUserLun ? 3 : 1),
                              ENOMEM);
-            const CRyError error = operation.run(Platform());
+            error = operation.run(Platform());
             EXPECT_EQ(error.Number(), 774);
-            EXPECT_EQ(error.Message(), "popen error cmd " + operation.steps[i].command + " failed");
+            EXPECT_EQ(error.Message(), "popen error cmd " + step.command + " failed");
             EXPECT_THAT(journal.Events(), ElementsAreArray(Events(operation, i, "")));
         }
     }

@@ -181,25 +181,4 @@ TEST_F(TcmuDevLifeTest, CloseOfADeviceWhoseEntryIsGoneSaysSo) {
     EXPECT_THAT(TheSleepHook().seconds, IsEmpty());
 }
 
-TEST_F(TcmuDevLifeTest, EveryStepOfTheLifeIsTracedUnderItsOwnName) {
-    log.Reset(6);
-    {
-        MoScsiSrvTcmuDev dev(&lib);
-        dev.TcmuDevOpen();
-        TestCommand command({0x00});
-        dev.TcmuDevCmdHandler(&command);
-    }
-    std::vector<std::string> traces;
-    for (const auto& line : log.Lines()) {
-        if (line.level == 6 && line.text == "enter" &&
-            line.function.find("MoScsiSrvTcmuDev::") != std::string::npos)
-            traces.push_back(line.function);
-    }
-    EXPECT_THAT(traces, ElementsAre("MoScsiSrvTcmuDev::MoScsiSrvTcmuDev(tcmu_device*)",
-                                    "void MoScsiSrvTcmuDev::InitStats()",
-                                    "int MoScsiSrvTcmuDev::TcmuDevOpen()",
-                                    "MoScsiSrvTcmuDev::~MoScsiSrvTcmuDev()",
-                                    "void MoScsiSrvTcmuDev::TcmuDevClose()"));
-}
-
 }  // namespace

@@ -10,8 +10,9 @@
 #include "adapters/framework/CLogWriterInterface.h"
 #include "util/Mutex.h"
 
-/// Keeps what is logged, for tests to compare. Installed once a process, because other threads may
-/// be logging when the next test begins; a test starts with Reset.
+/// Keeps what is logged, for tests to compare, and what else a test's seams note (commands, sleeps,
+/// watched mutexes), all in one order. Installed once a process, because other threads may be
+/// logging when the next test begins; a test starts with Reset.
 ///
 /// Thread: any.
 class CapturingLogWriter : public CLogWriterInterface {
@@ -36,7 +37,35 @@ class CapturingLogWriter : public CLogWriterInterface {
     void Reset(int level) {
         MutexGuard guard(m_mutex);
         m_lines.clear();
+        m_events.clear();
         m_level = level;
+    }
+
+    /// Reports "+name" and "-name" when `mutex` is locked and unlocked (OsSeams.cpp does it); null
+    /// ends all watching. Only while one thread runs.
+    void Watch(const Mutex* mutex, const char* name) {
+        if (mutex == nullptr)
+            m_watched.clear();
+        else
+            m_watched.emplace_back(mutex, name);
+    }
+    /// The name that `mutex` is watched under, or null.
+    const char* Watched(const void* mutex) const {
+        for (const auto& [watched, name] : m_watched) {
+            if (watched == mutex)
+                return name;
+        }
+        return nullptr;
+    }
+
+    void Note(std::string event) {
+        MutexGuard guard(m_mutex);
+        m_events.push_back(std::move(event));
+    }
+    /// Everything in order; messages as "[level] text".
+    std::vector<std::string> Events() const {
+        MutexGuard guard(m_mutex);
+        return m_events;
     }
 
     std::vector<Line> Lines() const {
@@ -58,13 +87,14 @@ class CapturingLogWriter : public CLogWriterInterface {
                                                             int /*line*/, int /*reserved1*/,
                                                             int /*reserved2*/, const char* format,
                                                             ...) override {
-        char text[4096];
+        char text[8192];
         va_list args;
         va_start(args, format);
         vsnprintf(text, sizeof text, format, args);
         va_end(args);
         MutexGuard guard(m_mutex);
         m_lines.push_back({level, function, text});
+        m_events.push_back("[" + std::to_string(level) + "] " + text);
     }
     int GetDebugLevel() override { return m_level; }
 
@@ -72,4 +102,6 @@ class CapturingLogWriter : public CLogWriterInterface {
     std::atomic<int> m_level{-1};
     mutable Mutex m_mutex;
     std::vector<Line> m_lines MO_GUARDED_BY(m_mutex);
+    std::vector<std::string> m_events MO_GUARDED_BY(m_mutex);
+    std::vector<std::pair<const void*, const char*>> m_watched;
 };

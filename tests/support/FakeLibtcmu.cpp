@@ -32,13 +32,6 @@ int Emulate(std::string call, iovec* iov, size_t iovCnt, uint8_t* sense) {
     return 0;
 }
 
-uint64_t BigEndian(const uint8_t* bytes, int count) {
-    uint64_t value = 0;
-    for (int i = 0; i < count; ++i)
-        value = value << 8 | bytes[i];
-    return value;
-}
-
 }  // namespace
 
 const char* tcmu_get_dev_cfgstring(tcmu_device* dev) {
@@ -67,37 +60,6 @@ void tcmu_set_dev_private(tcmu_device* dev, void* priv) {
 }
 void* tcmu_get_dev_private(tcmu_device* dev) {
     return dev->priv;
-}
-
-uint64_t tcmu_get_lba(const uint8_t* cdb) {
-    switch (cdb[0] >> 5) {
-        case 0:
-            return BigEndian(cdb + 1, 3) & 0x1FFFFF;
-        case 4:
-            return BigEndian(cdb + 2, 8);
-        default:
-            return BigEndian(cdb + 2, 4);
-    }
-}
-
-uint32_t tcmu_get_xfer_length(const uint8_t* cdb) {
-    switch (cdb[0] >> 5) {
-        case 0:
-            return cdb[4];
-        case 4:
-            return static_cast<uint32_t>(BigEndian(cdb + 10, 4));
-        case 5:
-            return static_cast<uint32_t>(BigEndian(cdb + 6, 4));
-        default:
-            return static_cast<uint32_t>(BigEndian(cdb + 7, 2));
-    }
-}
-
-int tcmu_set_sense_data(uint8_t* sense, uint8_t key, uint16_t ascAscq) {
-    sense[2] = key;
-    sense[12] = static_cast<uint8_t>(ascAscq >> 8);
-    sense[13] = static_cast<uint8_t>(ascAscq);
-    return TCMU_STATUS_CHECK_CONDITION;
 }
 
 int tcmu_emulate_test_unit_ready(uint8_t*, iovec* iov, size_t iovCnt, uint8_t* sense) {

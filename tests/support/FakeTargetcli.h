@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-/// Puts the program fake_targetcli first on PATH as `targetcli`, for this process and what it
+/// Puts the script fake/targetcli first on PATH as `targetcli`, for this process and what it
 /// starts, with a directory for its answers and for what it was asked.
 class FakeTargetcli {
   public:
@@ -23,7 +23,7 @@ class FakeTargetcli {
     void Answer(const std::string& arguments, const std::string& err, const std::string& out = "",
                 int status = 1) const {
         std::ofstream(m_directory + "/answers", std::ios::app)
-            << arguments << '\t' << status << '\t' << out << '\t' << err << '\n';
+            << arguments << '|' << status << '|' << out << '|' << err << '\n';
     }
 
     /// Forgets all answers and calls.

@@ -10,7 +10,7 @@
 #include <cstdio>
 #include <ctime>
 
-#include "tests/support/Journal.h"
+#include "tests/support/CapturingLogWriter.h"
 
 namespace os_seams {
 
@@ -79,7 +79,7 @@ extern "C" {
 
 FILE* __real_popen(const char* command, const char* mode);
 FILE* __wrap_popen(const char* command, const char* mode) {
-    Journal::Installed().Note(std::string("$ ") + command);
+    CapturingLogWriter::Installed().Note(std::string("$ ") + command);
     FILE* const pipe = Fails(kPopen) ? nullptr : __real_popen(command, mode);
     g_openPipes += pipe != nullptr ? 1 : 0;
     return pipe;
@@ -126,7 +126,7 @@ int __wrap_close(int fd) {
 
 int __real_system(const char* command);
 int __wrap_system(const char* command) {
-    Journal::Installed().Note(std::string("$ ") + command);
+    CapturingLogWriter::Installed().Note(std::string("$ ") + command);
     if (Fails(kSystem))
         return 1 << 8;
     if (beforeSystem)
@@ -138,7 +138,7 @@ int __real_nanosleep(const timespec* time, timespec* rest);
 int __wrap_nanosleep(const timespec* time, timespec* rest) {
     if (!onSleep)
         return __real_nanosleep(time, rest);
-    Journal::Installed().Note("sleep " + std::to_string(time->tv_sec) + "." +
+    CapturingLogWriter::Installed().Note("sleep " + std::to_string(time->tv_sec) + "." +
                               std::to_string(time->tv_nsec));
     onSleep();
     return 0;
@@ -157,7 +157,7 @@ int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
 
 int __real_pthread_kill(pthread_t thread, int signal);
 int __wrap_pthread_kill(pthread_t thread, int signal) {
-    Journal::Installed().Note("signal " + std::to_string(signal));
+    CapturingLogWriter::Installed().Note("signal " + std::to_string(signal));
     return __real_pthread_kill(thread, signal);
 }
 
@@ -166,7 +166,7 @@ int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
     if (mutex == g_attempted)
         ++g_attempts;
     const int result = __real_pthread_mutex_lock(mutex);
-    static Journal& journal = Journal::Installed();
+    static CapturingLogWriter& journal = CapturingLogWriter::Installed();
     if (const char* name = journal.Watched(mutex))
         journal.Note(std::string("+") + name);
     return result;
@@ -174,7 +174,7 @@ int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
 
 int __real_pthread_mutex_unlock(pthread_mutex_t* mutex);
 int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
-    static Journal& journal = Journal::Installed();
+    static CapturingLogWriter& journal = CapturingLogWriter::Installed();
     if (const char* name = journal.Watched(mutex))
         journal.Note(std::string("-") + name);
     return __real_pthread_mutex_unlock(mutex);

@@ -8,7 +8,7 @@
 /// What the plug-in calls of the operating system, watched and made to fail. OsSeams.cpp stands in
 /// for these calls in programs that are linked with --wrap (moscsi_wrap_os in CMakeLists.txt); the
 /// real ones run unless something is said here. Commands, sleeps, signals to threads and watched
-/// mutexes go to the Journal.
+/// mutexes go to the journal, CapturingLogWriter.
 ///
 /// Thread: what is set here, before other threads run.
 namespace os_seams {

@@ -107,15 +107,6 @@ std::string MoScsiSrvLIOTest::Lower(std::string text) {
     return text;
 }
 
-MoScsiSrvLIOTest::Strings MoScsiSrvLIOTest::Texts(int level) const {
-    Strings texts;
-    for (const Journal::Message& message : journal.Messages()) {
-        if (message.level == level)
-            texts.push_back(message.text);
-    }
-    return texts;
-}
-
 MoScsiSrvLIOTest::Strings MoScsiSrvLIOTest::Commands() const {
     Strings commands;
     for (const std::string& event : journal.Events()) {

@@ -8,7 +8,7 @@
 #include "platform/MoScsiSrvLIO.h"
 #include "tests/support/FakeRunner.h"
 #include "tests/support/FakeTargetcli.h"
-#include "tests/support/Journal.h"
+#include "tests/support/CapturingLogWriter.h"
 #include "tests/support/OsSeams.h"
 
 /// A directory that is removed with everything in it.
@@ -29,7 +29,7 @@ struct MoScsiSrvLIOTest : testing::Test {
 
     TemporaryDirectory dir;
     FakeTargetcli targetcli{dir.path};
-    Journal& journal = Journal::Installed();
+    CapturingLogWriter& journal = CapturingLogWriter::Installed();
     FakeRunner& runner = FakeRunner::The();
 
     MoScsiSrvLIOTest();
@@ -51,13 +51,11 @@ struct MoScsiSrvLIOTest : testing::Test {
     static std::string Updating(const std::string& command) {
         return Lower(command + " 2> /dev/stdout 1> /dev/null");
     }
-    Strings Errors() const { return Texts(-1); }
-    Strings Texts(int level) const;
+    Strings Errors() const { return journal.Texts(-1); }
     /// The commands among the events, without their "$ ".
     Strings Commands() const;
 
     // ---- What is private in the platform
-    // ---------------------------------------------------------
     std::string& Version() { return Platform().m_targetCliVersion; }
     static std::string& ConfigFSRoot() { return MoScsiSrvLIO::g_configFSRoot; }
     static const void* InstanceMutex() { return &MoScsiSrvLIO::g_InstanceMutex; }
