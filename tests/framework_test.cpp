@@ -14,7 +14,6 @@
 #include "adapters/framework/MOPI_Base.h"
 #include "adapters/framework/MOPlatformInfo.h"
 #include "adapters/framework/MoProcess.h"
-#include "adapters/framework/MoStatistics.h"
 #include "adapters/framework/MocHash.h"
 #include "util/Platform_Util.h"
 
@@ -38,7 +37,6 @@ TEST(CRyErrorTest, EveryNumberIsAnErrorAndCanBeReadBack) {
     }
     EXPECT_FALSE(CRyError::Success().IsError());
     EXPECT_EQ(CRyError().Code(), 0);
-    EXPECT_EQ(CRyError().Location(), nullptr);
 }
 
 TEST(FXStringTest, FormatsAnyLengthAndMayReadItsOwnOutput) {
@@ -163,19 +161,6 @@ TEST(LogWriterTest, OneLineAMessageAndTheLevelAsMade) {
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "[1] first second 7\n[-1] bad (void f():3)\n");
     EXPECT_EQ(writer->GetDebugLevel(), 2);
-}
-
-TEST(MoStatisticsTest, SourcesAreReadInOrderUntilTheyLeave) {
-    auto first = MoStatistics::Register("a", [] { return MoStatistics::Counters{{"x", 1}}; });
-    const auto second = MoStatistics::Register("b", [] { return MoStatistics::Counters{}; });
-    auto all = MoStatistics::Read();
-    ASSERT_EQ(all.size(), 2U);
-    EXPECT_EQ(all[0].first, "a");
-    EXPECT_EQ(all[0].second[0], (std::pair<std::string, uint64_t>("x", 1)));
-    first.reset();
-    all = MoStatistics::Read();
-    ASSERT_EQ(all.size(), 1U);
-    EXPECT_EQ(all[0].first, "b");
 }
 
 }  // namespace

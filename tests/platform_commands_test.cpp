@@ -1,6 +1,5 @@
 // The command runner: what it gives to the shell, and how it judges what comes back.
 
-#include <cerrno>
 #include <optional>
 
 #include "tests/support/PlatformFixture.h"
@@ -68,16 +67,6 @@ TEST_F(PlatformCommandsTest, ReadGivesTheFirstLineOfStandardOutput) {
         EXPECT_THAT(journal.Events(), ElementsAre("+cfg", "$ targetcli x",
                                                   "[2] TargetCliReadObject: " + c.read, "-cfg"));
     }
-}
-
-TEST_F(PlatformCommandsTest, ReadThatCannotStartIsLoggedWithTwoBlanks) {
-    std::string out = "old";
-    os_seams::FailAt(os_seams::kPopen, 1, EMFILE);
-    const CRyError error = Read("TargetCLI X", out);
-    EXPECT_EQ(error.Number(), 774);
-    EXPECT_EQ(error.Message(), "popen error cmd  targetcli x failed");
-    EXPECT_THAT(Errors(), ElementsAre(error.Message()));
-    EXPECT_EQ(out, "old");
 }
 
 TEST_F(PlatformCommandsTest, SystemRunsTheCommandAsItIsAndJudgesItsStatus) {

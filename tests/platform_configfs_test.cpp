@@ -59,21 +59,6 @@ struct PlatformConfigFSTest : MoScsiSrvLIOTest {
     static void Append(Strings& to, const Strings& more) {
         to.insert(to.end(), more.begin(), more.end());
     }
-    /// Lets looking at `path` end with `error`.
-    static void FailStat(const std::string& path, int error) {
-        os_seams::onStat = [path, error](const std::string& asked, mode_t&) {
-            return asked == path ? error : -1;
-        };
-    }
-    void ExpectError(int code, const std::string& message, const std::string& logged) {
-        SCOPED_TRACE(message);
-        journal.Reset(5);
-        const CRyError error = Platform().CreateLun(&lun);
-        EXPECT_EQ(error.Number(), code);
-        EXPECT_EQ(error.Message(), message);
-        EXPECT_THAT(journal.Events(), ElementsAre("+cfg", "[-1] " + logged, "-cfg"));
-        EXPECT_EQ(Entries(), 0U);
-    }
 };
 
 TEST_F(PlatformConfigFSTest, CreateWritesTheTreeAndDeleteTakesItAway) {
@@ -136,34 +121,41 @@ TEST_F(PlatformConfigFSTest, FailedStepIsUndoneAsFarAsTheUndoGets) {
     }
 }
 
-TEST_F(PlatformConfigFSTest, BackstoreOfAnotherLunOrAHalfMadeOneIsInUse) {
-    std::filesystem::create_directories(store);
-    const std::string text = "tcmu backstore is in use " + store;
-    ExpectError(16, text, text);
-    EXPECT_TRUE(std::filesystem::exists(store));
-}
-
-TEST_F(PlatformConfigFSTest, PlacesThatCannotBeLookedAtAreErrors) {
+TEST_F(PlatformConfigFSTest, BackstoreInUseAndPlacesThatCannotBeLookedAtAreErrors) {
     const std::string code = std::to_string(EACCES);
-    FailStat(link, EACCES);
-    ExpectError(EACCES, "stat " + link + " error " + code, "stat " + link + " error " + code);
-    FailStat(store, EACCES);
-    ExpectError(EACCES, "stat " + store + " " + code + " error",
-                "stat " + store + " " + code + " error");
+    const struct {
+        std::string path;
+        int error;  // of looking at it; 0: it is there, of another LUN or half made
+        int number;
+        std::string message;
+    } rows[] = {{store, 0, 16, "tcmu backstore is in use " + store},
+                {link, EACCES, EACCES, "stat " + link + " error " + code},
+                {store, EACCES, EACCES, "stat " + store + " " + code + " error"}};
+    for (const auto& row : rows) {
+        os_seams::onStat = [&row](const std::string& asked, mode_t&) {
+            return asked == row.path ? row.error : -1;
+        };
+        journal.Reset(5);
+        const CRyError error = Platform().CreateLun(&lun);
+        EXPECT_EQ(error.Number(), row.number);
+        EXPECT_EQ(error.Message(), row.message);
+        EXPECT_THAT(journal.Events(), ElementsAre("+cfg", "[-1] " + row.message, "-cfg"));
+        EXPECT_EQ(Entries(), 0U);
+    }
 }
 
-TEST_F(PlatformConfigFSTest, AutomaticNumberIsTheLowestThatIsSurelyFree) {
+TEST_F(PlatformConfigFSTest, AutomaticNumberIsTheLowestThatIsSurelyFreeUpTo65534) {
     for (const int taken : {0, 1})
         std::filesystem::create_directories(LunDir(taken));
-    FailStat(LunDir(2), EACCES);
+    os_seams::onStat = [this](const std::string& path, mode_t&) {
+        return path == LunDir(2) ? EACCES : -1;
+    };
     lun.lunNum = 0xFFFFFFFF;
     ASSERT_FALSE(Platform().CreateLun(&lun).IsError());
     EXPECT_EQ(lun.lunNum, 3U);
     EXPECT_EQ(journal.Texts(1).at(0), "NextAvailableLunNum 3\n");
     EXPECT_TRUE(std::filesystem::exists(link));
-}
 
-TEST_F(PlatformConfigFSTest, AutomaticNumberEndsAt65534) {
     int first = 65534;
     os_seams::onStat = [&](const std::string& path, mode_t&) {
         return path == LunDir(first) ? ENOENT : 0;
@@ -182,20 +174,4 @@ TEST_F(PlatformConfigFSTest, AutomaticNumberEndsAt65534) {
     EXPECT_THAT(journal.Events(), ElementsAre("+cfg", "-cfg", "[-1] No lun number available"));
     EXPECT_EQ(lun.lunNum, 0xFFFFFFFFU);
     EXPECT_EQ(lun.serialNum, "Ser");
-}
-
-TEST_F(PlatformConfigFSTest, DeleteStopsAtWhatIsGoneAlreadyButTheLink) {
-    ASSERT_FALSE(Platform().CreateLun(&lun).IsError());
-    std::filesystem::remove_all(lunDir);
-    journal.Reset(-1);
-    EXPECT_EQ(Platform().DeleteLun(&lun).Message(), "cmd: " + remove[1] + " failed");
-    EXPECT_THAT(Errors(), ElementsAre("cmd: " + remove[1] + " failed", undoError));
-    EXPECT_EQ(journal.Events().back(), "-cfg");
-    EXPECT_EQ(Entries(), 1U);
-}
-
-TEST_F(PlatformConfigFSTest, NumberRangeIsCheckedBeforeTheChoiceOfPath) {
-    lun.lunNum = 65535;
-    EXPECT_EQ(Platform().CreateLun(&lun).Number(), 22);
-    EXPECT_THAT(Commands(), IsEmpty());
 }

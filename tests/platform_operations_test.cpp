@@ -23,10 +23,9 @@ struct Operation {
     std::string signature;
     std::string confirmation;
     std::vector<Step> steps;
-    // Events around the commands: before them, after them when all went well, otherwise.
+    // Events around the commands: before them, and after them when all went well.
     std::vector<std::string> before;
     std::vector<std::string> after;
-    std::vector<std::string> afterFailure{"-cfg"};
 };
 
 /// Everything that some step tolerates, and what looks like it.
@@ -59,34 +58,26 @@ struct PlatformOperationsTest : MoScsiSrvLIOTest {
     std::vector<Operation> Operations() {
         std::vector<Operation> all;
         const std::string acls = "targetcli /iscsi/iqn.Ab/tpg1/acls";
-        all.push_back({[this](MoScsiSrvLIO& p) { return p.CreateTarget(&target); },
-                       "CreateTarget(MoScsiSrvTarget_t*)",
-                       "[0] Target iqn.Ab",
-                       {{"targetcli /iscsi create iqn.Ab", {}}},
-                       {"+cfg"},
-                       {"[0] Target iqn.Ab", "-cfg"}});
-        all.push_back({[this](MoScsiSrvLIO& p) { return p.DeleteTarget(&target); },
-                       "DeleteTarget(MoScsiSrvTarget_t*)",
-                       "[0] Target iqn.Ab",
-                       {{"targetcli /iscsi delete iqn.Ab", {"No such Target in configfs"}}},
-                       {"+cfg"},
-                       {"[0] Target iqn.Ab", "-cfg"}});
         const std::string mapped = "[0] Target iqn.Ab Lun 3 Host iqn.Host";
-        all.push_back({[this](MoScsiSrvLIO& p) { return p.MapHost(&lun, &host); },
-                       "MapHost(MoScsiSrvLun_t*, MoScsiSrvHost_t*)",
-                       mapped,
-                       {{acls + " create add_mapped_luns=false wwn=iqn.Host", {"Created Node ACL"}},
-                        {acls + "/iqn.Host create tpg_lun_or_backstore=3 mapped_lun=3",
-                         {"Created Mapped LUN"}}},
-                       {"+cfg"},
-                       {mapped, "-cfg"}});
-        all.push_back({[this](MoScsiSrvLIO& p) { return p.UnMapHost(&lun, &host); },
-                       "UnMapHost(MoScsiSrvLun_t*, MoScsiSrvHost_t*)",
-                       mapped,
-                       {{acls + "/iqn.Host delete mapped_lun=3",
-                         {"No such MappedLUN in configfs", "doesn't exist!"}}},
-                       {"+cfg"},
-                       {mapped, "-cfg"}});
+        const auto add = [&all](auto run, const char* signature, const std::string& text,
+                                const std::vector<Step>& steps) {
+            all.push_back({run, signature, text, steps, {"+cfg"}, {text, "-cfg"}});
+        };
+        add([this](MoScsiSrvLIO& p) { return p.CreateTarget(&target); },
+            "CreateTarget(MoScsiSrvTarget_t*)", "[0] Target iqn.Ab",
+            {{"targetcli /iscsi create iqn.Ab", {}}});
+        add([this](MoScsiSrvLIO& p) { return p.DeleteTarget(&target); },
+            "DeleteTarget(MoScsiSrvTarget_t*)", "[0] Target iqn.Ab",
+            {{"targetcli /iscsi delete iqn.Ab", {"No such Target in configfs"}}});
+        add([this](MoScsiSrvLIO& p) { return p.MapHost(&lun, &host); },
+            "MapHost(MoScsiSrvLun_t*, MoScsiSrvHost_t*)", mapped,
+            {{acls + " create add_mapped_luns=false wwn=iqn.Host", {"Created Node ACL"}},
+             {acls + "/iqn.Host create tpg_lun_or_backstore=3 mapped_lun=3",
+              {"Created Mapped LUN"}}});
+        add([this](MoScsiSrvLIO& p) { return p.UnMapHost(&lun, &host); },
+            "UnMapHost(MoScsiSrvLun_t*, MoScsiSrvHost_t*)", mapped,
+            {{acls + "/iqn.Host delete mapped_lun=3",
+              {"No such MappedLUN in configfs", "doesn't exist!"}}});
         const std::string wwn = " wwn=" + serial;
         AddLun(all, BSTOR_FILE, "fileio", "file_or_dev=/Path name=" + name + wwn);
         AddLun(all, BSTOR_BLKDEV, "block", "dev=/Path name=" + name + wwn);
@@ -150,8 +141,7 @@ struct PlatformOperationsTest : MoScsiSrvLIOTest {
             events.push_back("$ " + Updating(operation.steps[i].command));
         if (!error.empty())
             events.push_back(error);
-        const bool failed = failing < operation.steps.size();
-        const Strings& rest = failed ? operation.afterFailure : operation.after;
+        const Strings rest = failing < operation.steps.size() ? Strings{"-cfg"} : operation.after;
         events.insert(events.end(), rest.begin(), rest.end());
         return events;
     }

@@ -1,8 +1,6 @@
 // Devices under several threads. Orders are forced where they matter: the host stops inside its
 // operation until the other thread has passed.
 
-#include <condition_variable>
-#include <deque>
 #include <thread>
 
 #include "tests/support/TcmuDevFixture.h"
@@ -14,10 +12,8 @@ namespace {
 /// Hands contexts to threads that complete them; each command's memory is freed at its completion,
 /// so that a sanitizer sees whoever touches it later.
 struct TcmuDevRaceTest : MoScsiSrvTcmuDevTest {
-    std::deque<MoScsiSrvIO*> queue MO_GUARDED_BY(queueMutex);
-    bool ended MO_GUARDED_BY(queueMutex) = false;
     Mutex queueMutex;
-    std::condition_variable_any queueChanged;
+    std::vector<MoScsiSrvIO*> queue MO_GUARDED_BY(queueMutex);
     std::atomic<size_t> completed{0};
     std::vector<std::thread> threads;
 
@@ -27,43 +23,31 @@ struct TcmuDevRaceTest : MoScsiSrvTcmuDevTest {
             ++completed;
         };
     }
-    static TestCommand* NewRead(uint8_t blocks = 1) {
-        return new TestCommand({0x28, 0, 0, 0, 0, 0, 0, 0, blocks}, {512, 512});
+    static TestCommand* NewRead() {
+        return new TestCommand({0x28, 0, 0, 0, 0, 0, 0, 0, 1}, {512, 512});
     }
     void Push(MoScsiSrvIO* ioctx) {
         MutexGuard guard(queueMutex);
         queue.push_back(ioctx);
-        queueChanged.notify_one();
     }
-    void StartCompleters(int count) {
-        for (int i = 0; i < count; ++i)
-            threads.emplace_back([this] { Complete(); });
+    /// Each thread completes what is queued until `count` commands are completed.
+    void StartCompleters(int number, size_t count) {
+        for (int i = 0; i < number; ++i)
+            threads.emplace_back([this, count] {
+                while (completed < count) {
+                    std::vector<MoScsiSrvIO*> batch;
+                    queueMutex.lock();
+                    batch.swap(queue);
+                    queueMutex.unlock();
+                    for (MoScsiSrvIO* ioctx : batch)
+                        platform->IODone(ioctx, static_cast<long>(ioctx->length));
+                    std::this_thread::yield();
+                }
+            });
     }
     void JoinCompleters() {
-        {
-            MutexGuard guard(queueMutex);
-            ended = true;
-            queueChanged.notify_all();
-        }
         for (std::thread& thread : threads)
             thread.join();
-    }
-
-  private:
-    void Complete() {
-        while (true) {
-            queueMutex.lock();
-            while (queue.empty() && !ended)
-                queueChanged.wait(queueMutex);
-            if (queue.empty()) {
-                queueMutex.unlock();
-                return;
-            }
-            MoScsiSrvIO* ioctx = queue.front();
-            queue.pop_front();
-            queueMutex.unlock();
-            platform->IODone(ioctx, static_cast<long>(ioctx->length));
-        }
     }
 };
 
@@ -83,8 +67,8 @@ TEST_F(TcmuDevRaceTest, CompletionBeforeReadReturnsFindsItsCommand) {
 TEST_F(TcmuDevRaceTest, CompletionsOnManyThreadsRaceWithSubmissionAndLoseNothing) {
     auto dev = Open();
     host.onTransfer = [&](MoScsiSrvIO* ioctx) { Push(ioctx); };
-    StartCompleters(3);
     constexpr size_t kCommands = 3000;
+    StartCompleters(3, kCommands);
     for (size_t i = 0; i < kCommands; ++i) {
         TestCommand* command = NewRead();
         ASSERT_EQ(dev->TcmuDevCmdHandler(command), -2);
@@ -103,7 +87,7 @@ TEST_F(TcmuDevRaceTest, CloseDrainsWhatOtherThreadsCompleteAfterTheAbort) {
         ASSERT_EQ(dev->TcmuDevCmdHandler(NewRead()), -2);
     host.onAbort = [&](MoScsiSrvIO* ioctx) { Push(ioctx); };  // completion waits for the mutex
     TheSleepHook().instead = [] { std::this_thread::yield(); };
-    StartCompleters(2);
+    StartCompleters(2, 50);
     dev->TcmuDevClose();
     EXPECT_EQ(completed, 50U) << "closed before the last completion";
     // A stray second completion may still come while the name is being forgotten.

@@ -1,10 +1,12 @@
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "adapters/framework/CLogWriterInterface.h"
@@ -42,18 +44,20 @@ class CapturingLogWriter : public CLogWriterInterface {
     }
 
     /// Reports "+name" and "-name" when `mutex` is locked and unlocked (OsSeams.cpp does it); null
-    /// ends all watching. Only while one thread runs.
+    /// ends all watching. One thread at a time calls it; others may be locking meanwhile.
     void Watch(const Mutex* mutex, const char* name) {
-        if (mutex == nullptr)
-            m_watched.clear();
-        else
-            m_watched.emplace_back(mutex, name);
+        if (mutex == nullptr) {
+            m_watchedCount = 0;
+        } else {
+            m_watched.at(m_watchedCount) = {mutex, name};
+            ++m_watchedCount;
+        }
     }
     /// The name that `mutex` is watched under, or null.
     const char* Watched(const void* mutex) const {
-        for (const auto& [watched, name] : m_watched) {
-            if (watched == mutex)
-                return name;
+        for (size_t i = 0; i < m_watchedCount; ++i) {
+            if (m_watched[i].first == mutex)
+                return m_watched[i].second;
         }
         return nullptr;
     }
@@ -103,5 +107,6 @@ class CapturingLogWriter : public CLogWriterInterface {
     mutable Mutex m_mutex;
     std::vector<Line> m_lines MO_GUARDED_BY(m_mutex);
     std::vector<std::string> m_events MO_GUARDED_BY(m_mutex);
-    std::vector<std::pair<const void*, const char*>> m_watched;
+    std::array<std::pair<const void*, const char*>, 4> m_watched{};
+    std::atomic<size_t> m_watchedCount{0};
 };

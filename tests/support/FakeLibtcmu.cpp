@@ -18,8 +18,6 @@ namespace {
 int Emulate(std::string call, iovec* iov, size_t iovCnt, uint8_t* sense) {
     FakeEmulation& emulation = TheFakeEmulation();
     emulation.calls.push_back(std::move(call));
-    if (emulation.before)
-        emulation.before();
     if (emulation.device->emulationStatus != 0) {
         tcmu_set_sense_data(sense, 7, 0x1234);
         return emulation.device->emulationStatus;

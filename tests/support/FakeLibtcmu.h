@@ -43,7 +43,6 @@ struct tcmu_device {
 struct FakeEmulation {
     tcmu_device* device = nullptr;
     std::vector<std::string> calls;
-    std::function<void()> before;  ///< runs as an emulation begins
 };
 FakeEmulation& TheFakeEmulation();
 

@@ -6,9 +6,9 @@
 #include <vector>
 
 #include "platform/MoScsiSrvLIO.h"
+#include "tests/support/CapturingLogWriter.h"
 #include "tests/support/FakeRunner.h"
 #include "tests/support/FakeTargetcli.h"
-#include "tests/support/CapturingLogWriter.h"
 #include "tests/support/OsSeams.h"
 
 /// A directory that is removed with everything in it.

@@ -114,7 +114,7 @@ struct MoScsiSrvTcmuDevTest : testing::Test {
 
     MoScsiSrvTcmuDevTest() {
         MoScsiSrvLIOTest::Clear();
-        TheFakeEmulation() = {&lib, {}, {}};
+        TheFakeEmulation() = {&lib, {}};
         TheSleepHook() = {};
         log.Reset(1);
     }
