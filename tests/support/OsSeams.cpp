@@ -139,7 +139,7 @@ int __wrap_nanosleep(const timespec* time, timespec* rest) {
     if (!onSleep)
         return __real_nanosleep(time, rest);
     CapturingLogWriter::Installed().Note("sleep " + std::to_string(time->tv_sec) + "." +
-                              std::to_string(time->tv_nsec));
+                                         std::to_string(time->tv_nsec));
     onSleep();
     return 0;
 }
