@@ -1,7 +1,6 @@
 // The file behind a LUN: made whole or not at all, and one LUN's alone.
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -35,10 +34,9 @@ extern "C" int __wrap_fsync(int fd) {  // NOLINT(bugprone-reserved-identifier)
     }
     return __real_fsync(fd);
 }
-extern "C" int __real_link(const char* from,
-                           const char* to);  // NOLINT(bugprone-reserved-identifier)
-extern "C" int __wrap_link(const char* from,
-                           const char* to) {  // NOLINT(bugprone-reserved-identifier)
+using Path = const char*;
+extern "C" int __real_link(Path from, Path to);   // NOLINT(bugprone-reserved-identifier)
+extern "C" int __wrap_link(Path from, Path to) {  // NOLINT(bugprone-reserved-identifier)
     g_steps.emplace_back("name");
     return __real_link(from, to);
 }
@@ -55,99 +53,83 @@ using testing::IsEmpty;
 
 constexpr uint64_t kSize = 64 * 1024;
 
-class Files : public testing::Test {
-  protected:
-    void SetUp() override {
-        g_steps.clear();
-        g_failingSync = 0;
-    }
-    std::string Open(BackingFile& file, uint64_t size) {
+struct Files : testing::Test {
+    Files() { g_steps.clear(); }
+
+    std::string Open(BackingFile& file) {
         std::string error;
-        const bool opened = file.Open(m_path, size, error);
+        const bool opened = file.Open(path, kSize, error);
         EXPECT_EQ(opened, error.empty());
+        EXPECT_EQ(opened, file.Fd() >= 0);
+        if (opened) {
+            EXPECT_EQ(fcntl(file.Fd(), F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+        }
         return error;
     }
     std::vector<std::string> Left() const {
         std::vector<std::string> names;
-        for (const auto& each : std::filesystem::directory_iterator(m_directory.File("")))
+        for (const auto& each : std::filesystem::directory_iterator(directory.File("")))
             names.push_back(each.path().filename());
         return names;
     }
 
-    Directory m_directory;
-    std::string m_path = m_directory.File("data");
+    Directory directory;
+    std::string path = directory.File("data");
+    BackingFile file;
 };
 
 TEST_F(Files, ANewFileIsSyncedBeforeItHasItsNameAndItsDirectoryAfter) {
-    Touch(m_path + ".new");  // a crash left it
-    BackingFile file;
-    ASSERT_EQ(Open(file, kSize), "");
+    Touch(path + ".new");  // a crash left it
+    ASSERT_EQ(Open(file), "");
     EXPECT_THAT(g_steps, ElementsAre("sync 65536 bytes", "name", "sync directory"));
     EXPECT_THAT(Left(), ElementsAre("data"));
-    EXPECT_EQ(std::filesystem::file_size(m_path), kSize);
+    EXPECT_EQ(std::filesystem::file_size(path), kSize);
     char first = 'x';
     EXPECT_EQ(pread(file.Fd(), &first, 1, 0), 1);
     EXPECT_EQ(first, '\0');
-    EXPECT_EQ(fcntl(file.Fd(), F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
 }
 
 TEST_F(Files, NothingIsLeftWhenASyncFails) {
     for (const int failing : {1, 2}) {
         g_failingSync = failing;
-        BackingFile file;
-        EXPECT_THAT(Open(file, kSize), HasSubstr("Input/output error"));
-        EXPECT_EQ(file.Fd(), -1);
+        EXPECT_THAT(Open(file), HasSubstr("Input/output error"));
         EXPECT_THAT(Left(), IsEmpty());
     }
 }
 
 TEST_F(Files, OneFileServesOneLun) {
-    BackingFile file;
-    ASSERT_EQ(Open(file, kSize), "");
+    ASSERT_EQ(Open(file), "");
     BackingFile other;
-    EXPECT_THAT(Open(other, kSize), HasSubstr("in use by another LUN"));
+    EXPECT_THAT(Open(other), HasSubstr("in use by another LUN"));
     { const BackingFile moved = std::move(file); }
-    EXPECT_EQ(Open(other, kSize), "");
-    EXPECT_EQ(fcntl(other.Fd(), F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
-    EXPECT_EQ(g_steps.size(), 3U);  // an existing file is not made again
+    EXPECT_EQ(Open(other), "");
+    EXPECT_EQ(g_steps.size(), 3U) << "an existing file is not made again";
 }
 
 TEST_F(Files, RefusesWhatIsNotTheLunsFile) {
-    struct Case {
-        std::function<void(const std::string&)> make;
-        std::string error;
+    const auto makeElsewhere = [&] {
+        const int fd = open((path + ".new").c_str(), O_CREAT | O_RDWR, 0600);
+        EXPECT_EQ(flock(fd, LOCK_EX), 0);  // kept: another host is making it
     };
-    const std::vector<Case> cases = {
-        {[](const std::string& path) { Touch(path); }, "has 1 bytes, the LUN 65536"},
-        {[](const std::string& path) { mkfifo(path.c_str(), 0600); }, "not a regular file"},
-        {[](const std::string& path) { std::filesystem::create_directory(path); }, "can't open"},
-        {[](const std::string& path) { std::filesystem::create_symlink("/nowhere/x", path); },
-         "can't open"},
-        {[](const std::string& path) {
-             const int fd = open((path + ".new").c_str(), O_CREAT | O_RDWR, 0600);
-             EXPECT_EQ(flock(fd, LOCK_EX), 0);  // kept: another host is making it
-         },
-         ".new is in use"},
+    const std::vector<std::pair<std::function<void()>, std::string>> cases = {
+        {[&] { Touch(path); }, "has 1 bytes, the LUN 65536"},
+        {[&] { mkfifo(path.c_str(), 0600); }, "not a regular file"},
+        {[&] { std::filesystem::create_symlink("/nowhere/x", path); }, "can't open"},
+        {makeElsewhere, ".new is in use"},
+        {[&] { path = directory.File("no/such"); }, "can't make"},
     };
-    for (const Case& each : cases) {
-        each.make(m_path);
-        BackingFile file;
-        EXPECT_THAT(Open(file, kSize), HasSubstr(each.error));
-        EXPECT_EQ(file.Fd(), -1);
-        std::filesystem::remove(m_path);
+    for (const auto& [make, error] : cases) {
+        make();
+        EXPECT_THAT(Open(file), HasSubstr(error));
+        std::filesystem::remove(path);
     }
-    m_path = m_directory.File("no/such");
-    BackingFile file;
-    EXPECT_THAT(Open(file, kSize), HasSubstr("can't make"));
 }
 
 TEST(LunDataMaking, SaysWhatIsWrongInOneLine) {
     FakePlatform platform;
-    const Directory directory;
-    const std::string path = directory.File("data");
     const std::vector<std::pair<LunDataConfig, std::string>> cases = {
         {{"a", Backing::Memory, "", 0, {}, {}}, "a size of 0 bytes"},
-        {{"b", Backing::Memory, "", 1000, {}, {}}, "a size of 1000 bytes"},
+        {{"b", Backing::File, "/x", 1000, {}, {}}, "a size of 1000 bytes"},
         {{"c", Backing::Memory, "", uint64_t{1} << 62U, {}, {}}, "make the LUN smaller"},
         {{"d", Backing::File, "/dev/null", 512, {}, {}}, "/dev/null is not a regular file"},
     };

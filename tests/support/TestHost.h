@@ -6,6 +6,7 @@
 #include <deque>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "platform/MoScsiSrvLIO.h"
@@ -24,8 +25,6 @@ struct MoScsiSrvLIOTest {
 
 /// A host that serves one LUN from memory, on threads of its own. It can hold what it was given,
 /// and gives it back on Abort if it is told to.
-///
-/// Thread: any.
 class TestHost : public MoScsiBStorOps {
   public:
     explicit TestHost(const std::string& cfgString, int threads = 2) : data(1 << 20) {
@@ -34,12 +33,8 @@ class TestHost : public MoScsiBStorOps {
             m_threads.emplace_back([this] { Serve(); });
     }
     ~TestHost() override {
+        m_end = true;
         Release();
-        {
-            const MutexGuard guard(m_mutex);
-            m_end = true;
-        }
-        m_changed.notify_all();
         for (std::thread& thread : m_threads)
             thread.join();
     }
@@ -52,15 +47,16 @@ class TestHost : public MoScsiBStorOps {
 
     /// Serves what was held.
     void Release() {
+        const MutexGuard guard(m_mutex);
         hold = false;
         m_changed.notify_all();
     }
 
     CRyError Read(void* /*ctx*/, MoScsiSrvIO* io, int /*reserved*/) override {
-        return Take({io, true});
+        return Take(io, true);
     }
     CRyError Write(void* /*ctx*/, MoScsiSrvIO* io, int /*reserved*/) override {
-        return Take({io, false});
+        return Take(io, false);
     }
     CRyError Abort(void* /*ctx*/, MoScsiSrvIO* /*io*/) override {
         ++aborts;
@@ -70,16 +66,9 @@ class TestHost : public MoScsiBStorOps {
     }
 
   private:
-    struct Transfer {
-        MoScsiSrvIO* io;
-        bool read;
-    };
-
-    CRyError Take(Transfer transfer) {
-        {
-            const MutexGuard guard(m_mutex);
-            m_queue.push_back(transfer);
-        }
+    CRyError Take(MoScsiSrvIO* io, bool read) {
+        const MutexGuard guard(m_mutex);
+        m_queue.emplace_back(io, read);
         ++given;
         m_changed.notify_all();
         return CRyError::Success();
@@ -87,36 +76,30 @@ class TestHost : public MoScsiBStorOps {
 
     void Serve() {
         for (;;) {
-            Transfer transfer{};
+            std::pair<MoScsiSrvIO*, bool> transfer;
             {
                 const MutexGuard guard(m_mutex);
                 while (!m_end && (hold || m_queue.empty()))
-                    m_changed.wait_for(m_mutex, std::chrono::milliseconds(20));
+                    m_changed.wait(m_mutex);
                 if (m_queue.empty())
                     return;
                 transfer = m_queue.front();
                 m_queue.pop_front();
             }
-            Move(transfer);
-            MoScsiSrvLIO::Instance()->IODone(transfer.io, static_cast<long>(transfer.io->length));
-        }
-    }
-
-    void Move(const Transfer& transfer) {
-        uint8_t* place = data.data() + transfer.io->offset;
-        for (int64_t i = 0; i < transfer.io->iovcnt; ++i) {
-            const iovec& entry = transfer.io->iov[i];
-            if (transfer.read)
-                memcpy(entry.iov_base, place, entry.iov_len);
-            else
-                memcpy(place, entry.iov_base, entry.iov_len);
-            place += entry.iov_len;
+            const auto [io, read] = transfer;
+            uint8_t* place = data.data() + io->offset;
+            for (int64_t i = 0; i < io->iovcnt; ++i) {
+                void* const bytes = io->iov[i].iov_base;
+                memcpy(read ? bytes : place, read ? place : bytes, io->iov[i].iov_len);
+                place += io->iov[i].iov_len;
+            }
+            MoScsiSrvLIO::Instance()->IODone(io, static_cast<long>(io->length));
         }
     }
 
     Mutex m_mutex;
     std::condition_variable_any m_changed;
-    std::deque<Transfer> m_queue;
-    bool m_end = false;
+    std::deque<std::pair<MoScsiSrvIO*, bool>> m_queue;
+    std::atomic<bool> m_end = false;
     std::vector<std::thread> m_threads;
 };
