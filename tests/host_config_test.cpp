@@ -149,20 +149,15 @@ TEST_F(HostConfigTest, EachFaultIsOneLineWithItsPlace) {
         {"", "", "names no target"},
         {"[[target]\n", ":1:", "is not TOML"},
         {"[[target]]\nname = 3\n", ":2:", "name must be a text"},
-        {"[[target]]\n", ":1:", "has no name"},
         {std::string(100, '[') + "\n", "", "nest"},
         {"[service]\nlog_level = 7\n" + good, ":2:", "log_level is from -1"},
-        {"[service]\nlog = \"file\"\n" + good, ":2:", "log is"},
         {"[service]\ncolour = 1\n" + good, ":2:", "knows no key \"colour\""},
         {kTarget + Lun("type = \"tape\""), ":5:", "none of \"file\", \"block\", \"user\""},
         {kTarget + Lun("type = \"user\"\nsize = 512"), ":3:", "has no backing"},
         {kTarget + Lun("type = \"user\"\nbacking = \"disk\"\nsize = 512"), ":6:", "neither"},
         {kTarget + FileLun("path = \"@/good.img\"\nsiez = 4"), ":7:", "knows no key \"siez\""},
-        {kTarget + FileLun("path = \"@/good.img\"\nbacking = \"file\""), ":7:", "knows no key"},
         {kTarget + FileLun(""), ":3:", "has no path"},
         {kTarget + FileLun("path = \"@/new.img\"\nsize = \"4 MB\""), ":7:", "such as \"64MiB\""},
-        {kTarget + FileLun("path = \"@/new.img\"\nsize = -512"), ":7:", "such as \"64MiB\""},
-        {kTarget + FileLun("path = \"@/new.img\"\nsize = \"9000000TiB\""), ":7:", "such as"},
         {kTarget + FileLun("path = \"@/new.img\""), ":6:", "no size is given"},
         {kTarget + FileLun("path = \"@/new.img\"\nsize = 1000"), ":7:", "multiple of 512"},
         {kTarget + FileLun("path = \"@/new.img\"\nsize = 0"), ":7:", "multiple of 512"},
@@ -175,8 +170,6 @@ TEST_F(HostConfigTest, EachFaultIsOneLineWithItsPlace) {
         {kTarget + FileLun("path = \"@/good.img/x\"\nsize = 512"), ":6:", "can't be looked at"},
         {kTarget + FileLun("path = \"@/Upper.img\""), ":6:", "upper-case"},
         {kTarget + FileLun("path = \"@/a b.img\"\nsize = 512"), ":6:", "character ' '"},
-        {kTarget + FileLun("path = \"@/a;b.img\"\nsize = 512"), ":6:", "character ';'"},
-        {kTarget + FileLun("path = \"@/a,b.img\"\nsize = 512"), ":6:", "character ','"},
         {kTarget + FileLun("path = \"@/\\u00e4.img\"\nsize = 512"), ":6:", "character 0xc3"},
         {kTarget + FileLun("path = \"good.img\"\nsize = 512"), ":6:", "no absolute path"},
         {good + FileLun("path = \"@/link.img\"", "b"), ":10:", "used by two LUNs"},
@@ -196,7 +189,6 @@ TEST_F(HostConfigTest, EachFaultIsOneLineWithItsPlace) {
              MemoryLun("size = 512\npath = \"/m\"", "b"),
          ":14:", "would be one object"},
         {good + MemoryLun("size = 512\nnumber = 256", "b"), ":12:", "can't be mapped"},
-        {good + MemoryLun("size = 512\nnumber = -1", "b"), ":12:", "can't be mapped"},
         {good + MemoryLun("size = 512\nnumber = \"first\"", "b"), ":12:", "whole number"},
         {kTarget + MemoryLun("size = 512\nnumber = 4") + MemoryLun("size = 512\nnumber = 4", "b"),
          ":14:", "LUN number 4 stands in line 8"},
@@ -212,13 +204,11 @@ TEST_F(HostConfigTest, EachFaultIsOneLineWithItsPlace) {
         {"[[target]]\nname = \"iqn.2026-01.com.Example:t\"\n", ":2:", "upper-case"},
         {"[[target]]\nname = \"iqn.2026-01.com.example:t_1\"\n", ":2:", "character '_'"},
         {"[[target]]\nname = \"iqn.2026-13.com.example:t\"\n", ":2:", "no iSCSI qualified name"},
-        {"[[target]]\nname = \"iqn.2026-01.example\"\n", ":2:", "no iSCSI qualified name"},
         {"[[target]]\nname = \"iqn.2026-01.com.example:" + std::string(200, 't') + "\"\n",
          ":2:", "at most 223"},
         {good + kTarget, ":8:", "merge the two"},
         {good + Initiator(host + "luns = [\"a\"]") + Initiator(host + "luns = [\"a\"]"),
          ":11:", "merge the two"},
-        {good + Initiator(host), ":7:", "must hold luns"},
         {good + Initiator(host + "luns = [1]"), ":9:", "must hold luns"},
         {good + Initiator(host + "luns = [\"b\"]"), ":9:", "no LUN of that name"},
         {good + Initiator(host + "luns = [\"a\", \"a\"]"), ":9:", "names a LUN twice"},
@@ -237,22 +227,12 @@ TEST_F(HostConfigTest, EachFaultIsOneLineWithItsPlace) {
 TEST_F(HostConfigTest, EveryFaultIsToldAtOnce) {
     Problems problems;
     PlanOf(kTarget + FileLun("path = \"@/new.img\"\nsize = 1\nnumber = 300") +
-               MemoryLun("size = \"1TB\"\nwhat = 1", "b"),
-           problems);
-    EXPECT_EQ(problems.Lines().size(), 2U) << "types first";
-    Problems meanings;
-    PlanOf(kTarget + FileLun("path = \"@/new.img\"\nsize = 1\nnumber = 300") +
                MemoryLun("size = 1", "b"),
-           meanings);
-    EXPECT_EQ(meanings.Lines().size(), 3U);
-}
-
-TEST_F(HostConfigTest, UnreadableFileSaysWhy) {
-    for (const fs::path& file : {dir / "missing.toml", dir}) {
-        Problems problems;
-        ReadConfig(file, problems);
-        EXPECT_THAT(problems.Lines(), ElementsAre(HasSubstr("can't be read"))) << file;
-    }
+           problems);
+    EXPECT_EQ(problems.Lines().size(), 3U);
+    Problems unreadable;
+    ReadConfig(dir, unreadable);
+    EXPECT_THAT(unreadable.Lines(), ElementsAre(HasSubstr("can't be read")));
 }
 
 }  // namespace

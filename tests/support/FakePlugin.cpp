@@ -4,14 +4,10 @@
 //   FAKE_PORTAL=TEXT        targets get this portal; empty: none
 //   FAKE_WAIT=OPERATION     the operation makes FAKE_LOG.begun, and waits for FAKE_LOG.go
 
-#include <unistd.h>
-
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <map>
-#include <memory>
 #include <thread>
 
 #include "adapters/framework/MoStatistics.h"
@@ -45,31 +41,26 @@ class FakePlatform final : public MoScsiSrvPlatform {
         return Done("DeleteTarget", target->targetName);
     }
     CRyError CreateLun(MoScsiSrvLun_t* lun) override {
-        const std::string asked = NumberText(*lun);
-        const std::string prefix = lun->serialNum;
+        const std::string arguments = lun->path + " " + NumberText(*lun) + " " + lun->serialNum;
         const std::string object = ObjectOf(*lun);
-        lun->serialNum = moscsi::host::SerialOf(prefix, lun->targetName, lun->path);
+        const std::string link = object.substr(0, 10);
+        lun->serialNum = moscsi::host::SerialOf(lun->serialNum, lun->targetName, lun->path);
         if (m_tree.ObjectDirectory(object).empty())
             m_tree.AddObject({"fileio", object, lun->path, lun->size, lun->serialNum});
-        CRyError result = Done("CreateLun", lun->path + " " + asked + " " + prefix);
+        CRyError result = Done("CreateLun", arguments);
         if (result.IsError())
             return result;
-        const auto luns = m_tree.GroupDirectory(lun->targetName) / "lun";
-        for (const auto& entry : std::filesystem::directory_iterator(luns))
-            if (std::filesystem::exists(entry.path() / object.substr(0, 10))) {
-                lun->lunNum = NumberIn(entry.path());
-                return result;
-            }
+        const auto place = [&] { return m_tree.Lun(lun->targetName, lun->lunNum); };
         if (lun->lunNum == kAutomatic)
-            for (lun->lunNum = 0;
-                 std::filesystem::exists(luns / ("lun_" + std::to_string(lun->lunNum)));)
+            for (lun->lunNum = 0; exists(place()) && !exists(place() / link);)
                 ++lun->lunNum;
-        m_tree.AddLun(lun->targetName, lun->lunNum, object, object.substr(0, 10));
+        if (!exists(place()))
+            m_tree.AddLun(lun->targetName, lun->lunNum, object, link);
         return result;
     }
     CRyError DeleteLun(MoScsiSrvLun_t* lun) override {
         Wait("DeleteLun");
-        m_tree.RemoveLun(lun->targetName, lun->lunNum);
+        remove_all(m_tree.Lun(lun->targetName, lun->lunNum));
         m_tree.RemoveObject(ObjectOf(*lun));
         return Done("DeleteLun", lun->path + " " + NumberText(*lun));
     }
@@ -78,7 +69,7 @@ class FakePlatform final : public MoScsiSrvPlatform {
         return Done("MapHost", host->initiatorName + " " + NumberText(*lun));
     }
     CRyError UnMapHost(MoScsiSrvLun_t* lun, MoScsiSrvHost_t* host) override {
-        m_tree.Unmap(lun->targetName, host->initiatorName, lun->lunNum);
+        remove_all(m_tree.Mapping(lun->targetName, host->initiatorName, lun->lunNum));
         return Done("UnMapHost", host->initiatorName + " " + NumberText(*lun));
     }
 
@@ -89,10 +80,6 @@ class FakePlatform final : public MoScsiSrvPlatform {
     static std::string NumberText(const MoScsiSrvLun& lun) {
         return lun.lunNum == kAutomatic ? "auto" : std::to_string(lun.lunNum);
     }
-    static uint32_t NumberIn(const std::filesystem::path& lun) {
-        return static_cast<uint32_t>(std::stoul(lun.filename().string().substr(4)));
-    }
-
     static void Wait(const std::string& operation) {
         const std::string log = Variable("FAKE_LOG", "/dev/null");
         if (Variable("FAKE_WAIT", "") != operation)
