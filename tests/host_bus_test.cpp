@@ -87,7 +87,7 @@ TEST(BusWaitTest, WantsBothObjectsOfItsOwnProcess) {
 
     int looks = 0;
     EXPECT_NE(WaitForBusObjects(std::chrono::hours(1), [&] { return ++looks == 2; }), "");
-    bus.Kill();
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nowhere", 1);
     EXPECT_THAT(Lacking(), HasSubstr("doesn't answer"));
 }
 
