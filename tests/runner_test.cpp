@@ -78,6 +78,7 @@ class RunnerTest : public testing::Test {
         environment.moduleParameters = root / "parameters";
         environment.backstores = root / "core";
         environment.uioClass = root / "uio";
+        environment.stopLimit = std::chrono::hours(1);  // nothing waits for it in vain
         environment.familyPause = std::chrono::milliseconds(1);
         Describe(device, "MoScsiSrvTcmu/" + fs::path(name).filename().string());
     }
@@ -178,6 +179,12 @@ TEST_F(RunnerTest, ServesWhatWasThereAndWhatComesAndStopsInOrder) {
         EXPECT_EQ(Content(root / "parameters/block_netlink"), "1");
         EXPECT_EQ(Content(root / "parameters/reset_netlink"), "1");
         EXPECT_ANY_THROW(Objects()) << "offered last";
+    };
+    api.onClose = [&] {
+        for (const FakeDevice* dev : {&device, &second}) {
+            EXPECT_EQ(Content(BlockFile(*dev)), "1");
+            Fill(BlockFile(*dev), "0");  // as libtcmu leaves it
+        }
     };
     StartAndWait();
     EXPECT_EQ(Content(root / "parameters/block_netlink"), "0");

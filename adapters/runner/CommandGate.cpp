@@ -1,6 +1,7 @@
 #include "adapters/runner/CommandGate.h"
 
 #include <algorithm>
+#include <chrono>
 #include <limits>
 
 #include "adapters/libtcmu/Device.h"
@@ -14,6 +15,11 @@ constexpr int kCompletesLater = -2;
 constexpr uint8_t kTestUnitReady = 0x00;
 constexpr uint8_t kInquiry = 0x12;
 constexpr int kBusyStatus = 0x08;  // SAM-5, 5.3.1
+
+// Between two questions for the host's operations. An initiator that was logged in before a restart
+// repeats its commands at once, thousands of times until the LUN is configured, and the handler
+// logs each question that fails.
+constexpr std::chrono::milliseconds kAskPause(200);
 
 constexpr uint8_t kNoSense = 0;
 constexpr uint8_t kNotReadyKey = 2;
@@ -173,6 +179,10 @@ void CommandGate::PassOther(RingCommand& command) {
 bool CommandGate::HostKnown() {
     if (m_hostKnown)
         return true;
+    const auto now = std::chrono::steady_clock::now();
+    if (now < m_askAgain)
+        return false;
+    m_askAgain = now + kAskPause;
     std::array<uint8_t, 16> cdb{};  // TEST UNIT READY
     tcmulib_cmd command{};
     command.cdb = cdb.data();

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -131,6 +132,7 @@ class CommandGate {
 
     // The device's thread's own.
     bool m_hostKnown = false;
+    std::chrono::steady_clock::time_point m_askAgain;  // not before, while the host isn't known
     std::vector<std::unique_ptr<Reshaped>> m_reshaped;
 
     BouncePool m_pool;

@@ -32,6 +32,14 @@ class Stop {
             std::this_thread::sleep_for(kLookAgain);
     }
 
+    // Closing the context makes libtcmu unblock its devices, and then commands would go to a ring
+    // that nobody serves and expire with an error. Blocked, they wait, and expire as TASK SET FULL,
+    // which initiators repeat.
+    void BlockAgain() const {
+        for (const std::filesystem::path& backstore : m_blocked)
+            Block(backstore);
+    }
+
     // A little more than the deadline for those who need not wait for the host.
     Clock::time_point Patience() const { return std::max(m_deadline, Clock::now() + kGrace); }
 
@@ -78,6 +86,7 @@ bool StopServing(const RunnerEnvironment& environment, DeviceTable& table, Maste
         stop.BlockAndDrain();  // those that came meanwhile
         if (stop.CloseDevices()) {
             environment.tcmu->Close();
+            stop.BlockAgain();
             return true;
         }
     }

@@ -1,5 +1,7 @@
 #include "adapters/runner/tcmu_runner.h"
 
+#include <pthread.h>
+
 #include <cstring>
 #include <filesystem>
 #include <system_error>
@@ -53,6 +55,7 @@ RunnerEnvironment RunnerEnvironment::Real() {
 int tcmu_runner_main(int argc, char** argv) {
     if (!ParseArguments(argc, argv))
         return 1;
+    pthread_setname_np(pthread_self(), "moscsi-runner");
     const ThreadSignals signals;
     InterruptWait interrupt;
     const auto statistics = RegisterIoctxStatistics();

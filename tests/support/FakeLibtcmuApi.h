@@ -99,6 +99,7 @@ class FakeLibtcmuApi : public LibtcmuApi {
     std::vector<FakeDevice*> existing;  // found by Initialize
     int initializeResult = 0;
     std::function<void()> onInitialize = [] {};
+    std::function<void()> onClose = [] {};
 
     std::atomic<bool> closed{false};
     std::atomic<int> answered{0};  // netlink events
@@ -138,6 +139,7 @@ class FakeLibtcmuApi : public LibtcmuApi {
                 << "the real one would wait for ever";
             Drop(device);
         }
+        onClose();
         closed = true;
     }
 
