@@ -119,10 +119,10 @@ bool Service::WaitForBus() {
         RunStep(m_console, "wait for the user backstores' objects on D-Bus", [this] {
             const std::string lacking =
                 WaitForBusObjects(kBusLimit, [this] { return m_stop.Asked(); });
-            return lacking.empty()
-                       ? CRyError::Success()
-                       : FXErrorUtil::ErrorErrNo(FXCodeLocation(__FILE__, __func__, __LINE__),
-                                                 ENODEV, "%s", lacking.c_str());
+            return lacking.empty() ? CRyError::Success()
+                                   : FXErrorUtil::ErrorErrNo(
+                                         FXCodeLocation(__FILE__, __PRETTY_FUNCTION__, __LINE__),
+                                         ENODEV, "%s", lacking.c_str());
         });
     return !result.IsError() || Fail(result.Message());
 }

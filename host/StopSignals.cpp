@@ -46,7 +46,8 @@ void StopSignals::End() {
     if (!m_thread.joinable())
         return;
     m_ending = true;
-    pthread_kill(m_thread.native_handle(), SIGTERM);
+    // Blocked there and taken by sigwait: it wakes the thread, and ends nothing.
+    pthread_kill(m_thread.native_handle(), SIGTERM);  // NOLINT(bugprone-bad-signal-to-kill-thread)
     m_thread.join();
     EndLimit();
 }

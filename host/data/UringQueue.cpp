@@ -44,7 +44,7 @@ std::unique_ptr<FileQueue> UringQueue::Make(int fd, Ended ended, std::string& er
 }
 
 UringQueue::~UringQueue() {
-    Stop();
+    UringQueue::Stop();
     if (m_made)
         io_uring_queue_exit(&m_ring);
 }
