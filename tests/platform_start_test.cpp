@@ -63,7 +63,9 @@ TEST_F(PlatformStartTest, RunnerGetsItsArgumentsAndABlockedInterrupt) {
     EXPECT_THAT(runner.arguments, ElementsAre("tcmu_runner_main", "--handler-path=/base"));
     EXPECT_TRUE(runner.endsInNull);
     EXPECT_TRUE(runner.interruptBlocked);
-    EXPECT_EQ(journal.Texts(1).back(), "starting tcmu_runner main --handler-path=/base");
+    // The runner's thread logs beside the one that made it, so its line has no fixed place.
+    EXPECT_THAT(journal.Texts(1),
+                testing::Contains("starting tcmu_runner main --handler-path=/base"));
     EXPECT_THAT(Errors(), IsEmpty());
 }
 
@@ -74,7 +76,11 @@ TEST_F(PlatformStartTest, RunnerStartsWithoutABaseDirectoryAndSaysWhenItFailed) 
     EXPECT_THAT(runner.arguments, ElementsAre("tcmu_runner_main", "--handler-path="));
     EXPECT_THAT(Errors(),
                 ElementsAre("couldn't get MOPI_BASEHOME", "tcmu not initialized --handler-path="));
-    EXPECT_EQ(journal.Lines().back().function, "void* TcmuRunerThread(void*)");
+    for (const auto& line : journal.Lines()) {
+        if (line.level < 0) {
+            EXPECT_EQ(line.function, "void* TcmuRunerThread(void*)");
+        }
+    }
 }
 
 TEST_F(PlatformStartTest, PlatformWithoutARunnerStillConfiguresAndSignalsNobody) {
