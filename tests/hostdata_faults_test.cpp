@@ -1,22 +1,17 @@
 // Injected faults, as a configuration asks for them.
-#include <gmock/gmock.h>
-
 #include <cerrno>
 #include <filesystem>
+#include <fstream>
 #include <sstream>
 
 #include "host/data/FaultInjector.h"
 #include "host/data/FaultPlanReader.h"
-#include "host/data/LunData.h"
 #include "tests/support/HostData.h"
 
 namespace moscsi::data {
 namespace {
 
 using hostdata_test::Context;
-using hostdata_test::Directory;
-using hostdata_test::FakePlatform;
-using hostdata_test::Touch;
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::StartsWith;
@@ -30,35 +25,22 @@ std::string Rule(const std::string& kind, const std::string& keys = "") {
     return "[[faults.rule]]\nkind = \"" + kind + "\"\n" + keys + "\n";
 }
 
-class Faults : public testing::TestWithParam<Backing> {
-  protected:
+struct Faults : hostdata_test::LunTest, testing::WithParamInterface<Backing> {
     void Make(const std::string& rules) {
         const FaultPlanResult plan = Parse(rules);
         ASSERT_EQ(plan.error, "");
-        LunDataResult made = MakeLunData(
-            {"lun", GetParam(), m_directory.File("data"), 65536, plan.plan, {}}, m_platform);
-        ASSERT_TRUE(made.data) << made.error;
-        m_lun = std::move(made.data);
+        LunTest::Make({"lun", GetParam(), path, 65536, plan.plan, {}});
     }
     long Write(char fill) {
         Context context(0, 6, fill);
-        m_lun->Write(nullptr, &context.io, 0);
+        Begin(context, true);
         return Result(context);
     }
     std::string Read() {
         Context context(0, 6, '-');
-        m_lun->Read(nullptr, &context.io, 0);
+        Begin(context, false);
         return std::to_string(Result(context)) + context.bytes;
     }
-    long Result(Context& context) { return m_platform.Take(&context.io).bytes; }
-    void Abort(Context& context) {
-        const MutexGuard device(m_platform.deviceMutex);
-        m_lun->Abort(nullptr, &context.io);
-    }
-
-    Directory m_directory;
-    FakePlatform m_platform;
-    std::unique_ptr<LunData> m_lun;
 };
 
 INSTANTIATE_TEST_SUITE_P(Data, Faults, testing::Values(Backing::Memory, Backing::File));
@@ -72,8 +54,8 @@ TEST_P(Faults, ErrorMovesNothingAndShortMovesAPart) {
     EXPECT_EQ(Read(), "3aaa---");
     EXPECT_EQ(Read(), "6aaaaaa");
     EXPECT_EQ(Write('c'), -EIO);
-    EXPECT_EQ(m_lun->Snapshot().faults, 3U);
-    EXPECT_EQ(m_lun->Snapshot().errors, 3U);
+    EXPECT_EQ(lun->Snapshot().faults, 3U);
+    EXPECT_EQ(lun->Snapshot().errors, 3U);
 }
 
 TEST_P(Faults, DelayBeginsLaterUnlessAnAbortOrAStopEndsIt) {
@@ -81,33 +63,31 @@ TEST_P(Faults, DelayBeginsLaterUnlessAnAbortOrAStopEndsIt) {
     EXPECT_EQ(Write('a'), 6);
     Context aborted(0, 6);
     Context stopped(0, 6);
-    m_lun->Read(nullptr, &aborted.io, 0);
-    m_lun->Write(nullptr, &stopped.io, 0);
-    EXPECT_EQ(m_platform.Ends(&aborted.io), 0U);
+    Begin(aborted, false);
+    Begin(stopped, true);
+    EXPECT_EQ(Ends(aborted), 0U);
     Abort(aborted);
-    const FakePlatform::End end = m_platform.Take(&aborted.io);
-    EXPECT_EQ(end.bytes, -ECANCELED);
-    EXPECT_NE(end.thread, std::this_thread::get_id());
-    EXPECT_EQ(m_platform.Ends(&stopped.io), 0U);  // whoever ended the other has looked at it
-    m_lun->Stop();
-    ASSERT_EQ(m_platform.Ends(&stopped.io), 1U);
-    EXPECT_EQ(Result(stopped), -ECANCELED);
+    ExpectCancelled(aborted);
+    EXPECT_EQ(Ends(stopped), 0U);  // whoever ended the other has looked at it
+    lun->Stop();
+    ASSERT_EQ(Ends(stopped), 1U);
+    ExpectCancelled(stopped);
 }
 
 TEST_P(Faults, HoldLastsUntilTheFileGoesAway) {
-    const std::string file = m_directory.File("hold");
+    const std::string file = directory.path / "hold";
     Make(Rule("hold", "on = \"write\"\nwhile_file = \"" + file + "\""));
     EXPECT_EQ(Write('b'), 6);
-    Touch(file);
+    std::ofstream(file).close();
     Context held(0, 3, 'h');
     Context aborted(0, 3, 'a');
-    m_lun->Write(nullptr, &held.io, 0);
-    m_lun->Write(nullptr, &aborted.io, 0);
+    Begin(held, true);
+    Begin(aborted, true);
     EXPECT_EQ(Read(), "6bbbbbb") << "passes what is held";
     Abort(aborted);
-    EXPECT_EQ(Result(aborted), -ECANCELED);
-    EXPECT_EQ(m_platform.Ends(&held.io), 0U);
-    EXPECT_EQ(m_lun->Snapshot().onLoan, 1U);
+    ExpectCancelled(aborted);
+    EXPECT_EQ(Ends(held), 0U);
+    EXPECT_EQ(lun->Snapshot().onLoan, 1U);
     std::filesystem::remove(file);
     EXPECT_EQ(Result(held), 3);
     EXPECT_EQ(Read(), "6hhhbbb");
@@ -126,14 +106,11 @@ TEST(FaultPlanReading, ARateHitsTheSameWayForTheSameSeed) {
     EXPECT_NEAR(std::ranges::count(hits("5"), 'X'), 500, 100);
 }
 
-TEST(FaultPlanReading, KnowsWhatIsDurableAndQuiet) {
+TEST(FaultPlanReading, KnowsWhatIsDurableAndQuietAndSaysWhatIsWrong) {
     EXPECT_FALSE(Parse("durable = false").plan.durable);
     EXPECT_TRUE(Parse("").plan.durable);
     EXPECT_TRUE(Parse("").plan.IsQuiet());
     EXPECT_FALSE(Parse(Rule("error")).plan.IsQuiet());
-}
-
-TEST(FaultPlanReading, SaysWhereAndWhatIsWrong) {
     const struct {
         std::string text;
         int line;

@@ -12,7 +12,8 @@
 
 #include "host/data/BackingFile.h"
 #include "host/data/LunData.h"
-#include "tests/support/HostData.h"
+#include "tests/support/NullPlatform.h"
+#include "tests/support/TempDirectory.h"
 
 namespace {
 
@@ -44,9 +45,6 @@ extern "C" int __wrap_link(Path from, Path to) {  // NOLINT(bugprone-reserved-id
 namespace moscsi::data {
 namespace {
 
-using hostdata_test::Directory;
-using hostdata_test::FakePlatform;
-using hostdata_test::Touch;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -61,20 +59,19 @@ struct Files : testing::Test {
         const bool opened = file.Open(path, kSize, error);
         EXPECT_EQ(opened, error.empty());
         EXPECT_EQ(opened, file.Fd() >= 0);
-        if (opened) {
-            EXPECT_EQ(fcntl(file.Fd(), F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
-        }
+        EXPECT_TRUE(!opened || fcntl(file.Fd(), F_GETFD) == FD_CLOEXEC);
         return error;
     }
     std::vector<std::string> Left() const {
         std::vector<std::string> names;
-        for (const auto& each : std::filesystem::directory_iterator(directory.File("")))
+        for (const auto& each : std::filesystem::directory_iterator(directory.path))
             names.push_back(each.path().filename());
         return names;
     }
+    static void Touch(const std::string& name) { std::ofstream(name).put('x'); }
 
-    Directory directory;
-    std::string path = directory.File("data");
+    TempDirectory directory;
+    std::string path = directory.path / "data";
     BackingFile file;
 };
 
@@ -116,7 +113,7 @@ TEST_F(Files, RefusesWhatIsNotTheLunsFile) {
         {[&] { mkfifo(path.c_str(), 0600); }, "not a regular file"},
         {[&] { std::filesystem::create_symlink("/nowhere/x", path); }, "can't open"},
         {makeElsewhere, ".new is in use"},
-        {[&] { path = directory.File("no/such"); }, "can't make"},
+        {[&] { path = directory.path / "no/such"; }, "can't make"},
     };
     for (const auto& [make, error] : cases) {
         make();
@@ -126,8 +123,8 @@ TEST_F(Files, RefusesWhatIsNotTheLunsFile) {
 }
 
 TEST(LunDataMaking, SaysWhatIsWrongInOneLine) {
-    FakePlatform platform;
-    const std::vector<std::pair<LunDataConfig, std::string>> cases = {
+    NullPlatform platform;
+    const std::pair<LunDataConfig, std::string> cases[] = {
         {{"a", Backing::Memory, "", 0, {}, {}}, "a size of 0 bytes"},
         {{"b", Backing::File, "/x", 1000, {}, {}}, "a size of 1000 bytes"},
         {{"c", Backing::Memory, "", uint64_t{1} << 62U, {}, {}}, "make the LUN smaller"},

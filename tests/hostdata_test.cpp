@@ -1,19 +1,16 @@
 // The data operations of a user LUN: every backing and engine moves the same bytes.
 #include "host/data/LunData.h"
 
-#include <gmock/gmock.h>
 #include <liburing.h>
 
 #include <cerrno>
+#include <deque>
 #include <fstream>
-#include <memory>
 #include <nlohmann/json.hpp>
 #include <random>
 
-#include "tests/support/CapturingLogWriter.h"
 #include "tests/support/HeapProbe.h"
 #include "tests/support/HostData.h"
-#include "util/Log.h"
 
 namespace {
 
@@ -34,8 +31,7 @@ namespace moscsi::data {
 namespace {
 
 using hostdata_test::Context;
-using hostdata_test::Directory;
-using hostdata_test::FakePlatform;
+using hostdata_test::LunTest;
 using testing::ElementsAre;
 
 constexpr uint64_t kSize = 256 * 1024;
@@ -45,33 +41,20 @@ std::string Content(const std::string& path) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-class EveryEngine : public testing::TestWithParam<std::string> {
-  protected:
+struct EveryEngine : LunTest, testing::WithParamInterface<std::string> {
     void SetUp() override {
-        CapturingLogWriter::Installed().Reset(kLogError);
-        LunDataConfig config{"lun", Backing::File, m_directory.File("data"), kSize, {}, {}};
+        LunDataConfig config{"lun", Backing::File, path, kSize, {}, FileEngineChoice::Uring};
         if (GetParam() == "memory")
             config.backing = Backing::Memory;
-        config.engine =
-            GetParam() == "threads" ? FileEngineChoice::Threads : FileEngineChoice::Uring;
-        LunDataResult made = MakeLunData(config, m_platform);
-        if (made.data == nullptr && GetParam() == "io_uring" &&
-            made.error.find("Operation not permitted") != std::string::npos)
+        else if (GetParam() == "threads")
+            config.engine = FileEngineChoice::Threads;
+        LunDataResult made = MakeLunData(config, platform);
+        if (GetParam() == "io_uring" && made.error.find("not permitted") != std::string::npos)
             GTEST_SKIP() << "the kernel refuses io_uring here: " << made.error;
         ASSERT_TRUE(made.data) << made.error;
-        m_lun = std::move(made.data);
-        ASSERT_EQ(m_lun->Snapshot().engine, GetParam());
+        lun = std::move(made.data);
+        ASSERT_EQ(lun->Snapshot().engine, GetParam());
     }
-
-    void Begin(Context& context, bool write) {
-        write ? m_lun->Write(m_lun->Context(), &context.io, 0)
-              : m_lun->Read(m_lun->Context(), &context.io, 0);
-    }
-    long Result(Context& context) { return m_platform.Take(&context.io).bytes; }
-
-    Directory m_directory;
-    FakePlatform m_platform;
-    std::unique_ptr<LunData> m_lun;
 };
 
 INSTANTIATE_TEST_SUITE_P(Data, EveryEngine, testing::Values("memory", "io_uring", "threads"));
@@ -85,19 +68,13 @@ TEST_P(EveryEngine, MovesAsAModelDoesWhateverTheBuffersAndTheRange) {
         const bool write = draw(1) == 0;
         const uint64_t offset = draw(9) == 0 ? kSize - 2000 + draw(4000) : draw(kSize);
         const uint64_t length = draw(20'000);
-        std::vector<size_t> parts;
-        uint64_t held = 0;
-        for (uint64_t i = draw(15); i > 0; --i) {
-            parts.push_back(draw(4) == 0 ? 0 : draw(5000));
-            held += parts.back();
-        }
-        Context context(offset, length, parts, '\xEE');
-        if (write)
-            for (char& byte : context.bytes)
-                byte = static_cast<char>(random());
+        std::vector<size_t> parts(draw(15));
+        std::generate(parts.begin(), parts.end(), [&] { return draw(4) == 0 ? 0 : draw(5000); });
+        Context context(offset, length, parts);
+        std::generate(context.bytes.begin(), context.bytes.end(), std::ref(random));
         std::string wanted = context.bytes;
         const uint64_t within = offset < kSize ? kSize - offset : 0;
-        const uint64_t moved = std::min({length, held, within});
+        const uint64_t moved = std::min({length, wanted.size(), within});
         if (write)
             std::copy_n(wanted.begin(), moved, model.begin() + std::min(offset, kSize));
         else if (moved > 0)
@@ -111,79 +88,64 @@ TEST_P(EveryEngine, MovesAsAModelDoesWhateverTheBuffersAndTheRange) {
         (write ? expected.bytesWritten : expected.bytesRead) += moved;
         expected.errors += moved != length ? 1 : 0;
     }
-    const LunStatistics seen = m_lun->Snapshot();
+    const LunStatistics seen = lun->Snapshot();
     EXPECT_THAT((std::vector{seen.reads, seen.writes, seen.bytesRead, seen.bytesWritten,
                              seen.errors, seen.onLoan}),
                 ElementsAre(expected.reads, expected.writes, expected.bytesRead,
                             expected.bytesWritten, expected.errors, 0));
-    m_lun.reset();
-    if (GetParam() != "memory") {
-        EXPECT_TRUE(Content(m_directory.File("data")) == model);
-    }
+    lun.reset();
+    EXPECT_TRUE(GetParam() == "memory" || Content(path) == model);
 }
 
-TEST_P(EveryEngine, ServesMoreAtOnceThanTheQueueIsDeep) {
-    constexpr uint64_t kBlock = 512;
-    std::vector<std::unique_ptr<Context>> contexts;
+TEST_P(EveryEngine, ServesMoreAtOnceThanTheQueueIsDeepAndNothingAfterStop) {
+    std::deque<Context> contexts;
+    for (uint64_t offset = 0; offset < kSize; offset += 512)
+        Begin(contexts.emplace_back(offset, 512, static_cast<char>(offset / 512 % 251)), true);
     std::string written;
-    for (uint64_t offset = 0; offset < kSize; offset += kBlock) {
-        const char fill = static_cast<char>(offset / kBlock % 251);
-        contexts.push_back(std::make_unique<Context>(offset, kBlock, fill));
-        written.append(kBlock, fill);
-        Begin(*contexts.back(), true);
+    for (Context& context : contexts) {
+        ASSERT_EQ(Result(context), 512);
+        written += context.bytes;
     }
-    for (const auto& context : contexts)
-        ASSERT_EQ(Result(*context), kBlock);
     Context whole(0, kSize);
     Begin(whole, false);
     EXPECT_EQ(Result(whole), kSize);
     EXPECT_TRUE(whole.bytes == written);
-    EXPECT_EQ(m_lun->Snapshot().onLoan, 0U);
+    lun->Stop();
+    lun->Stop();
+    Begin(whole, false);
+    EXPECT_EQ(Result(whole), -ESHUTDOWN);
 }
 
-TEST_P(EveryEngine, RefusesWhatComesAfterStop) {
-    m_lun->Stop();
-    m_lun->Stop();
-    Context late(0, 512);
-    Begin(late, false);
-    EXPECT_EQ(Result(late), -ESHUTDOWN);
-}
-
-TEST(LunDataUring, ARequestThatTheKernelRefusesFailsAlone) {
-    const Directory directory;
-    FakePlatform platform;
-    LunDataResult made = MakeLunData(
-        {"lun", Backing::File, directory.File("data"), kSize, {}, FileEngineChoice::Uring},
-        platform);
+TEST_F(LunTest, ARequestThatTheKernelsRingRefusesFailsAlone) {
+    LunDataResult made =
+        MakeLunData({"lun", Backing::File, path, kSize, {}, FileEngineChoice::Uring}, platform);
     if (made.data == nullptr)
         GTEST_SKIP() << made.error;
+    lun = std::move(made.data);
     Context refused(0, 512, 'r');
     Context delayed(0, 512, 'd');
     g_refusals = {-ENOMEM};
-    made.data->Write(nullptr, &refused.io, 0);
-    EXPECT_EQ(platform.Take(&refused.io).bytes, -ENOMEM);
+    Begin(refused, true);
+    EXPECT_EQ(Result(refused), -ENOMEM);
     g_refusals = {-EINTR, -EBUSY, -EAGAIN};
-    made.data->Write(nullptr, &delayed.io, 0);
-    EXPECT_EQ(platform.Take(&delayed.io).bytes, 512);
-    made.data->Stop();
-    EXPECT_EQ(made.data->Snapshot().ignoredCompletions, 0U);
-    EXPECT_EQ(Content(directory.File("data")).substr(0, 512), std::string(512, 'd'));
+    Begin(delayed, true);
+    EXPECT_EQ(Result(delayed), 512);
+    lun->Stop();
+    EXPECT_EQ(lun->Snapshot().ignoredCompletions, 0U);
+    EXPECT_EQ(Content(path).substr(0, 512), delayed.bytes);
 }
 
-TEST(LunDataMemory, TakesNoHeapOnceWarm) {
-    // The fake's own bookkeeping allocates.
-    struct Quiet : FakePlatform {
-        CRyError IODone(MoScsiSrvIO* /*ioctx*/, long /*nbytes*/) override { return {}; }
-    } quiet;
-    const LunDataResult made = MakeLunData({"lun", Backing::Memory, "", kSize, {}, {}}, quiet);
-    ASSERT_TRUE(made.data) << made.error;
+TEST_F(LunTest, MemoryTakesNoHeapOnceWarm) {
+    NullPlatform quiet;
+    lun = MakeLunData({"lun", Backing::Memory, "", kSize, {}, {}}, quiet).data;
     Context context(0, 16 * 512, std::vector<size_t>(16, 512));
-    made.data->Write(nullptr, &context.io, 0);
+    Begin(context, true);
     const size_t before = heap_probe::Allocations();
     for (int i = 0; i < 1000; ++i)
-        made.data->Read(nullptr, &context.io, 0);
+        Begin(context, false);
     EXPECT_EQ(heap_probe::Allocations(), before);
-    EXPECT_EQ(made.data->Snapshot().reads, 1000U);
+    EXPECT_EQ(lun->Snapshot().reads, 1000U);
+    lun.reset();
 }
 
 TEST(LunStatisticsJson, NamesEachCounter) {

@@ -1,25 +1,25 @@
 #pragma once
 
-#include <unistd.h>
+#include <gmock/gmock.h>
 
 #include <chrono>
 #include <condition_variable>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <map>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "platform/MoScsiSrvPlatform.h"
+#include "host/data/LunData.h"
+#include "tests/support/NullPlatform.h"
+#include "tests/support/TempDirectory.h"
 #include "util/Mutex.h"
 
 namespace hostdata_test {
 
 /// Takes IODone as the plug-in does: under the device's mutex, under which it also calls Abort.
-class FakePlatform : public MoScsiSrvPlatform {
+class FakePlatform : public NullPlatform {
   public:
     CRyError IODone(MoScsiSrvIO* ioctx, long nbytes) override {
         const MutexGuard device(deviceMutex);
@@ -44,7 +44,6 @@ class FakePlatform : public MoScsiSrvPlatform {
         }
         return m_ends.extract(ioctx).mapped();
     }
-
     /// The ends that wait to be taken.
     size_t Ends(MoScsiSrvIO* ioctx) {
         const MutexGuard guard(m_mutex);
@@ -52,16 +51,6 @@ class FakePlatform : public MoScsiSrvPlatform {
     }
 
     Mutex deviceMutex;
-
-    CRyError Initialize() override { return {}; }
-    CRyError CreateTarget(MoScsiSrvTarget_t* /*target*/) override { return {}; }
-    CRyError DeleteTarget(MoScsiSrvTarget_t* /*target*/) override { return {}; }
-    CRyError CreateLun(MoScsiSrvLun_t* /*lun*/) override { return {}; }
-    CRyError DeleteLun(MoScsiSrvLun_t* /*lun*/) override { return {}; }
-    CRyError MapHost(MoScsiSrvLun_t* /*lun*/, MoScsiSrvHost_t* /*host*/) override { return {}; }
-    CRyError UnMapHost(MoScsiSrvLun_t* /*lun*/, MoScsiSrvHost_t* /*host*/) override { return {}; }
-    CRyError RegisterGetVPDCB(MoScsiSrvGetVPDCb_t /*cb*/) override { return {}; }
-    CRyError Cleanup() override { return {}; }
 
   private:
     Mutex m_mutex;
@@ -72,10 +61,8 @@ class FakePlatform : public MoScsiSrvPlatform {
 /// A context with its buffers: parts of the given lengths, one behind the other in `bytes`.
 struct Context {
     Context(uint64_t offset, uint64_t length, const std::vector<size_t>& parts, char fill = 0) {
-        size_t total = 0;
         for (const size_t part : parts)
-            total += part;
-        bytes.assign(total, fill);
+            bytes.append(part, fill);
         char* at = bytes.data();
         for (const size_t part : parts) {
             buffers.push_back({at, part});
@@ -91,24 +78,35 @@ struct Context {
     MoScsiSrvIO io = {};
 };
 
-/// A directory that goes with its object.
-class Directory {
-  public:
-    Directory() {
-        std::string name = (std::filesystem::temp_directory_path() / "hostdata.XXXXXX").string();
-        if (mkdtemp(name.data()) == nullptr)
-            throw std::runtime_error("mkdtemp");
-        m_path = name;
+/// One LUN, driven as its device does it.
+struct LunTest : testing::Test {
+    void Make(const moscsi::data::LunDataConfig& config) {
+        moscsi::data::LunDataResult made = MakeLunData(config, platform);
+        ASSERT_TRUE(made.data) << made.error;
+        lun = std::move(made.data);
     }
-    ~Directory() { std::filesystem::remove_all(m_path); }
-    std::string File(const std::string& name) const { return m_path + "/" + name; }
+    void Begin(Context& context, bool write) {
+        write ? lun->Write(lun->Context(), &context.io, 0)
+              : lun->Read(lun->Context(), &context.io, 0);
+    }
+    size_t Ends(Context& context) { return platform.Ends(&context.io); }
+    long Result(Context& context) { return platform.Take(&context.io).bytes; }
+    /// With the device's mutex held: IODone from inside would never return.
+    void Abort(Context& context) {
+        const MutexGuard device(platform.deviceMutex);
+        lun->Abort(lun->Context(), &context.io);
+    }
+    /// The end of one that was asked back: told, and not from inside Abort.
+    void ExpectCancelled(Context& context) {
+        const FakePlatform::End end = platform.Take(&context.io);
+        EXPECT_EQ(end.bytes, -ECANCELED);
+        EXPECT_NE(end.thread, std::this_thread::get_id());
+    }
 
-  private:
-    std::string m_path;
+    TempDirectory directory;
+    std::string path = directory.path / "data";
+    FakePlatform platform;
+    std::unique_ptr<moscsi::data::LunData> lun;
 };
-
-inline void Touch(const std::string& path) {
-    std::ofstream(path).put('x');
-}
 
 }  // namespace hostdata_test
