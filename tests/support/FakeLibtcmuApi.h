@@ -67,6 +67,10 @@ struct FakeDevice {
         EXPECT_TRUE(Eventually([&] { return (answer = AnswerOf(ticket)).has_value(); }));
         return answer.value_or(KernelRing::Answer{});
     }
+    uint8_t StatusOf(const std::vector<uint8_t>& cdb,
+                     const std::vector<KernelRing::Extent>& data = {}) {
+        return WaitForAnswer(Submit(cdb, data)).status;
+    }
 
     /// Asks until the condition holds. Returns: whether it did within the deadline.
     static bool Eventually(const std::function<bool()>& condition) {

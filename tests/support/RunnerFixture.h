@@ -1,0 +1,156 @@
+#pragma once
+
+#include <gmock/gmock.h>
+#include <sdbus-c++/sdbus-c++.h>
+
+#include <csignal>
+#include <fstream>
+#include <thread>
+
+#include "adapters/runner/DbusService.h"
+#include "adapters/runner/Runner.h"
+#include "adapters/runner/ThreadSignals.h"
+#include "tests/support/CapturingLogWriter.h"
+#include "tests/support/FakeLibtcmuApi.h"
+#include "tests/support/PrivateBus.h"
+#include "tests/support/TempDirectory.h"
+
+namespace fs = std::filesystem;
+using Bytes = std::vector<uint8_t>;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+/// What a stop may have to leave in use lives to the end of the process.
+template <typename T>
+T& Kept() {
+    static auto* kept = new std::vector<T*>;
+    kept->push_back(new T);
+    return *kept->back();
+}
+
+inline std::string Content(const fs::path& file) {
+    std::ifstream stream(file);
+    return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+inline void Fill(const fs::path& file, const std::string& text) {
+    fs::create_directories(file.parent_path());
+    std::ofstream(file) << text;
+}
+
+inline void ExpectEventually(const std::function<bool()>& condition) {
+    ASSERT_TRUE(FakeDevice::Eventually(condition));
+}
+
+inline std::vector<std::string> Log(int level) {
+    return CapturingLogWriter::Installed().Texts(level);
+}
+
+inline Bytes Read10(uint8_t lba) {
+    return {0x28, 0, 0, 0, 0, lba, 0, 0, 1, 0};
+}
+
+/// A runner on a thread of its own, over the model of libtcmu and a bus and directories of the
+/// test's own. Objects of a test that a stop may have to leave in use must be Kept.
+class RunnerTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        sigset_t interrupt;
+        sigemptyset(&interrupt);
+        sigaddset(&interrupt, SIGINT);
+        pthread_sigmask(SIG_BLOCK, &interrupt, nullptr);
+        static const PrivateBus bus;
+        if (!bus.Running())
+            GTEST_SKIP() << "dbus-daemon is not installed";
+        CapturingLogWriter::Installed().Reset(1);
+        Fill(block, "0");
+        Fill(reset, "0");
+        environment.tcmu = &api;
+        environment.familyRegistered = [] { return true; };
+        environment.makeHandler = MakePluginHandler;
+        environment.moduleParameters = block.parent_path();
+        environment.backstores = directory.path / "core";
+        environment.uioClass = directory.path / "uio";
+        environment.stopLimit = std::chrono::hours(1);  // nothing waits for it in vain
+        environment.familyPause = std::chrono::milliseconds(1);
+        Describe(device, "MoScsiSrvTcmu/" + directory.path.filename().string());
+        api.existing = {&device};
+    }
+    void TearDown() override {
+        if (runner.joinable())
+            Stop();
+    }
+
+    // Gives the device its place in sysfs and configfs.
+    void Describe(FakeDevice& dev, const std::string& cfgString) {
+        static int number = 0;
+        dev.cfgString = cfgString;
+        dev.uioName = "uio" + std::to_string(++number);
+        Fill(environment.uioClass / dev.uioName / "name",
+             "tcm-user/3/lun" + std::to_string(number) + "/" + cfgString + "\n");
+        Fill(BlockFile(dev), "0");
+    }
+    fs::path BlockFile(const FakeDevice& dev) const {
+        return environment.backstores / "user_3" / ("lun" + dev.uioName.substr(3)) /
+               "action/block_dev";
+    }
+
+    void Start() {
+        runner = std::thread([this] {
+            const ThreadSignals signals;
+            InterruptWait interrupt;
+            result = RunRunner(environment, interrupt);
+        });
+    }
+    void StartAndWait() {
+        Start();
+        ExpectEventually(
+            [] { return testing::PrintToString(Log(1)).find("ready") != std::string::npos; });
+    }
+    int Stop() {
+        pthread_kill(runner.native_handle(), SIGINT);
+        runner.join();
+        return result;
+    }
+
+    // As another program on the bus.
+    template <typename Result, typename... Arguments>
+    static Result Call(const char* name, const char* path, const char* interface,
+                       const char* method, Arguments... arguments) {
+        auto connection = sdbus::createSystemBusConnection();
+        Result called{};
+        sdbus::createProxy(*connection, name, path)
+            ->callMethod(method)
+            .onInterface(interface)
+            .withArguments(arguments...)
+            .storeResultsTo(called);
+        return called;
+    }
+    static bool NameTaken() {
+        return Call<bool>("org.freedesktop.DBus", "/", "org.freedesktop.DBus", "NameHasOwner",
+                          std::string(DbusService::kName));
+    }
+    // Below the service's path.
+    static std::vector<std::string> Objects() {
+        using Interfaces = std::map<std::string, std::map<std::string, sdbus::Variant>>;
+        std::vector<std::string> names;
+        for (const auto& [path, interfaces] : Call<std::map<sdbus::ObjectPath, Interfaces>>(
+                 DbusService::kName, DbusService::kPath, "org.freedesktop.DBus.ObjectManager",
+                 "GetManagedObjects")) {
+            EXPECT_TRUE(interfaces.at(DbusService::kName).contains("ConfigDesc"));
+            names.push_back(path);
+        }
+        return names;
+    }
+
+    TempDirectory directory;
+    const fs::path block = directory.path / "parameters/block_netlink";
+    const fs::path reset = directory.path / "parameters/reset_netlink";
+    FakeLibtcmuApi& api = Kept<FakeLibtcmuApi>();
+    FakeDevice& device = Kept<FakeDevice>();
+    RunnerEnvironment environment;
+    std::thread runner;
+    std::atomic<int> result{-1};
+};
