@@ -19,46 +19,6 @@ std::string Lacking() {
     return WaitForBusObjects(kAtOnce, [] { return false; });
 }
 
-/// The name in another process, until this one lets go of it.
-class OtherDaemon {
-  public:
-    OtherDaemon() {
-        int toUs[2];
-        int toChild[2];
-        if (pipe(toUs) != 0 || pipe(toChild) != 0)
-            return;
-        m_process = fork();
-        char c = 0;
-        if (m_process == 0) {
-            close(toChild[1]);
-            DbusService service;
-            bool taken =
-                service.TakeName() && service.ExportHandlers({"MoScsiSrvTcmu", "moscsisrvtcmu"});
-            if (taken && write(toUs[1], "x", 1) == 1)
-                taken = read(toChild[0], &c, 1) == 0;
-            _exit(0);
-        }
-        close(toUs[1]);
-        close(toChild[0]);
-        m_hold = toChild[1];
-        m_running = read(toUs[0], &c, 1) == 1;
-        close(toUs[0]);
-    }
-    ~OtherDaemon() {
-        close(m_hold);
-        waitpid(m_process, nullptr, 0);
-    }
-    OtherDaemon(const OtherDaemon&) = delete;
-    OtherDaemon& operator=(const OtherDaemon&) = delete;
-
-    pid_t Process() const { return m_running ? m_process : -1; }
-
-  private:
-    pid_t m_process = -1;
-    int m_hold = -1;
-    bool m_running = false;
-};
-
 TEST(BusWaitTest, WantsBothObjectsOfItsOwnProcess) {
     PrivateBus bus;
     if (!bus.Running())
@@ -66,13 +26,28 @@ TEST(BusWaitTest, WantsBothObjectsOfItsOwnProcess) {
     EXPECT_THAT(Lacking(), testing::AnyOf(HasSubstr("nobody owns the D-Bus name"),
                                           HasSubstr("target_core_user is not loaded")));
     EXPECT_TRUE(WaitForBusNameGone(kAtOnce));
-    {
-        const OtherDaemon other;
-        EXPECT_THAT(Lacking(), testing::AllOf(HasSubstr("is owned by host_bus_test (process " +
-                                                        std::to_string(other.Process()) + ")"),
-                                              HasSubstr("stop that one")));
-        EXPECT_TRUE(WaitForBusNameGone(kAtOnce)) << "it isn't ours";
+
+    int hold[2];
+    ASSERT_EQ(pipe(hold), 0);
+    const pid_t other = fork();
+    if (other == 0) {  // has the name until this process closes the pipe
+        close(hold[1]);
+        DbusService service;
+        char end = 0;
+        const bool taken =
+            service.TakeName() && service.ExportHandlers({"MoScsiSrvTcmu", "moscsisrvtcmu"});
+        _exit(taken && read(hold[0], &end, 1) == 0 ? 0 : 1);
     }
+    close(hold[0]);
+    const auto end = std::chrono::steady_clock::now() + kDeadline;
+    while (Lacking().find("is owned by host_bus_test (process " + std::to_string(other) + ")") ==
+           std::string::npos)
+        ASSERT_LT(std::chrono::steady_clock::now(), end) << Lacking();
+    EXPECT_THAT(Lacking(), HasSubstr("stop that one"));
+    EXPECT_TRUE(WaitForBusNameGone(kAtOnce)) << "it isn't ours";
+    close(hold[1]);
+    waitpid(other, nullptr, 0);
+
     DbusService service;
     ASSERT_TRUE(service.TakeName());
     EXPECT_FALSE(WaitForBusNameGone(kAtOnce));
@@ -84,7 +59,6 @@ TEST(BusWaitTest, WantsBothObjectsOfItsOwnProcess) {
     EXPECT_EQ(WaitForBusObjects(kDeadline, [] { return false; }), "");
     service.GiveUpName();
     EXPECT_TRUE(WaitForBusNameGone(kAtOnce));
-
     int looks = 0;
     EXPECT_NE(WaitForBusObjects(std::chrono::hours(1), [&] { return ++looks == 2; }), "");
     setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nowhere", 1);
