@@ -1,17 +1,18 @@
 #pragma once
 
-#include <cstdlib>
+#include <unistd.h>
+
 #include <filesystem>
-#include <stdexcept>
 #include <string>
 
-/// A directory that goes with its object.
+/// A directory that goes with its object, in lower case, as a host wants its paths. Thread: one.
 struct TempDirectory {
     TempDirectory() {
-        std::string name = std::filesystem::temp_directory_path() / "moscsi_test.XXXXXX";
-        if (mkdtemp(name.data()) == nullptr)
-            throw std::runtime_error("mkdtemp");
-        path = name;
+        static int made = 0;
+        do {
+            path = std::filesystem::temp_directory_path() /
+                   ("moscsi_test." + std::to_string(getpid()) + "." + std::to_string(++made));
+        } while (!create_directory(path));
     }
     ~TempDirectory() { std::filesystem::remove_all(path); }
     TempDirectory(const TempDirectory&) = delete;
