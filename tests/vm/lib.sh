@@ -123,11 +123,15 @@ vm_power_cut() {
 # --- The product -------------------------------------------------------------------------------
 
 host_pid=''
-# host_start CONFIG [ARG...]: until it says "ready". Its output is $work/host.log.
-host_start() {
+# host_begin CONFIG [ARG...]: its output is $work/host.log.
+host_begin() {
     moscsi-host serve "$@" >>"$work/host.log" 2>&1 {say_fd}>&- &
     host_pid=$!
     cleanup host_end
+}
+# host_start CONFIG [ARG...]: until it says "ready".
+host_start() {
+    host_begin "$@"
     wait_until "${HOST_START_LIMIT:-300}" host_ready_or_ended
     if ended "$host_pid"; then
         tail -n 15 "$work/host.log" >&"$say_fd"
