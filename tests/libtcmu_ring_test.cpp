@@ -49,59 +49,39 @@ struct Rig {
             kernel.Reap();
         }
     }
-    template <class Field>
-    void Overwrite(size_t at, Field value) {
-        std::memcpy(kernel.Ring() + kernel.LastEntry() + at, &value, sizeof(value));
+    /// In what was put last.
+    void Overwrite(size_t at, uint64_t value, size_t width) {
+        std::memcpy(kernel.Ring() + kernel.LastEntry() + at, &value, width);
     }
 };
 
 struct RingTest : testing::Test, Rig {};
 
-TEST_F(RingTest, ARecordThatIsUsedAgainCarriesNothingOver) {
-    RingCommand& first = PutAndFetch(Bytes(16, 0x8A), {{0, 512}, {4096, 100}});
-    EXPECT_EQ(first.iovec[1].iov_base, kernel.Data() + 4096);
-    EXPECT_EQ(first.dataLength, 612U);
-    std::memset(first.sense_buf, 0xEE, sizeof(first.sense_buf));
-    first.hm_private = this;
-    first.readLength = 5;
-    first.iovec = nullptr;
-    const uint16_t number = first.cmd_id;
-    ring.Complete(first, TCMU_STATUS_CHECK_CONDITION);
-    EXPECT_EQ(ReapOne().sense[95], 0xEE);
-
-    RingCommand& second = PutAndFetch({0x1B, 0, 0, 0, 1, 0});
-    EXPECT_EQ(second.cmd_id, number);
-    const Bytes cdb(second.cdb, second.cdb + 16);
-    EXPECT_EQ(cdb, (Bytes{0x1B, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
-    EXPECT_EQ(second.iov_cnt, 0U);
-    EXPECT_EQ(second.dataLength, 0U);
-    EXPECT_EQ(second.hm_private, nullptr);
-    EXPECT_FALSE(second.readLength);
-    EXPECT_EQ(std::count(second.sense_buf, second.sense_buf + 96, 0), 96);
-}
-
-TEST_F(RingTest, AResultBecomesStatusSenseAndLength) {
-    struct Case {
+TEST(Ring, AResultBecomesStatusSenseAndLength) {
+    using Length = std::optional<uint32_t>;
+    const struct {
+        uint16_t flags;
         int result;
-        std::optional<uint32_t> readLength;
-        uint8_t status;
-        uint8_t key, asc;
-        std::optional<uint32_t> told;
+        Length readLength;
+        uint8_t status, key, asc;
+        Length told;
+    } cases[] = {
+        {kFlagReadLength, 0, Length(), 0, 0xAB, 0, Length()},
+        {kFlagReadLength, 0, 36, 0, 0xAB, 0, 36},
+        {0, 0, 36, 0, 0xAB, 0, Length()},  // a kernel that doesn't take it
+        {kFlagReadLength, TCMU_STATUS_CHECK_CONDITION, 36, 2, 0xAB, 0, Length()},
+        {kFlagReadLength, -1, Length(), 2, 0x5, 0x20, Length()},
+        {kFlagReadLength, -22, Length(), 2, 0x4, 0x44, Length()},
     };
-    const std::vector<Case> cases = {
-        {0, std::nullopt, 0, 0xAB, 0, std::nullopt},
-        {0, 36, 0, 0xAB, 0, 36},
-        {TCMU_STATUS_CHECK_CONDITION, 36, 2, 0xAB, 0, std::nullopt},
-        {-1, std::nullopt, 2, 0x5, 0x20, std::nullopt},
-        {-22, std::nullopt, 2, 0x4, 0x44, std::nullopt},
-    };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.result);
-        RingCommand& command = PutAndFetch(kTestUnitReady);
+        Rig rig(c.flags);
+        EXPECT_EQ(rig.ring.TakesReadLength(), c.flags != 0);
+        RingCommand& command = rig.PutAndFetch(kTestUnitReady);
         command.sense_buf[2] = 0xAB;
         command.readLength = c.readLength;
-        ring.Complete(command, c.result);
-        const auto answer = ReapOne();
+        rig.ring.Complete(command, c.result);
+        const auto answer = rig.ReapOne();
         EXPECT_EQ(answer.status, c.status);
         EXPECT_EQ(answer.sense[2], c.key);
         EXPECT_EQ(answer.sense[12], c.asc);
@@ -109,20 +89,11 @@ TEST_F(RingTest, AResultBecomesStatusSenseAndLength) {
     }
 }
 
-TEST(Ring, LengthIsNotToldToAKernelThatDoesNotTakeIt) {
-    Rig rig(0);
-    RingCommand& command = rig.PutAndFetch(Read10());
-    command.readLength = 1;
-    rig.ring.Complete(command, 0);
-    EXPECT_FALSE(rig.ReapOne().readLength);
-    EXPECT_FALSE(rig.ring.TakesReadLength());
-}
-
 TEST(Ring, WhatCannotBeWalkedIsLeftAlone) {
     const std::vector<std::function<void(Rig&)>> damages = {
-        [](Rig& r) { r.Overwrite<uint32_t>(0, kCommand); },
-        [](Rig& r) { r.Overwrite<uint32_t>(0, 224 | kPad); },  // beyond the head
-        [](Rig& r) { r.Overwrite<uint16_t>(4, 1); },           // the first command's number
+        [](Rig& r) { r.Overwrite(0, kCommand, 4); },
+        [](Rig& r) { r.Overwrite(0, 224 | kPad, 4); },  // beyond the head
+        [](Rig& r) { r.Overwrite(4, 1, 2); },           // the first command's number
         [](Rig& r) { r.kernel.Mailbox().head = 4096; },
         [](Rig& r) { r.kernel.Mailbox().tail = 8; },  // reset by somebody else
     };
@@ -144,6 +115,54 @@ TEST(Ring, WhatCannotBeWalkedIsLeftAlone) {
         EXPECT_EQ(before, rig.Memory());
         EXPECT_EQ(rig.ring.InFlight(), 0U);
     }
+}
+
+TEST_F(RingTest, ABadEntryIsAnsweredAndTheNextCommandServed) {
+    const size_t end = kernel.Length();
+    kernel.Memory()[end - 7] = kVariableLengthCdb;  // its length would stand outside
+    const struct {
+        size_t at;
+        uint64_t value;
+        size_t width;
+    } damages[] = {
+        {offsetof(Request, entries), UINT32_MAX, 4},
+        {offsetof(Request, cdbOffset), end, 8},
+        {offsetof(Request, cdbOffset), end - 5, 8},  // six bytes wanted
+        {offsetof(Request, cdbOffset), end - 7, 8},
+        {offsetof(Request, cdbOffset), UINT64_MAX - 2, 8},
+        {sizeof(Request), end - 511, 8},  // address of 512 bytes
+        {sizeof(Request), UINT64_MAX - 255, 8},
+        {sizeof(Request) + 8, UINT64_MAX, 8},  // length
+    };
+    for (const auto& [at, value, width] : damages) {
+        SCOPED_TRACE(testing::Message() << at << ": " << value);
+        kernel.Put(Read10(), {{0, 512}});
+        Overwrite(at, value, width);
+        EXPECT_EQ(ring.Fetch(), nullptr);
+        const auto answer = ReapOne();
+        EXPECT_EQ(answer.status, TCMU_STATUS_CHECK_CONDITION);
+        EXPECT_EQ(answer.sense[2], 0x4);
+    }
+    EXPECT_EQ(ring.GetStats().badEntries, std::size(damages));
+    ring.Complete(PutAndFetch(kTestUnitReady), 0);
+    EXPECT_EQ(ReapOne().status, 0);
+}
+
+TEST(Ring, AMailboxThatPointsElsewhereIsRefused) {
+    const std::vector<std::function<void(Mailbox&)>> damages = {
+        [](Mailbox& m) { m.version = 1; },          [](Mailbox& m) { m.ringOffset = 32; },
+        [](Mailbox& m) { m.ringOffset = 1 << 30; }, [](Mailbox& m) { m.ringSize = UINT32_MAX - 7; },
+        [](Mailbox& m) { m.ringSize = 104; },       [](Mailbox& m) { m.ringSize = 4092; },
+        [](Mailbox& m) { m.tail = 4096; },          [](Mailbox& m) { m.tail = 4; },
+    };
+    for (size_t i = 0; i < damages.size(); i++) {
+        KernelRing kernel;
+        damages[i](kernel.Mailbox());
+        CommandRing ring(kernel.Memory(), kernel.Length(), kernel.DoorbellFd());
+        EXPECT_NE(ring.Broken(), nullptr) << i;
+        EXPECT_EQ(ring.Fetch(), nullptr);
+    }
+    EXPECT_NE(CommandRing(nullptr, 4096, -1).Broken(), nullptr);
 }
 
 TEST_F(RingTest, ACommandIsAnsweredOnce) {
@@ -188,13 +207,11 @@ TEST_F(RingTest, WhatIsNoCommandIsPassedOverOnBothSides) {
 }
 
 TEST_F(RingTest, ADrainHoldsBackOnlySoMuch) {
-    const Bytes write = {0x2A, 0, 0, 0, 0, 0, 0, 0, 128, 0};
-    const std::vector<std::pair<Bytes, size_t>> cases = {
-        {Read10(), Doorbell::kMostReadBytes / 65536}, {write, Doorbell::kMostAnswers}};
-    for (const auto& [cdb, bound] : cases) {
+    for (const bool read : {true, false}) {
+        const size_t bound = read ? Doorbell::kMostReadBytes / 65536 : Doorbell::kMostAnswers;
         ring.BeginDrain();
         for (size_t i = 1; i <= bound + 1; i++) {
-            ring.Complete(PutAndFetch(cdb, {{0, 65536}}), 0);
+            ring.Complete(PutAndFetch(read ? Read10() : Bytes{0x2A}, {{0, 65536}}), 0);
             ring.RingDoorbell();
             EXPECT_EQ(kernel.Doorbells(), i == bound ? 1U : 0U) << i;
             kernel.Reap();
@@ -207,75 +224,74 @@ TEST_F(RingTest, ADrainHoldsBackOnlySoMuch) {
 }
 
 TEST_F(RingTest, WarmCommandsTakeNothingFromTheHeap) {
-    auto cycle = [&] {
-        std::vector<RingCommand*> commands;
-        commands.reserve(8);
-        for (int i = 0; i < 8; i++)
+    std::array<RingCommand*, 8> commands{};
+    size_t before = 0;
+    for (int round = 0; round < 100; round++) {
+        for (size_t i = 0; i < commands.size(); i++)
             kernel.Put(Read10(), {{0, 4096}, {8192, 4096}, {4096, 4096}, {20480, 4096}});
-        const size_t before = heap_probe::Allocations();
-        while (RingCommand* command = ring.Fetch())
-            commands.push_back(command);
+        if (round > 0)
+            before = heap_probe::Allocations();
+        for (RingCommand*& command : commands)
+            command = ring.Fetch();
         for (RingCommand* command : commands)
             ring.Complete(*command, 0);
         ring.RingDoorbell();
-        const size_t made = heap_probe::Allocations() - before;
-        EXPECT_EQ(kernel.Reap().size(), 8U);
-        return made;
-    };
-    cycle();
-    for (int i = 0; i < 100; i++)
-        EXPECT_EQ(cycle(), 0U);
-}
-
-struct Sent {
-    Bytes cdb;
-    std::vector<KernelRing::Extent> data;
-};
-
-void ExpectSame(const RingCommand& got, Sent sent, uint8_t* data) {
-    sent.cdb.resize(RingCommand::kMaxCdb);
-    EXPECT_EQ(Bytes(got.cdb, got.cdb + RingCommand::kMaxCdb), sent.cdb);
-    ASSERT_EQ(got.iov_cnt, sent.data.size());
-    size_t total = 0;
-    for (size_t i = 0; i < got.iov_cnt; i++) {
-        EXPECT_EQ(got.iovec[i].iov_base, data + sent.data[i].offset);
-        EXPECT_EQ(got.iovec[i].iov_len, sent.data[i].length);
-        total += sent.data[i].length;
+        EXPECT_TRUE(round == 0 || heap_probe::Allocations() == before);
+        EXPECT_EQ(kernel.Reap().size(), commands.size());
     }
-    EXPECT_EQ(got.dataLength, total);
 }
 
-TEST(RingTraffic, RandomOrderAroundTheEndKeepsEveryCommandItsAnswer) {
+TEST(RingTraffic, RandomOrderAroundTheEndKeepsEveryCommandWholeAndItsAnswer) {
     for (unsigned seed = 1; seed <= 20; seed++) {
         SCOPED_TRACE(seed);
         std::mt19937 random(seed);
         const auto below = [&](size_t bound) { return random() % bound; };
         KernelRing kernel(static_cast<uint32_t>(1200 + 8 * below(300)));
         CommandRing ring(kernel.Memory(), kernel.Length(), kernel.DoorbellFd());
-        std::map<uint16_t, Sent> sent;
+        using Extents = std::vector<KernelRing::Extent>;
+        std::map<uint16_t, std::pair<Bytes, Extents>> sent;
         std::vector<RingCommand*> held;
         for (int step = 0; step < 2000; step++) {
             if (below(2) == 0) {
-                Sent next{Bytes(RingCommand::kMaxCdb), {}};
-                std::generate(next.cdb.begin(), next.cdb.end(), std::ref(random));
+                Bytes cdb(RingCommand::kMaxCdb);
+                std::generate(cdb.begin(), cdb.end(), std::ref(random));
                 if (below(8) == 0)
-                    next.cdb[0] = kVariableLengthCdb;
-                next.cdb.resize(std::min(CdbLength(next.cdb.data()), RingCommand::kMaxCdb));
-                for (size_t left = below(4) == 0 ? below(24) : below(4); left > 0; left--)
-                    next.data.push_back({below(60000), below(5000)});
-                if (const auto number = kernel.Put(next.cdb, next.data))
-                    sent[*number] = next;
+                    cdb[0] = kVariableLengthCdb;
+                cdb.resize(std::min(CdbLength(cdb.data()), RingCommand::kMaxCdb));
+                Extents data(below(4) == 0 ? below(24) : below(4));
+                for (KernelRing::Extent& extent : data)
+                    extent = {below(60000), below(5000)};
+                if (const auto number = kernel.Put(cdb, data)) {
+                    cdb.resize(RingCommand::kMaxCdb);
+                    sent[*number] = {cdb, data};
+                }
             } else if (RingCommand* command = below(3) == 0 ? nullptr : ring.Fetch()) {
-                ExpectSame(*command, sent.at(command->cmd_id), kernel.Data());
+                Extents got;
+                size_t total = 0;
+                for (size_t i = 0; i < command->iov_cnt; i++) {
+                    const auto& [base, length] = command->iovec[i];
+                    got.push_back({size_t(static_cast<uint8_t*>(base) - kernel.Data()), length});
+                    total += length;
+                }
+                const Bytes cdb(command->cdb, command->cdb + RingCommand::kMaxCdb);
+                EXPECT_TRUE(sent.at(command->cmd_id) == std::pair(cdb, got));
+                EXPECT_EQ(command->dataLength, total);
+                // Nothing of the record's last use.
+                EXPECT_EQ(std::count(command->sense_buf, command->sense_buf + 96, 0), 96);
+                EXPECT_FALSE(command->hm_private != nullptr || command->readLength);
                 held.push_back(command);
             } else if (!held.empty()) {
                 std::swap(held[below(held.size())], held.back());
                 RingCommand& command = *held.back();
                 held.pop_back();
-                command.sense_buf[0] = sent.at(command.cmd_id).cdb[1];
+                std::memset(command.sense_buf, sent.at(command.cmd_id).first[1], 96);
+                command.iovec = nullptr;
+                command.hm_private = &held;
+                command.readLength = 5;
                 ring.Complete(command, TCMU_STATUS_CHECK_CONDITION);
                 for (const auto& answer : kernel.Reap())
-                    EXPECT_EQ(answer.sense[0], sent.at(answer.number).cdb[1]);
+                    for (const size_t at : {0, 95})
+                        EXPECT_EQ(answer.sense[at], sent.at(answer.number).first[1]);
             }
             ASSERT_FALSE(testing::Test::HasFailure()) << "step " << step;
             ASSERT_EQ(ring.InFlight(), held.size());

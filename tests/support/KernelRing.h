@@ -24,6 +24,7 @@ class KernelRing {
     struct Extent {
         size_t offset;
         size_t length;
+        bool operator==(const Extent&) const = default;
     };
     struct Answer {
         uint16_t number = 0;
