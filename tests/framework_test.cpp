@@ -4,7 +4,6 @@
 #include <gmock/gmock.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <fstream>
 
 #include "adapters/framework/CRyError.h"
@@ -15,6 +14,7 @@
 #include "adapters/framework/MOPlatformInfo.h"
 #include "adapters/framework/MoProcess.h"
 #include "adapters/framework/MocHash.h"
+#include "tests/support/TempDirectory.h"
 #include "util/Platform_Util.h"
 
 using testing::HasSubstr;
@@ -102,12 +102,10 @@ TEST(MoProcessTest, ChildGetsNoDescriptorAndNoBlockedSignal) {
 /// Facts that a test sets, put back at its end.
 struct FactsTest : testing::Test {
     PlatformFacts facts;
-    std::string file = testing::TempDir() + "facts." + std::to_string(getpid()) + ".toml";
+    TempDirectory directory;
+    std::string file = directory.path / "facts.toml";
 
-    ~FactsTest() override {
-        std::remove(file.c_str());
-        MOPlatformInfo::setFacts({});
-    }
+    ~FactsTest() override { MOPlatformInfo::setFacts({}); }
     std::string Read(const std::string& text) {
         std::ofstream(file) << text;
         return MOPlatformInfo::readFacts(file, facts);

@@ -1,6 +1,8 @@
 // What the host waits for on the bus, and what it says is lacking.
 
 #include <gmock/gmock.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "adapters/runner/DbusService.h"
 #include "host/BusWait.h"

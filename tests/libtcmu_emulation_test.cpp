@@ -78,24 +78,14 @@ struct EmulationTest : testing::Test {
     }
 
     int Dispatch(uint8_t* cdb, iovec* iov, size_t n, uint8_t* sense) {
-        switch (cdb[0]) {
-            case 0x00:
-                return tcmu_emulate_test_unit_ready(cdb, iov, n, sense);
-            case 0x12:
-                return tcmu_emulate_inquiry(&dev, cdb, iov, n, sense);
-            case 0x15:
-            case 0x55:
-                return tcmu_emulate_mode_select(cdb, iov, n, sense);
-            case 0x1A:
-            case 0x5A:
-                return tcmu_emulate_mode_sense(cdb, iov, n, sense);
-            case 0x1B:
-                return tcmu_emulate_start_stop(&dev, cdb, sense);
-            case 0x25:
-                return tcmu_emulate_read_capacity_10(numLbas, 512, cdb, iov, n, sense);
-            default:
-                return tcmu_emulate_read_capacity_16(numLbas, 512, cdb, iov, n, sense);
-        }
+        const uint8_t code = cdb[0];
+        return code == 0x00                   ? tcmu_emulate_test_unit_ready(cdb, iov, n, sense)
+               : code == 0x12                 ? tcmu_emulate_inquiry(&dev, cdb, iov, n, sense)
+               : code == 0x15 || code == 0x55 ? tcmu_emulate_mode_select(cdb, iov, n, sense)
+               : code == 0x1A || code == 0x5A ? tcmu_emulate_mode_sense(cdb, iov, n, sense)
+               : code == 0x1B                 ? tcmu_emulate_start_stop(&dev, cdb, sense)
+               : code == 0x25 ? tcmu_emulate_read_capacity_10(numLbas, 512, cdb, iov, n, sense)
+                              : tcmu_emulate_read_capacity_16(numLbas, 512, cdb, iov, n, sense);
     }
 };
 
@@ -104,12 +94,8 @@ const std::string kControl = "0A 0A 02 10 00 40 00 00 FF FF 00 00";
 const std::string kExceptions = "1C 0A 08 00 00 00 00 00 00 00 00 00";
 
 TEST_F(EmulationTest, AnswersAreWhatTheStandardsSay) {
-    struct Case {
-        std::string cdb;
-        Bytes answer;
-    };
     const Bytes serial = Text(kSerial);
-    const std::vector<Case> cases = {
+    const std::pair<std::string, Bytes> cases[] = {
         {"00", {}},
         {"12 00 00 10 00", Hex("00 00 06 02 5B 00 00 02") + Text("LIO-ORG TCMU device     1.0 ") +
                                Bytes(22) + Hex("00A0 0460 04C0 0960") + Bytes(30)},
@@ -131,19 +117,17 @@ TEST_F(EmulationTest, AnswersAreWhatTheStandardsSay) {
         {"25", Hex("12345677 00000200")},
         {"9E 10 00000000 00000000 00001000", Hex("00000000 12345677 00000200") + Bytes(20)},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.cdb);
-        EXPECT_EQ(Answer(c.cdb), c.answer);
+    for (const auto& [cdb, answer] : cases) {
+        SCOPED_TRACE(cdb);
+        EXPECT_EQ(Answer(cdb), answer);
         // Whatever the buffers, the same bytes; behind them nothing of what was there before.
         for (const std::vector<size_t>& split :
              {std::vector<size_t>{20, 76, 300}, {1, 0, 1, 3, 400}, {7}, {}}) {
-            const Outcome outcome = Run(Hex(c.cdb), split);
-            Bytes expected = c.answer;
+            const Outcome outcome = Run(Hex(cdb), split);
+            Bytes expected = answer;
             expected.resize(outcome.buffer.size());
-            if (!c.answer.empty()) {
-                EXPECT_EQ(outcome.buffer, expected);
-            }
-            EXPECT_EQ(outcome.consumed, std::min(c.answer.size(), outcome.buffer.size()));
+            EXPECT_TRUE(answer.empty() || outcome.buffer == expected);
+            EXPECT_EQ(outcome.consumed, std::min(answer.size(), outcome.buffer.size()));
         }
     }
 }
@@ -204,11 +188,8 @@ TEST_F(EmulationTest, WhatIsNotSupportedIsRefusedAndModesCannotBeChanged) {
         const Bytes list = Hex(c.list);
         const size_t first = std::min<size_t>(list.size(), 3);
         const Outcome outcome = Run(Hex(c.cdb), {first, list.size() - first}, list);
-        EXPECT_EQ(outcome.status != 0, c.ascAscq != 0);
-        if (c.ascAscq != 0) {
-            EXPECT_EQ(outcome.key, 5);
-            EXPECT_EQ(outcome.ascAscq, c.ascAscq);
-        }
+        EXPECT_EQ(outcome.status, c.ascAscq == 0 ? 0 : TCMU_STATUS_CHECK_CONDITION);
+        EXPECT_TRUE(c.ascAscq == 0 || (outcome.key == 5 && outcome.ascAscq == c.ascAscq));
         EXPECT_EQ(outcome.buffer, list);
         EXPECT_EQ(outcome.consumed, 0U);
     }
