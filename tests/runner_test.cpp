@@ -129,7 +129,6 @@ TEST_F(RunnerTest, RemovalWaitsForTheHostAndOthersGoOn) {
         ExpectEventually([&] { return api.answered == count; });
     };
     host.hold = true;
-    host.yields = false;
     const uint32_t ticket = device.Submit(Read10(3), {{0, 512}});
     ExpectEventually([&] { return host.given == 1; });
     api.Remove(device);

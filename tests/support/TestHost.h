@@ -15,16 +15,14 @@
 struct MoScsiSrvLIOTest {
     static void AddLun(const std::string& cfgString, MoScsiBStorOps* ops) {
         MoScsiSrvLIO& platform = *MoScsiSrvLIO::Instance();
-        platform.m_tcmuDevMapMutex.lock();
+        const MutexGuard guard(platform.m_tcmuDevMapMutex);
         MoScsiSrvLun& lun = platform.m_tcmuDevMap[cfgString].first;
         lun.bstoreOps = ops;
         lun.bstoreCtx = ops;
-        platform.m_tcmuDevMapMutex.unlock();
     }
 };
 
-/// A host that serves one LUN from memory, on threads of its own. It can hold what it was given,
-/// and gives it back on Abort if it is told to.
+/// A host that serves one LUN from memory, on threads of its own. It can hold what it was given.
 class TestHost : public MoScsiBStorOps {
   public:
     explicit TestHost(const std::string& cfgString, int threads = 2) : data(1 << 20) {
@@ -41,7 +39,6 @@ class TestHost : public MoScsiBStorOps {
 
     std::vector<uint8_t> data;
     std::atomic<bool> hold{false};
-    std::atomic<bool> yields{true};  // gives held contexts back on Abort
     std::atomic<int> given{0};
     std::atomic<int> aborts{0};
 
@@ -60,12 +57,12 @@ class TestHost : public MoScsiBStorOps {
     }
     CRyError Abort(void* /*ctx*/, MoScsiSrvIO* /*io*/) override {
         ++aborts;
-        if (yields)
-            Release();
         return CRyError::Success();
     }
 
   private:
+    using Transfer = std::pair<MoScsiSrvIO*, bool>;  // is it a READ
+
     CRyError Take(MoScsiSrvIO* io, bool read) {
         const MutexGuard guard(m_mutex);
         m_queue.emplace_back(io, read);
@@ -76,17 +73,15 @@ class TestHost : public MoScsiBStorOps {
 
     void Serve() {
         for (;;) {
-            std::pair<MoScsiSrvIO*, bool> transfer;
-            {
-                const MutexGuard guard(m_mutex);
-                while (!m_end && (hold || m_queue.empty()))
-                    m_changed.wait(m_mutex);
-                if (m_queue.empty())
-                    return;
-                transfer = m_queue.front();
+            m_mutex.lock();
+            while (!m_end && (hold || m_queue.empty()))
+                m_changed.wait(m_mutex);
+            const auto [io, read] = m_queue.empty() ? Transfer() : m_queue.front();
+            if (io != nullptr)
                 m_queue.pop_front();
-            }
-            const auto [io, read] = transfer;
+            m_mutex.unlock();
+            if (io == nullptr)
+                return;
             uint8_t* place = data.data() + io->offset;
             for (int64_t i = 0; i < io->iovcnt; ++i) {
                 void* const bytes = io->iov[i].iov_base;
@@ -99,7 +94,7 @@ class TestHost : public MoScsiBStorOps {
 
     Mutex m_mutex;
     std::condition_variable_any m_changed;
-    std::deque<std::pair<MoScsiSrvIO*, bool>> m_queue;
+    std::deque<Transfer> m_queue;
     std::atomic<bool> m_end = false;
     std::vector<std::thread> m_threads;
 };
