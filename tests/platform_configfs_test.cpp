@@ -10,32 +10,31 @@
 
 using testing::ElementsAre;
 using testing::ElementsAreArray;
-using testing::IsEmpty;
 
 struct PlatformConfigFSTest : MoScsiSrvLIOTest {
     MoScsiSrvLun lun = Lun(BSTOR_USER);
-    const std::string root = dir.path + "/";
+    const std::string root = dir + "/";
     const std::string hba = root + "core/user_3745270535";  // of iqn.Ab and /Path
     const std::string store = hba + "/" + Name(lun) + "/";
     const std::string guid = Guid("iqn.Ab/Path");
     const std::string lunDir = LunDir(3);
     const std::string link = lunDir + guid;
     const Strings create = {
-        "mkdir -p " + store,
-        "echo -n dev_size=8589934592 > " + store + "control",
-        "echo Ser-" + guid + " > " + store + "wwn/vpd_unit_serial",
-        "echo -n dev_config=MoScsiSrvTcmu/" + guid + " > " + store + "control",
-        "echo -n 1 > " + store + "enable",
-        "mkdir -p " + lunDir,
-        "ln -s " + store + " " + link,
+        "$ mkdir -p " + store,
+        "$ echo -n dev_size=8589934592 > " + store + "control",
+        "$ echo Ser-" + guid + " > " + store + "wwn/vpd_unit_serial",
+        "$ echo -n dev_config=MoScsiSrvTcmu/" + guid + " > " + store + "control",
+        "$ echo -n 1 > " + store + "enable",
+        "$ mkdir -p " + lunDir,
+        "$ ln -s " + store + " " + link,
     };
-    const Strings remove = {"rm -f " + link, "rmdir " + lunDir, "rmdir " + store, "rmdir " + hba};
-    const std::string undoError = "DeleteLun_BStorUser_ConfigF error iqn.Ab 3\n";
+    const Strings remove = {"$ rm -f " + link, "$ rmdir " + lunDir, "$ rmdir " + store,
+                            "$ rmdir " + hba};
 
     PlatformConfigFSTest() {
         Version() = kOld;
         // The kernel makes a storage object's attributes, and takes them away with it.
-        os_seams::beforeSystem = [this](const std::string& command) {
+        g_os.beforeSystem = [this](const std::string& command) {
             if (command.starts_with("echo -n dev_size"))
                 std::filesystem::create_directory(store + "wwn");
             if (command == "rmdir " + store)
@@ -46,77 +45,66 @@ struct PlatformConfigFSTest : MoScsiSrvLIOTest {
     std::string LunDir(int number) const {
         return root + "iscsi/iqn.Ab/tpgt_1/lun/lun_" + std::to_string(number) + "/";
     }
-    static std::string Content(const std::string& file) {
-        std::ifstream stream(file);
-        return {std::istreambuf_iterator<char>(stream), {}};
-    }
-    static Strings Ran(Strings commands, size_t count) {
-        commands.resize(std::min(count, commands.size()));
-        for (std::string& command : commands)
-            command.insert(0, "$ ");
+    static Strings First(Strings commands, size_t count) {
+        commands.resize(count);
         return commands;
-    }
-    static void Append(Strings& to, const Strings& more) {
-        to.insert(to.end(), more.begin(), more.end());
     }
 };
 
-TEST_F(PlatformConfigFSTest, CreateWritesTheTreeAndDeleteTakesItAway) {
-    const std::string confirm =
-        "[0] Target iqn.Ab Lun 3 SerialNum Ser-" + guid + " Path /Path BStorType 3";
-    journal.Reset(5);
+TEST_F(PlatformConfigFSTest, CreateRunsItsStepsOnceAndDeleteTakesTheTreeAway) {
+    const std::string end = " Path /Path BStorType 3";
     ASSERT_FALSE(Platform().CreateLun(&lun).IsError());
     Strings expected{"+cfg", "[1] creating tcmu backstore " + store};
-    Append(expected, Ran(create, 7));
-    Append(expected, {"-cfg", "+map", "-map", confirm});
+    Append(expected, create);
+    Append(expected,
+           {"-cfg", "+map", "-map", "[0] Target iqn.Ab Lun 3 SerialNum Ser-" + guid + end});
     EXPECT_THAT(journal.Events(), ElementsAreArray(expected));
-    EXPECT_EQ(Content(store + "control"), "dev_config=MoScsiSrvTcmu/" + guid);
-    EXPECT_EQ(Content(store + "wwn/vpd_unit_serial"), "Ser-" + guid + "\n");
-    EXPECT_EQ(Content(store + "enable"), "1");
     EXPECT_EQ(std::filesystem::read_symlink(link), store);
     EXPECT_NE(Entry(CfgString(lun)), nullptr);
 
     // Once more: nothing runs, the registry's record is the new one.
     lun.serialNum = "again";
-    journal.Reset(1);
+    journal.Reset(5);
     ASSERT_FALSE(Platform().CreateLun(&lun).IsError());
-    EXPECT_THAT(journal.Texts(1), ElementsAre("lun iqn.Ab[3] already exists " + link));
-    EXPECT_THAT(Commands(), IsEmpty());
+    EXPECT_THAT(journal.Events(),
+                ElementsAre("+cfg", "[1] lun iqn.Ab[3] already exists " + link, "-cfg", "+map",
+                            "-map", "[0] Target iqn.Ab Lun 3 SerialNum again-" + guid + end));
     EXPECT_EQ(Entry(CfgString(lun))->first.serialNum, "again-" + guid);
 
     journal.Reset(-1);
     ASSERT_FALSE(Platform().DeleteLun(&lun).IsError());
     expected = {"+map", "-map", "+cfg"};
-    Append(expected, Ran(remove, 4));
+    Append(expected, remove);
     Append(expected, {"-cfg", "+map", "-map"});
     EXPECT_THAT(journal.Events(), ElementsAreArray(expected));
-    EXPECT_FALSE(std::filesystem::exists(hba));
-    EXPECT_FALSE(std::filesystem::exists(lunDir));
-    EXPECT_EQ(Entries(), 0U);
+    EXPECT_FALSE(std::filesystem::exists(hba) || std::filesystem::exists(lunDir));
+    EXPECT_EQ(Registry().size(), 0U);
 }
 
 TEST_F(PlatformConfigFSTest, FailedStepIsUndoneAsFarAsTheUndoGets) {
     for (size_t step = 1; step <= create.size(); ++step) {
-        SCOPED_TRACE(create[step - 1]);
+        const std::string failing = create[step - 1].substr(2);
+        SCOPED_TRACE(failing);
         lun.serialNum = "Ser";
         journal.Reset(-1);
-        os_seams::FailAt(os_seams::kSystem, static_cast<int>(step), 0);
+        g_os.fail[OsSeams::kSystem] = {static_cast<int>(step), 0};
         const CRyError error = Platform().CreateLun(&lun);
-        EXPECT_EQ(error.Message(), "cmd: " + create[step - 1] + " failed");
+        ExpectError(error, 774, "cmd: " + failing + " failed");
         Strings expected{"+cfg"};
-        Append(expected, Ran(create, step));
+        Append(expected, First(create, step));
         Append(expected, {"[-1] " + error.Message(),
                           "[-1] CreateLun_BStorUser_ConfigFS error iqn.Ab 3\n", "-cfg", "+cfg"});
         // The undo stops where something was never made: the LUN's directory comes sixth.
         const bool whole = step == create.size();
-        Append(expected, Ran(remove, whole ? 4 : 2));
+        Append(expected, First(remove, whole ? 4 : 2));
         if (!whole)
-            Append(expected, {"[-1] cmd: " + remove[1] + " failed", "[-1] " + undoError});
+            Append(expected, {"[-1] cmd: " + remove[1].substr(2) + " failed",
+                              "[-1] DeleteLun_BStorUser_ConfigF error iqn.Ab 3\n"});
         expected.emplace_back("-cfg");
         EXPECT_THAT(journal.Events(), ElementsAreArray(expected));
         EXPECT_EQ(std::filesystem::exists(hba), step > 1 && !whole);
         EXPECT_FALSE(std::filesystem::exists(lunDir));
-        EXPECT_EQ(Entries(), 0U);
+        EXPECT_EQ(Registry().size(), 0U);
         std::filesystem::remove_all(hba);
     }
 }
@@ -132,45 +120,35 @@ TEST_F(PlatformConfigFSTest, BackstoreInUseAndPlacesThatCannotBeLookedAtAreError
                 {link, EACCES, EACCES, "stat " + link + " error " + code},
                 {store, EACCES, EACCES, "stat " + store + " " + code + " error"}};
     for (const auto& row : rows) {
-        os_seams::onStat = [&row](const std::string& asked, mode_t&) {
+        g_os.onStat = [&row](const std::string& asked, mode_t&) {
             return asked == row.path ? row.error : -1;
         };
         journal.Reset(5);
-        const CRyError error = Platform().CreateLun(&lun);
-        EXPECT_EQ(error.Number(), row.number);
-        EXPECT_EQ(error.Message(), row.message);
+        ExpectError(Platform().CreateLun(&lun), row.number, row.message);
         EXPECT_THAT(journal.Events(), ElementsAre("+cfg", "[-1] " + row.message, "-cfg"));
-        EXPECT_EQ(Entries(), 0U);
+        EXPECT_EQ(Registry().size(), 0U);
     }
 }
 
 TEST_F(PlatformConfigFSTest, AutomaticNumberIsTheLowestThatIsSurelyFreeUpTo65534) {
-    for (const int taken : {0, 1})
-        std::filesystem::create_directories(LunDir(taken));
-    os_seams::onStat = [this](const std::string& path, mode_t&) {
-        return path == LunDir(2) ? EACCES : -1;
+    int free = 0;
+    g_os.onStat = [&](const std::string& path, mode_t&) {
+        return path == LunDir(free) ? ENOENT : path == LunDir(2) ? EACCES : 0;
     };
-    lun.lunNum = 0xFFFFFFFF;
-    ASSERT_FALSE(Platform().CreateLun(&lun).IsError());
-    EXPECT_EQ(lun.lunNum, 3U);
-    EXPECT_EQ(journal.Texts(1).at(0), "NextAvailableLunNum 3\n");
-    EXPECT_TRUE(std::filesystem::exists(link));
-
-    int first = 65534;
-    os_seams::onStat = [&](const std::string& path, mode_t&) {
-        return path == LunDir(first) ? ENOENT : 0;
-    };
-    lun.lunNum = 0xFFFFFFFF;
-    EXPECT_FALSE(Platform().CreateLun(&lun).IsError());  // the link "exists": that is all
-    EXPECT_EQ(lun.lunNum, 65534U);
-
-    first = 65535;
+    for (const uint32_t number : {3U, 65534U}) {
+        free = static_cast<int>(number);
+        lun.lunNum = 0xFFFFFFFF;
+        journal.Reset(5);
+        ASSERT_FALSE(Platform().CreateLun(&lun).IsError());  // its link "exists": that is all
+        EXPECT_EQ(lun.lunNum, number);
+        EXPECT_THAT(journal.Events()[1],
+                    "[1] NextAvailableLunNum " + std::to_string(number) + "\n");
+    }
+    free = 65535;
     lun.lunNum = 0xFFFFFFFF;
     lun.serialNum = "Ser";
     journal.Reset(5);
-    const CRyError error = Platform().CreateLun(&lun);
-    EXPECT_EQ(error.Number(), 22);
-    EXPECT_EQ(error.Message(), "No lun number available");
+    ExpectError(Platform().CreateLun(&lun), 22, "No lun number available");
     EXPECT_THAT(journal.Events(), ElementsAre("+cfg", "-cfg", "[-1] No lun number available"));
     EXPECT_EQ(lun.lunNum, 0xFFFFFFFFU);
     EXPECT_EQ(lun.serialNum, "Ser");

@@ -1,11 +1,11 @@
 // The life of a TCMU device's handler: open, its failures, close.
 
-#include <thread>
+#include <list>
 
 #include "tests/support/TcmuDevFixture.h"
 
 using testing::ElementsAre;
-using testing::IsEmpty;
+using testing::ElementsAreArray;
 
 namespace {
 
@@ -16,135 +16,133 @@ TEST_F(TcmuDevLifeTest, OpenLearnsTheGeometryAndRegisters) {
     lib.size = 10000;
     MoScsiSrvTcmuDev dev(&lib);
     EXPECT_EQ(dev.TcmuDevCfgString(), "");
+    journal.Reset(1);
     ASSERT_EQ(dev.TcmuDevOpen(), 0);
     EXPECT_EQ(lib.blockSize, 4096U);
     EXPECT_EQ(lib.numLbas, 2U) << "the remainder is dropped";
     EXPECT_EQ(lib.priv, &dev);
     EXPECT_EQ(dev.TcmuDevCfgString(), lib.cfgString);
-    EXPECT_EQ(MoScsiSrvLIOTest::Device(lib.cfgString), &dev);
-    EXPECT_THAT(log.Texts(0),
-                ElementsAre(Format("open success %s %p", lib.cfgString.c_str(), &dev)));
-    EXPECT_THAT(Errors(), IsEmpty());
-    EXPECT_EQ(dev.GetStats().opens, 1U);
-    EXPECT_EQ(dev.GetStats().openErrors, 0U);
+    EXPECT_EQ(Entry(lib.cfgString)->second, &dev);
+    EXPECT_THAT(
+        journal.Events(),
+        ElementsAre("+map", "-map", "[0] open success " + lib.cfgString + " " + Pointer(&dev)));
+    EXPECT_EQ(Counters(dev), "opens:1 ");
 }
 
 TEST_F(TcmuDevLifeTest, FailedOpenLeavesTheObjectClosed) {
+    tcmu_device same;
+    MoScsiSrvTcmuDev first(&same);
     const struct {
         int block;
         int64_t size;
-        const char* message;
+        std::string message;
     } rows[] = {{-22, 4096, "Could not get device block size\n"},
                 {0, 4096, "Could not get device block size\n"},
-                {512, -22, "Could not get device size\n"}};
+                {512, -22, "Could not get device size\n"},
+                {512, 4096, "RegisterTcmuDev error"}};  // after what the registry says
     for (const auto& row : rows) {
+        SCOPED_TRACE(row.message);
         lib.hwBlockSize = row.block;
         lib.size = row.size;
         auto dev = std::make_unique<MoScsiSrvTcmuDev>(&lib);
-        log.Reset(1);
-        EXPECT_EQ(dev->TcmuDevOpen(), -22) << row.message;
-        EXPECT_THAT(Errors(), ElementsAre(row.message, "open error " + lib.cfgString));
-        EXPECT_EQ(dev->GetStats().opens, 1U);
-        EXPECT_EQ(dev->GetStats().openErrors, 1U);
+        Strings expected{"[-1] " + row.message, "[-1] open error " + lib.cfgString};
+        if (row.message.starts_with("Reg")) {
+            ASSERT_EQ(first.TcmuDevOpen(), 0);
+            expected.insert(expected.begin(),
+                            {"+map",
+                             "[-1] tcmudev " + lib.cfgString + " is already registered " +
+                                 Pointer(&first) + " " + Pointer(dev.get()),
+                             "-map"});
+        }
+        Append(expected, {"[-1] device not initialized", "[-1] tcmu dev close error, null m_dev",
+                          "[-1] ioerr: dev not initialized " + Pointer(dev.get())});
+        journal.Reset(1);
+        EXPECT_EQ(dev->TcmuDevOpen(), -22);
+        EXPECT_EQ(Counters(*dev, true), "opens:1 openErrors:1 ");
         EXPECT_EQ(dev->TcmuDevCfgString(), "");
         EXPECT_EQ(lib.priv, dev.get()) << "left on the library's device";
-        EXPECT_EQ(MoScsiSrvLIOTest::Device(lib.cfgString), nullptr);
 
-        log.Reset(1);
         EXPECT_EQ(dev->TcmuDevOpen(), -22);
         dev->TcmuDevClose();
         TestCommand command({0x00});
         EXPECT_EQ(dev->TcmuDevCmdHandler(&command), -1);
-        EXPECT_THAT(Errors(),
-                    ElementsAre("device not initialized", "tcmu dev close error, null m_dev",
-                                Format("ioerr: dev not initialized %p", dev.get())));
-        EXPECT_EQ(dev->GetStats().closeErrors, 1U);
-        EXPECT_EQ(dev->GetStats().closes, 0U);
-        EXPECT_EQ(dev->GetStats().openErrors, 1U);
-        EXPECT_EQ(Counter(*dev, 0), 0U) << "nothing is counted without a device";
-        log.Reset(1);
-        dev.reset();
-        EXPECT_THAT(log.Lines(), IsEmpty()) << "closed twice";
+        EXPECT_EQ(Counters(*dev, true), "opens:2 openErrors:1 closeErrors:1 ");
+        dev.reset();  // is not closed again
+        EXPECT_THAT(journal.Events(), ElementsAreArray(expected));
     }
+    EXPECT_THAT(journal.Functions()[0], "bool MoScsiSrvLIO::RegisterTcmuDev(MoScsiSrvTcmuDev*)");
+    EXPECT_EQ(Entry(lib.cfgString)->second, &first);
 }
 
 TEST_F(TcmuDevLifeTest, DeviceWithoutANameKeepsItsDeviceAndIsClosedInTheEnd) {
     lib.cfgString.clear();
     auto dev = std::make_unique<MoScsiSrvTcmuDev>(&lib);
-    log.Reset(1);
+    journal.Reset(1);
     EXPECT_EQ(dev->TcmuDevOpen(), -22);
-    EXPECT_THAT(Errors(), ElementsAre("no configuration found in cfgstring"));
-    EXPECT_EQ(dev->GetStats().openErrors, 0U);
+    EXPECT_EQ(Counters(*dev), "opens:1 ");
     EXPECT_EQ(lib.priv, nullptr);
-    const std::string closed = Format("close success %s %p", "", dev.get());
+    const std::string closed = "[0] close success  " + Pointer(dev.get());
     dev.reset();
-    EXPECT_THAT(log.Texts(1), testing::Contains("UnRegisterTcmuDev error "));
-    EXPECT_THAT(log.Texts(0), ElementsAre(closed));
+    EXPECT_THAT(journal.Events(), ElementsAre("[-1] no configuration found in cfgstring", "+map",
+                                              "-map", "[1] UnRegisterTcmuDev error ", closed));
 }
 
 TEST_F(TcmuDevLifeTest, CloseAbortsWhatIsPendingAndPollsUntilTheHostHasGivenItBack) {
     auto dev = Open();
     TestCommand commands[] = {TestCommand({0x28, 0, 0, 0, 0, 0, 0, 0, 1}),
-                              TestCommand({0x2A, 0, 0, 0, 0, 0, 0, 0, 1}),
-                              TestCommand({0x28, 0, 0, 0, 0, 1, 0, 0, 1})};
-    std::vector<std::string> aborts;
-    for (TestCommand& command : commands) {
+                              TestCommand({0x2A, 0, 0, 0, 0, 0, 0, 0, 1})};
+    for (TestCommand& command : commands)
         EXPECT_EQ(dev->TcmuDevCmdHandler(&command), -2);
-        aborts.push_back(Format("aborting cmd %p %p", host.held.back(), &command));
-    }
+    Strings expected{"+dev"};  // the host is asked under the lock, in any order
     std::vector<MoScsiSrvIO*> aborted;
     host.onAbort = [&](MoScsiSrvIO* ioctx) {
+        Append(expected, {"[1] aborting cmd " + Pointer(ioctx) + " " +
+                              Pointer(&commands[ioctx == host.held[0] ? 0 : 1]),
+                          "Abort"});
         aborted.push_back(ioctx);
-        EXPECT_FALSE(MutexIsFree(*dev));
     };
-    std::vector<MoScsiSrvIO*> held = host.held;
-    int polls = 0;
-    TheSleepHook().instead = [&] {  // the host gives back nothing at the first poll, then one each
-        EXPECT_EQ(MoScsiSrvLIOTest::Device(lib.cfgString), dev.get()) << "unregistered too early";
-        if (++polls == 1)
-            return;
-        std::thread([&] { platform->IODone(held.back(), 512); }).join();
-        held.pop_back();
+    size_t polls = 0;
+    g_os.onSleep = [&] {  // the host gives back nothing at the first poll, then one each
+        EXPECT_EQ(Entry(lib.cfgString)->second, dev.get()) << "unregistered too early";
+        if (polls++ != 0)
+            Platform().IODone(host.held.at(polls - 2), 512);
     };
-    const void* address = dev.get();
+    journal.Reset(1);
     dev->TcmuDevClose();
-
     EXPECT_THAT(aborted, testing::UnorderedElementsAreArray(host.held));
-    EXPECT_EQ(host.ops, "rwraaa");
-    std::vector<std::string> lines = log.Texts(1);
-    std::erase_if(lines, [](const std::string& line) { return line.starts_with("Instance"); });
-    std::vector<std::string> expected = aborts;
-    expected.insert(expected.end(),
-                    {"pending i/os 3", "pending i/os 3", "pending i/os 2", "pending i/os 1"});
-    EXPECT_THAT(lines, testing::UnorderedElementsAreArray(expected));
-    EXPECT_THAT(TheSleepHook().seconds, ElementsAre(2, 2, 2, 2));
-    EXPECT_THAT(log.Texts(0),
-                ElementsAre(Format("close success %s %p", lib.cfgString.c_str(), address)));
-    EXPECT_EQ(dev->GetStats().closes, 1U);
-    EXPECT_EQ(dev->GetStats().abortedAtClose, 3U);
-    EXPECT_EQ(dev->GetStats().waitsAtClose, 4U);
-    EXPECT_EQ(Completions(), 3U);
+    Append(expected, {"-dev", "[1] pending i/os 2", "sleep 2.0", "+dev", "-dev"});
+    for (const char* pending : {"2", "1"})
+        Append(expected, {std::string("[1] pending i/os ") + pending, "sleep 2.0", "+dev",
+                          "done 0/000000", "doorbell", "-dev", "+dev", "-dev"});
+    Append(expected,
+           {"+map", "-map", "[0] close success " + lib.cfgString + " " + Pointer(dev.get()), "+dev",
+            "-dev"});
+    EXPECT_THAT(journal.Events(), ElementsAreArray(expected));
+    EXPECT_EQ(Counters(*dev), "opens:1 closes:1 aborted:2 waits:3 iosDone:2 ");
     EXPECT_EQ(Lent(), 0U);
     EXPECT_EQ(dev->TcmuDevCfgString(), "");
-    EXPECT_FALSE(KnowsItsLun(*dev));
-
-    // The entry stays, without a device, and the next open takes it.
-    bool found = false;
-    EXPECT_EQ(MoScsiSrvLIOTest::Device(lib.cfgString, &found), nullptr);
-    EXPECT_TRUE(found);
-    MoScsiSrvTcmuDev next(&lib);
-    EXPECT_EQ(next.TcmuDevOpen(), 0);
+    EXPECT_EQ(BStoreInfo(*dev).first, nullptr);
+    EXPECT_EQ(Entry(lib.cfgString)->second, nullptr) << "the entry stays, without a device";
 }
 
-TEST_F(TcmuDevLifeTest, CloseOfADeviceThatNeverLearntItsOperationsCallsNobody) {
+TEST_F(TcmuDevLifeTest, TransferBeforeTheLunIsKnownStaysPendingAndItsAbortCallsNobody) {
     auto dev = Open(false);
-    TestCommand command({0x28, 0, 0, 0, 0, 0, 0, 0, 1});
-    EXPECT_EQ(dev->TcmuDevCmdHandler(&command), TCMU_STATUS_CHECK_CONDITION);
-    TheSleepHook().instead = [&] { dev->TcmuDevIODone(PendingContexts(*dev).at(0), 512); };
+    const std::pair<MoScsiBStorOps*, void*> known[] = {
+        {&host, nullptr}, {nullptr, &host.held}, {nullptr, nullptr}};
+    std::list<TestCommand> commands;
+    for (const auto& info : known) {
+        BStoreInfo(*dev) = info;
+        TestCommand& command = commands.emplace_back(Cdb{0x2A, 0, 0, 0, 0, 9, 0, 0, 1});
+        EXPECT_EQ(dev->TcmuDevCmdHandler(&command), 2);
+        EXPECT_EQ(SenseOf(command), 0x020401U);
+    }
+    EXPECT_EQ(dev->Pending(), 3U);
+    EXPECT_EQ(Lent(), 3U);
+    g_os.onSleep = [&] { dev->TcmuDevIODone(Pending(*dev).at(0), 512); };
     dev->TcmuDevClose();
-    EXPECT_EQ(host.ops, "");
-    EXPECT_EQ(dev->GetStats().abortedAtClose, 1U);
-    EXPECT_EQ(dev->GetStats().waitsAtClose, 1U);
+    EXPECT_EQ(Counters(*dev), "opens:1 closes:1 aborted:3 waits:3 iosDone:3 ");
+    EXPECT_THAT(journal.Events(), testing::Not(testing::Contains("Abort")));
+    EXPECT_EQ(Errors(), Strings());
 }
 
 }  // namespace

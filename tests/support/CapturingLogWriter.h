@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -19,12 +20,6 @@
 /// Thread: any.
 class CapturingLogWriter : public CLogWriterInterface {
   public:
-    struct Line {
-        int level;
-        std::string function;
-        std::string text;
-    };
-
     /// The process's writer, put in place of the framework's own at the first call.
     static CapturingLogWriter& Installed() {
         static const std::shared_ptr<CapturingLogWriter> writer = [] {
@@ -35,56 +30,61 @@ class CapturingLogWriter : public CLogWriterInterface {
         return *writer;
     }
 
-    /// Forgets what was logged; messages and traces above `level` are left out from now on.
-    void Reset(int level) {
+    /// Forgets what was kept; messages and traces above `level` are left out from now on, and what
+    /// seams note unless `notes`.
+    void Reset(int level, bool notes = true) {
         MutexGuard guard(m_mutex);
         m_lines.clear();
-        m_events.clear();
         m_level = level;
+        m_notes = notes;
     }
 
-    /// Reports "+name" and "-name" when `mutex` is locked and unlocked (OsSeams.cpp does it); null
-    /// ends all watching. One thread at a time calls it; others may be locking meanwhile.
-    void Watch(const Mutex* mutex, const char* name) {
-        if (mutex == nullptr) {
-            m_watchedCount = 0;
-        } else {
-            m_watched.at(m_watchedCount) = {mutex, name};
-            ++m_watchedCount;
-        }
+    /// Notes "+name" and "-name" when `mutex` is locked and unlocked (OsSeams.cpp does it), and no
+    /// other one under that name; null ends it. `name` is one of kWatched.
+    static constexpr std::array<const char*, 4> kWatched = {"cfg", "map", "dev", "instance"};
+    void Watch(std::string_view name, const void* mutex) {
+        for (size_t i = 0; i < kWatched.size(); ++i)
+            if (name == kWatched[i])
+                m_watched[i] = mutex;
     }
-    /// The name that `mutex` is watched under, or null.
-    const char* Watched(const void* mutex) const {
-        for (size_t i = 0; i < m_watchedCount; ++i) {
-            if (m_watched[i].first == mutex)
-                return m_watched[i].second;
-        }
-        return nullptr;
+    void NoteIfWatched(char sign, const void* mutex) {
+        for (size_t i = 0; i < kWatched.size(); ++i)
+            if (m_watched[i] == mutex)
+                Note(std::string(1, sign) + kWatched[i]);
     }
 
-    void Note(std::string event) {
-        MutexGuard guard(m_mutex);
-        m_events.push_back(std::move(event));
+    void Note(std::string text) {
+        if (m_notes)
+            Keep({kNote, "", std::move(text)});
     }
+
     /// Everything in order; messages as "[level] text".
     std::vector<std::string> Events() const {
         MutexGuard guard(m_mutex);
-        return m_events;
+        std::vector<std::string> events;
+        for (const Line& line : m_lines)
+            events.push_back(line.level == kNote
+                                 ? line.text
+                                 : "[" + std::to_string(line.level) + "] " + line.text);
+        return events;
     }
-
-    std::vector<Line> Lines() const {
-        MutexGuard guard(m_mutex);
-        return m_lines;
-    }
-
     /// The texts of exactly this level, in order.
     std::vector<std::string> Texts(int level) const {
+        MutexGuard guard(m_mutex);
         std::vector<std::string> texts;
-        for (const Line& line : Lines()) {
+        for (const Line& line : m_lines)
             if (line.level == level)
                 texts.push_back(line.text);
-        }
         return texts;
+    }
+    /// The signatures that the messages carry, in order.
+    std::vector<std::string> Functions() const {
+        MutexGuard guard(m_mutex);
+        std::vector<std::string> functions;
+        for (const Line& line : m_lines)
+            if (line.level != kNote)
+                functions.push_back(line.function);
+        return functions;
     }
 
     __attribute__((format(printf, 7, 8))) void WriteMessage(int level, const char* function,
@@ -96,17 +96,25 @@ class CapturingLogWriter : public CLogWriterInterface {
         va_start(args, format);
         vsnprintf(text, sizeof text, format, args);
         va_end(args);
-        MutexGuard guard(m_mutex);
-        m_lines.push_back({level, function, text});
-        m_events.push_back("[" + std::to_string(level) + "] " + text);
+        Keep({level, function, text});
     }
     int GetDebugLevel() override { return m_level; }
 
   private:
+    static constexpr int kNote = 99;
+    struct Line {
+        int level;
+        std::string function;
+        std::string text;
+    };
+    void Keep(Line line) {
+        MutexGuard guard(m_mutex);
+        m_lines.push_back(std::move(line));
+    }
+
     std::atomic<int> m_level{-1};
+    std::atomic<bool> m_notes{true};
     mutable Mutex m_mutex;
     std::vector<Line> m_lines MO_GUARDED_BY(m_mutex);
-    std::vector<std::string> m_events MO_GUARDED_BY(m_mutex);
-    std::array<std::pair<const void*, const char*>, 4> m_watched{};
-    std::atomic<size_t> m_watchedCount{0};
+    std::array<std::atomic<const void*>, kWatched.size()> m_watched{};
 };

@@ -1,33 +1,29 @@
 #include "tests/support/FakeLibtcmu.h"
 
 #include <algorithm>
-#include <string_view>
+#include <cstdio>
 
-FakeEmulation& TheFakeEmulation() {
-    static FakeEmulation emulation;
-    return emulation;
-}
-
-uint32_t FakeSense(const uint8_t* sense) {
-    return static_cast<uint32_t>(sense[2] << 16 | sense[12] << 8 | sense[13]);
-}
+#include "tests/support/CapturingLogWriter.h"
 
 namespace {
 
 /// As the real ones do: fills all buffers and consumes the entries while it goes.
-int Emulate(std::string call, iovec* iov, size_t iovCnt, uint8_t* sense) {
-    FakeEmulation& emulation = TheFakeEmulation();
-    emulation.calls.push_back(std::move(call));
-    if (emulation.device->emulationStatus != 0) {
+int Emulate(const std::string& call, iovec* iov, size_t iovCnt, uint8_t* sense) {
+    CapturingLogWriter::Installed().Note(call);
+    if (g_emulation.status != 0) {
         tcmu_set_sense_data(sense, 7, 0x1234);
-        return emulation.device->emulationStatus;
+        return g_emulation.status;
     }
     for (; iovCnt > 0; ++iov, --iovCnt) {
-        std::fill_n(static_cast<uint8_t*>(iov->iov_base), iov->iov_len, emulation.device->fill);
+        std::fill_n(static_cast<uint8_t*>(iov->iov_base), iov->iov_len, g_emulation.fill);
         iov->iov_base = static_cast<char*>(iov->iov_base) + iov->iov_len;
         iov->iov_len = 0;
     }
     return 0;
+}
+
+std::string Capacity(const char* call, uint64_t numLbas, uint32_t blockSize) {
+    return call + std::to_string(numLbas) + " " + std::to_string(blockSize);
 }
 
 }  // namespace
@@ -36,7 +32,7 @@ const char* tcmu_get_dev_cfgstring(tcmu_device* dev) {
     return dev->cfgString.c_str();
 }
 int tcmu_get_attribute(tcmu_device* dev, const char* name) {
-    return std::string_view(name) == "hw_block_size" ? dev->hwBlockSize : -2;
+    return name == std::string("hw_block_size") ? dev->hwBlockSize : -2;
 }
 int64_t tcmu_get_device_size(tcmu_device* dev) {
     return dev->size;
@@ -56,9 +52,6 @@ void tcmu_set_dev_num_lbas(tcmu_device* dev, uint64_t blocks) {
 void tcmu_set_dev_private(tcmu_device* dev, void* priv) {
     dev->priv = priv;
 }
-void* tcmu_get_dev_private(tcmu_device* dev) {
-    return dev->priv;
-}
 
 int tcmu_emulate_test_unit_ready(uint8_t*, iovec* iov, size_t iovCnt, uint8_t* sense) {
     return Emulate("test_unit_ready", iov, iovCnt, sense);
@@ -77,19 +70,19 @@ int tcmu_emulate_start_stop(tcmu_device*, uint8_t*, uint8_t* sense) {
 }
 int tcmu_emulate_read_capacity_10(uint64_t numLbas, uint32_t blockSize, uint8_t*, iovec* iov,
                                   size_t iovCnt, uint8_t* sense) {
-    return Emulate("read_capacity_10 " + std::to_string(numLbas) + " " + std::to_string(blockSize),
-                   iov, iovCnt, sense);
+    return Emulate(Capacity("read_capacity_10 ", numLbas, blockSize), iov, iovCnt, sense);
 }
 int tcmu_emulate_read_capacity_16(uint64_t numLbas, uint32_t blockSize, uint8_t*, iovec* iov,
                                   size_t iovCnt, uint8_t* sense) {
-    return Emulate("read_capacity_16 " + std::to_string(numLbas) + " " + std::to_string(blockSize),
-                   iov, iovCnt, sense);
+    return Emulate(Capacity("read_capacity_16 ", numLbas, blockSize), iov, iovCnt, sense);
 }
 
 void tcmulib_command_complete(tcmu_device* dev, tcmulib_cmd* cmd, int result) {
-    dev->onComplete({cmd, result, FakeSense(cmd->sense_buf)});
+    char text[32];
+    snprintf(text, sizeof text, "done %d/%06x", result, SenseOf(*cmd));
+    CapturingLogWriter::Installed().Note(text);
+    dev->onComplete(cmd);
 }
-void tcmulib_processing_complete(tcmu_device* dev) {
-    MutexGuard guard(dev->mutex);
-    ++dev->doorbells;
+void tcmulib_processing_complete(tcmu_device* /*dev*/) {
+    CapturingLogWriter::Installed().Note("doorbell");
 }

@@ -14,7 +14,9 @@ struct Plan {
 thread_local size_t t_allocations = 0;
 thread_local Plan t_plan{};
 
-void* Allocate(size_t bytes, size_t alignment = alignof(std::max_align_t)) {
+constexpr std::align_val_t kUsual{alignof(std::max_align_t)};
+
+void* Allocate(size_t bytes, std::align_val_t alignment = kUsual) {
     ++t_allocations;
     if (t_plan.count != 0 && (t_plan.size == 0 || t_plan.size == bytes)) {
         if (t_plan.skip == 0) {
@@ -24,19 +26,18 @@ void* Allocate(size_t bytes, size_t alignment = alignof(std::max_align_t)) {
         }
         --t_plan.skip;
     }
-    const size_t rounded = (bytes + alignment - 1) / alignment * alignment;
-    return std::aligned_alloc(alignment, rounded == 0 ? alignment : rounded);
+    const auto unit = static_cast<size_t>(alignment);
+    return std::aligned_alloc(unit, (bytes / unit + 1) * unit);
 }
 
-void* AllocateOrThrow(size_t bytes, size_t alignment = alignof(std::max_align_t)) {
+void* AllocateOrThrow(size_t bytes, std::align_val_t alignment = kUsual) {
     void* p = Allocate(bytes, alignment);
-    if (p == nullptr)
-        throw std::bad_alloc();
-    return p;
+    return p != nullptr ? p : throw std::bad_alloc();
 }
 
 }  // namespace
 
+// All that is used, because a sanitizer's own would otherwise answer for the rest.
 void* operator new(size_t n) {
     return AllocateOrThrow(n);
 }
@@ -50,10 +51,7 @@ void* operator new[](size_t n, const std::nothrow_t&) noexcept {
     return Allocate(n);
 }
 void* operator new(size_t n, std::align_val_t a) {
-    return AllocateOrThrow(n, static_cast<size_t>(a));
-}
-void* operator new[](size_t n, std::align_val_t a) {
-    return AllocateOrThrow(n, static_cast<size_t>(a));
+    return AllocateOrThrow(n, a);
 }
 void operator delete(void* p) noexcept {
     std::free(p);
@@ -70,13 +68,7 @@ void operator delete[](void* p, size_t) noexcept {
 void operator delete(void* p, std::align_val_t) noexcept {
     std::free(p);
 }
-void operator delete[](void* p, std::align_val_t) noexcept {
-    std::free(p);
-}
 void operator delete(void* p, size_t, std::align_val_t) noexcept {
-    std::free(p);
-}
-void operator delete[](void* p, size_t, std::align_val_t) noexcept {
     std::free(p);
 }
 
@@ -85,7 +77,6 @@ namespace heap_probe {
 size_t Allocations() {
     return t_allocations;
 }
-
 Fault::Fault(size_t skip, size_t count, size_t size) {
     t_plan = {skip, count, size, 0};
 }

@@ -11,15 +11,10 @@ size_t Allocations();
 
 /// While it lives, this thread's allocations fail: `count` of them, after `skip` have succeeded.
 /// With a `size`, only those of exactly that many bytes are looked at.
-class Fault {
-  public:
+struct Fault {
     explicit Fault(size_t skip, size_t count = 1, size_t size = 0);
     ~Fault();
-    Fault(const Fault&) = delete;
-    Fault& operator=(const Fault&) = delete;
-
-    /// How many have failed.
-    size_t Failed() const;
+    size_t Failed() const;  ///< how many have failed
 };
 
 }  // namespace heap_probe

@@ -1,83 +1,99 @@
 #include "tests/support/PlatformFixture.h"
 
+#include <algorithm>
 #include <cctype>
+#include <csignal>
+#include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <future>
 
 #include "adapters/framework/GetGUID.h"
+#include "adapters/runner/tcmu_runner.h"
 
-const char* const FakeTargetcli::kProgramDirectory = FAKE_TARGETCLI_PATH;
+FakeRunner MoScsiSrvLIOTest::runner;
 
-TemporaryDirectory::TemporaryDirectory()
-    : path([] {
-          std::string name = testing::TempDir() + "moscsi.XXXXXX";
-          return std::string(mkdtemp(name.data()));
-      }()) {}
+int tcmu_runner_main(int argc, char** argv) {
+    // As the real one does, to the end of the process: nobody else holds the strings.
+    static auto& kept = *new std::vector<char*>;
+    kept.insert(kept.end(), argv, argv + argc);
 
-TemporaryDirectory::~TemporaryDirectory() {
-    std::filesystem::remove_all(path);
+    FakeRunner& runner = MoScsiSrvLIOTest::runner;
+    runner.arguments.assign(argv, argv + argc);
+    EXPECT_EQ(argv[argc], nullptr);
+    sigset_t blocked;
+    pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+    EXPECT_EQ(sigismember(&blocked, SIGINT), 1);
+    if (runner.waitForInterrupt) {
+        sigset_t interrupt;
+        sigemptyset(&interrupt);
+        sigaddset(&interrupt, SIGINT);
+        const timespec limit = {10, 0};
+        runner.interrupted = sigtimedwait(&interrupt, nullptr, &limit) == SIGINT;
+    }
+    return runner.result;
 }
 
-MoScsiSrvLIOTest::MoScsiSrvLIOTest() {
-    os_seams::Reset();
-    runner.Reset();
+CRyError HeldTransfers::Call(const char* operation, const Hook& hook, void* ctx, MoScsiSrvIO* ioctx,
+                             int reserved) {
+    CapturingLogWriter::Installed().Note(operation);
+    EXPECT_EQ(ctx, &held);
+    EXPECT_EQ(reserved, 0);
+    hook(ioctx);
+    return ignored;
+}
+
+MoScsiSrvLIOTest::MoScsiSrvLIOTest()
+    : dir([] {
+          std::string name = testing::TempDir() + "moscsi.XXXXXX";
+          return std::string(mkdtemp(name.data()));
+      }()) {
     static const std::string real = ConfigFSRoot();  // as it is before the first test
     EXPECT_EQ(real, "/sys/kernel/config/target/");
-    ConfigFSRoot() = dir.path + "/";
+    static const std::string path = getenv("PATH");
+    setenv("PATH", (FAKE_TARGETCLI_PATH ":" + path).c_str(), 1);
+    setenv("FAKE_TARGETCLI", dir.c_str(), 1);
+    ConfigFSRoot() = dir + "/";
+    runner = {};
     MakePlatform();
-    os_seams::Reset();
+    g_os = {};
     journal.Reset(5);
 }
 
 MoScsiSrvLIOTest::~MoScsiSrvLIOTest() {
-    EXPECT_EQ(os_seams::OpenPipes(), 0);
-    os_seams::Reset();
-    EXPECT_FALSE(ConfigurationLocked());
-    JoinRunner();
-    journal.Watch(nullptr, "");
+    EXPECT_EQ(g_openPipes, 0);
+    g_os = {};
+    for (const char* name : CapturingLogWriter::kWatched)
+        journal.Watch(name, nullptr);
+    // Another thread tries: a thread must not try to lock what it holds.
+    EXPECT_TRUE(std::async(std::launch::async, [this] {
+                    if (!ConfigurationMutex().try_lock())
+                        return false;
+                    ConfigurationMutex().unlock();
+                    return true;
+                }).get());
+    JoinRunner(Platform());
     SetInstance(nullptr);
+    std::filesystem::remove_all(dir);
 }
 
 void MoScsiSrvLIOTest::MakePlatform() {
-    journal.Watch(nullptr, "");
     m_platform = std::make_unique<MoScsiSrvLIO>();
     SetInstance(m_platform.get());
     if (!runner.waitForInterrupt)
-        JoinRunner();
-    m_platform->m_targetCliVersion = kNew;
-    journal.Watch(&m_platform->m_cfgMutex, "cfg");
-    journal.Watch(&m_platform->m_tcmuDevMapMutex, "map");
+        JoinRunner(Platform());
+    Version() = kNew;
+    journal.Watch("cfg", &m_platform->m_cfgMutex);
+    journal.Watch("map", &m_platform->m_tcmuDevMapMutex);
 }
 
-void MoScsiSrvLIOTest::JoinRunner() {
-    if (m_platform->m_runnerStarted)
-        pthread_join(m_platform->m_tcmuRunnerThread, nullptr);
-    m_platform->m_runnerStarted = false;
-}
-
-void MoScsiSrvLIOTest::DiscardInstance() {
-    MoScsiSrvLIO* const made = MoScsiSrvLIO::g_LioPlatform;
-    if (made->m_runnerStarted)
-        pthread_join(made->m_tcmuRunnerThread, nullptr);
-    delete made;
-    SetInstance(m_platform.get());
-}
-
-bool MoScsiSrvLIOTest::ConfigurationLocked(bool repair) {
-    // Another thread tries: a thread must not try to lock what it holds.
-    const bool locked = std::async(std::launch::async, [this] {
-                            if (!m_platform->m_cfgMutex.try_lock())
-                                return true;
-                            m_platform->m_cfgMutex.unlock();
-                            return false;
-                        }).get();
-    if (locked && repair)
-        m_platform->m_cfgMutex.unlock();
-    return locked;
+void MoScsiSrvLIOTest::JoinRunner(MoScsiSrvLIO& platform) {
+    if (platform.m_runnerStarted)
+        pthread_join(platform.m_tcmuRunnerThread, nullptr);
+    platform.m_runnerStarted = false;
 }
 
 MoScsiSrvLun MoScsiSrvLIOTest::Lun(uint32_t type, uint32_t number) {
-    static int context = 0;
     MoScsiSrvLun lun;
     lun.serialNum = "Ser";
     lun.lunNum = number;
@@ -88,11 +104,30 @@ MoScsiSrvLun MoScsiSrvLIOTest::Lun(uint32_t type, uint32_t number) {
     lun.hostWord = 5;
     lun.hostQword1 = 6;
     lun.hostString = "host";
-    lun.bstoreCtx = &context;
+    lun.bstoreCtx = &host.held;
+    lun.bstoreOps = &host;
     lun.hostQword2 = 7;
     lun.hostFlag = true;
     lun.hostQword3 = 8;
     return lun;
+}
+
+void MoScsiSrvLIOTest::Answer(const std::string& arguments, const std::string& err,
+                              const std::string& out, int status) const {
+    std::ofstream(dir + "/answers", std::ios::app)
+        << arguments << '|' << status << '|' << out << '|' << err << '\n';
+}
+
+void MoScsiSrvLIOTest::ForgetAnswers() const {
+    std::filesystem::remove(dir + "/answers");
+}
+
+MoScsiSrvLIOTest::Strings MoScsiSrvLIOTest::Lines(const std::string& file) const {
+    std::ifstream stream(dir + "/" + file);
+    Strings lines;
+    for (std::string line; std::getline(stream, line);)
+        lines.push_back(line);
+    return lines;
 }
 
 std::string MoScsiSrvLIOTest::Guid(const std::string& text) {
@@ -102,35 +137,27 @@ std::string MoScsiSrvLIOTest::Guid(const std::string& text) {
 }
 
 std::string MoScsiSrvLIOTest::Lower(std::string text) {
-    for (char& c : text)
-        c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+    std::ranges::transform(text, text.begin(), [](unsigned char c) { return tolower(c); });
     return text;
 }
 
-MoScsiSrvLIOTest::Strings MoScsiSrvLIOTest::Commands() const {
-    Strings commands;
-    for (const std::string& event : journal.Events()) {
-        if (event.starts_with("$ "))
-            commands.push_back(event.substr(2));
-    }
-    return commands;
+void MoScsiSrvLIOTest::ExpectError(const CRyError& error, int number, const std::string& message) {
+    EXPECT_TRUE(error.IsError());
+    EXPECT_EQ(error.Number(), number);
+    EXPECT_EQ(error.Message(), message);
 }
 
 CRyError MoScsiSrvLIOTest::Update(const std::string& command, Strings tolerated) {
-    Platform().m_cfgMutex.lock();
-    CRyError result = Platform().TargetCliUpdateObject(command, std::move(tolerated));
-    Platform().m_cfgMutex.unlock();
-    return result;
+    MutexGuard guard(ConfigurationMutex());
+    return Platform().TargetCliUpdateObject(command, std::move(tolerated));
 }
 
 CRyError MoScsiSrvLIOTest::Read(const std::string& command, std::string& out) {
-    Platform().m_cfgMutex.lock();
-    CRyError result = Platform().TargetCliReadObject(command, out);
-    Platform().m_cfgMutex.unlock();
-    return result;
+    MutexGuard guard(ConfigurationMutex());
+    return Platform().TargetCliReadObject(command, out);
 }
 
-const std::pair<MoScsiSrvLun, MoScsiSrvTcmuDev*>* MoScsiSrvLIOTest::Entry(const std::string& key) {
-    const auto entry = Platform().m_tcmuDevMap.find(key);
-    return entry == Platform().m_tcmuDevMap.end() ? nullptr : &entry->second;
+const MoScsiSrvLIOTest::Registered* MoScsiSrvLIOTest::Entry(const std::string& key) {
+    const auto entry = Registry().find(key);
+    return entry == Registry().end() ? nullptr : &entry->second;
 }
