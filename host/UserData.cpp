@@ -1,8 +1,10 @@
 #include "host/UserData.h"
 
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <nlohmann/json.hpp>
+#include <vector>
 
 #include "host/Compare.h"
 #include "host/data/LunData.h"
@@ -14,6 +16,7 @@ UserData::~UserData() = default;
 
 std::string UserData::Make(const Plan& plan, const std::set<const LunPlan*>& without,
                            MoScsiSrvPlatform& platform) {
+    std::vector<std::string> madeFiles;
     for (const TargetPlan& target : plan.targets) {
         for (const LunPlan& lun : target.luns) {
             if (lun.config.type != LunType::User || without.contains(&lun))
@@ -27,8 +30,14 @@ std::string UserData::Make(const Plan& plan, const std::set<const LunPlan*>& wit
             if (lun.config.faults != nullptr)
                 config.faults = *lun.config.faults;
             data::LunDataResult made = data::MakeLunData(config, platform);
-            if (made.data == nullptr)
+            if (made.data == nullptr) {
+                m_luns.clear();
+                for (const std::string& path : madeFiles)
+                    unlink(path.c_str());
                 return fmt::format("{}: {}", lun.Title(), made.error);
+            }
+            if (made.madeFile)
+                madeFiles.push_back(config.path);
             m_luns[&lun] = std::move(made.data);
         }
     }

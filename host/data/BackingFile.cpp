@@ -43,6 +43,7 @@ bool BackingFile::Open(const std::string& path, uint64_t size, std::string& erro
         return false;
     }
     const bool opened = exists ? OpenExisting(path, size, error) : Create(path, size, error);
+    m_made = opened && !exists;
     if (!opened)
         Close();
     return opened;

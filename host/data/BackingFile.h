@@ -27,6 +27,8 @@ class BackingFile {
     }
 
     int Fd() const { return m_fd; }
+    /// Whether Open made the file.
+    bool Made() const { return m_made; }
 
   private:
     bool OpenExisting(const std::string& path, uint64_t size, std::string& error);
@@ -35,6 +37,7 @@ class BackingFile {
     void Close();
 
     int m_fd = -1;
+    bool m_made = false;
 };
 
 }  // namespace moscsi::data

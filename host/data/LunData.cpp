@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdint>
 
@@ -16,11 +18,8 @@
 namespace moscsi::data {
 namespace {
 
-std::unique_ptr<DataEngine> MakeFileEngine(const LunDataConfig& config, Transfers& transfers,
-                                           std::string& error) {
-    BackingFile file;
-    if (!file.Open(config.path, config.sizeBytes, error))
-        return nullptr;
+std::unique_ptr<DataEngine> MakeFileEngine(const LunDataConfig& config, BackingFile& file,
+                                           Transfers& transfers, std::string& error) {
     const bool durable = config.faults.durable;
     if (config.engine != FileEngineChoice::Threads) {
         std::string reason;
@@ -49,15 +48,17 @@ LunDataResult MakeLunData(const LunDataConfig& config, MoScsiSrvPlatform& platfo
         return result;
     }
     auto parts = std::make_unique<LunData::Parts>(config, platform);
-    std::string error;
-    if (config.backing == Backing::Memory)
-        parts->engine = MemoryEngine::Make(config.name, config.sizeBytes, parts->transfers, error);
-    else
-        parts->engine = MakeFileEngine(config, parts->transfers, error);
-    if (!parts->engine) {
-        result.error = std::move(error);
-        return result;
+    if (config.backing == Backing::Memory) {
+        parts->engine =
+            MemoryEngine::Make(config.name, config.sizeBytes, parts->transfers, result.error);
+    } else if (BackingFile file; file.Open(config.path, config.sizeBytes, result.error)) {
+        result.madeFile = file.Made();
+        parts->engine = MakeFileEngine(config, file, parts->transfers, result.error);
+        if (!parts->engine && result.madeFile)
+            unlink(config.path.c_str());
     }
+    if (!parts->engine)
+        return result;
     if (!config.faults.durable)
         MO_LOG(kLogError, "%s: durability is off, a power cut loses acknowledged writes",
                config.name.c_str());

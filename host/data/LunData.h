@@ -85,6 +85,7 @@ class LunData : public MoScsiBStorOps {
 
 struct LunDataResult {
     std::unique_ptr<LunData> data;  ///< null on error
+    bool madeFile = false;          ///< the backing file wasn't there before
     std::string error;              ///< one line: what is wrong and what to do
 };
 

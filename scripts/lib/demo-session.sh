@@ -24,6 +24,11 @@ machine_state() {
     find /etc/iscsi -path '*/nodes/*' -o -path '*/ifaces/*' | sort
 }
 
+echo "demo begins" 2>/dev/null >/dev/kmsg || true
+kernel_complaints() {
+    dmesg | sed '1,/demo begins/d' | grep -E 'BUG: |WARNING: |Oops|blocked for more than|general protection' || true
+}
+
 say "-- The target's side"
 step "moscsi_server.sh -start prepares the kernel" "$service" -start
 if [[ -e /dev/virtio-ports/control ]]; then # of a virtual machine only: it may hold what it likes
@@ -109,6 +114,7 @@ forget $host_b $target $portal >/dev/null
 step "moscsi-host ends" host_stop
 detach
 expect_eq "the machine afterwards" "$(machine_state)" "$before"
+expect_eq "what the kernel complained of" "$(kernel_complaints)" ""
 reservations=$(find /etc/target/pr /etc/rtslib-fb-target/pr -type f 2>/dev/null | paste -sd' ')
 say "           configfs, loop devices, sessions and records are as they were after -start${reservations:+; reservation files left: $reservations}"
 say "demo: four LUNs (file, block, memory, file served by the host) were written and read by open-iscsi and compared on both sides, in $((SECONDS - begin)) s"

@@ -73,7 +73,9 @@ done
 expect_eq "LUNs in configfs" "$(basename -a "$tpg"/lun/lun_* | sort | paste -sd' ')" "lun_0 lun_1 lun_2"
 step "host-a and host-b log out" logout $a $target
 logout $b $target >/dev/null
-step "delete the block LUN" op delete-lun block 2 $target "$loop"
+for round in first second; do
+    step "delete the block LUN ($round time)" op delete-lun block 2 $target "$loop"
+done
 step "delete the file LUNs" op delete-lun file 0 $target "$work/zero.img"
 op delete-lun file 1 $target "$work/auto.img"
 for round in first second; do

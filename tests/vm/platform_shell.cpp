@@ -14,6 +14,7 @@
 #include <map>
 #include <sstream>
 
+#include "adapters/framework/LogWriters.h"
 #include "host/Plugin.h"
 #include "host/StopSignals.h"
 #include "host/data/LunData.h"
@@ -112,6 +113,7 @@ class Shell {
 
 int main() {
     moscsi::host::StopSignals::Block();
+    g_ptrLogWriter = MakeStderrLogWriter(1);
     std::string error;
     MoScsiSrvPlatform* platform = moscsi::host::LoadPlugin(kLibrary, error);
     if (platform == nullptr) {

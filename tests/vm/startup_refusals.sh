@@ -70,11 +70,42 @@ without_dbus() {
 refuses "D-Bus" "no D-Bus" without_dbus
 
 # A targetcli that somebody left open holds the lock of all others.
-exec {held}>/run/targetcli.lock
-flock "$held"
-export MOSCSI_TARGETCLI_LOCK_WAIT=2
-refuses "lock" "a held targetcli lock" "${serve[@]}" "$good"
-flock -u "$held"
+coproc open { exec targetcli 2>&1 {say_fd}>&-; }
+cleanup sh -c "pkill -x targetcli || true"
+# shellcheck disable=SC2154 # bash sets it for the coprocess
+open_pid=$open_PID
+wait_until 60 sh -c "lsof -t /run/targetcli.lock || fuser /run/targetcli.lock"
+MOSCSI_TARGETCLI_LOCK_WAIT=2 refuses "process $open_pid" "a targetcli that somebody left open" "${serve[@]}" "$good"
+echo exit >&"${open[1]}"
+wait_until 20 ended "$open_pid"
+
+# What a user LUN needs beyond that: the bus's name, and the kernel's TCM-USER.
+user=$work/user.toml
+sed 's/^type = .*/type = "user"\nbacking = "memory"/' "$good" >"$user"
+cat >"$work/owner" <<'OWNER'
+from gi.repository import Gio, GLib
+Gio.bus_own_name(Gio.BusType.SYSTEM, "org.kernel.TCMUService1", 0, None, None, None)
+GLib.MainLoop().run()
+OWNER
+owned() { dbus-send --system --print-reply --dest=org.freedesktop.DBus / org.freedesktop.DBus.GetNameOwner string:org.kernel.TCMUService1; }
+python3 "$work/owner" {say_fd}>&- &
+owner=$!
+cleanup sh -c "kill $owner 2>/dev/null || true"
+wait_until 30 owned
+for version in 2.1.fb53 2.1.fb42; do
+    MOSCSI_TARGETCLI_VERSION=$version refuses "owned by python3 (process $owner)" \
+        "another owner of the bus's name (targetcli $version)" "${serve[@]}" "$user"
+done
+kill "$owner"
+without_tcmu() {
+    local status=0
+    rmmod target_core_user
+    echo 'install target_core_user /bin/false' >/etc/modprobe.d/no-tcmu.conf
+    "${serve[@]}" "$user" || status=$?
+    rm /etc/modprobe.d/no-tcmu.conf
+    return $status
+}
+refuses "target_core_user" "no TCM-USER" without_tcmu
 
 foreign_port() { # another target's portal has the service port
     local np=$configfs/target/iscsi/iqn.2003-01.org.example:foreign/tpgt_1/np

@@ -19,6 +19,7 @@ step "both again" op create-lun memory 0 $target /memory $bytes
 op create-lun served 1 $target "$served" $bytes
 step "map both" op map 0 $target $a
 op map 1 $target $a
+op map 1 $target $a
 
 step "host-a logs in" login $a $target
 expect_luns $a $target "0 1"
