@@ -26,7 +26,7 @@ TEST_F(RunnerTest, ServesWhatWasThereAndWhatComesAndStopsInOrder) {
     api.onInitialize = [this] {
         EXPECT_TRUE(NameTaken());
         EXPECT_EQ(Content(block) + Content(reset), "11");
-        EXPECT_ANY_THROW(Objects()) << "offered last";
+        EXPECT_EQ(Objects(), "") << "offered last";
     };
     api.onClose = [&] {
         for (const FakeDevice* dev : {&device, &second}) {
@@ -37,8 +37,8 @@ TEST_F(RunnerTest, ServesWhatWasThereAndWhatComesAndStopsInOrder) {
     StartAndWait();
     EXPECT_EQ(Content(block), "0");
     EXPECT_THAT(api.subTypes, ElementsAre("MoScsiSrvTcmu", "moscsisrvtcmu"));
-    EXPECT_THAT(Objects(), ElementsAre("/org/kernel/TCMUService1/MoScsiSrvTcmu",
-                                       "/org/kernel/TCMUService1/moscsisrvtcmu"));
+    for (const char* part : {"/MoScsiSrvTcmu\"", "/moscsisrvtcmu\"", "ConfigDesc"})
+        EXPECT_THAT(Objects(), HasSubstr(part));
     api.Announce(second);
     ExpectEventually([&] { return api.answered == 1; });
 

@@ -71,9 +71,9 @@ class KernelRing {
     /// Puts a command into the ring and moves the head.
     /// Returns: its number, or nothing when the ring is full.
     std::optional<uint16_t> Put(const std::vector<uint8_t>& cdb, const std::vector<Extent>& data) {
-        const size_t fixed = sizeof(ringlayout::Request) + data.size() * sizeof(iovec);
-        const size_t whole = std::max(fixed + cdb.size(), sizeof(ringlayout::Response));
-        const auto length = static_cast<uint32_t>((whole + 7) / 8 * 8);
+        const uint32_t fixed = sizeof(ringlayout::Request) + data.size() * sizeof(iovec);
+        const auto length =
+            std::max<uint32_t>((fixed + cdb.size() + 7) / 8 * 8, sizeof(ringlayout::Response));
         if (!Reserve(length))
             return std::nullopt;
         uint16_t number = 1;
@@ -81,28 +81,24 @@ class KernelRing {
             number++;
         m_inFlight.insert(number);
 
-        uint8_t* at = Ring() + m_last;
-        ringlayout::Request request{};
+        uint8_t* const at = Ring() + m_last;
+        auto& request = *reinterpret_cast<ringlayout::Request*>(at);
         request.header = {length | ringlayout::kCommand, number, 0, 0};
         request.entries = static_cast<uint32_t>(data.size());
         request.cdbOffset = kRingOffset + m_last + fixed;
-        std::memcpy(at, &request, sizeof(request));
-        at += sizeof(request);
-        for (const Extent& extent : data) {
-            const std::array<uint64_t, 2> entry = {Data() - Memory() + extent.offset,
-                                                   extent.length};
-            std::memcpy(at, entry.data(), sizeof(entry));
-            at += sizeof(entry);
+        auto* entry = reinterpret_cast<uint64_t*>(&request + 1);
+        for (const auto& [offset, bytes] : data) {
+            *entry++ = Data() - Memory() + offset;
+            *entry++ = bytes;
         }
-        std::memcpy(at, cdb.data(), cdb.size());
+        std::memcpy(at + fixed, cdb.data(), cdb.size());
         Publish(length);
         return number;
     }
     /// Puts an entry of another operation.
     void PutOther(uint32_t operation, uint32_t length) {
         ASSERT_TRUE(Reserve(length));
-        const ringlayout::Header header{length | operation, 0, 0, 0};
-        std::memcpy(Ring() + m_last, &header, sizeof(header));
+        HeaderAt(m_last) = {length | operation, 0, 0, 0};
         Publish(length);
     }
     /// The offset, from the ring's beginning, of what was put last.
@@ -137,6 +133,10 @@ class KernelRing {
   private:
     static constexpr uint32_t kRingOffset = 128;
 
+    ringlayout::Header& HeaderAt(uint32_t offset) {
+        return *reinterpret_cast<ringlayout::Header*>(Ring() + offset);
+    }
+
     /// Makes room for an entry, behind a padding one when it would cross the ring's end.
     bool Reserve(uint32_t length) {
         const uint32_t size = Mailbox().ringSize;
@@ -145,8 +145,7 @@ class KernelRing {
         if (used + padding + length >= size)
             return false;
         if (padding > 0) {
-            const ringlayout::Header pad{padding | ringlayout::kPad, 0, 0, 0};
-            std::memcpy(Ring() + m_head, &pad, sizeof(pad));
+            HeaderAt(m_head) = {padding | ringlayout::kPad, 0, 0, 0};
             m_head = 0;
         }
         m_last = m_head;
