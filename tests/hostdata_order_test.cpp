@@ -71,37 +71,22 @@ struct Scripted : hostdata_test::LunTest {
     Context a{0, 512}, b{512, 512}, c{1024, 512}, d{1536, 512};
 };
 
-TEST_F(Scripted, AWriteIsOnTheDiskWhenItEndsUnlessATestSwitchedThatOff) {
-    for (const bool durable : {true, false}) {
-        Make(durable);
-        const Ticket alone = Write(a);
-        EXPECT_EQ(Last().flags, durable ? RWF_DSYNC : 0);
-        const Ticket second = Write(b);
-        EXPECT_EQ(Last().flags, 0);
-        End(second, 512);
-        EXPECT_EQ(Ends(b), durable ? 0U : 1U);
-        End(Read(c), 512);
-        EXPECT_EQ(Result(c), 512) << "waits for no sync";
-        End(alone, 512);
-        EXPECT_EQ(Result(a), 512) << "has its own";
-        EXPECT_EQ(Syncs(), durable ? 1U : 0U);
-        End(kSyncTicket, 0);
-        EXPECT_EQ(Result(b), 512);
-    }
-}
-
 TEST_F(Scripted, OneSyncServesAllThatGatheredWhileTheOneBeforeRan) {
     Make();
     const Ticket alone = Write(a);
-    End(Write(b), 512);
-    End(alone, 512);
-    EXPECT_EQ(Result(a), 512);
-    for (Context* each : {&c, &d}) {
-        End(Write(*each), 512);
-        EXPECT_EQ(Last().flags, 0) << "not alone while a sync runs";
+    EXPECT_EQ(Last().flags, RWF_DSYNC);
+    for (Context* each : {&b, &c, &d}) {
+        const Ticket ticket = Write(*each);
+        EXPECT_EQ(Last().flags, 0) << "not alone, or a sync runs";
+        End(ticket, 512);
+        EXPECT_EQ(Ends(*each), 0U);
+        if (each == &b) {
+            End(alone, 512);
+            EXPECT_EQ(Result(a), 512) << "has its own";
+        }
     }
     End(Read(a), -EIO);
-    EXPECT_EQ(Result(a), -EIO) << "what fails without a sync fails alone";
+    EXPECT_EQ(Result(a), -EIO) << "waits for no sync, and fails alone";
     EXPECT_EQ(Syncs(), 1U);
     End(kSyncTicket, -EINTR);  // begun again
     EXPECT_EQ(Syncs(), 2U);
@@ -109,10 +94,18 @@ TEST_F(Scripted, OneSyncServesAllThatGatheredWhileTheOneBeforeRan) {
     // The first sync may have begun before the others' bytes were there.
     EXPECT_THAT((std::vector{Ends(b), Ends(c), Ends(d), Syncs()}), ElementsAre(1, 0, 0, 3));
     End(kSyncTicket, 0);
-    EXPECT_EQ(Result(c) + Result(d), 1024);
+    EXPECT_EQ(Result(b) + Result(c) + Result(d), 3 * 512);
     End(Write(a), 512);
     EXPECT_EQ(Last().flags, RWF_DSYNC) << "alone again";
-    EXPECT_EQ(Syncs(), 3U);
+
+    Make(false);  // as a test may switch it
+    for (Context* each : {&b, &c})
+        Write(*each);
+    EXPECT_EQ(Last().flags, 0);
+    for (const FileRequest& request : std::vector(queue->requests))
+        End(request.ticket, 512);
+    EXPECT_EQ(Result(b) + Result(c), 2 * 512);
+    EXPECT_EQ(Syncs(), 0U);
 }
 
 TEST_F(Scripted, AFailedSyncFailsWhatHadBegunAndNothingLater) {

@@ -118,15 +118,12 @@ class Version(WrapperTest):
                                       FAKE_SCRIPT=script, **env))[1]
 
     def test_answers_in_the_older_form_that_compares_as_the_numbers_do(self):
-        for version, answer, gate in (
-                ("2.1.53", "2.1.fb53", "new"), ("2.1.fb43", "2.1.fb43", "new"), ("2.1.42", "2.1.fb42", "middle"),
-                ("2.1.5", "2.1.fb05", "old"), ("2.1.100", "2.1.fb99-2.1.100", "new"),
-                ("2.1.53.dev2", "2.1.fb53.dev2", "new"), ("3.1", "3.1.fb00", "new"),
-                ("10.0.1", "2.1.fb99-10.0.1", "new"), ("2.0.99", "2.0.fb99", "old")):
+        for version, answer in (
+                ("2.1.53", "2.1.fb53"), ("2.1.fb43", "2.1.fb43"), ("2.1.5", "2.1.fb05"), ("2.1.100", "2.1.fb99-2.1.100"),
+                ("2.1.53.dev2", "2.1.fb53.dev2"), ("3.1", "3.1.fb00"), ("10.0.1", "2.1.fb99-10.0.1"),
+                ("2.0.99", "2.0.fb99")):
             with self.subTest(version):
                 self.assertEqual(self.gate(f"echo /usr/bin/targetcli version {version}; exit"), answer + "\n")
-                self.assertEqual("old" if answer < "2.1.fb41" else "new" if answer >= "2.1.fb43" else "middle",
-                                 gate)
 
     def test_is_found_on_either_stream_and_makes_no_preferences(self):
         for script in ("echo Warning: not loaded >&2; echo version 2.1.53", "echo a warning; echo version 2.1.53 >&2"):
