@@ -27,7 +27,6 @@ TEST_F(PlatformCommandsTest, UpdateJudgesTheFirstLineOfStandardErrorOnly) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        ForgetAnswers();
         Answer("x", c.err, c.out);
         journal.Reset(5);
         const CRyError error = Update("TargetCLI X", {"no match", "fine"});
@@ -48,7 +47,6 @@ TEST_F(PlatformCommandsTest, ReadGivesTheFirstLineOfStandardOutput) {
                              {"", "error\\n", ""},
                              {std::string(5000, 'b'), "", std::string(4095, 'b')}};
     for (const auto& c : cases) {
-        ForgetAnswers();
         Answer("x", c[1], c[0]);
         journal.Reset(5);
         std::string out = "old";

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <filesystem>
 #include <fstream>
 
 #include "tests/support/PlatformFixture.h"
@@ -75,18 +76,20 @@ TEST_F(PlatformFileLunsTest, WhatIsWrongWithThePathIsSaid) {
                   {"[-1] bstor file " + path + " size not set"});
     EXPECT_EQ(Size(path), -1);
 
+    // Looked for in vain, and yet a directory, or a file on a full device, which stays. There the
+    // close's errno counts, not the write's.
     lun.size = 4096;
     const std::string creating = "[1] creating bstor file " + path;
-    g_os.fail[OsSeams::kOpen] = {1, EROFS};
-    ExpectRefused(lun, EROFS, "bstor file create error " + path,
-                  {creating, "[-1] creat bstor file " + path + " error " + std::to_string(EROFS)});
-
-    // The close's errno counts, not the write's, and the file stays.
-    g_os.fail[OsSeams::kPwrite] = {1, ENOSPC};
+    g_os.onStat = [](const std::string&, mode_t&) { return ENOENT; };
+    std::filesystem::create_directory(path);
+    ExpectRefused(lun, EISDIR, "bstor file create error " + path,
+                  {creating, "[-1] creat bstor file " + path + " error " + std::to_string(EISDIR)});
+    std::filesystem::remove(path);
+    std::filesystem::create_symlink("/dev/full", path);
     g_os.fail[OsSeams::kClose] = {1, EDQUOT};
     ExpectRefused(lun, EDQUOT, "bstor file write error " + path,
                   {creating, "[-1] write bstor file " + path + " error " + std::to_string(EDQUOT)});
-    EXPECT_EQ(Size(path), 0);
+    EXPECT_TRUE(std::filesystem::is_symlink(path));
 
     const struct {
         uint32_t type;
@@ -154,62 +157,55 @@ TEST_F(PlatformFileLunsTest, SerialNumberDependsOnTheVersionAsTextAndGrows) {
     }
 }
 
-// Automatic numbers, for every kind of backstore.
-
-struct PlatformAutomaticNumberTest : MoScsiSrvLIOTest,
-                                     testing::WithParamInterface<std::pair<uint32_t, std::string>> {
-    MoScsiSrvLun lun = Lun(GetParam().first, 0xFFFFFFFF);
-    const std::string object = GetParam().second + Name(lun);
-    const std::string command = "targetcli /iscsi/iqn.Ab/tpg1/luns ls | grep -w " + object +
-                                " | awk '{print $2}' | tr -d '\n' | sed 's/lun//g'";
-
-    PlatformAutomaticNumberTest() {
-        g_os.onStat = [this](const std::string&, mode_t& mode) {
-            mode = lun.bstorType == BSTOR_FILE ? S_IFREG : S_IFBLK;
+TEST_F(PlatformFileLunsTest, AutomaticNumberIsReadBackOrAnErrorOrLeavesTheConfigurationLocked) {
+    const struct {
+        uint32_t type;
+        std::string directory;
+    } rows[] = {{BSTOR_FILE, "fileio/"},
+                {BSTOR_BLKDEV, "block/"},
+                {BSTOR_BLKDEV2, "block/"},
+                {BSTOR_USER, "user/"}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.type);
+        g_os.onStat = [&](const std::string&, mode_t& mode) {
+            mode = row.type == BSTOR_FILE ? S_IFREG : S_IFBLK;
             return 0;
         };
+        MoScsiSrvLun lun = Lun(row.type);
+        const std::string object = row.directory + Name(lun);
+        const std::string command = "targetcli /iscsi/iqn.Ab/tpg1/luns ls | grep -w " + object +
+                                    " | awk '{print $2}' | tr -d '\n' | sed 's/lun//g'";
+        const auto create = [&](const std::string& listing) {
+            lun = Lun(row.type, 0xFFFFFFFF);
+            Answer("/iscsi/iqn.ab/tpg1/luns ls", "", listing);
+            journal.Reset(5);
+            return Platform().CreateLun(&lun);
+        };
+        EXPECT_FALSE(create("o- luns ... [LUNs: 4]\\n  o- lun4 .. [" + object + "f (x)]\\n" +
+                            "  o- lun17 .. [" + object + " (x)]\\n  o- lun5 .. [other/" +
+                            Name(lun) + " (x)]\\n  o- lun6 .. [x" + object + " (x)]\\n")
+                         .IsError());
+        EXPECT_EQ(lun.lunNum, 17U);
+        const Strings events = journal.Events();
+        EXPECT_THAT(events[2], Not(HasSubstr(" lun=")));
+        EXPECT_EQ(events[3], "$ " + Lower(command));
+        EXPECT_EQ(events[4], "[2] TargetCliReadObject: 17");
+        EXPECT_THAT(journal.Texts(0), ElementsAre(HasSubstr("iqn.Ab Lun 17 SerialNum Ser-")));
+        Registry().clear();
+
+        const CRyError error = create("o- luns\\n");
+        ExpectError(error, 774, "cmd " + command + " completed without any output");
+        EXPECT_THAT(error.Location()->Function(), HasSubstr("MoScsiSrvLIO::CreateLun_BStor"));
+        EXPECT_EQ(Errors(), Strings());
+        g_os.fail[OsSeams::kPopen] = {3, ENOMEM};
+        const std::string failure = "popen error cmd  " + Lower(command) + " failed";  // two blanks
+        ExpectError(create(""), 774, failure);
+        EXPECT_THAT(Errors(), ElementsAre(failure));
+
+        EXPECT_THROW(create("x none [" + object + "]\\n"), std::invalid_argument);
+        EXPECT_EQ(journal.Events().back(), "[2] TargetCliReadObject: none");
+        ConfigurationMutex().unlock();
+        EXPECT_EQ(lun.lunNum, 0xFFFFFFFFU);
+        EXPECT_EQ(Registry().size(), 0U);
     }
-    CRyError Create(const std::string& listing) {
-        ForgetAnswers();
-        Answer("/iscsi/iqn.ab/tpg1/luns ls", "", listing, 0);
-        return Platform().CreateLun(&lun);
-    }
-    static std::string Line(int number, const std::string& name) {
-        return "  o- lun" + std::to_string(number) + " .......... [" + name + " (x)]\\n";
-    }
-};
-
-INSTANTIATE_TEST_SUITE_P(Backstores, PlatformAutomaticNumberTest,
-                         testing::Values(std::pair<uint32_t, std::string>(BSTOR_FILE, "fileio/"),
-                                         std::pair<uint32_t, std::string>(BSTOR_BLKDEV, "block/"),
-                                         std::pair<uint32_t, std::string>(BSTOR_BLKDEV2, "block/"),
-                                         std::pair<uint32_t, std::string>(BSTOR_USER, "user/")));
-
-TEST_P(PlatformAutomaticNumberTest, IsReadFromTheObjectsOwnLine) {
-    EXPECT_FALSE(Create("o- luns ... [LUNs: 4]\\n" + Line(4, object + "f") + Line(17, object) +
-                        Line(5, "other/" + Name(lun)) + Line(6, "x" + object))
-                     .IsError());
-    EXPECT_EQ(lun.lunNum, 17U);
-    const Strings events = journal.Events();
-    EXPECT_THAT(events[2], Not(HasSubstr(" lun=")));
-    EXPECT_EQ(events[3], "$ " + Lower(command));
-    EXPECT_EQ(events[4], "[2] TargetCliReadObject: 17");
-    EXPECT_THAT(journal.Texts(0), ElementsAre(HasSubstr("iqn.Ab Lun 17 SerialNum Ser-")));
-}
-
-TEST_P(PlatformAutomaticNumberTest, ThatCannotBeReadIsAnErrorOrLeavesTheConfigurationLocked) {
-    const CRyError error = Create("o- luns\\n");
-    ExpectError(error, 774, "cmd " + command + " completed without any output");
-    EXPECT_THAT(error.Location()->Function(), HasSubstr("MoScsiSrvLIO::CreateLun_BStor"));
-    EXPECT_EQ(Errors(), Strings());
-    g_os.fail[OsSeams::kPopen] = {3, ENOMEM};
-    const std::string failure = "popen error cmd  " + Lower(command) + " failed";  // two blanks
-    ExpectError(Create(""), 774, failure);
-    EXPECT_THAT(Errors(), ElementsAre(failure));
-
-    EXPECT_THROW(Create("x none [" + object + "]\\n"), std::invalid_argument);
-    EXPECT_EQ(journal.Events().back(), "[2] TargetCliReadObject: none");
-    ConfigurationMutex().unlock();
-    EXPECT_EQ(lun.lunNum, 0xFFFFFFFFU);
-    EXPECT_EQ(Registry().size(), 0U);
 }

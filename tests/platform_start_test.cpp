@@ -46,12 +46,6 @@ struct PlatformStartTest : MoScsiSrvLIOTest {
         std::ofstream(script) << "#!/bin/sh\necho \"$@\" >> " << dir << "/ran\n" << text << '\n';
         chmod(script.c_str(), 0755);
     }
-    /// Without the line that the runner's thread logs beside the one that made it.
-    Strings EventsWithoutRunner() const {
-        Strings events = journal.Events();
-        std::erase_if(events, [](const std::string& e) { return e.starts_with("[1] starting"); });
-        return events;
-    }
 };
 
 TEST_F(PlatformStartTest, RunnerStartsWithItsArgumentsAndSaysWhenItFailed) {
@@ -110,59 +104,43 @@ TEST_F(PlatformStartTest, TwoThreadsGetOnePlatformWithOneRunner) {
 }
 
 TEST_F(PlatformStartTest, InitializeRunsTheScriptAndAcceptsVersionsByTheirText) {
-    const std::string ask = "targetcli --version 2>&1  | cut -d' ' -f3";
-    const std::string upgrade = "upgrade to targetcli version 2.1.fb41 or higher";
-    const std::string started = "[1] Excecuting " + script + " -start";
-    const struct {
-        std::string version;  // the third word of targetcli's answer
-        bool onStandardError;
-        std::string message;  // of the error
-        Strings events;       // after the script's start
-    } rows[] = {
-        {"2.1.fb41", false, "", {"[1] targetcli version 2.1.fb41\n"}},
-        {"2.1.fb5", true, "", {"[1] targetcli version 2.1.fb5\n"}},
-        {"3.0", false, "", {"[1] targetcli version 3.0\n"}},
-        {"2.1.fb40",
-         false,
-         upgrade,
-         {"[1] targetcli version 2.1.fb40\n", "[-1] targetcli version 2.1.fb40"}},
-        {"2.1.fb100",
-         true,
-         upgrade,
-         {"[1] targetcli version 2.1.fb100\n", "[-1] targetcli version 2.1.fb100"}},
-        {"", false, upgrade, {"[1] targetcli version ", "[-1] targetcli version "}},
-        {"a script that fails",
-         false,
-         "cmd " + script + " -start failed",
-         {"[-1] cmd " + script + " -start failed"}},
-        {"no cut, so that the pipeline fails",
-         false,
-         "cmd " + ask + " failed",
-         {"[-1] cmd " + ask + " failed, install targetcli package"}},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.version);
-        const std::string answer = "/usr/bin/targetcli version " + row.version + "\\n";
-        ForgetAnswers();
-        if (!row.version.empty())
-            Answer("--version", row.onStandardError ? answer : "",
-                   row.onStandardError ? "" : answer);
-        Script(row.version.starts_with("a script") ? "exit 3" : "exit 0");
-        if (row.version.starts_with("no cut"))
-            setenv("PATH", FAKE_TARGETCLI_PATH, 1);
+    const auto initialize = [&](const std::string& message, const Strings& events) {
         Version() = "";
         journal.Reset(1);
         const CRyError error = Platform().Initialize();
-        Strings expected{"[1] enter", started};
-        Append(expected, row.events);
+        EXPECT_EQ(error.Message(), message);
+        EXPECT_EQ(error.Number(), message.empty() ? 0 : 774);
+        Strings expected{"[1] enter", "[1] Excecuting " + script + " -start"};
+        Append(expected, events);
         expected.emplace_back("[1] leave");
         EXPECT_EQ(journal.Events(), expected);
-        EXPECT_EQ(error.Message(), row.message);
-        EXPECT_EQ(error.Number(), row.message.empty() ? 0 : 774);
-        EXPECT_EQ(Version(), row.message.empty() ? row.version : "");
+    };
+    const struct {
+        std::string version;  // the third word of targetcli's answer
+        bool onStandardError;
+        bool accepted;
+    } rows[] = {{"2.1.fb41", false, true},  {"2.1.fb5", true, true},    {"3.0", false, true},
+                {"2.1.fb40", false, false}, {"2.1.fb100", true, false}, {"", false, false}};
+    for (const auto& row : rows) {
+        const bool silent = row.version.empty();
+        const std::string text = silent ? "" : "/usr/bin/targetcli version " + row.version + "\\n";
+        Answer("--version", row.onStandardError ? text : "", row.onStandardError ? "" : text);
+        Strings events{"[1] targetcli version " + row.version + (silent ? "" : "\n")};
+        if (!row.accepted)
+            events.push_back("[-1] targetcli version " + row.version);
+        initialize(row.accepted ? "" : "upgrade to targetcli version 2.1.fb41 or higher", events);
+        EXPECT_EQ(Version(), row.accepted ? row.version : "");
     }
-    EXPECT_EQ(Lines("ran"), Strings(std::size(rows), "-start"));
-    EXPECT_EQ(Lines("calls").size(), 2 * (std::size(rows) - 1)) << "none after the script failed";
+    Script("exit 3");
+    const std::string start = "cmd " + script + " -start failed";
+    initialize(start, {"[-1] " + start});
+    EXPECT_EQ(Lines("calls").size(), 2 * std::size(rows));
+
+    Script("exit 0");
+    setenv("PATH", FAKE_TARGETCLI_PATH, 1);  // no cut: the pipeline fails
+    const std::string ask = "cmd targetcli --version 2>&1  | cut -d' ' -f3 failed";
+    initialize(ask, {"[-1] " + ask + ", install targetcli package"});
+    EXPECT_EQ(Lines("ran"), Strings(std::size(rows) + 2, "-start"));
 }
 
 TEST_F(PlatformStartTest, CleanupInterruptsTheRunnerEvenWhenTheScriptFails) {
@@ -179,7 +157,9 @@ TEST_F(PlatformStartTest, CleanupInterruptsTheRunnerEvenWhenTheScriptFails) {
         if (fails)
             expected.push_back("[-1] cmd " + command + " failed");
         Append(expected, {"signal 2", "[1] leave"});
-        EXPECT_EQ(EventsWithoutRunner(), expected);
+        Strings events = journal.Events();  // the runner's thread logs beside us
+        std::erase_if(events, [](const std::string& e) { return e.starts_with("[1] starting"); });
+        EXPECT_EQ(events, expected);
     }
     EXPECT_THAT(Lines("ran"), ElementsAre("-stop", "-stop"));
 }
@@ -189,36 +169,31 @@ TEST_F(PlatformStartTest, SlotsOfThePlatformStandInOrderAndTrace) {
     MoScsiSrvTcmuDev device(&library);
     MoScsiSrvIO* const ioctx = MoIoctxMgr::Instance()->Ioctx_Alloc(1, &device);
     MoScsiSrvLun lun = Lun(0);
+    const std::string ours = "virtual CRyError MoScsiSrvLIO::";
     const struct {
         std::string signature;
         void* argument;
-        void* second;
-        int level;
+        const char* event;  // the first one, from there
     } slots[] = {
-        {"Initialize()", nullptr, nullptr, 1},
-        {"CreateTarget(MoScsiSrvTarget_t*)", &target, nullptr, 6},
-        {"DeleteTarget(MoScsiSrvTarget_t*)", &target, nullptr, 6},
-        {"CreateLun(MoScsiSrvLun_t*)", &lun, nullptr, 6},
-        {"DeleteLun(MoScsiSrvLun_t*)", &lun, nullptr, 6},
-        {"MapHost(MoScsiSrvLun_t*, MoScsiSrvHost_t*)", &lun, &initiator, 6},
-        {"UnMapHost(MoScsiSrvLun_t*, MoScsiSrvHost_t*)", &lun, &initiator, 6},
-        {"IODone", ioctx, nullptr, -1},  // has no trace: the device's own message comes first
-        {"RegisterGetVPDCB(MoScsiSrvGetVPDCb_t)", nullptr, nullptr, 6},
-        {"Cleanup()", nullptr, nullptr, 1},
+        {ours + "Initialize()", nullptr, "[1] enter"},
+        {ours + "CreateTarget(MoScsiSrvTarget_t*)", &target, "[6] enter"},
+        {ours + "DeleteTarget(MoScsiSrvTarget_t*)", &target, "[6] enter"},
+        {ours + "CreateLun(MoScsiSrvLun_t*)", &lun, "[6] enter"},
+        {ours + "DeleteLun(MoScsiSrvLun_t*)", &lun, "[6] enter"},
+        {ours + "MapHost(MoScsiSrvLun_t*, MoScsiSrvHost_t*)", &lun, "[6] enter"},
+        {ours + "UnMapHost(MoScsiSrvLun_t*, MoScsiSrvHost_t*)", &lun, "[6] enter"},
+        {"int MoScsiSrvTcmuDev::TcmuDevIODone(MoScsiSrvIO*, long int)", ioctx, "[-1] : ioctx"},
+        {ours + "RegisterGetVPDCB(MoScsiSrvGetVPDCb_t)", nullptr, "[6] enter"},
+        {ours + "Cleanup()", nullptr, "[1] enter"},
     };
     MoScsiSrvPlatform* const platform = &Platform();
     int number = 0;
     for (const auto& slot : slots) {
         journal.Reset(6, false);
         Slot<CRyError(void*, void*, void*)>(platform, ++number)(platform, slot.argument,
-                                                                slot.second);
-        const std::string entry =
-            slot.level < 0 ? "int MoScsiSrvTcmuDev::TcmuDevIODone(MoScsiSrvIO*, long int)"
-                           : "virtual CRyError MoScsiSrvLIO::" + slot.signature;
-        EXPECT_EQ(journal.Functions().at(0), entry);
-        EXPECT_THAT(journal.Events().at(0),
-                    testing::StartsWith("[" + std::to_string(slot.level) +
-                                        (slot.level < 0 ? "]" : "] enter")));
+                                                                &initiator);
+        EXPECT_EQ(journal.Functions().at(0), slot.signature);
+        EXPECT_THAT(journal.Events().at(0), testing::StartsWith(slot.event));
     }
     MoIoctxMgr::Instance()->Ioctx_Free(ioctx);
 }

@@ -17,25 +17,23 @@ const Cdb kRead = {0x28, 0, 0, 0, 0, 9, 0, 0, 2};
 const Cdb kWrite = {0x2A, 0, 0, 0, 0, 9, 0, 0, 2};
 
 TEST_F(TcmuDevCommandTest, EveryOpcodeIsAnsweredByItsEmulationByTheHostOrNotAtAll) {
-    const std::map<int, std::string> answeredBy{
-        {0x00, "test_unit_ready"},
-        {0x12, "inquiry"},
-        {0x15, "mode_select"},
-        {0x55, "mode_select"},
-        {0x1A, "mode_sense"},
-        {0x5A, "mode_sense"},
-        {0x1B, "start_stop"},
-        {0x25, "read_capacity_10 2048 512"},
-        {0x9E, "read_capacity_16 2048 512"},
-        {0x08, "Read"},
-        {0x28, "Read"},
-        {0xA8, "Read"},
-        {0x88, "Read"},
-        {0x0A, "Write"},
-        {0x2A, "Write"},
-        {0xAA, "Write"},
-        {0x8A, "Write"},
-    };
+    const std::map<int, std::string> answeredBy{{0x00, "test_unit_ready"},
+                                                {0x12, "inquiry"},
+                                                {0x15, "mode_select"},
+                                                {0x55, "mode_select"},
+                                                {0x1A, "mode_sense"},
+                                                {0x5A, "mode_sense"},
+                                                {0x1B, "start_stop"},
+                                                {0x25, "read_capacity_10 2048 512"},
+                                                {0x9E, "read_capacity_16 2048 512"},
+                                                {0x08, "Read"},
+                                                {0x28, "Read"},
+                                                {0xA8, "Read"},
+                                                {0x88, "Read"},
+                                                {0x0A, "Write"},
+                                                {0x2A, "Write"},
+                                                {0xAA, "Write"},
+                                                {0x8A, "Write"}};
     auto dev = Open(false);
     BStoreInfo(*dev) = {&host, &host.held};
     std::string counted = "opens:1 ";

@@ -60,31 +60,22 @@ class CapturingLogWriter : public CLogWriterInterface {
 
     /// Everything in order; messages as "[level] text".
     std::vector<std::string> Events() const {
-        MutexGuard guard(m_mutex);
-        std::vector<std::string> events;
-        for (const Line& line : m_lines)
-            events.push_back(line.level == kNote
-                                 ? line.text
-                                 : "[" + std::to_string(line.level) + "] " + line.text);
-        return events;
+        return Collect([](const Line&) { return true; },
+                       [](const Line& line) {
+                           return line.level == kNote
+                                      ? line.text
+                                      : "[" + std::to_string(line.level) + "] " + line.text;
+                       });
     }
     /// The texts of exactly this level, in order.
     std::vector<std::string> Texts(int level) const {
-        MutexGuard guard(m_mutex);
-        std::vector<std::string> texts;
-        for (const Line& line : m_lines)
-            if (line.level == level)
-                texts.push_back(line.text);
-        return texts;
+        return Collect([level](const Line& line) { return line.level == level; },
+                       [](const Line& line) { return line.text; });
     }
     /// The signatures that the messages carry, in order.
     std::vector<std::string> Functions() const {
-        MutexGuard guard(m_mutex);
-        std::vector<std::string> functions;
-        for (const Line& line : m_lines)
-            if (line.level != kNote)
-                functions.push_back(line.function);
-        return functions;
+        return Collect([](const Line& line) { return line.level != kNote; },
+                       [](const Line& line) { return line.function; });
     }
 
     __attribute__((format(printf, 7, 8))) void WriteMessage(int level, const char* function,
@@ -107,6 +98,15 @@ class CapturingLogWriter : public CLogWriterInterface {
         std::string function;
         std::string text;
     };
+    template <typename Wanted, typename Text>
+    std::vector<std::string> Collect(Wanted wanted, Text text) const {
+        MutexGuard guard(m_mutex);
+        std::vector<std::string> texts;
+        for (const Line& line : m_lines)
+            if (wanted(line))
+                texts.push_back(text(line));
+        return texts;
+    }
     void Keep(Line line) {
         MutexGuard guard(m_mutex);
         m_lines.push_back(std::move(line));

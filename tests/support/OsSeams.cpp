@@ -58,16 +58,6 @@ int __wrap_stat64(const char* path, struct stat64* status) {
     return answer == 0 ? 0 : -1;
 }
 
-int __real_open64(const char* path, int flags, ...);
-int __wrap_open64(const char* path, int flags, mode_t mode) {  // ignored when none was given
-    return Fails(OsSeams::kOpen) ? -1 : __real_open64(path, flags, mode);
-}
-
-ssize_t __real_pwrite64(int fd, const void* data, size_t size, off64_t offset);
-ssize_t __wrap_pwrite64(int fd, const void* data, size_t size, off64_t offset) {
-    return Fails(OsSeams::kPwrite) ? -1 : __real_pwrite64(fd, data, size, offset);
-}
-
 int __real_close(int fd);
 int __wrap_close(int fd) {
     const int result = __real_close(fd);

@@ -13,7 +13,7 @@
 ///
 /// Thread: what is set here, before other threads run.
 struct OsSeams {
-    enum Call { kPopen, kOpen, kPwrite, kClose, kSystem, kThreadCreate, kCalls };
+    enum Call { kPopen, kClose, kSystem, kThreadCreate, kCalls };
 
     /// Lets the `nth` call from now on fail with `error`. A close that fails has closed all the
     /// same.

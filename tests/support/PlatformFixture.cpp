@@ -113,13 +113,8 @@ MoScsiSrvLun MoScsiSrvLIOTest::Lun(uint32_t type, uint32_t number) {
 }
 
 void MoScsiSrvLIOTest::Answer(const std::string& arguments, const std::string& err,
-                              const std::string& out, int status) const {
-    std::ofstream(dir + "/answers", std::ios::app)
-        << arguments << '|' << status << '|' << out << '|' << err << '\n';
-}
-
-void MoScsiSrvLIOTest::ForgetAnswers() const {
-    std::filesystem::remove(dir + "/answers");
+                              const std::string& out) const {
+    std::ofstream(dir + "/answer") << arguments << '|' << out << '|' << err << '\n';
 }
 
 MoScsiSrvLIOTest::Strings MoScsiSrvLIOTest::Lines(const std::string& file) const {

@@ -72,10 +72,9 @@ struct MoScsiSrvLIOTest : testing::Test {
     MoScsiSrvHost initiator{"iqn.Host"};
 
     /// What targetcli prints on standard error and standard output when it is run with exactly
-    /// these arguments, line feeds as in C. Otherwise it prints nothing and succeeds.
-    void Answer(const std::string& arguments, const std::string& err, const std::string& out = "",
-                int status = 1) const;
-    void ForgetAnswers() const;
+    /// these arguments, line feeds as in C, and fails. Otherwise it prints nothing and succeeds.
+    void Answer(const std::string& arguments, const std::string& err,
+                const std::string& out = "") const;
     /// The lines of a file in `dir`; of "calls", "begin ARGUMENTS" and "end ARGUMENTS" of every run
     /// of targetcli.
     Strings Lines(const std::string& file) const;
