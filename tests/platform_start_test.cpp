@@ -12,6 +12,7 @@
 #include "adapters/framework/MOPlatformInfo.h"
 #include "tests/support/TcmuDevFixture.h"
 
+using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
@@ -54,13 +55,15 @@ TEST_F(PlatformStartTest, RunnerStartsWithItsArgumentsAndSaysWhenItFailed) {
     for (const char* base : {"/base", static_cast<const char*>(nullptr)}) {
         SetFacts(base);
         runner.result = base != nullptr ? 0 : 1;
-        journal.Reset(-1);
+        journal.Reset(1);
         MakePlatform();
         const std::string option = std::string("--handler-path=") + (base != nullptr ? base : "");
         EXPECT_THAT(runner.arguments, ElementsAre("tcmu_runner_main", option));
         const Strings failed = {"couldn't get MOPI_BASEHOME", "tcmu not initialized " + option};
         EXPECT_EQ(Errors(), base != nullptr ? Strings() : failed);
-        EXPECT_THAT(journal.Functions(), testing::Each("void* TcmuRunerThread(void*)"));
+        EXPECT_THAT(journal.Texts(1), Contains("starting tcmu_runner main " + option));
+        EXPECT_EQ(std::ranges::count(journal.Functions(), "void* TcmuRunerThread(void*)"),
+                  base != nullptr ? 1 : 3);
     }
     sigset_t after;
     pthread_sigmask(SIG_SETMASK, nullptr, &after);
@@ -74,7 +77,7 @@ TEST_F(PlatformStartTest, PlatformWithoutARunnerStillConfiguresAndSignalsNobody)
                 ElementsAre("pthread_create TcmuRunerThread error " + std::to_string(ENOMEM)));
     EXPECT_FALSE(Platform().CreateTarget(&target).IsError());
     EXPECT_FALSE(Platform().Cleanup().IsError());
-    EXPECT_THAT(journal.Events(), Not(testing::Contains(HasSubstr("signal"))));
+    EXPECT_THAT(journal.Events(), Not(Contains(HasSubstr("signal"))));
 }
 
 TEST_F(PlatformStartTest, TwoThreadsGetOnePlatformWithOneRunner) {

@@ -103,11 +103,8 @@ MoScsiSrvLun MoScsiSrvLIOTest::Lun(uint32_t type, uint32_t number) {
     lun.size = uint64_t{1} << 33;
     lun.hostWord = 5;
     lun.hostQword1 = 6;
-    lun.hostString = "host";
     lun.bstoreCtx = &host.held;
     lun.bstoreOps = &host;
-    lun.hostQword2 = 7;
-    lun.hostFlag = true;
     lun.hostQword3 = 8;
     return lun;
 }

@@ -66,7 +66,7 @@ struct MoScsiSrvLIOTest : testing::Test {
     void MakePlatform();
     MoScsiSrvLIO& Platform() { return *m_platform; }
 
-    /// A record with every field filled, the names with upper-case letters.
+    /// A record with the names in upper-case letters too.
     MoScsiSrvLun Lun(uint32_t type, uint32_t number = 3);
     MoScsiSrvTarget target{"iqn.Ab"};
     MoScsiSrvHost initiator{"iqn.Host"};
