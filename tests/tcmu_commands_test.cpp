@@ -67,56 +67,36 @@ TEST_F(TcmuDevCommandTest, EveryOpcodeIsAnsweredByItsEmulationByTheHostOrNotAtAl
 }
 
 TEST_F(TcmuDevCommandTest, RefusedCommandsAreToldApartByBitsSenseLogAndCounter) {
-    const struct {
-        Cdb cdb;
-        int status;
-        uint32_t sense;
-        const char* event;
-        const char* counter;
-    } rows[] = {
-        {{0x25, 0x01}, 2, 0x052400, "[-1] illegal cmd ", "37:1 illegal:1 "},
-        {{0x25, 0, 0, 0, 0, 0, 0, 0, 1}, 2, 0x052400, "[-1] illegal cmd ", "37:1 illegal:1 "},
-        {{0x25, 0xFE, 0, 0, 0, 0, 0, 0, 0xFE}, 0, 0, "read_capacity_10 2048 512", "37:1 "},
-        {{0x9E, 0x30}, -1, 0, "[-1] ioerr: command not handled ", "158:1 notHandled:1 "},
-        {{0x9E, 0x11}, -1, 0, "[-1] ioerr: command not handled ", "158:1 notHandled:1 "},
-    };
-    for (const auto& row : rows) {
+    const auto check = [this](const Cdb& cdb, int status, uint32_t sense, const Strings& events,
+                              const std::string& counted, bool lunKnown = true) {
+        SCOPED_TRACE(counted);
         auto dev = Open(false);
-        TestCommand command(row.cdb);
-        EXPECT_EQ(dev->TcmuDevCmdHandler(&command), row.status);
-        EXPECT_EQ(SenseOf(command), row.sense);
-        EXPECT_EQ(Counters(*dev, true), std::string("opens:1 ") + row.counter);
-        EXPECT_THAT(journal.Events(),
-                    ElementsAre(row.status != 0 ? row.event + lib.cfgString : row.event));
-    }
-}
-
-TEST_F(TcmuDevCommandTest, LunIsLookedUpAnewByTestUnitReadyAndInquiry) {
-    const struct {
-        Cdb cdb;
-        uint32_t sense;
-        std::string error;
-        const char* counted;
-    } rows[] = {{{0x00}, 0x020401, "tur err: ", "opens:1 0:1 notReady:1 "},
-                {{0x12}, 0x044400, "inquiry err: ", "opens:1 18:1 "}};
-    for (const auto& row : rows) {
-        auto dev = Open(false);
-        SetLun(nullptr, nullptr);
-        TestCommand command(row.cdb);
-        EXPECT_EQ(dev->TcmuDevCmdHandler(&command), 2);
-        EXPECT_EQ(SenseOf(command), row.sense);
-        EXPECT_EQ(Counters(*dev, true), row.counted);
-        EXPECT_THAT(journal.Events(),
-                    ElementsAre("+map", "-map",
-                                "[-1] " + row.error + lib.cfgString + " GetBStoreInfo error"));
+        if (!lunKnown)
+            SetLun(nullptr, nullptr);
+        TestCommand command(cdb);
+        EXPECT_EQ(dev->TcmuDevCmdHandler(&command), status);
+        EXPECT_EQ(SenseOf(command), sense);
+        EXPECT_EQ(Counters(*dev, true), "opens:1 " + counted);
+        EXPECT_EQ(journal.Events(), events);
         EXPECT_THAT(journal.Functions(),
-                    ElementsAre("int MoScsiSrvTcmuDev::TcmuDevCmdHandler(tcmulib_cmd*)"));
+                    testing::Each("int MoScsiSrvTcmuDev::TcmuDevCmdHandler(tcmulib_cmd*)"));
+        EXPECT_EQ(BStoreInfo(*dev).second, lunKnown && events[0] == "+map" ? &host.held : nullptr);
+    };
+    // These two look their LUN up, each time anew.
+    const std::string unknown = lib.cfgString + " GetBStoreInfo error";
+    check({0x00}, 2, 0x020401, {"+map", "-map", "[-1] tur err: " + unknown}, "0:1 notReady:1 ",
+          false);
+    check({0x00}, 0, 0, {"+map", "-map", "test_unit_ready"}, "0:1 ");
+    check({0x12}, 2, 0x044400, {"+map", "-map", "[-1] inquiry err: " + unknown}, "18:1 ", false);
+    check({0x12}, 0, 0, {"+map", "-map", "inquiry"}, "18:1 ");
 
-        SetLun(&host, &host.held);
-        EXPECT_EQ(dev->TcmuDevCmdHandler(&command), 0);
-        EXPECT_EQ(BStoreInfo(*dev),
-                  std::pair(static_cast<MoScsiBStorOps*>(&host), static_cast<void*>(&host.held)));
-    }
+    const std::string illegal = "[-1] illegal cmd " + lib.cfgString;
+    check({0x25, 1}, 2, 0x052400, {illegal}, "37:1 illegal:1 ");
+    check({0x25, 0, 0, 0, 0, 0, 0, 0, 1}, 2, 0x052400, {illegal}, "37:1 illegal:1 ");
+    check({0x25, 0xFE, 0, 0, 0, 0, 0, 0, 0xFE}, 0, 0, {"read_capacity_10 2048 512"}, "37:1 ");
+    const std::string notHandled = "[-1] ioerr: command not handled " + lib.cfgString;
+    for (const uint8_t action : {0x30, 0x11})
+        check({0x9E, action}, -1, 0, {notHandled}, "158:1 notHandled:1 ");
 }
 
 TEST_F(TcmuDevCommandTest, TransferIsDescribedToTheHostInBytesAndBuffers) {
