@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
+#include <map>
 
 #include "tests/support/PlatformFixture.h"
 
@@ -91,17 +92,10 @@ TEST_F(PlatformFileLunsTest, WhatIsWrongWithThePathIsSaid) {
                   {creating, "[-1] write bstor file " + path + " error " + std::to_string(EDQUOT)});
     EXPECT_TRUE(std::filesystem::is_symlink(path));
 
-    const struct {
-        uint32_t type;
-        const char* log;
-        const char* error;
-    } rows[] = {{BSTOR_FILE, " is not regular file", " not regular file"},
-                {BSTOR_BLKDEV, " is not blk dev", " is not blk dev"},
-                {BSTOR_BLKDEV2, " is not blk dev", " is not blk dev"}};
-    for (const auto& row : rows) {
-        lun.bstorType = row.type;
+    for (const uint32_t type : {BSTOR_FILE, BSTOR_BLKDEV, BSTOR_BLKDEV2}) {
+        lun.bstorType = type;
         // A device is never created.
-        const int looked = row.type == BSTOR_FILE ? EACCES : ENOENT;
+        const int looked = type == BSTOR_FILE ? EACCES : ENOENT;
         g_os.onStat = [looked](const std::string&, mode_t&) { return looked; };
         ExpectRefused(lun, looked, "bstor " + path + " stat error",
                       {"[-1] bstor " + path + " stat error " + std::to_string(looked)});
@@ -112,16 +106,20 @@ TEST_F(PlatformFileLunsTest, WhatIsWrongWithThePathIsSaid) {
                 errno = left;
                 return 0;
             };
-            ExpectRefused(lun, left, "bstor " + path + row.error, {"[-1] bstor " + path + row.log});
+            const std::string text = type == BSTOR_FILE ? " not regular file" : " is not blk dev";
+            ExpectRefused(lun, left, "bstor " + path + text,
+                          {"[-1] bstor " + path + (type == BSTOR_FILE ? " is" : "") + text});
         }
     }
 }
 
 TEST_F(PlatformFileLunsTest, FileIsMadeSparseOrUsedAsItIsAndDeleteKeepsIt) {
     MoScsiSrvLun lun = FileLun("Backing", (uint64_t{5} << 30) + 512);
+    g_os.fail[OsSeams::kClose] = {1, EIO};  // which nobody minds
     const mode_t mask = umask(027);
     EXPECT_FALSE(Platform().CreateLun(&lun).IsError());
     umask(mask);
+    EXPECT_EQ(g_os.fail[OsSeams::kClose].nth, 0) << "the file stays open";
     EXPECT_THAT(journal.Texts(1), ElementsAre("creating bstor file " + lun.path));
     struct stat status = {};
     ASSERT_EQ(stat(lun.path.c_str(), &status), 0);
@@ -158,25 +156,22 @@ TEST_F(PlatformFileLunsTest, SerialNumberDependsOnTheVersionAsTextAndGrows) {
 }
 
 TEST_F(PlatformFileLunsTest, AutomaticNumberIsReadBackOrAnErrorOrLeavesTheConfigurationLocked) {
-    const struct {
-        uint32_t type;
-        std::string directory;
-    } rows[] = {{BSTOR_FILE, "fileio/"},
-                {BSTOR_BLKDEV, "block/"},
-                {BSTOR_BLKDEV2, "block/"},
-                {BSTOR_USER, "user/"}};
+    const std::map<uint32_t, std::string> rows = {{BSTOR_FILE, "fileio/"},
+                                                  {BSTOR_BLKDEV, "block/"},
+                                                  {BSTOR_BLKDEV2, "block/"},
+                                                  {BSTOR_USER, "user/"}};
     for (const auto& row : rows) {
-        SCOPED_TRACE(row.type);
+        SCOPED_TRACE(row.first);
         g_os.onStat = [&](const std::string&, mode_t& mode) {
-            mode = row.type == BSTOR_FILE ? S_IFREG : S_IFBLK;
+            mode = row.first == BSTOR_FILE ? S_IFREG : S_IFBLK;
             return 0;
         };
-        MoScsiSrvLun lun = Lun(row.type);
-        const std::string object = row.directory + Name(lun);
+        MoScsiSrvLun lun = Lun(row.first);
+        const std::string object = row.second + Name(lun);
         const std::string command = "targetcli /iscsi/iqn.Ab/tpg1/luns ls | grep -w " + object +
                                     " | awk '{print $2}' | tr -d '\n' | sed 's/lun//g'";
         const auto create = [&](const std::string& listing) {
-            lun = Lun(row.type, 0xFFFFFFFF);
+            lun = Lun(row.first, 0xFFFFFFFF);
             Answer("/iscsi/iqn.ab/tpg1/luns ls", "", listing);
             journal.Reset(5);
             return Platform().CreateLun(&lun);

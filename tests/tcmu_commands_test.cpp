@@ -17,23 +17,21 @@ const Cdb kRead = {0x28, 0, 0, 0, 0, 9, 0, 0, 2};
 const Cdb kWrite = {0x2A, 0, 0, 0, 0, 9, 0, 0, 2};
 
 TEST_F(TcmuDevCommandTest, EveryOpcodeIsAnsweredByItsEmulationByTheHostOrNotAtAll) {
-    const std::map<int, std::string> answeredBy{{0x00, "test_unit_ready"},
-                                                {0x12, "inquiry"},
-                                                {0x15, "mode_select"},
-                                                {0x55, "mode_select"},
-                                                {0x1A, "mode_sense"},
-                                                {0x5A, "mode_sense"},
-                                                {0x1B, "start_stop"},
-                                                {0x25, "read_capacity_10 2048 512"},
-                                                {0x9E, "read_capacity_16 2048 512"},
-                                                {0x08, "Read"},
-                                                {0x28, "Read"},
-                                                {0xA8, "Read"},
-                                                {0x88, "Read"},
-                                                {0x0A, "Write"},
-                                                {0x2A, "Write"},
-                                                {0xAA, "Write"},
-                                                {0x8A, "Write"}};
+    const std::pair<Cdb, std::string> answers[] = {
+        {{0x00}, "test_unit_ready"},
+        {{0x12}, "inquiry"},
+        {{0x15, 0x55}, "mode_select"},
+        {{0x1A, 0x5A}, "mode_sense"},
+        {{0x1B}, "start_stop"},
+        {{0x25}, "read_capacity_10 2048 512"},
+        {{0x9E}, "read_capacity_16 2048 512"},
+        {{0x08, 0x28, 0x88, 0xA8}, "Read"},
+        {{0x0A, 0x2A, 0x8A, 0xAA}, "Write"},
+    };
+    std::map<int, std::string> answeredBy;
+    for (const auto& [opcodes, answer] : answers)
+        for (const uint8_t opcode : opcodes)
+            answeredBy[opcode] = answer;
     auto dev = Open(false);
     BStoreInfo(*dev) = {&host, &host.held};
     std::string counted = "opens:1 ";
@@ -46,17 +44,17 @@ TEST_F(TcmuDevCommandTest, EveryOpcodeIsAnsweredByItsEmulationByTheHostOrNotAtAl
         const int status = dev->TcmuDevCmdHandler(&command);
         Strings events = journal.Events();
         std::erase_if(events, [](const std::string& event) { return event.ends_with("map"); });
-        const auto answer = answeredBy.find(opcode);
-        if (answer == answeredBy.end()) {
+        const std::string answer = answeredBy[opcode];
+        if (answer.empty()) {
             EXPECT_EQ(events, Strings());
             EXPECT_EQ(status, -1);
-        } else if (isupper(answer->second[0]) != 0) {
-            EXPECT_THAT(events, ElementsAre("+dev", "-dev", answer->second));
+        } else if (isupper(answer[0]) != 0) {
+            EXPECT_THAT(events, ElementsAre("+dev", "-dev", answer));
             EXPECT_EQ(status, -2);
             MoScsiSrvIO* const ioctx = host.held.back();
             Platform().IODone(ioctx, static_cast<long>(ioctx->length));
         } else {
-            EXPECT_THAT(events, ElementsAre(answer->second));
+            EXPECT_THAT(events, ElementsAre(answer));
             EXPECT_EQ(status, g_emulation.status);
         }
         EXPECT_EQ(SenseOf(command), opcode == 0x15 ? 0x071234U : 0U);

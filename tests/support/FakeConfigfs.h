@@ -50,33 +50,26 @@ class FakeConfigfs {
             hba = m_root / "core" / (object.kind + "_" + std::to_string(m_nextHba++));
         } while (exists(hba));
         const std::string size = std::to_string(object.size);
-        std::string info = "Status: ACTIVATED  Max Queue Depth: 128  SectorSize: 512\n        ";
+        std::string info = "Config: " + object.path + " Size: " + size + " MaxDataAreaMB: 1024";
         if (object.kind == "fileio")
-            info +=
-                "TCM FILEIO ID: 0        File: " + object.path + "  Size: " + size + "  Mode: O";
-        else if (object.kind == "iblock")
-            info += "iBlock device: loop0  UDEV PATH: " + object.path +
-                    "  readonly: 0\n        Major: 7 Minor: 0  CLAIMED: IBLOCK";
-        else
-            info += "Config: " + object.path + " Size: " + size + " MaxDataAreaMB: 1024";
-        Write(hba / object.name / "info", info);
+            info = "TCM FILEIO ID: 0        File: " + object.path + "  Size: " + size + "  Mode: O";
+        if (object.kind == "iblock")
+            info = "iBlock device: loop0  UDEV PATH: " + object.path +
+                   "  readonly: 0\n        Major: 7 Minor: 0  CLAIMED: IBLOCK";
+        Write(hba / object.name / "info",
+              "Status: ACTIVATED  Max Queue Depth: 128  SectorSize: 512\n        " + info);
         Write(hba / object.name / "enable", "1");
         Write(hba / object.name / "udev_path", object.kind == "user" ? "" : object.path);
         Write(hba / object.name / "wwn/vpd_unit_serial",
               "T10 VPD Unit Serial Number: " + object.serial);
     }
-    void RemoveObject(const std::string& name) {
-        if (const Path directory = ObjectDirectory(name); !directory.empty())
-            remove_all(directory.parent_path());
-    }
+    void RemoveObject(const std::string& name) { remove_all(ObjectDirectory(name).parent_path()); }
 
     void AddTarget(const std::string& target, const std::string& portal = "0.0.0.0:3260") {
         if (exists(Group(target)))
             return;
-        for (const char* directory : {"lun", "acls", "np"})
+        for (const Path& directory : {Path("lun"), Path("acls"), "np" / Path(portal)})
             create_directories(Group(target) / directory);
-        if (!portal.empty())
-            create_directories(Group(target) / "np" / portal);
         Write(Group(target) / "enable", "1");
         Write(Group(target) / "attrib/generate_node_acls", "0");
     }
