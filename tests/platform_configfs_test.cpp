@@ -60,7 +60,7 @@ TEST_F(PlatformConfigFSTest, CreateRunsItsStepsOnceAndDeleteTakesTheTreeAway) {
            {"-cfg", "+map", "-map", "[0] Target iqn.Ab Lun 3 SerialNum Ser-" + guid + end});
     EXPECT_THAT(journal.Events(), ElementsAreArray(expected));
     EXPECT_EQ(std::filesystem::read_symlink(link), store);
-    EXPECT_NE(Entry(CfgString(lun)), nullptr);
+    EXPECT_TRUE(Registry().contains(CfgString(lun)));
 
     // Once more: nothing runs, the registry's record is the new one.
     lun.serialNum = "again";
@@ -69,7 +69,7 @@ TEST_F(PlatformConfigFSTest, CreateRunsItsStepsOnceAndDeleteTakesTheTreeAway) {
     EXPECT_THAT(journal.Events(),
                 ElementsAre("+cfg", "[1] lun iqn.Ab[3] already exists " + link, "-cfg", "+map",
                             "-map", "[0] Target iqn.Ab Lun 3 SerialNum again-" + guid + end));
-    EXPECT_EQ(Entry(CfgString(lun))->first.serialNum, "again-" + guid);
+    EXPECT_EQ(Registry().at(CfgString(lun)).first.serialNum, "again-" + guid);
 
     journal.Reset(-1);
     ASSERT_FALSE(Platform().DeleteLun(&lun).IsError());

@@ -115,11 +115,9 @@ TEST_F(PlatformFileLunsTest, WhatIsWrongWithThePathIsSaid) {
 
 TEST_F(PlatformFileLunsTest, FileIsMadeSparseOrUsedAsItIsAndDeleteKeepsIt) {
     MoScsiSrvLun lun = FileLun("Backing", (uint64_t{5} << 30) + 512);
-    g_os.fail[OsSeams::kClose] = {1, EIO};  // which nobody minds
     const mode_t mask = umask(027);
     EXPECT_FALSE(Platform().CreateLun(&lun).IsError());
     umask(mask);
-    EXPECT_EQ(g_os.fail[OsSeams::kClose].nth, 0) << "the file stays open";
     EXPECT_THAT(journal.Texts(1), ElementsAre("creating bstor file " + lun.path));
     struct stat status = {};
     ASSERT_EQ(stat(lun.path.c_str(), &status), 0);

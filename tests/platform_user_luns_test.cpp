@@ -31,23 +31,23 @@ TEST_F(PlatformUserLunsTest, LunAndDeviceMeetInEitherOrder) {
     ASSERT_EQ(device.TcmuDevOpen(), 0);
     ExpectKnown(key, nullptr, nullptr);
     ASSERT_FALSE(Platform().CreateLun(&lun).IsError());
-    EXPECT_EQ(Entry(key)->second, &device);
+    EXPECT_EQ(Registry().at(key).second, &device);
     ExpectKnown(key, &host, &host.held);
     ExpectKnown("MoScsiSrvTcmu/other", nullptr, nullptr);
 
     // A close leaves the LUN, a second create replaces its record, and a device comes back.
     device.TcmuDevClose();
-    EXPECT_EQ(Entry(key)->second, nullptr);
+    EXPECT_EQ(Registry().at(key).second, nullptr);
     lun.hostWord = 55;
     lun.bstoreCtx = nullptr;
     ASSERT_FALSE(Platform().CreateLun(&lun).IsError());
     EXPECT_EQ(Registry().size(), 1U);
-    EXPECT_EQ(Entry(key)->second, nullptr);
-    EXPECT_EQ(Entry(key)->first.serialNum, lun.serialNum);
-    EXPECT_EQ(Entry(key)->first.hostWord, 55);
+    EXPECT_EQ(Registry().at(key).second, nullptr);
+    EXPECT_EQ(Registry().at(key).first.serialNum, lun.serialNum);
+    EXPECT_EQ(Registry().at(key).first.hostWord, 55);
     MoScsiSrvTcmuDev next(&lib);
     ASSERT_EQ(next.TcmuDevOpen(), 0);
-    EXPECT_EQ(Entry(key)->second, &next);
+    EXPECT_EQ(Registry().at(key).second, &next);
     ExpectKnown(key, nullptr, nullptr);
     SetLun(nullptr, &host.held);  // nor are they with the other half
     ExpectKnown(key, nullptr, nullptr);
@@ -66,12 +66,12 @@ TEST_F(PlatformUserLunsTest, DeleteWaitsUntilTheDeviceHasClosed) {
     ASSERT_EQ(device.TcmuDevOpen(), 0);
     int polls = 0;
     g_os.onSleep = [&] {
-        EXPECT_NE(Entry(key), nullptr);
+        EXPECT_TRUE(Registry().contains(key));
         EXPECT_TRUE(++polls < 3 || Platform().UnRegisterTcmuDev(&device));
     };
     journal.Reset(1);
     EXPECT_FALSE(Platform().DeleteLun(&lun).IsError());
-    EXPECT_EQ(Entry(key), nullptr);
+    EXPECT_FALSE(Registry().contains(key));
     Strings events = journal.Events();
     events.erase(events.begin(), std::ranges::find(events, "-cfg"));
     events.pop_back();  // the confirmation
@@ -118,6 +118,6 @@ TEST_F(PlatformUserLunsTest, DeletesOfOneLunNeverDisturbAnotherLunsDevices) {
         EXPECT_FALSE(Platform().DeleteLun(&lun).IsError());
     }
     devices.join();
-    EXPECT_NE(Entry(lib.cfgString), nullptr);
+    EXPECT_TRUE(Registry().contains(lib.cfgString));
     EXPECT_EQ(Registry().size(), 1U);
 }

@@ -22,7 +22,7 @@ TEST_F(TcmuDevLifeTest, OpenLearnsTheGeometryAndRegisters) {
     EXPECT_EQ(lib.numLbas, 2U) << "the remainder is dropped";
     EXPECT_EQ(lib.priv, &dev);
     EXPECT_EQ(dev.TcmuDevCfgString(), lib.cfgString);
-    EXPECT_EQ(Entry(lib.cfgString)->second, &dev);
+    EXPECT_EQ(Registry().at(lib.cfgString).second, &dev);
     EXPECT_THAT(
         journal.Events(),
         ElementsAre("+map", "-map", "[0] open success " + lib.cfgString + " " + Pointer(&dev)));
@@ -71,7 +71,7 @@ TEST_F(TcmuDevLifeTest, FailedOpenLeavesTheObjectClosed) {
         EXPECT_THAT(journal.Events(), ElementsAreArray(expected));
     }
     EXPECT_THAT(journal.Functions()[0], "bool MoScsiSrvLIO::RegisterTcmuDev(MoScsiSrvTcmuDev*)");
-    EXPECT_EQ(Entry(lib.cfgString)->second, &first);
+    EXPECT_EQ(Registry().at(lib.cfgString).second, &first);
 }
 
 TEST_F(TcmuDevLifeTest, DeviceWithoutANameKeepsItsDeviceAndIsClosedInTheEnd) {
@@ -103,7 +103,7 @@ TEST_F(TcmuDevLifeTest, CloseAbortsWhatIsPendingAndPollsUntilTheHostHasGivenItBa
     };
     size_t polls = 0;
     g_os.onSleep = [&] {  // the host gives back nothing at the first poll, then one each
-        EXPECT_EQ(Entry(lib.cfgString)->second, dev.get()) << "unregistered too early";
+        EXPECT_EQ(Registry().at(lib.cfgString).second, dev.get()) << "unregistered too early";
         if (polls++ != 0)
             Platform().IODone(host.held.at(polls - 2), 512);
     };
@@ -122,7 +122,7 @@ TEST_F(TcmuDevLifeTest, CloseAbortsWhatIsPendingAndPollsUntilTheHostHasGivenItBa
     EXPECT_EQ(Lent(), 0U);
     EXPECT_EQ(dev->TcmuDevCfgString(), "");
     EXPECT_EQ(BStoreInfo(*dev).first, nullptr);
-    EXPECT_EQ(Entry(lib.cfgString)->second, nullptr) << "the entry stays, without a device";
+    EXPECT_EQ(Registry().at(lib.cfgString).second, nullptr) << "the entry stays, without a device";
 }
 
 TEST_F(TcmuDevLifeTest, TransferBeforeTheLunIsKnownStaysPendingAndItsAbortCallsNobody) {

@@ -63,7 +63,7 @@ TEST_F(TcmuDevRaceTest, CloseDrainsWhatOtherThreadsCompleteAfterTheAbort) {
     // A stray second completion may still come while the name is being forgotten.
     EXPECT_EQ(dev->TcmuDevIODone(host.held[0], 512), 2);
     ExpectAllDone(50);
-    EXPECT_EQ(Entry(lib.cfgString)->second, nullptr);
+    EXPECT_EQ(Registry().at(lib.cfgString).second, nullptr);
 }
 
 }  // namespace

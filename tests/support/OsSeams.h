@@ -2,7 +2,6 @@
 
 #include <sys/types.h>
 
-#include <atomic>
 #include <functional>
 #include <string>
 
@@ -30,4 +29,3 @@ struct OsSeams {
     std::function<void()> onSleep;
 };
 inline OsSeams g_os;
-inline std::atomic<int> g_openPipes;  ///< of popen, that aren't closed yet

@@ -34,6 +34,10 @@ int tcmu_runner_main(int argc, char** argv) {
     return runner.result;
 }
 
+static auto OpenFiles() {
+    return std::ranges::distance(std::filesystem::directory_iterator("/proc/self/fd"));
+}
+
 CRyError HeldTransfers::Call(const char* operation, const Hook& hook, void* ctx, MoScsiSrvIO* ioctx,
                              int reserved) {
     CapturingLogWriter::Installed().Note(operation);
@@ -47,7 +51,8 @@ MoScsiSrvLIOTest::MoScsiSrvLIOTest()
     : dir([] {
           std::string name = testing::TempDir() + "moscsi.XXXXXX";
           return std::string(mkdtemp(name.data()));
-      }()) {
+      }()),
+      m_filesBefore(OpenFiles()) {
     static const std::string real = ConfigFSRoot();  // as it is before the first test
     EXPECT_EQ(real, "/sys/kernel/config/target/");
     static const std::string path = getenv("PATH");
@@ -61,7 +66,7 @@ MoScsiSrvLIOTest::MoScsiSrvLIOTest()
 }
 
 MoScsiSrvLIOTest::~MoScsiSrvLIOTest() {
-    EXPECT_EQ(g_openPipes, 0);
+    EXPECT_EQ(OpenFiles(), m_filesBefore);
     g_os = {};
     for (const char* name : CapturingLogWriter::kWatched)
         journal.Watch(name, nullptr);
@@ -147,9 +152,4 @@ CRyError MoScsiSrvLIOTest::Update(const std::string& command, Strings tolerated)
 CRyError MoScsiSrvLIOTest::Read(const std::string& command, std::string& out) {
     MutexGuard guard(ConfigurationMutex());
     return Platform().TargetCliReadObject(command, out);
-}
-
-const MoScsiSrvLIOTest::Registered* MoScsiSrvLIOTest::Entry(const std::string& key) {
-    const auto entry = Registry().find(key);
-    return entry == Registry().end() ? nullptr : &entry->second;
 }

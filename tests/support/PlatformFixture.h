@@ -45,11 +45,10 @@ struct HeldTransfers : MoScsiBStorOps {
 
 /// A platform of its own for each test, with a fake targetcli first on PATH, a temporary directory
 /// for configfs and for the service script, and a journal at level 5 (traces left out) that watches
-/// both of the platform's mutexes as "cfg" and "map". Every pipe that a test opens must be closed
-/// at its end, and the configuration free.
+/// both of the platform's mutexes as "cfg" and "map". At its end every file
+/// that was opened must be closed, and the configuration free.
 struct MoScsiSrvLIOTest : testing::Test {
     using Strings = std::vector<std::string>;
-    using Registered = std::pair<MoScsiSrvLun, MoScsiSrvTcmuDev*>;
     static constexpr const char* kNew = "2.1.fb43";  ///< the oldest version of the newer forms
     static constexpr const char* kOld = "2.1.fb42";
 
@@ -104,12 +103,11 @@ struct MoScsiSrvLIOTest : testing::Test {
     std::string Name(const MoScsiSrvLun& lun) { return Platform().StorageObjectName(&lun); }
     std::string CfgString(MoScsiSrvLun lun) { return Platform().GetCfgString(&lun, true); }
     auto& Registry() { return Platform().m_tcmuDevMap; }
-    /// The registry's entry, or null.
-    const Registered* Entry(const std::string& key);
     /// Waits for the end of the runner's thread. It is not signalled any more afterwards.
     static void JoinRunner(MoScsiSrvLIO& platform);
     Mutex& ConfigurationMutex() { return Platform().m_cfgMutex; }
 
   private:
+    const std::ptrdiff_t m_filesBefore;
     std::unique_ptr<MoScsiSrvLIO> m_platform;
 };
