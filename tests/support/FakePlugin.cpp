@@ -12,8 +12,8 @@
 
 #include "adapters/framework/MoStatistics.h"
 #include "host/Identity.h"
-#include "platform/MoScsiSrvPlatform.h"
 #include "tests/support/FakeConfigfs.h"
+#include "tests/support/NullPlatform.h"
 
 namespace {
 
@@ -24,12 +24,10 @@ std::string Variable(const char* name, const char* fallback) {
     return value != nullptr ? value : fallback;
 }
 
-class FakePlatform final : public MoScsiSrvPlatform {
+class FakePlatform final : public NullPlatform {
   public:
     CRyError Initialize() override { return Done("Initialize", ""); }
     CRyError Cleanup() override { return Done("Cleanup", ""); }
-    CRyError IODone(MoScsiSrvIO*, long) override { return {}; }
-    CRyError RegisterGetVPDCB(MoScsiSrvGetVPDCb_t) override { return {}; }
 
     CRyError CreateTarget(MoScsiSrvTarget_t* target) override {
         Wait("CreateTarget");
