@@ -4,7 +4,7 @@
 
 #include <charconv>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 #include <string_view>
 
 namespace moscsi::wrapper {
@@ -25,7 +25,9 @@ std::optional<uint64_t> parseSize(std::string_view text) {
 
 std::string content(const fs::path& file) {
     std::ifstream in(file);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    std::ostringstream text;
+    text << in.rdbuf();  // an error ends it, where the iterators would throw
+    return text.str();
 }
 
 struct KernelObject {
@@ -120,7 +122,8 @@ std::optional<UserBackstoreCreate> UserBackstoreCreate::parse(
 std::string explainFailedCreate(const UserBackstoreCreate& create, const fs::path& configfsRoot,
                                 const std::string& reported) {
     std::optional<KernelObject> object;
-    if (!create.name.empty() && create.name.find('/') == std::string::npos) {
+    const bool directory = create.name == "." || create.name == "..";
+    if (!create.name.empty() && !directory && create.name.find('/') == std::string::npos) {
         object = findObject(configfsRoot, create.name);
     }
     if (!object) {

@@ -1,0 +1,54 @@
+// What the wrapper makes of others' words: targetcli's version, its arguments, the kernel's text
+// about an object of that name.
+
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "adapters/targetcli/UserBackstoreCheck.h"
+#include "adapters/targetcli/Version.h"
+#include "tests/fuzz/Input.h"
+
+namespace fs = std::filesystem;
+using namespace moscsi::wrapper;
+
+namespace {
+
+std::vector<std::string> Lines(const std::string& text) {
+    std::vector<std::string> lines{""};
+    for (const char c : text)
+        c == '\n' ? (void)lines.emplace_back() : lines.back().push_back(c);
+    return lines;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    static const fs::path root = fs::temp_directory_path() / ("fuzz." + std::to_string(getpid()));
+    static const fs::path object = root / "core/user_1/lun";
+    static const bool made = fs::create_directories(object);
+    Check(made || fs::exists(object), "a place for the object");
+
+    Input input(data, size);
+    const bool enabled = input.Byte() % 2 == 0;
+    const std::string text = input.Rest();
+    const std::string version = versionIn(text);
+    const std::string older = olderVersionForm(version);
+    Check(older.find_first_of(" \n") == std::string::npos, "a version is one word");
+    Check(older.empty() || older >= "0", "a version begins with a digit");
+
+    const auto create = UserBackstoreCreate::parse(Lines(text));
+    if (!create)
+        return 0;
+    std::ofstream(object / "info")
+        << "Status: ACTIVATED SectorSize: 512\n  Config: " << create->handler << '/' << text
+        << "\n";
+    std::ofstream(object / "enable") << (enabled ? "1\n" : "0\n");
+    const std::string told = explainFailedCreate(*create, root, text);
+    const bool success =
+        told.find("exists") != std::string::npos || told.find("Exists") != std::string::npos;
+    Check(!success || create->name.empty() || (enabled && create->size.has_value()),
+          "only a configured object of the same size exists");
+    return 0;
+}
