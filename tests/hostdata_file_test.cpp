@@ -1,6 +1,5 @@
 // The file behind a LUN: made whole or not at all, and one LUN's alone.
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -11,9 +10,7 @@
 #include <functional>
 
 #include "host/data/BackingFile.h"
-#include "host/data/LunData.h"
-#include "tests/support/NullPlatform.h"
-#include "tests/support/TempDirectory.h"
+#include "tests/support/HostData.h"
 
 namespace {
 
@@ -47,55 +44,38 @@ namespace {
 
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 
 constexpr uint64_t kSize = 64 * 1024;
 
-struct Files : testing::Test {
+struct Files : hostdata_test::LunTest {
     Files() { g_steps.clear(); }
 
     std::string Open(BackingFile& file) {
         std::string error;
         const bool opened = file.Open(path, kSize, error);
         EXPECT_EQ(opened, error.empty());
-        EXPECT_EQ(opened, file.Fd() >= 0);
         EXPECT_TRUE(!opened || fcntl(file.Fd(), F_GETFD) == FD_CLOEXEC);
         return error;
     }
-    std::vector<std::string> Left() const {
-        std::vector<std::string> names;
-        for (const auto& each : std::filesystem::directory_iterator(directory.path))
-            names.push_back(each.path().filename());
-        return names;
-    }
     static void Touch(const std::string& name) { std::ofstream(name).put('x'); }
 
-    TempDirectory directory;
-    std::string path = directory.path / "data";
     BackingFile file;
 };
 
 TEST_F(Files, ANewFileIsSyncedBeforeItHasItsNameAndItsDirectoryAfter) {
-    Touch(path + ".new");  // a crash left it
-    ASSERT_EQ(Open(file), "");
-    EXPECT_THAT(g_steps, ElementsAre("sync 65536 bytes", "name", "sync directory"));
-    EXPECT_THAT(Left(), ElementsAre("data"));
-    EXPECT_EQ(std::filesystem::file_size(path), kSize);
-    char first = 'x';
-    EXPECT_EQ(pread(file.Fd(), &first, 1, 0), 1);
-    EXPECT_EQ(first, '\0');
-}
-
-TEST_F(Files, NothingIsLeftWhenASyncFails) {
     for (const int failing : {1, 2}) {
         g_failingSync = failing;
         EXPECT_THAT(Open(file), HasSubstr("Input/output error"));
-        EXPECT_THAT(Left(), IsEmpty());
+        EXPECT_TRUE(std::filesystem::is_empty(directory.path));
     }
-}
-
-TEST_F(Files, OneFileServesOneLun) {
+    g_steps.clear();
+    Touch(path + ".new");  // a crash left it
     ASSERT_EQ(Open(file), "");
+    EXPECT_THAT(g_steps, ElementsAre("sync 65536 bytes", "name", "sync directory"));
+    EXPECT_FALSE(std::filesystem::exists(path + ".new"));
+    std::ifstream stream(path, std::ios::binary);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(stream), {}), std::string(kSize, '\0'));
+
     BackingFile other;
     EXPECT_THAT(Open(other), HasSubstr("in use by another LUN"));
     { const BackingFile moved = std::move(file); }
@@ -117,24 +97,13 @@ TEST_F(Files, RefusesWhatIsNotTheLunsFile) {
     };
     for (const auto& [make, error] : cases) {
         make();
-        EXPECT_THAT(Open(file), HasSubstr(error));
+        EXPECT_THAT(Make({"a", Backing::File, path, kSize, {}, {}}), HasSubstr(error));
         std::filesystem::remove(path);
     }
-}
-
-TEST(LunDataMaking, SaysWhatIsWrongInOneLine) {
-    NullPlatform platform;
-    const std::pair<LunDataConfig, std::string> cases[] = {
-        {{"a", Backing::Memory, "", 0, {}, {}}, "a size of 0 bytes"},
-        {{"b", Backing::File, "/x", 1000, {}, {}}, "a size of 1000 bytes"},
-        {{"c", Backing::Memory, "", uint64_t{1} << 62U, {}, {}}, "make the LUN smaller"},
-        {{"d", Backing::File, "/dev/null", 512, {}, {}}, "/dev/null is not a regular file"},
-    };
-    for (const auto& [config, error] : cases) {
-        const LunDataResult made = MakeLunData(config, platform);
-        EXPECT_EQ(made.data, nullptr);
-        EXPECT_THAT(made.error, HasSubstr(error));
-    }
+    for (const uint64_t size : {uint64_t{0}, uint64_t{1000}})
+        EXPECT_THAT(Make({"a", Backing::File, path, size, {}, {}}), HasSubstr("multiple of 512"));
+    EXPECT_THAT(Make({"a", Backing::Memory, "", uint64_t{1} << 62U, {}, {}}),
+                HasSubstr("make the LUN smaller"));
 }
 
 }  // namespace
