@@ -1,19 +1,6 @@
 #include "adapters/runner/DbusService.h"
-#include "adapters/runner/tcmu_runner.h"
 #include "tests/support/RunnerFixture.h"
 #include "tests/support/TestHost.h"
-
-// The plug-in's singleton starts this on a thread of its own; here each test runs its own runner.
-int tcmu_runner_main(int argc, char** argv) {
-    static auto* kept = new std::vector<char*>;  // the runner may keep its arguments
-    kept->assign(argv, argv + argc);
-    return 0;
-}
-
-// That thread is never joined, by contract; nor are those that a stop has to leave.
-extern "C" __attribute__((visibility("default"))) const char* __tsan_default_options() {
-    return "report_thread_leaks=0";
-}
 
 namespace {
 

@@ -13,6 +13,7 @@
 
 /// Reaches the plug-in's registry.
 struct MoScsiSrvLIOTest {
+    /// The LUN's operations are their own context; null: they aren't known.
     static void AddLun(const std::string& cfgString, MoScsiBStorOps* ops) {
         MoScsiSrvLIO& platform = *MoScsiSrvLIO::Instance();
         const MutexGuard guard(platform.m_tcmuDevMapMutex);

@@ -1,0 +1,59 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "adapters/libtcmu/Device.h"
+#include "adapters/runner/CommandGate.h"
+#include "adapters/runner/DeviceHandler.h"
+#include "tests/support/FakeLibtcmuApi.h"
+#include "tests/support/TestHost.h"
+
+using Bytes = std::vector<uint8_t>;
+using Extents = std::vector<KernelRing::Extent>;
+
+/// Ring, gate and the plug-in's handler of one LUN, over the model of the kernel. Thread: one.
+struct GateRig {
+    static constexpr uint64_t kBlock = 512;
+
+    FakeLibtcmuApi api;
+    FakeDevice lib;
+    tcmu_device device{api, lib.Lib()};
+    std::unique_ptr<DeviceHandler> handler;
+    std::unique_ptr<CommandGate> gate;
+
+    /// Opens the device, anew if need be; without `host` its LUN isn't known.
+    void Open(uint64_t blocks, MoScsiBStorOps* host) {
+        MoScsiSrvLIOTest::AddLun(device.cfgString, host);
+        handler.reset();
+        handler = MakePluginHandler(&device);
+        EXPECT_EQ(handler->Open(), 0);
+        tcmu_set_dev_block_size(&device, kBlock);
+        tcmu_set_dev_num_lbas(&device, blocks);
+        gate = std::make_unique<CommandGate>(device, *handler);
+        device.completionHook = [this](RingCommand& command, int& result) {
+            gate->Completing(command, result);
+        };
+    }
+
+    void Drain() {
+        device.ring.BeginDrain();
+        while (RingCommand* command = device.ring.Fetch())
+            gate->Pass(*command);
+        device.ring.EndDrain();
+    }
+    /// Returns: the answer, which a host that completes at once has given.
+    std::optional<KernelRing::Answer> Answer(const Bytes& cdb, const Extents& pieces) {
+        const uint32_t ticket = lib.Submit(cdb, pieces);
+        Drain();
+        return lib.AnswerOf(ticket);
+    }
+
+    static Bytes Flat(const uint8_t* memory, const Extents& pieces) {
+        Bytes flat;
+        for (const auto& [offset, length] : pieces)
+            flat.insert(flat.end(), memory + offset, memory + offset + length);
+        return flat;
+    }
+};
