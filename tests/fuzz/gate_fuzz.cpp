@@ -96,7 +96,7 @@ void RunOne(Input& input, GateRig& rig, Model& model) {
         total += length;
     }
     const size_t shift = input.Byte();
-    Bytes memory(noise.begin() + shift, noise.begin() + shift + at);
+    Bytes memory(noise.begin() + shift, noise.begin() + shift + at + 1);
     std::copy(memory.begin(), memory.end(), rig.lib.ring.Data());
 
     const auto answer = rig.Answer(cdb, pieces);
@@ -131,7 +131,8 @@ void RunOne(Input& input, GateRig& rig, Model& model) {
     for (auto [from, piece] = std::pair(expected.begin(), pieces.begin()); piece != pieces.end();
          from += static_cast<ptrdiff_t>(piece->length), ++piece)
         std::copy_n(from, piece->length, memory.begin() + static_cast<ptrdiff_t>(piece->offset));
-    Check(std::memcmp(memory.data(), rig.lib.ring.Data(), at) == 0, "the rest is untouched");
+    Check(std::memcmp(memory.data(), rig.lib.ring.Data(), memory.size()) == 0,
+          "the rest is untouched");
 }
 
 }  // namespace
