@@ -7,7 +7,6 @@ usage: host_serve_test.py MOSCSI_HOST FAKE_PLUGIN
 import json
 import os
 import pathlib
-import shutil
 import signal
 import socketserver
 import subprocess
@@ -47,8 +46,6 @@ class ServeTest(unittest.TestCase):
         threading.Thread(target=bus.serve_forever, args=(0.01,), daemon=True).start()
         self.addCleanup(bus.server_close)
         self.addCleanup(bus.shutdown)
-        for name in ("one", "two", "three"):
-            (self.dir / name).write_bytes(bytes(1024))
         self.log_file = self.dir / "log"
         self.limit = self.dir / "run/targetcli/limit"
         self.configfs = self.dir / "configfs"
@@ -56,21 +53,19 @@ class ServeTest(unittest.TestCase):
                         MOSCSI_CONFIGFS_ROOT=str(self.configfs),
                         MOSCSI_TARGETCLI_REAL=f"{self.dir}/real",
                         DBUS_SYSTEM_BUS_ADDRESS=f"unix:path={self.dir}/bus")
-        # Automatic numbers come first in the file, explicit ones first in the kernel.
-        self.configure(("one", '"auto"'), ("two", 0), ("three", 2))
-
-    def configure(self, *luns):
         text = f'[[target]]\nname = "{TARGET}"\n'
-        for name, number in luns:
+        # Automatic numbers come first in the file, explicit ones first in the kernel.
+        for name, number in (("one", '"auto"'), ("two", 0), ("three", 2)):
+            (self.dir / name).write_bytes(bytes(1024))
             text += (f'[[target.lun]]\nname = "{name}"\ntype = "file"\n'
                      f'path = "{self.dir}/{name}"\nnumber = {number}\n')
         for name, seen in ((A, '"all"'), (B, '["two"]')):
             text += f'[[target.initiator]]\nname = "{name}"\nluns = {seen}\n'
         (self.dir / "f.toml").write_text(text)
 
-    def start(self, library=PLUGIN, **env):
+    def start(self, **env):
         process = subprocess.Popen(
-            [HOST, "--platform-file", f"{self.dir}/platform.toml", "serve", "--library", library,
+            [HOST, "--platform-file", f"{self.dir}/platform.toml", "serve", "--library", PLUGIN,
              f"{self.dir}/f.toml"], env=dict(self.env, **env), stdout=subprocess.PIPE,
             stderr=subprocess.PIPE, text=True)
         for clean in (process.stderr.close, process.stdout.close, process.wait, process.kill):
@@ -90,11 +85,9 @@ class ServeTest(unittest.TestCase):
         self.assertNotIn("ready\n", out)
         return out, err
 
-    def status(self, *options, code=0):
-        done = subprocess.run([HOST, "status", *options], env=self.env, stdout=subprocess.PIPE,
-                              stderr=subprocess.STDOUT, text=True, check=False, timeout=DEADLINE)
-        self.assertEqual(done.returncode, code)
-        return done.stdout
+    def status(self, *options):
+        return subprocess.run([HOST, "status", *options], env=self.env, stdout=subprocess.PIPE,
+                              stderr=subprocess.STDOUT, text=True, check=False, timeout=DEADLINE).stdout
 
     def log(self):
         """The operations since the last look, without the directory."""
@@ -124,8 +117,7 @@ class ServeTest(unittest.TestCase):
             self.assertEqual(status["phase"], "ready")
             self.assertEqual({lun["name"]: lun["number"] for lun in status["targets"][0]["luns"]},
                              {"one": 1, "two": 0, "three": 2})
-            self.assertRegex(self.status(), r"LUN +1 one +file +1 KiB .*/one\n")
-            self.assertRegex(self.status(), r"fake source\n +answers +42\n")
+            self.assertRegex(self.status(), r"(?s)LUN +1 one +file +1 KiB .*fake source\n +answers +42\n")
             self.assertIn(f"another moscsi-host (process {process.pid})", self.ends(self.start())[1])
             process.send_signal(stop)
             self.assertEqual(self.ends(process, 0)[1], "")
@@ -133,7 +125,7 @@ class ServeTest(unittest.TestCase):
             self.assertEqual(self.objects(), [])
             self.assertFalse((self.dir / "run/host.sock").exists())
             self.assertFalse(self.limit.exists())
-        self.assertIn("no moscsi-host is running", self.status(code=1))
+        self.assertIn("no moscsi-host is running", self.status())
 
     def test_every_failing_operation_leaves_nothing_of_this_run(self):
         for operation, calls in (("CreateTarget", 1), ("CreateLun", 3), ("MapHost", 4)):
@@ -150,26 +142,12 @@ class ServeTest(unittest.TestCase):
         self.assertEqual(self.log(), self.CREATED + self.DELETED)
         self.assertEqual(self.objects(), [])
 
-    def test_killed_host_goes_on_at_its_next_start(self):
+    def test_run_over_what_a_killed_one_left_takes_down_only_what_it_made(self):
         process = self.ready()
         process.kill()
         process.wait()
         before = self.tree()
-        # A failing run takes down only what it made: nothing.
         self.ends(self.start(FAKE_FAIL="MapHost:2"))
-        self.assertEqual(self.tree(), before)
-        self.log()
-        process = self.ready()
-        self.assertEqual(self.log(), self.CREATED)
-        self.assertEqual(self.tree(), before)
-        process.kill()
-        process.wait()
-        # A conflict stops it with nothing changed.
-        self.configure(("one", '"auto"'), ("two", 2), ("three", 0))
-        _, err = self.ends(self.start())
-        self.assertIn("LUN two is number 0", err)
-        self.assertIn("nothing was changed", err)
-        self.assertEqual(self.log(), ["Initialize", "Cleanup"])
         self.assertEqual(self.tree(), before)
 
     def test_others_work_in_our_target_stays(self):
@@ -200,31 +178,6 @@ class ServeTest(unittest.TestCase):
         process.terminate()
         self.assertIn("a step of the stop doesn't end", self.ends(process)[1])
         self.assertFalse(self.limit.exists())
-
-    def test_missing_prerequisites_are_one_line(self):
-        cases = [({"library": "/nonexistent.so"}, "can't load the plug-in"),
-                 ({"library": "libc.so.6"}, "lacks GetMOScsiPlatformObj"),
-                 ({"DBUS_SYSTEM_BUS_ADDRESS": "unix:path=/x"}, "no D-Bus system bus answers")]
-        # The host looks in the system's directories whatever PATH says.
-        system = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
-        if not shutil.which("targetcli", path=system):
-            cases.append(({"MOSCSI_TARGETCLI_REAL": "", "PATH": "/nowhere"},
-                          "install the package targetcli-fb"))
-        for setting, words in cases:
-            out, err = self.ends(self.start(**setting))
-            self.assertIn(words, err)
-            self.assertEqual((out, err.count("\n")), ("", 1))
-        self.assertFalse(self.log_file.exists())
-
-    def test_user_luns_without_their_objects_on_the_bus_stop_before_anything_is_made(self):
-        with open(self.dir / "f.toml", "a", encoding="ascii") as file:
-            file.write('[[target.lun]]\nname = "u"\ntype = "user"\nbacking = "file"\nsize = 512\n'
-                       f'path = "{self.dir}/made"\n')
-        out, err = self.ends(self.start())
-        self.assertIn("objects on D-Bus: failed", out)
-        self.assertRegex(err, r"^moscsi-host: the D-Bus system bus doesn't answer .*\n$")
-        self.assertEqual(self.log(), ["Initialize", "Cleanup"])
-        self.assertFalse((self.dir / "made").exists())
 
 
 if os.geteuid() != 0:

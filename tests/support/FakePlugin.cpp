@@ -2,7 +2,8 @@
 // operation to FAKE_LOG, and can be told to misbehave:
 //   FAKE_FAIL=OPERATION:N   the N-th call of the operation fails, its work half done
 //   FAKE_PORTAL=TEXT        targets get this portal; empty: none
-//   FAKE_WAIT=OPERATION     the operation makes FAKE_LOG.begun, and waits for FAKE_LOG.go
+//   FAKE_WAIT=OPERATION     it makes FAKE_LOG.begun when its work is done, and waits for
+//   FAKE_LOG.go
 
 #include <chrono>
 #include <cstdlib>
@@ -30,16 +31,15 @@ class FakePlatform final : public NullPlatform {
     CRyError Cleanup() override { return Done("Cleanup", ""); }
 
     CRyError CreateTarget(MoScsiSrvTarget_t* target) override {
-        Wait("CreateTarget");
         m_tree.AddTarget(target->targetName, Variable("FAKE_PORTAL", "0.0.0.0:3260"));
-        return Done("CreateTarget", target->targetName);
+        return Done("CreateTarget", " " + target->targetName);
     }
     CRyError DeleteTarget(MoScsiSrvTarget_t* target) override {
         m_tree.RemoveTarget(target->targetName);
-        return Done("DeleteTarget", target->targetName);
+        return Done("DeleteTarget", " " + target->targetName);
     }
     CRyError CreateLun(MoScsiSrvLun_t* lun) override {
-        const std::string arguments = lun->path + " " + NumberText(*lun) + " " + lun->serialNum;
+        const std::string arguments = " " + lun->path + NumberText(*lun) + " " + lun->serialNum;
         const std::string object = ObjectOf(*lun);
         const std::string link = object.substr(0, 10);
         lun->serialNum = moscsi::host::SerialOf(lun->serialNum, lun->targetName, lun->path);
@@ -57,18 +57,17 @@ class FakePlatform final : public NullPlatform {
         return result;
     }
     CRyError DeleteLun(MoScsiSrvLun_t* lun) override {
-        Wait("DeleteLun");
         remove_all(m_tree.Lun(lun->targetName, lun->lunNum));
         m_tree.RemoveObject(ObjectOf(*lun));
-        return Done("DeleteLun", lun->path + " " + NumberText(*lun));
+        return Done("DeleteLun", " " + lun->path + NumberText(*lun));
     }
     CRyError MapHost(MoScsiSrvLun_t* lun, MoScsiSrvHost_t* host) override {
         m_tree.Map(lun->targetName, host->initiatorName, lun->lunNum);
-        return Done("MapHost", host->initiatorName + " " + NumberText(*lun));
+        return Done("MapHost", " " + host->initiatorName + NumberText(*lun));
     }
     CRyError UnMapHost(MoScsiSrvLun_t* lun, MoScsiSrvHost_t* host) override {
         remove_all(m_tree.Mapping(lun->targetName, host->initiatorName, lun->lunNum));
-        return Done("UnMapHost", host->initiatorName + " " + NumberText(*lun));
+        return Done("UnMapHost", " " + host->initiatorName + NumberText(*lun));
     }
 
   private:
@@ -76,20 +75,16 @@ class FakePlatform final : public NullPlatform {
         return moscsi::host::ObjectNameOf(lun.targetName, lun.path);
     }
     static std::string NumberText(const MoScsiSrvLun& lun) {
-        return lun.lunNum == kAutomatic ? "auto" : std::to_string(lun.lunNum);
+        return lun.lunNum == kAutomatic ? " auto" : " " + std::to_string(lun.lunNum);
     }
-    static void Wait(const std::string& operation) {
-        const std::string log = Variable("FAKE_LOG", "/dev/null");
-        if (Variable("FAKE_WAIT", "") != operation)
-            return;
-        FakeConfigfs::Write(log + ".begun", "");
-        while (!std::filesystem::exists(log + ".go"))
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-
     CRyError Done(const std::string& operation, const std::string& arguments) {
-        std::ofstream(Variable("FAKE_LOG", "/dev/null"), std::ios::app)
-            << operation << (arguments.empty() ? "" : " ") << arguments << '\n';
+        const std::string log = Variable("FAKE_LOG", "/dev/null");
+        if (Variable("FAKE_WAIT", "") == operation) {
+            FakeConfigfs::Write(log + ".begun", "");
+            while (!std::filesystem::exists(log + ".go"))
+                std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        std::ofstream(log, std::ios::app) << operation << arguments << '\n';
         if (Variable("FAKE_FAIL", "") == operation + ":" + std::to_string(++m_calls[operation]))
             return FXErrorUtil::ErrorErrNo(FXCodeLocation("FakePlugin", __func__, __LINE__), 774,
                                            "%s failed as told", operation.c_str());
