@@ -58,7 +58,7 @@ if [[ ${MOSCSI_SOAK-} ]]; then
     for n in 1 2 3; do
         turn $n
         kill -TERM "$host_pid"
-        wait_until 120 ended "$host_pid"
+        wait_until 120 ended "$host_pid" 2>/dev/null
         say "           killed after $(tail -n 1 "$work/commands")"
         gather
         turn 0
