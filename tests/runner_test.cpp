@@ -14,6 +14,7 @@ TEST_F(RunnerTest, ServesWhatWasThereAndWhatComesAndStopsInOrder) {
         EXPECT_TRUE(NameTaken());
         EXPECT_EQ(Content(block) + Content(reset), "11");
         EXPECT_EQ(Objects(), "") << "offered last";
+        return 0;
     };
     api.onClose = [&] {
         for (const FakeDevice* dev : {&device, &second}) {
@@ -62,14 +63,18 @@ TEST_F(RunnerTest, EachFailingPhaseIsOneLineAndACleanStop) {
               std::string(comm) + " (process " + std::to_string(getpid()) + ")");
         other.GiveUpName();
     }
+    const std::string bus = getenv("DBUS_SYSTEM_BUS_ADDRESS");
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nowhere", 1);
+    fails("no system D-Bus");
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", bus.c_str(), 1);
     fs::remove(block);
     fails("block_netlink");
     EXPECT_EQ(Content(reset), "0") << "before it is blocked";
     Fill(block, "0");
-    api.initializeResult = -ENOENT;
+    api.onInitialize = [] { return -ENOENT; };
     fails("libtcmu could not be initialised");
     EXPECT_EQ(Content(block), "0");
-    api.initializeResult = 0;
+    api.onInitialize = [] { return 0; };
     CapturingLogWriter::Installed().Reset(1);
     StartAndWait();  // nothing of all that is left
 }
@@ -169,37 +174,54 @@ TEST_F(RunnerTest, CompletionsOfSeveralThreadsNeverMixUp) {
     EXPECT_TRUE(api.closed);
 }
 
-// Stops in Handle until it is let through.
-struct SlowHandler : DeviceHandler {
-    static inline std::atomic<bool> inside, let, closed;
-
-    int Open() override { return 0; }
-    int Handle(tcmulib_cmd* /*cmd*/) override {
-        inside = true;
-        EXPECT_TRUE(FakeDevice::Eventually([] { return let.load(); }));
-        inside = false;
-        return 0;
-    }
-    void Close() override {
-        EXPECT_FALSE(inside) << "the device's thread has not ended";
-        closed = true;
-    }
-    size_t Pending() override { return 0; }
-    MoStatistics::Counters Counters() override { return {}; }
-};
-
 TEST_F(RunnerTest, HandlerIsClosedAfterItsThreadHasEnded) {
-    environment.makeHandler = [](tcmu_device*) { return std::make_unique<SlowHandler>(); };
+    TestHost host(device.cfgString);
+    std::atomic<bool> let{false};
+    host.inside = [&] { EXPECT_TRUE(FakeDevice::Eventually([&] { return let.load(); })); };
     environment.stopLimit = std::chrono::milliseconds(20);
     StartAndWait();
-    device.Submit(Bytes(6));
-    ExpectEventually([] { return SlowHandler::inside.load(); });
+    device.Submit(Read10(3), {{0, 512}});
+    ExpectEventually([&] { return host.given == 1; });
     api.Remove(device);
     EXPECT_EQ(Stop(), 0);  // bounded, though the host hasn't returned
-    EXPECT_FALSE(SlowHandler::closed);
-    SlowHandler::let = true;
+    const auto closed = Contains(HasSubstr("close success " + device.cfgString));
+    EXPECT_THAT(Log(0), Not(closed));
+    let = true;
     ExpectEventually([&] { return api.answered == 1; });
-    EXPECT_TRUE(SlowHandler::closed);
+    EXPECT_THAT(Log(0), closed);
+}
+
+// 300 interrupts for the process: the host, which waits for them, gets every one.
+TEST(InterruptWaitTest, TakesOnlyWhatIsSentToItsThread) {
+    sigset_t interrupt;
+    sigemptyset(&interrupt);
+    sigaddset(&interrupt, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &interrupt, nullptr);
+    const auto taken = [&] {
+        const timespec limit{5, 0};
+        return sigtimedwait(&interrupt, nullptr, &limit) == SIGINT;
+    };
+    std::atomic<bool> waiting{false};
+    std::atomic<bool> done{false};
+    std::thread waiter([&] {
+        InterruptWait wait;
+        waiting = true;
+        wait.Wait();
+        EXPECT_TRUE(wait.Interrupted());
+        EXPECT_TRUE(wait.WaitFor(std::chrono::hours(1)));
+        done = true;
+    });
+    ASSERT_TRUE(FakeDevice::Eventually([&] { return waiting.load(); }));
+    for (int i = 0; i < 300; ++i) {
+        kill(getpid(), SIGINT);
+        std::this_thread::yield();  // the waiter may look while nobody has taken it yet
+        EXPECT_TRUE(taken()) << i;
+    }
+    EXPECT_FALSE(done);
+    kill(getpid(), SIGINT);  // both pending: only its own is taken
+    pthread_kill(waiter.native_handle(), SIGINT);
+    waiter.join();
+    EXPECT_TRUE(taken());
 }
 
 }  // namespace

@@ -211,18 +211,6 @@ class Limits(WrapperTest):
         file.unlink()
         return pid
 
-    def test_one_that_cannot_be_ended_is_named_with_what_it_waits_for_and_left_behind(self):
-        # It leaves the group that is killed, since nothing hangs in the kernel at will.
-        leave = "setpgrp 0, getpgrp getppid; exec 'sleep', 1000"
-        process = self.start_do(f'echo $$ >$D/pid; exec perl -e "{leave}"')
-        pid = self.pid()
-        wait_until(lambda: Path(f"/proc/{pid}/comm").read_text() == "sleep\n")
-        self.limit_to_nothing()
-        status, _, err = self.finish(process)
-        self.assertEqual(status, 124)
-        self.assertRegex(err, rf"did not end within 0 s; process {pid} can't be ended, it hangs in the kernel "
-                              r"\(state S, in \w*nanosleep[\w.]*\) and is left behind\n$")
-
     def test_a_signal_or_a_limit_that_is_shortened_ends_one_that_hangs_with_all_that_it_started(self):
         self.addCleanup(signal.pthread_sigmask, signal.SIG_UNBLOCK, {signal.SIGINT})
         for blocked, status, line in (
@@ -320,8 +308,7 @@ class UserBackstore(WrapperTest):
                 1, "trying\n", "a user backstore of this name, configuration and size already exists\nfailed.\n"))
         for other, line in ((dict(size="81920"), "another size (81920 bytes)"), (dict(size="819"), "another size"),
                             (dict(config="MoScsiSrvTcmu/C0ffee"), "another configuration (MoScsiSrvTcmu/C0ffee)"),
-                            (dict(config="moscsi/c0ffee"), "another conf"), (dict(config="c0ffee"), "another"),
-                            (dict(config="x/exists"), "differs"), (dict(enable="0"), "never enabled"),
+                            (dict(config="c0ffee"), "another conf"), (dict(config="x/exists"), "differs"), (dict(enable="0"), "never enabled"),
                             (dict(path="core/user_3/vol2"), "none is"), (dict(path="core/fileio_3/vol"), "none is")):
             with self.subTest(other):
                 self.kernel_object(**other)
@@ -332,7 +319,6 @@ class UserBackstore(WrapperTest):
     def test_only_failed_user_creates_with_a_plain_size_are_explained(self):
         self.kernel_object()
         self.assertEqual(self.create("echo fine >&2; exit 0"), (0, "", "fine\n"))
-        self.assertRegex(self.create("kill -9 $$")[2], r"^targetcli, process \d+, was ended by signal 9 .*\n$")
         path, verb, config, name, size, wwn = self.CREATE
         for args in ((path, "delete", name), ("/backstores/fileio", verb, config, name, size), (path,)):
             self.assertEqual(self.create(args=args)[2], "failed.\n")

@@ -101,8 +101,7 @@ class FakeLibtcmuApi : public LibtcmuApi {
     }
 
     std::vector<FakeDevice*> existing;  // found by Initialize
-    int initializeResult = 0;
-    std::function<void()> onInitialize = [] {};
+    std::function<int()> onInitialize = [] { return 0; };
     std::function<void()> onClose = [] {};
 
     std::atomic<bool> closed{false};
@@ -115,11 +114,10 @@ class FakeLibtcmuApi : public LibtcmuApi {
     void Remove(FakeDevice& device) { Push({&device, false}); }
 
     int Initialize(const std::vector<SubType>& types, Callbacks callbacks) override {
-        onInitialize();
         for (const SubType& type : types)
             subTypes.push_back(type.name);
-        if (initializeResult != 0)
-            return initializeResult;
+        if (const int result = onInitialize(); result != 0)
+            return result;
         m_callbacks = std::move(callbacks);
         for (FakeDevice* device : existing)
             Add(device);

@@ -21,6 +21,7 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 
 /// What a stop may have to leave in use lives to the end of the process.
 template <typename T>

@@ -4,6 +4,7 @@
 #include <condition_variable>
 #include <cstring>
 #include <deque>
+#include <functional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -40,6 +41,7 @@ class TestHost : public MoScsiBStorOps {
 
     std::vector<uint8_t> data;
     std::atomic<bool> hold{false};
+    std::function<void()> inside = [] {};  ///< run in Read and Write, on the device's thread
     std::atomic<int> given{0};
     std::atomic<int> aborts{0};
 
@@ -65,10 +67,13 @@ class TestHost : public MoScsiBStorOps {
     using Transfer = std::pair<MoScsiSrvIO*, bool>;  // is it a READ
 
     CRyError Take(MoScsiSrvIO* io, bool read) {
-        const MutexGuard guard(m_mutex);
-        m_queue.emplace_back(io, read);
-        ++given;
-        m_changed.notify_all();
+        {
+            const MutexGuard guard(m_mutex);
+            m_queue.emplace_back(io, read);
+            ++given;
+            m_changed.notify_all();
+        }
+        inside();
         return CRyError::Success();
     }
 
