@@ -4,10 +4,8 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <chrono>
 #include <csignal>
 #include <fstream>
-#include <thread>
 
 #include "adapters/framework/MOPlatformInfo.h"
 #include "tests/support/TcmuDevFixture.h"
@@ -80,30 +78,18 @@ TEST_F(PlatformStartTest, PlatformWithoutARunnerStillConfiguresAndSignalsNobody)
     EXPECT_THAT(journal.Events(), Not(Contains(HasSubstr("signal"))));
 }
 
-TEST_F(PlatformStartTest, TwoThreadsGetOnePlatformWithOneRunner) {
+TEST_F(PlatformStartTest, FactoryMakesOnePlatformWithOneRunnerUnderItsLock) {
     SetInstance(nullptr);
     journal.Watch("instance", &InstanceMutex());
-    journal.Reset(6);
-    // The first one makes the platform; it waits here until the other one is inside too.
-    g_os.onThreadCreate = [this] {
-        const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        while (std::ranges::count(journal.Functions(),
-                                  "static MoScsiSrvLIO* MoScsiSrvLIO::Instance()") < 2 &&
-               std::chrono::steady_clock::now() < limit)
-            std::this_thread::yield();
-    };
-    void* platforms[2] = {};
-    std::thread other([&] { platforms[0] = GetMOScsiPlatformObj(); });
-    platforms[1] = GetMOScsiPlatformObj();
-    other.join();
+    void* const made = GetMOScsiPlatformObj();
+    EXPECT_EQ(GetMOScsiPlatformObj(), made);
+    const std::unique_ptr<MoScsiSrvLIO> platform(MoScsiSrvLIO::Instance());
+    EXPECT_EQ(platform.get(), made);
+    JoinRunner(*platform);
     Strings events = journal.Events();
     std::erase_if(events, [](const std::string& e) { return e.starts_with("["); });
-    EXPECT_THAT(events, ElementsAre("+instance", "thread", "-instance", "+instance", "-instance"));
-    EXPECT_EQ(platforms[0], platforms[1]);
-    MoScsiSrvLIO* const made = MoScsiSrvLIO::Instance();
-    EXPECT_EQ(platforms[0], made);
-    JoinRunner(*made);
-    delete made;
+    EXPECT_THAT(events, ElementsAre("+instance", "thread", "-instance", "+instance", "-instance",
+                                    "+instance", "-instance"));
 }
 
 TEST_F(PlatformStartTest, InitializeRunsTheScriptAndAcceptsVersionsByTheirText) {
@@ -137,7 +123,7 @@ TEST_F(PlatformStartTest, InitializeRunsTheScriptAndAcceptsVersionsByTheirText) 
     Script("exit 3");
     const std::string start = "cmd " + script + " -start failed";
     initialize(start, {"[-1] " + start});
-    EXPECT_EQ(Lines("calls").size(), 2 * std::size(rows));
+    EXPECT_EQ(Lines("calls").size(), std::size(rows));
 
     Script("exit 0");
     setenv("PATH", FAKE_TARGETCLI_PATH, 1);  // no cut: the pipeline fails

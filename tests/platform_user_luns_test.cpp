@@ -101,23 +101,3 @@ TEST_F(PlatformUserLunsTest, TwoDeletesOfOneLunBothSucceed) {
     EXPECT_EQ(Registry().size(), 0U);
     EXPECT_THAT(journal.Texts(1), ElementsAre(waiting, waiting));
 }
-
-TEST_F(PlatformUserLunsTest, DeletesOfOneLunNeverDisturbAnotherLunsDevices) {
-    lib.cfgString = "MoScsiSrvTcmu/other";
-    journal.Reset(-1, false);
-    std::thread devices([&] {
-        for (int i = 0; i < 200; ++i) {
-            MoScsiSrvTcmuDev dev(&lib);
-            EXPECT_EQ(dev.TcmuDevOpen(), 0);
-            std::pair<MoScsiBStorOps*, void*> out;
-            EXPECT_FALSE(Platform().GetBStoreInfo(lib.cfgString, out));
-        }
-    });
-    for (int i = 0; i < 5; ++i) {
-        EXPECT_FALSE(Platform().CreateLun(&lun).IsError());
-        EXPECT_FALSE(Platform().DeleteLun(&lun).IsError());
-    }
-    devices.join();
-    EXPECT_TRUE(Registry().contains(lib.cfgString));
-    EXPECT_EQ(Registry().size(), 1U);
-}

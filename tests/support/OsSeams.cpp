@@ -82,8 +82,6 @@ int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
                           void* (*entry)(void*), void* argument) {
     Note("thread");
-    if (g_os.onThreadCreate)
-        g_os.onThreadCreate();
     if (Fails(OsSeams::kThreadCreate))
         return EAGAIN;  // errno is what the test said: they differ on purpose
     return __real_pthread_create(thread, attributes, entry, argument);

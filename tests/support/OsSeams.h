@@ -24,7 +24,6 @@ struct OsSeams {
     /// Answers stat64: below 0 asks the real one, 0 finds something of type `mode`, else an errno.
     std::function<int(const std::string& path, mode_t& mode)> onStat;
     std::function<void(const std::string& command)> beforeSystem;
-    std::function<void()> onThreadCreate;
     /// Instead of sleeping. A sleep without it, or the process's ten-millionth, ends the program.
     std::function<void()> onSleep;
 };
