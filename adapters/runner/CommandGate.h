@@ -22,39 +22,27 @@ struct RingCommand;
 ///
 /// READ and WRITE of 6, 10, 12 and 16 bytes; the first rule that applies decides:
 ///
-///  what comes                     | answered here           | reaches the handler | why
-///  -------------------------------|-------------------------|---------------------|------------------
-///  LBA above the number of        | ILLEGAL REQUEST         | -                   | nobody else
-///  checks blocks, or end beyond it,      | 0x21/0x00               |                     |
-///  (SBC-3, 4.5.2); in whatever the length            |                         | | 64 bits, no
-///  wrap RDPROTECT or WRPROTECT set     | ILLEGAL REQUEST         | -                   | no
-///  protection
-///                                 | 0x24/0x00               |                     | information
-///                                 here
-///  zero blocks (10, 12, 16)       | GOOD                    | -                   | not an error
-///  WRITE (6), (12), (16) whose    | ILLEGAL REQUEST         | -                   | a wrong length
-///  place or length WRITE (10)     | 0x24/0x00               |                     | would be
-///  written can't state                    |                         |                     |
-///  buffers shorter than the       | ILLEGAL REQUEST         | -                   | what isn't
-///  there transfer                       | 0x24/0x00               |                     | can't be
-///  moved host's operations not known:   | NOT READY 0x04/0x01     | TEST UNIT READY of  | the
-///  handler would a TEST UNIT READY of the       | unless that is GOOD     | the gate's own      |
-///  keep the context gate's own goes first          |                         | | for ever WRITE
-///  (6), (12), (16)          | -                       | WRITE (10)          | the length is read
-///                                 |                         |                     | from its bytes
-///                                 7, 8
-///  READ (6), WRITE (6) of zero    | -                       | READ (10),          | zero means 256
-///                                 |                         | WRITE (10) of 256   | blocks there
-///  buffers longer than the        | -                       | clipped; the rest   | the host fills
-///  all transfer                       |                         | of a READ's zeroed  | that it is
-///  given more than 16 entries           | -                       | neighbours merged   | more are
-///  refused still more than 16             | BUSY while the pool of  | one bounce buffer   | one
-///  copy more beats
-///                                 | buffers is used up      |                     | a shorter
-///                                 transfer
-///  ... and longer than the whole  | ILLEGAL REQUEST         | -                   | VPD 0xB0 says
-///  less pool                           | 0x24/0x00               |                     | DPO, FUA
-///  | -                       | as they are         | every write is durable
+///  what comes                                | becomes                      | because
+///  ------------------------------------------|------------------------------|--------------------
+///  LBA or end above the number of blocks,    | ILLEGAL REQUEST 0x21/0x00    | nobody else checks
+///  whatever the length (SBC-3, 4.5.2)        |                              |
+///  RDPROTECT or WRPROTECT set                | ILLEGAL REQUEST 0x24/0x00    | there is none here
+///  zero blocks (10, 12, 16)                  | GOOD                         | that is no error
+///  WRITE whose place or length WRITE (10)    | ILLEGAL REQUEST 0x24/0x00    | the length would be
+///  can't state                               |                              | wrong
+///  buffers shorter than the transfer         | ILLEGAL REQUEST 0x24/0x00    | not all can be moved
+///  host's operations not known, and our own  | NOT READY 0x04/0x01          | the handler would
+///  TEST UNIT READY isn't GOOD                |                              | keep the context
+///  WRITE (6), (12), (16)                     | WRITE (10)                   | bytes 7 and 8 are
+///                                            |                              | taken for the length
+///  READ (6), WRITE (6) of zero               | READ (10), WRITE (10) of 256 | zero means 256 there
+///  buffers longer than the transfer          | clipped buffers; the rest of | the host fills all
+///                                            | a READ's is zeroed           | that it is given
+///  more than 16 entries                      | neighbours merged            | more are refused
+///  still more than 16                        | one bounce buffer; BUSY      | a copy beats a
+///                                            | while the pool is used up    | shorter transfer
+///  ... and longer than the whole pool        | ILLEGAL REQUEST 0x24/0x00    | VPD 0xB0 says less
+///  DPO, FUA                                  | the same                     | writes are durable
 ///
 /// Every other command reaches the handler as it is; what it doesn't know (-1) becomes ILLEGAL
 /// REQUEST 0x20/0x00. A GOOD answer states its true length to the kernel, and what it left of the
