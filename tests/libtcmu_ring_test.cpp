@@ -1,13 +1,11 @@
 #include <gtest/gtest.h>
 
-#include <array>
 #include <cstring>
 #include <functional>
 #include <random>
 
 #include "adapters/libtcmu/Cdb.h"
 #include "adapters/libtcmu/CommandRing.h"
-#include "tests/support/HeapProbe.h"
 #include "tests/support/KernelRing.h"
 
 using namespace ringlayout;
@@ -161,24 +159,6 @@ TEST_F(RingTest, ADrainHoldsBackOnlySoMuch) {
         EXPECT_EQ(kernel.Doorbells(), 1U);
         ring.RingDoorbell();
         EXPECT_EQ(kernel.Doorbells(), 0U) << "nothing to tell";
-    }
-}
-
-TEST_F(RingTest, WarmCommandsTakeNothingFromTheHeap) {
-    std::array<RingCommand*, 8> commands{};
-    size_t before = 0;
-    for (int round = 0; round < 100; round++) {
-        for (size_t i = 0; i < commands.size(); i++)
-            kernel.Put(Read10(), {{0, 4096}, {8192, 4096}, {4096, 4096}, {20480, 4096}});
-        if (round > 0)
-            before = heap_probe::Allocations();
-        for (RingCommand*& command : commands)
-            command = ring.Fetch();
-        for (RingCommand* command : commands)
-            ring.Complete(*command, 0);
-        ring.RingDoorbell();
-        EXPECT_TRUE(round == 0 || heap_probe::Allocations() == before);
-        EXPECT_EQ(kernel.Reap().size(), commands.size());
     }
 }
 
