@@ -87,7 +87,7 @@ void RunOne(Input& input, GateRig& rig, Model& model) {
     size_t at = input.Byte();
     uint64_t total = 0;
     const size_t alike = input.Byte() % 4;  // most lists of a kernel are of pages
-    for (size_t left = input.Byte() * (bent && alike == 0 ? 4 : 1); left > 0; --left) {
+    for (size_t left = size_t{input.Byte()} * (bent && alike == 0 ? 4 : 1); left > 0; --left) {
         const size_t length = alike > 0 ? size_t{512} << alike
                               : bent    ? input.Byte()
                                         : input.Number() % 4096 + 1;
