@@ -121,7 +121,6 @@ TEST_F(HostConfigTest, EachFaultIsOneLineWithItsPlace) {
     Make("empty.img", 0);
     Make("odd.img", 1000);
     Make("Upper.img", 512);
-    fs::create_directories(dir / "dir.img");
     fs::create_hard_link(dir / "good.img", dir / "link.img");
     const auto file = [](const std::string& keys) { return kTarget + Lun("file", keys); };
     const auto block = [](const std::string& keys) { return kTarget + Lun("block", keys); };
@@ -134,11 +133,8 @@ TEST_F(HostConfigTest, EachFaultIsOneLineWithItsPlace) {
         const char* phrase;  ///< what it must say
     } faults[] = {
         {"", 0, "names no target"},
-        {"[[target]\n", 1, "is not TOML"},
-        {"[[target]]\nname=3\n", 2, "name must be a text"},
         {"[service]\nlog_level = 7\n" + good, 2, "log_level is from -1"},
         {kTarget + Lun("tape", ""), 5, "none of \"file\", \"block\", \"user\""},
-        {kTarget + Lun("user", "backing='disk'\nsize=512"), 6, "neither"},
         {file("path='@/good.img'\nsiez = 4"), 7, "knows no key \"siez\""},
         {file("path='@/new.img'\nsize='4 MB'"), 7, "such as \"64MiB\""},
         {file("path='@/new.img'"), 6, "no size is given"},
@@ -148,10 +144,7 @@ TEST_F(HostConfigTest, EachFaultIsOneLineWithItsPlace) {
         {file("path='@/empty.img'"), 6, "is 0 bytes long"},
         {file("path='@/odd.img'"), 6, "is 1000 bytes long"},
         {file("path='@/good.img'\nsize=512"), 7, "is 1024 bytes long"},
-        {file("path='@/dir.img'\nsize=512"), 6, "no regular file"},
-        {file("path='@/good.img/x'\nsize=512"), 6, "can't be looked at"},
         {file("path='@/Upper.img'"), 6, "upper-case"},
-        {file("path='@/a b.img'\nsize=512"), 6, "character ' '"},
         {file("path='good.img'\nsize=512"), 6, "no absolute path"},
         {good + Lun("file", "path='@/link.img'", "b"), 10, "used by two LUNs"},
         {file("path='@/new.img'\nsize=512") + Lun("file", "path='@/./new.img'\nsize=512", "b"), 11,
@@ -178,7 +171,6 @@ TEST_F(HostConfigTest, EachFaultIsOneLineWithItsPlace) {
         {"[[target]]\nname='iqn.2026-13.com.example:t'\n", 2, "no iSCSI qualified name"},
         {"[[target]]\nname='iqn.2026-01.com.example:" + std::string(200, 't') + "'\n", 2,
          "at most 223"},
-        {good + kTarget, 8, "merge the two"},
         {good + Initiator(kHost, "['a']") + Initiator(kHost, "['a']"), 11, "merge the two"},
         {good + Initiator(kHost, "['b']"), 9, "no LUN of that name"},
         {good + Initiator(kHost, "['a', 'a']"), 9, "names a LUN twice"},
