@@ -1,0 +1,62 @@
+#!/bin/bash
+# A targetcli that hangs, dies, floods, says nothing or isn't there: the operation ends in its error,
+# the next one works, and the host answers its status meanwhile.
+. "$(dirname "$0")/lib.sh"
+requires command -v moscsi-host
+
+target=iqn.2026-01.com.example:bad
+cat >"$work/real" <<FAKE
+#!/bin/bash
+[[ \$1 == --version || \$1 == ls || \$1 == get ]] || case \$(<$work/mode) in
+hang) sleep 1000 ;;
+stubborn) trap '' TERM INT; while :; do sleep 1; done ;;
+die) kill -KILL \$\$ ;;
+silent) exit 1 ;;
+flood) head -c 3M /dev/zero | tr '\\0' x >&2 ;;
+esac
+exec /usr/bin/targetcli "\$@"
+FAKE
+chmod +x "$work/real"
+export MOSCSI_TARGETCLI_REAL=$work/real MOSCSI_TARGETCLI_TIMEOUT=8
+mode() { echo "$1" >"$work/mode"; }
+mode none
+
+step "Initialize" shell_start
+missing() { mv "$work/real" "$work/away"; }
+for case in "hang|8 s" "stubborn|8 s" "die|signal 9" "silent|status 1" "flood|xxxx" "missing|not"; do
+    mode "${case%|*}"
+    [[ ${case%|*} != missing ]] || missing
+    step "a targetcli that is or does '${case%|*}'" refused "${case#*|}" create-target $target
+    expect_fails "" test -e $configfs/target/iscsi/$target
+    [[ ! -e $work/away ]] || mv "$work/away" "$work/real"
+    mode none
+done
+step "and then the operation works" op create-target $target
+op delete-target $target
+op cleanup
+shell_end
+
+truncate -s 8M "$work/lun.img"
+cat >"$work/host.toml" <<EOF
+[[target]]
+name = "$target"
+[[target.lun]]
+name = "lun"
+type = "file"
+path = "$work/lun.img"
+size = "8MiB"
+EOF
+mode hang
+MOSCSI_TARGETCLI_TIMEOUT=60 moscsi-host serve "$work/host.toml" >"$work/host.log" 2>&1 {say_fd}>&- &
+host_pid=$!
+cleanup host_end
+applying() { moscsi-host status | grep -q applying; }
+wait_until 60 applying
+hanging() { pgrep -f "$work/real.*create" && applying; }
+step "status answers while a targetcli hangs" wait_until 30 hanging
+kill -TERM "$host_pid"
+step "and the host can be stopped" wait_until 60 ended "$host_pid"
+expect_fails "" wait "$host_pid"
+host_pid=''
+expect_contains "what it said" "$(<"$work/host.log")" "targetcli"
+expect_fails "" test -e $configfs/target/iscsi/$target
