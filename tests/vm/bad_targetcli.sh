@@ -12,18 +12,18 @@ hang) sleep 1000 ;;
 stubborn) trap '' TERM INT; while :; do sleep 1; done ;;
 die) kill -KILL \$\$ ;;
 silent) exit 1 ;;
-flood) head -c 3M /dev/zero | tr '\\0' x >&2 ;;
+flood) head -c 3M /dev/zero | tr '\\0' x >&2; exit 1 ;;
 esac
 exec /usr/bin/targetcli "\$@"
 FAKE
 chmod +x "$work/real"
-export MOSCSI_TARGETCLI_REAL=$work/real MOSCSI_TARGETCLI_TIMEOUT=8
+export MOSCSI_TARGETCLI_REAL=$work/real MOSCSI_TARGETCLI_TIMEOUT=20
 mode() { echo "$1" >"$work/mode"; }
 mode none
 
 step "Initialize" shell_start
 missing() { mv "$work/real" "$work/away"; }
-for case in "hang|8 s" "stubborn|8 s" "die|signal 9" "silent|status 1" "flood|xxxx" "missing|not"; do
+for case in "hang|20 s" "stubborn|20 s" "die|signal 9" "silent|status 1" "flood|xxxx" "missing|not"; do
     mode "${case%|*}"
     [[ ${case%|*} != missing ]] || missing
     step "a targetcli that is or does '${case%|*}'" refused "${case#*|}" create-target $target
