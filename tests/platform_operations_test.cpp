@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <thread>
 
 #include "tests/support/PlatformFixture.h"
 
@@ -174,5 +175,27 @@ TEST_F(PlatformOperationsTest, GoesOnWhereItIsDoneAlreadyAndStopsWhereAStepFails
                                           ENOMEM};
             Check(operation, &step, "popen error cmd " + step.command + " failed");
         }
+    }
+}
+
+TEST_F(PlatformOperationsTest, TwoThreadsNeverMixTheirCommands) {
+    std::vector<std::thread> threads;
+    for (const char* name : {"iqn.a", "iqn.b"}) {
+        threads.emplace_back([this, name] {
+            MoScsiSrvHost mine{name};
+            for (int i = 0; i < 5; ++i)
+                EXPECT_FALSE(Platform().MapHost(&lun, &mine).IsError());
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+
+    const Strings calls = Lines("calls");
+    ASSERT_EQ(calls.size(), 40U);
+    for (size_t i = 0; i < calls.size(); i += 4) {
+        const std::string name = calls[i].substr(calls[i].size() - 5);
+        EXPECT_EQ("end" + calls[i].substr(5), calls[i + 1]);
+        EXPECT_EQ("end" + calls[i + 2].substr(5), calls[i + 3]);
+        EXPECT_THAT(calls[i + 2], testing::HasSubstr("acls/" + name + " create"));
     }
 }

@@ -123,7 +123,7 @@ TEST_F(PlatformStartTest, InitializeRunsTheScriptAndAcceptsVersionsByTheirText) 
     Script("exit 3");
     const std::string start = "cmd " + script + " -start failed";
     initialize(start, {"[-1] " + start});
-    EXPECT_EQ(Lines("calls").size(), std::size(rows));
+    EXPECT_EQ(Lines("calls").size(), 2 * std::size(rows));
 
     Script("exit 0");
     setenv("PATH", FAKE_TARGETCLI_PATH, 1);  // no cut: the pipeline fails

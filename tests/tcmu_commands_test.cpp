@@ -212,6 +212,26 @@ TEST_F(TcmuDevCommandTest, CommandsWithoutMemoryFailAndLeaveNothing) {
                                   " mediumErrors:" + std::to_string(growth + 1) + " ");
 }
 
+TEST_F(TcmuDevCommandTest, ReadAndWriteOfUpToFourEntriesTakeNothingFromTheHeap) {
+    auto dev = Open();
+    journal.Watch("dev", nullptr);
+    std::list<TestCommand> commands;
+    for (size_t i = 0; i < 512; ++i)
+        commands.emplace_back(i % 2 == 0 ? kRead : kWrite, std::vector<size_t>(i % 5, 512));
+    host.held.reserve(512);
+    const size_t before = heap_probe::Allocations();
+    journal.Reset(5, false);
+    for (int round = 0; round < 3; ++round) {
+        for (TestCommand& command : commands)
+            dev->TcmuDevCmdHandler(&command);
+        for (size_t i = 0; i < 512; ++i)
+            dev->TcmuDevIODone(host.held[i * 7 % 512], 1024);
+        host.held.clear();
+    }
+    EXPECT_EQ(heap_probe::Allocations(), before);
+    EXPECT_EQ(Counters(*dev), "opens:1 iosDone:1536 ");
+}
+
 TEST_F(TcmuDevCommandTest, IdentityIsStampedWhereItBelongsHoweverTheBufferIsSplit) {
     SpoilIdentity();
     auto dev = Open();  // every construction puts the identity right

@@ -74,7 +74,8 @@ struct MoScsiSrvLIOTest : testing::Test {
     /// these arguments, line feeds as in C, and fails. Otherwise it prints nothing and succeeds.
     void Answer(const std::string& arguments, const std::string& err,
                 const std::string& out = "") const;
-    /// The lines of a file in `dir`; of "calls", the arguments of every run of targetcli.
+    /// The lines of a file in `dir`; of "calls", "begin ARGUMENTS" and "end ARGUMENTS" of every
+    /// run of targetcli.
     Strings Lines(const std::string& file) const;
 
     static std::string Guid(const std::string& text);
