@@ -1,7 +1,7 @@
 #!/bin/bash
 # What scripts/demo shows, on a machine whose kernel has LIO and where the product is installed.
-# shellcheck source=tests/vm/lib.sh
-. "$(dirname "$0")/../../tests/vm/lib.sh"
+# shellcheck source=scripts/lib/session.sh
+. "$(dirname "$0")/session.sh"
 root=$(cd "$(dirname "$0")/../.." && pwd)
 
 begin=$SECONDS

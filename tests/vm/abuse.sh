@@ -2,7 +2,7 @@
 # Every opcode with random bytes behind it, and commands of many buffer entries: each ends in a status,
 # and the LUN serves, and can be deleted, afterwards.
 # limit: 420
-. "$(dirname "$0")/lib.sh"
+. "$(dirname "$0")/../../scripts/lib/session.sh"
 requires command -v moscsi-host
 requires command -v sg_raw
 

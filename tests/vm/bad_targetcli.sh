@@ -1,7 +1,7 @@
 #!/bin/bash
 # A targetcli that hangs, dies, floods, says nothing or isn't there: the operation ends in its error,
 # the next one works, and the host answers its status meanwhile.
-. "$(dirname "$0")/lib.sh"
+. "$(dirname "$0")/../../scripts/lib/session.sh"
 requires command -v moscsi-host
 
 target=iqn.2026-01.com.example:bad

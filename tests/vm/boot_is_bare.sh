@@ -2,7 +2,7 @@
 # A fresh guest has nothing of what the target needs; the service script's "-start" alone makes it
 # (no targetcli ran), a second one changes nothing, and "-stop" leaves it.
 # boot: own
-. "$(dirname "$0")/lib.sh"
+. "$(dirname "$0")/../../scripts/lib/session.sh"
 
 modules=(target_core_mod iscsi_target_mod target_core_user target_core_file target_core_iblock)
 loaded() { for name in "${modules[@]}"; do [[ ! -e /sys/module/$name ]] || echo "$name"; done; }

@@ -2,7 +2,7 @@
 # libiscsi's conformance tests, families SCSI and iSCSI, against a user LUN, the kernel's file LUN and
 # Debian's tgt in one run. Ours must do as the lists in conformance/ say, and no worse than the others.
 # limit: 600
-. "$(dirname "$0")/lib.sh"
+. "$(dirname "$0")/../../scripts/lib/session.sh"
 requires command -v moscsi-host
 requires command -v iscsi-test-cu
 requires command -v tgtd

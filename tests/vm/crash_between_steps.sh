@@ -4,7 +4,7 @@
 # both ways of making one. The next start frees what waits and ends in the configured state; where it can't, on the configfs path after
 # enabling, it names the commands that clear the way.
 # limit: 1200
-. "$(dirname "$0")/lib.sh"
+. "$(dirname "$0")/../../scripts/lib/session.sh"
 requires command -v moscsi-host
 
 target=iqn.2026-01.com.example:steps

@@ -2,7 +2,7 @@
 # The host is killed (kill -9) at random moments under fio and started again with the same file: it finds
 # its device, applies without an error, and I/O goes on. 5 times, 20 with --soak.
 # limit: 1800
-. "$(dirname "$0")/lib.sh"
+. "$(dirname "$0")/../../scripts/lib/session.sh"
 requires command -v moscsi-host
 
 kills=${MOSCSI_SOAK:+20}

@@ -2,7 +2,7 @@
 # Faults injected into one LUN: an initiator sees the right sense, nothing hangs, the LUN recovers when
 # the fault ends; abort, LUN reset and the host's stop with transfers held. A LUN beside it never notices.
 # limit: 420
-. "$(dirname "$0")/lib.sh"
+. "$(dirname "$0")/../../scripts/lib/session.sh"
 requires command -v moscsi-host
 
 target=iqn.2026-01.com.example:faults

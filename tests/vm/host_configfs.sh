@@ -2,7 +2,7 @@
 # The host on the configfs path: an automatic number that is found again after a kill, a size that
 # was changed meanwhile and is refused, and an orderly end.
 # limit: 400
-. "$(dirname "$0")/lib.sh"
+. "$(dirname "$0")/../../scripts/lib/session.sh"
 requires command -v moscsi-host
 export MOSCSI_TARGETCLI_VERSION=2.1.fb42
 

@@ -2,7 +2,7 @@
 # File and block LUNs by the plug-in's own operations, each done twice, beside a foreign target and a
 # foreign device: automatic numbers, two initiators that see only their own, reservations, deletion.
 # limit: 600
-. "$(dirname "$0")/lib.sh"
+. "$(dirname "$0")/../../scripts/lib/session.sh"
 requires command -v moscsi-host
 
 target=iqn.2026-01.com.example:kernel

@@ -1,7 +1,7 @@
 #!/bin/bash
 # Eight user LUNs (32 with --soak), made, used at once and deleted; none is taken for another.
 # limit: 600
-. "$(dirname "$0")/lib.sh"
+. "$(dirname "$0")/../../scripts/lib/session.sh"
 requires command -v moscsi-host
 export MOSCSI_TARGETCLI_VERSION=2.1.fb42 # made through configfs: many creates at no cost
 count=8

@@ -6,7 +6,7 @@
 # boot: host
 # limit: 900
 # shellcheck disable=SC2317 # functions are called by name
-. "$(dirname "$0")/lib.sh"
+. "$(dirname "$0")/../../scripts/lib/session.sh"
 target=iqn.2026-01.com.example:power
 a=iqn.2026-01.com.example:host-a
 names=(durable weak fua flush)

@@ -1,7 +1,7 @@
 #!/bin/bash
 # What keeps the host from serving: each ends in one clear line and a non-zero status, and leaves
 # configfs as it was.
-. "$(dirname "$0")/lib.sh"
+. "$(dirname "$0")/../../scripts/lib/session.sh"
 requires command -v moscsi-host
 
 target=iqn.2026-01.com.example:refused

@@ -3,7 +3,7 @@
 # file its memory LUN answers NOT READY, never zeros; an initiator that is added to the file gets in. SIGTERM under
 # fio then ends it within its time, with nothing of its own left and a foreign target as it was.
 # limit: 900
-. "$(dirname "$0")/lib.sh"
+. "$(dirname "$0")/../../scripts/lib/session.sh"
 requires command -v moscsi-host
 # Through configfs, where a stop takes fewer of targetcli's runs: they can be slow beside fio. --soak: targetcli.
 [[ ${MOSCSI_SOAK-} ]] || export MOSCSI_TARGETCLI_VERSION=2.1.fb42

@@ -4,7 +4,7 @@
 # from another one, and one that hangs in the kernel is left behind.
 # boot: own
 # (once a TCMU process has run since boot, enabling a device waits for one)
-. "$(dirname "$0")/lib.sh"
+. "$(dirname "$0")/../../scripts/lib/session.sh"
 
 PATH=$home_dir/bin:$PATH
 export MOSCSI_RUN_DIR=$work/run

@@ -2,7 +2,7 @@
 # Two initiators on one target, LUNs made and deleted while both are logged in and do I/O: each sees its
 # own data under its own numbers. A LUN's identity survives a restart and is nobody else's.
 # limit: 420
-. "$(dirname "$0")/lib.sh"
+. "$(dirname "$0")/../../scripts/lib/session.sh"
 requires command -v moscsi-host
 export MOSCSI_TARGETCLI_VERSION=2.1.fb42 # made through configfs: many creates at no cost
 target=iqn.2026-01.com.example:two

@@ -1,7 +1,7 @@
 # shellcheck shell=bash disable=SC2086,SC2154
 # The life of user LUNs, for both ways of making them. Sourced by user_luns_*.sh, which set $by.
-# shellcheck source=tests/vm/lib.sh
-. "$(dirname "$0")/lib.sh"
+# shellcheck source=scripts/lib/session.sh
+. "$(dirname "$0")/../../scripts/lib/session.sh"
 requires command -v moscsi-host
 
 target=iqn.2026-01.com.example:user-$by
