@@ -25,7 +25,7 @@ run_batch() {
     for name in "$@"; do limit=$((limit + $(scenario_says "$name" limit 300))); done
     log=$(mktemp)
     "$0" run --no-build --preset "$preset" --timeout "$limit" "${forwarded[@]}" \
-        "$scenario_dir/run-scenarios" "$@" 2>&1 | tee "$log"
+        "$root/scripts/lib/run-scenarios" "$@" 2>&1 | tee "$log"
     while read -r word name rest; do
         case $word in
         RUN) started=$name ;;

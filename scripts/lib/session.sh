@@ -289,7 +289,7 @@ dbus_start() { dbus-daemon --system --fork {say_fd}>&-; }
 
 # --- One operation at a time -------------------------------------------------------------------
 
-# shell_start: the ten operations, from then on with `op` (see tests/vm/platform_shell.cpp).
+# shell_start: the ten operations, from then on with `op` (see host/examples/platform_shell.cpp).
 shell_start() {
     PATH=$home_dir/bin:$PATH
     coproc shell { exec /usr/local/libexec/moscsi-test/platform_shell 2>>"$work/shell.log" {say_fd}>&-; }

@@ -1,5 +1,6 @@
-// Drives the ten operations one at a time, from lines on standard input, for scenarios that need to
-// stop between two of them. Prints "ok" (a create: "ok NUMBER SERIAL") or "error CODE TEXT" a line.
+// Drives the ten operations one at a time, from lines on standard input, for people and scenarios
+// that want to stop between two of them. Prints "ok" (a create: "ok NUMBER SERIAL") or "error CODE
+// TEXT" a line.
 //
 //   init | cleanup
 //   create-target TARGET | delete-target TARGET
