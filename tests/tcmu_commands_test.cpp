@@ -4,6 +4,7 @@
 #include <list>
 #include <map>
 #include <numeric>
+#include <span>
 
 #include "tests/support/HeapProbe.h"
 #include "tests/support/TcmuDevFixture.h"
@@ -125,7 +126,10 @@ TEST_F(TcmuDevCommandTest, TransferIsDescribedToTheHostInBytesAndBuffers) {
         EXPECT_EQ(ioctx->offset, row.lba * 4096);
         EXPECT_EQ(ioctx->length, row.blocks * 4096);
         ASSERT_EQ(static_cast<size_t>(ioctx->iovcnt), command.entries.size());
-        EXPECT_EQ(memcmp(ioctx->iov, command.iovec, ioctx->iovcnt * sizeof(iovec)), 0);
+        EXPECT_TRUE(std::ranges::equal(
+            std::span(ioctx->iov, command.iov_cnt), command.entries, [](auto& one, auto& other) {
+                return one.iov_base == other.iov_base && one.iov_len == other.iov_len;
+            }));
         EXPECT_EQ(manager.Ioctx_GetPriv(ioctx), dev.get());
         Platform().IODone(ioctx, static_cast<long>(ioctx->length));
     }

@@ -36,5 +36,5 @@ class MO_EXPORT CLogWriterInterface {
 
 /// The process's log writer, never null: a writer on standard error at level 0 until the host puts
 /// its own here. Replace it before other threads log; afterwards only the writer's own level
-/// changes.
-extern MO_EXPORT std::shared_ptr<CLogWriterInterface> g_ptrLogWriter;
+/// changes. A reference to what is never destroyed: threads may log while the process ends.
+extern MO_EXPORT std::shared_ptr<CLogWriterInterface>& g_ptrLogWriter;

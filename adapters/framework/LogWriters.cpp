@@ -80,7 +80,8 @@ class SyslogLogWriter final : public LineWriter {
 
 }  // namespace
 
-std::shared_ptr<CLogWriterInterface> g_ptrLogWriter = MakeStderrLogWriter(0);
+std::shared_ptr<CLogWriterInterface>& g_ptrLogWriter =
+    *new std::shared_ptr<CLogWriterInterface>(MakeStderrLogWriter(0));
 
 std::shared_ptr<CLogWriterInterface> MakeStderrLogWriter(int level) {
     return std::make_shared<StderrLogWriter>(level);

@@ -29,7 +29,11 @@ int tcmu_runner_main(int argc, char** argv) {
         sigemptyset(&interrupt);
         sigaddset(&interrupt, SIGINT);
         const timespec limit = {10, 0};
-        runner.interrupted = sigtimedwait(&interrupt, nullptr, &limit) == SIGINT;
+        int signal = 0;
+        do {
+            signal = sigtimedwait(&interrupt, nullptr, &limit);
+        } while (signal < 0 && errno == EINTR);  // a sanitizer may stop the thread for a while
+        runner.interrupted = signal == SIGINT;
     }
     return runner.result;
 }

@@ -128,6 +128,8 @@ listed() {
     expect_eq "$1" "$wrong" ""
 }
 sed -i 's/ LOST/ FAIL/' table
+# What these find is chance, of the kernel's file LUN too: it ends a session in its own time.
+sed -i '/^SCSI\.Reserve6\.\(Logout\|ITNexusLoss\) /d' table
 listed expected-failures FAIL
 listed expected-skips SKIP
 expect_eq "tests of SCSI that only ours fails" "$(grep '^SCSI.* FAIL PASS PASS$' table || true)" ""
