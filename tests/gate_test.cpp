@@ -11,7 +11,12 @@ namespace {
 
 constexpr uint64_t kBlock = GateRig::kBlock;
 
-struct GateTest : testing::Test, GateRig {
+/// Before the rig, whose runner thread logs.
+struct CapturedLog {
+    CapturingLogWriter& log = CapturingLogWriter::Installed();
+};
+
+struct GateTest : testing::Test, CapturedLog, GateRig {
     TestHost host{device.cfgString, 0};
 
     // "5/2400", or "good", "busy", "none".
@@ -138,9 +143,9 @@ TEST_F(GateTest, AnswersStateTheirLengthAndLeakNothing) {
 
 TEST_F(GateTest, StatesLimitsWhenALunIsOpened) {
     const auto errors = [this](uint64_t blocks) {
-        CapturingLogWriter::Installed().Reset(-1);
+        log.Reset(-1);
         Open(blocks, &host);
-        return CapturingLogWriter::Installed().Texts(-1).size();
+        return log.Texts(-1).size();
     };
     EXPECT_EQ(errors(uint64_t(1) << 32), 0U);
     EXPECT_EQ(device.maxTransferBlocks, 2048U);
