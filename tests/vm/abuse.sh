@@ -8,7 +8,9 @@ requires command -v sg_raw
 
 rounds=${MOSCSI_SOAK:+16}
 rounds=${rounds:-2}
-seed=${MOSCSI_SEED:-$((RANDOM << 15 | RANDOM))}
+# The short form is the same each time; --soak is another each time.
+seed=${MOSCSI_SEED:-${MOSCSI_SOAK:+$((RANDOM << 15 | RANDOM))}}
+seed=${seed:-650423136}
 RANDOM=$seed
 say "           seed $seed (MOSCSI_SEED repeats it)"
 target=iqn.2026-01.com.example:abuse
