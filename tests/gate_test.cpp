@@ -141,6 +141,44 @@ TEST_F(GateTest, AnswersStateTheirLengthAndLeakNothing) {
     EXPECT_EQ(Counters()["gate: own TEST UNIT READY"], 0U);
 }
 
+/// Completes each command before it returns, and spoils its record: nobody may look any more.
+struct SpoilingHandler : DeviceHandler {
+    explicit SpoilingHandler(tcmu_device& served) : device(served) {}
+    int Open() override { return 0; }
+    void Close() override {}
+    size_t Pending() override { return 0; }
+    MoStatistics::Counters Counters() override { return {}; }
+    int Handle(tcmulib_cmd* cmd) override {
+        if (cmd->cdb[0] == 0x00)
+            return TCMU_STATUS_GOOD;
+        tcmulib_command_complete(&device, cmd, TCMU_STATUS_GOOD);
+        cmd->cdb = nullptr;
+        cmd->iovec = nullptr;
+        cmd->iov_cnt = 1000;
+        cmd->hm_private = last = cmd;
+        return -2;
+    }
+    tcmu_device& device;
+    tcmulib_cmd* last = nullptr;
+};
+
+TEST_F(GateTest, ACompletedCommandIsNotTouched) {
+    Open(2000, &host);
+    SpoilingHandler spoiling(device);
+    gate = std::make_unique<CommandGate>(device, spoiling);
+    Extents pieces;  // too many, so that the transfer is bounced
+    for (size_t i = 0; i < 32; ++i)
+        pieces.push_back({i * 100, 64});
+    for (const uint8_t opcode : {0x28, 0x2A, 0x0A, 0x12}) {
+        EXPECT_EQ(Sense({opcode, 0, 0, 0, 4, 0, 0, 0, 4, 0}, pieces), "good");
+        ASSERT_NE(spoiling.last, nullptr);
+        EXPECT_EQ(spoiling.last->cdb, nullptr);
+        EXPECT_EQ(spoiling.last->iovec, nullptr);
+        EXPECT_EQ(spoiling.last->iov_cnt, 1000U);
+        EXPECT_EQ(spoiling.last->hm_private, spoiling.last);
+    }
+}
+
 TEST_F(GateTest, StatesLimitsWhenALunIsOpened) {
     const auto errors = [this](uint64_t blocks) {
         log.Reset(-1);
