@@ -122,6 +122,26 @@ vm_power_cut() {
 
 # --- The product -------------------------------------------------------------------------------
 
+# lun NAME KIND SIZE [KEYS]: one LUN for host_file, on $lun_dir/NAME.img. KIND: file, served (a user LUN on a
+# file) or memory (a user LUN in the host's memory). KEYS: what else it has, as TOML.
+lun_dir=$work
+lun() {
+    local type=$2
+    case $2 in
+    served) type='user", backing = "file' ;;
+    memory) type='user", backing = "memory' ;;
+    esac
+    echo "name = \"$1\", type = \"$type\", path = \"$lun_dir/$1.img\", size = \"$3\"${4:+, $4}"
+}
+# host_file TARGET "INITIATOR..." LUN...: a configuration of the host, in which each initiator has all LUNs.
+host_file() {
+    local target=$1 initiators=$2
+    shift 2
+    printf '[[target]]\nname = "%s"\n' "$target"
+    echo "initiator = [$(printf '{ name = "%s", luns = "all" }, ' $initiators)]"
+    printf 'lun = [\n%s]\n' "$(printf '    { %s },\n' "$@")"
+}
+
 host_pid=''
 # host_begin CONFIG [ARG...]: its output is $work/host.log.
 host_begin() {

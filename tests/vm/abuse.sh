@@ -16,20 +16,9 @@ say "           seed $seed (MOSCSI_SEED repeats it)"
 target=iqn.2026-01.com.example:abuse
 a=iqn.2026-01.com.example:host-a
 mib=32
-cat >"$work/host.toml" <<TOML
-[[target]]
-name = "$target"
-initiator = [{ name = "$a", luns = "all" }]
-[[target.lun]]
-name = "user"
-type = "user"
-backing = "file"
-path = "$work/user.img"
-size = "${mib}MiB"
-number = 0
-[target.lun.faults]
-rule = [{ kind = "hold", on = "read", while_file = "$work/hold_read" }, { kind = "hold", on = "write", while_file = "$work/hold_write" }]
-TOML
+hold() { echo "{ kind = \"hold\", on = \"$1\", while_file = \"$work/hold_$1\" }"; }
+host_file $target $a \
+    "$(lun user served ${mib}MiB "number = 0, faults = { rule = [$(hold read), $(hold write)] }")" >"$work/host.toml"
 step "the host starts" host_start "$work/host.toml"
 step "host-a logs in" login $a $target
 disk=$(disk_of $a $target 0)
@@ -110,4 +99,3 @@ for what in 'more than 16 entries' bounced; do
 done
 step "host-a logs out" logout $a $target
 step "the host stops" host_stop
-expect_eq "user backstores left" "$(compgen -G "$configfs/target/core/user_*/*/enable" || true)" ""

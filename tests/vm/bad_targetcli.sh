@@ -37,15 +37,7 @@ op cleanup
 shell_end
 
 truncate -s 8M "$work/lun.img"
-cat >"$work/host.toml" <<EOF
-[[target]]
-name = "$target"
-[[target.lun]]
-name = "lun"
-type = "file"
-path = "$work/lun.img"
-size = "8MiB"
-EOF
+host_file $target iqn.2026-01.com.example:host-a "$(lun lun file 8MiB)" >"$work/host.toml"
 mode hang
 MOSCSI_TARGETCLI_TIMEOUT=60 moscsi-host serve "$work/host.toml" >"$work/host.log" 2>&1 {say_fd}>&- &
 host_pid=$!

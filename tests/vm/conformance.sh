@@ -13,12 +13,7 @@ foreign=iqn.2003-01.org.example:file
 a=iqn.2026-01.com.example:host-a
 b=iqn.2026-01.com.example:host-b
 
-cat >"$work/host.toml" <<TOML
-[[target]]
-name = "$target"
-lun = [{ name = "user", type = "user", backing = "file", path = "$work/user.img", size = "64MiB", number = 0 }]
-initiator = [{ name = "$a", luns = "all" }, { name = "$b", luns = "all" }]
-TOML
+host_file $target "$a $b" "$(lun user served 64MiB "number = 0")" >"$work/host.toml"
 step "a user LUN" host_start "$work/host.toml"
 open_to_all() {
     local tpg=$configfs/target/iscsi/$foreign/tpgt_1

@@ -8,19 +8,7 @@
 requires command -v moscsi-host
 
 target=iqn.2026-01.com.example:steps
-cat >"$work/host.toml" <<END
-[[target]]
-name = "$target"
-[[target.lun]]
-name = "served"
-type = "user"
-backing = "file"
-path = "$work/served.img"
-size = "8MiB"
-[[target.initiator]]
-name = "iqn.2026-01.com.example:host-a"
-luns = "all"
-END
+host_file $target iqn.2026-01.com.example:host-a "$(lun served served 8MiB)" >"$work/host.toml"
 
 # The real targetcli, and then the host's end if it was the command whose turn it is.
 cat >"$work/targetcli" <<END
@@ -122,4 +110,3 @@ remove "remove a device of configfs's"
 step "it starts" host_start "$work/host.toml"
 wait_until 10 freed
 step "it stops" host_stop
-expect_eq "user backstores left" "$(compgen -G "$configfs/target/core/user_*/*/enable" || true)" ""

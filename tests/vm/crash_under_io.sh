@@ -12,20 +12,7 @@ RANDOM=$seed
 say "           seed $seed (MOSCSI_SEED repeats it)"
 target=iqn.2026-01.com.example:crash
 a=iqn.2026-01.com.example:host-a
-cat >"$work/host.toml" <<END
-[[target]]
-name = "$target"
-[[target.lun]]
-name = "served"
-type = "user"
-backing = "file"
-path = "$work/served.img"
-size = "32MiB"
-number = 0
-[[target.initiator]]
-name = "$a"
-luns = "all"
-END
+host_file $target $a "$(lun served served 32MiB "number = 0")" >"$work/host.toml"
 
 step "the host starts" host_start "$work/host.toml"
 step "host-a logs in" login $a $target
@@ -74,4 +61,3 @@ wait $fio || fail "fio: $(tail -n 5 "$work/fio.log")"
 say "           $(wc -l <"$work/rounds") rounds written and verified; $hit of $kills kills hit commands in flight"
 step "host-a logs out" logout $a $target
 step "the host stops" host_stop
-expect_eq "user backstores left" "$(compgen -G "$configfs/target/core/user_*/*/enable" || true)" ""

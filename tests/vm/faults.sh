@@ -8,26 +8,9 @@ requires command -v moscsi-host
 target=iqn.2026-01.com.example:faults
 a=iqn.2026-01.com.example:host-a
 rule() { echo "{ kind = \"$1\", while_file = \"$work/$1\"${2:+, $2} }"; }
-cat >"$work/host.toml" <<TOML
-[[target]]
-name = "$target"
-initiator = [{ name = "$a", luns = "all" }]
-[[target.lun]]
-name = "faulty"
-type = "user"
-backing = "file"
-path = "$work/faulty.img"
-size = "8MiB"
-number = 0
-[target.lun.faults]
-rule = [$(rule error), $(rule short "bytes = 100"), $(rule delay "delay_ms = 1500"), $(rule hold)]
-[[target.lun]]
-name = "sound"
-type = "user"
-backing = "memory"
-size = "8MiB"
-number = 1
-TOML
+rules="$(rule error), $(rule short "bytes = 100"), $(rule delay "delay_ms = 1500"), $(rule hold)"
+host_file $target $a "$(lun faulty served 8MiB "number = 0, faults = { rule = [$rules] }")" \
+    "$(lun sound memory 8MiB "number = 1")" >"$work/host.toml"
 step "the host starts" host_start "$work/host.toml"
 step "host-a logs in" login $a $target
 faulty=$(disk_of $a $target 0)
@@ -116,4 +99,3 @@ expect_eq "LUN resets at the target" "$(<"$device/statistics/scsi_lu/resets")" $
 step "the host stops" host_stop TERM 150
 for reader in "${readers[@]}"; do wait_until 60 ended "$reader"; done
 step "host-a logs out" forget $a $target $portal
-expect_eq "user backstores left" "$(compgen -G "$configfs/target/core/user_*/*/enable" || true)" ""

@@ -9,26 +9,7 @@ export MOSCSI_TARGETCLI_VERSION=2.1.fb42
 target=iqn.2026-01.com.example:older
 a=iqn.2026-01.com.example:host-a
 configuration() { # SIZE
-    cat >"$work/host.toml" <<EOF
-[[target]]
-name = "$target"
-[[target.lun]]
-name = "fixed"
-type = "user"
-backing = "memory"
-path = "/fixed"
-size = "8MiB"
-number = 0
-[[target.lun]]
-name = "automatic"
-type = "user"
-backing = "file"
-path = "$work/automatic.img"
-size = "$1"
-[[target.initiator]]
-name = "$a"
-luns = "all"
-EOF
+    host_file $target $a "$(lun fixed memory 8MiB "number = 0")" "$(lun automatic served "$1")" >"$work/host.toml"
 }
 serve=(timeout 100 moscsi-host serve)
 numbers() { moscsi-host status --json | python3 -c 'import json, sys
@@ -61,5 +42,4 @@ step "host-a logs in again" login $a $target
 expect_eq "what LUN 1 reads" "$(sum_of "$(disk_of $a $target 1)" 16)" "$written"
 step "host-a logs out" logout $a $target
 step "the host ends" host_stop
-expect_eq "user backstores left" "$(compgen -G "$configfs/target/core/user_*/*/enable" || true)" ""
 expect_fails "" test -e $configfs/target/iscsi/$target

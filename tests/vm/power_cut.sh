@@ -51,17 +51,10 @@ mount /dev/disk/by-id/virtio-data /mnt
 echo 0 >/proc/sys/vm/dirty_writeback_centisecs # what nobody syncs stays in memory, and is lost for certain
 # Not sparse, so that no other file's sync takes its blocks along.
 dd if=/dev/zero of=/mnt/weak.img bs=1M count=16 conv=fsync status=none
-lun() { # NAME NUMBER TABLE
-    printf '[[target.lun]]\nname = "%s"\nnumber = %s\nsize = "16MiB"\npath = "/mnt/%s.img"\n%s\n' "$1" "$2" "$1" "$3"
-}
-served=$'type = "user"\nbacking = "file"'
-{
-    printf '[[target]]\nname = "%s"\n' $target
-    lun durable 0 "$served"
-    lun weak 1 "$served"$'\n[target.lun.faults]\ndurable = false'
-    lun kernel 2 'type = "file"'
-    printf '[[target.initiator]]\nname = "%s"\nluns = "all"\n' $a
-} >"$work/host.toml"
+lun_dir=/mnt
+host_file $target $a "$(lun durable served 16MiB "number = 0")" \
+    "$(lun weak served 16MiB "number = 1, faults = { durable = false }")" \
+    "$(lun kernel file 16MiB "number = 2")" >"$work/host.toml"
 step "the host starts" host_start "$work/host.toml"
 step "host-a logs in" login $a $target
 for n in 0 1 2; do disks[n]=$(disk_of $a $target $n); done

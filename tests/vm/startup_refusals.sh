@@ -6,23 +6,12 @@ requires command -v moscsi-host
 
 target=iqn.2026-01.com.example:refused
 truncate -s 8M "$work/lun.img"
-configuration() { # FILE PATH-OF-LUN [SIZE]
-    cat >"$1" <<EOF
-[[target]]
-name = "$target"
-[[target.lun]]
-name = "lun"
-type = "file"
-path = "$2"
-size = "${3:-8MiB}"
-number = 0
-[[target.initiator]]
-name = "iqn.2026-01.com.example:host-a"
-luns = "all"
-EOF
+configuration() { # KIND [SIZE]
+    host_file $target iqn.2026-01.com.example:host-a "$(lun lun "$1" "${2:-8MiB}" "number = 0")"
 }
-good=$work/good.toml
-configuration "$good" "$work/lun.img"
+good=$work/good.toml user=$work/user.toml
+configuration file >"$good"
+configuration memory >"$user"
 
 step "-start" $service -start
 foreign_target iqn.2003-01.org.example:foreign
@@ -39,12 +28,12 @@ refuses() {
 }
 serve=(timeout 100 moscsi-host serve)
 
-configuration "$work/bad.toml" "$work/lun.img; reboot"
-refuses "bad.toml:6" "a path with a shell's characters" "${serve[@]}" "$work/bad.toml"
-configuration "$work/bad.toml" "$work/lun.img" 4MiB
-refuses "bad.toml:" "a file of another length" "${serve[@]}" "$work/bad.toml"
-configuration "$work/bad.toml" "$work"
-refuses "bad.toml:6" "a directory as path" "${serve[@]}" "$work/bad.toml"
+sed 's|/lun.img|&; reboot|' "$good" >"$work/bad.toml"
+refuses "bad.toml:5" "a path with a shell's characters" "${serve[@]}" "$work/bad.toml"
+configuration file 4MiB >"$work/bad.toml"
+refuses "bad.toml:5" "a file of another length" "${serve[@]}" "$work/bad.toml"
+sed 's|/lun.img||' "$good" >"$work/bad.toml"
+refuses "bad.toml:5" "a directory as path" "${serve[@]}" "$work/bad.toml"
 refuses "nothing.toml" "a configuration that isn't there" "${serve[@]}" "$work/nothing.toml"
 
 refuses "upgrade to targetcli version 2.1.fb41 or higher" "an old targetcli" \
@@ -80,8 +69,6 @@ echo exit >&"${open[1]}"
 wait_until 20 ended "$open_pid"
 
 # What a user LUN needs beyond that: the bus's name, and the kernel's TCM-USER.
-user=$work/user.toml
-sed 's/^type = .*/type = "user"\nbacking = "memory"/' "$good" >"$user"
 cat >"$work/owner" <<'OWNER'
 from gi.repository import Gio, GLib
 Gio.bus_own_name(Gio.BusType.SYSTEM, "org.kernel.TCMUService1", 0, None, None, None)

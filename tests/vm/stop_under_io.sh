@@ -11,19 +11,8 @@ requires command -v moscsi-host
 target=iqn.2026-01.com.example:stop
 a=iqn.2026-01.com.example:host-a b=iqn.2026-01.com.example:host-b
 foreign=iqn.2003-01.org.example:foreign
-lun() { # NAME NUMBER SIZE TYPE-AND-BACKING
-    printf '[[target.lun]]\nname = "%s"\nnumber = %s\nsize = "%s"\npath = "%s"\n%s\n' "$1" "$2" "$3" "$work/$1.img" "$4"
-}
-served='type = "user"
-backing = "file"' memory='type = "user"
-backing = "memory"'
-configuration() { # LUN-TABLE...
-    printf '[[target]]\nname = "%s"\n' $target
-    printf '%s\n' "$@"
-    printf '[[target.initiator]]\nname = "%s"\nluns = "all"\n' $a
-}
-luns=("$(lun served 0 16MiB "$served")" "$(lun memory 1 16MiB "$memory")")
-configuration "${luns[@]}" >"$work/host.toml"
+luns=("$(lun served served 16MiB "number = 0")" "$(lun memory memory 16MiB "number = 1")")
+host_file $target $a "${luns[@]}" >"$work/host.toml"
 
 step "a foreign target is there" foreign_target $foreign
 cleanup foreign_remove $foreign
@@ -49,23 +38,22 @@ refuses() {
     expect_eq "configfs after $what" "$(state)" "$before"
     say "           $what: refused, nothing changed"
 }
-refuses "another size and another initiator" \
-    "$(configuration "${luns[0]}" "$(lun memory 1 8MiB "$memory")" | sed "s/^name = \"$a\"/name = \"$b\"/")" \
+refuses "another size and another initiator" "$(host_file $target $b "${luns[0]}" "${luns[1]/16MiB/8MiB}")" \
     "should have 8388608" "admits the initiator $a"
-refuses "numbers swapped" "$(configuration "$(lun served 1 16MiB "$served")" "$(lun memory 0 16MiB "$memory")")" \
+refuses "numbers swapped" "$(host_file $target $a "${luns[0]/= 0/= 1}" "${luns[1]/= 1/= 0}")" \
     "LUN served is number 0 in target $target, and the file says 1" "LUN memory is number 1"
-refuses "a LUN gone" "$(configuration "${luns[0]}")" "holds LUN 1, user/"
+refuses "a LUN gone" "$(host_file $target $a "${luns[0]}")" "holds LUN 1, user/"
 
 # Every write takes its time: many are in flight, and the machine has time for the rest.
-luns[0]+=$'\n[[target.lun.faults.rule]]\nkind = "delay"\non = "write"\ndelay_ms = 200'
-{ configuration "${luns[@]}" && printf '[[target.initiator]]\nname = "%s"\nluns = ["served"]\n' $b; } >"$work/host.toml"
+luns[0]+=', faults = { rule = [{ kind = "delay", on = "write", delay_ms = 200 }] }'
+host_file $target "$a $b" "${luns[@]}" >"$work/host.toml"
 step "the host starts with one initiator more" host_start "$work/host.toml"
 expect_contains "what the host says" "$(<"$work/host.log")" "it answers NOT READY; --discard-lost-memory serves it empty"
 read_block() { sg_raw -r 512 "$memory_disk" 28 00 00 00 00 00 00 00 01 00; }
 read_block >/dev/null 2>&1 || true # a unit attention may come first
 expect_fails "Not Ready" read_block
 step "host-b logs in" login $b $target
-expect_luns $b $target "0"
+expect_luns $b $target "0 1"
 if [[ ${MOSCSI_SOAK-} ]]; then
     step "the host is killed" host_kill
     step "the host starts with --discard-lost-memory" host_start "$work/host.toml" --discard-lost-memory
@@ -78,7 +66,7 @@ fio=$!
 cleanup sh -c "kill $fio 2>/dev/null; pkill -x fio || true"
 writing() { (($(awk '{ print $2 }' "/sys/block/${disk##*/}/inflight") > 8)); }
 wait_until 60 writing
-objects=$((1 + 2 + 2 + 3)) # target, LUNs, initiators, mappings
+objects=$((1 + 2 + 2 + 4)) # target, LUNs, initiators, mappings
 step "SIGTERM under fio" host_stop TERM $((30 + 3 * objects))
 expect_fails "" test -e $configfs/target/iscsi/$target
 expect_eq "devices left" "$(find $configfs/target/core -mindepth 2 -maxdepth 2 -type d -not -path '*/alua/*')" \

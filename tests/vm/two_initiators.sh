@@ -98,4 +98,3 @@ remove 2 $a
 remove 3 $b
 op delete-target $target
 op cleanup
-expect_eq "user backstores left" "$(compgen -G "$configfs/target/core/user_*/*/enable" || true)" ""
