@@ -2,8 +2,6 @@
 
 #include "tests/support/PlatformFixture.h"
 
-using testing::ElementsAre;
-
 using PlatformCommandsTest = MoScsiSrvLIOTest;
 
 TEST_F(PlatformCommandsTest, UpdateJudgesTheFirstLineOfStandardErrorOnly) {

@@ -1,15 +1,6 @@
 // User LUNs through configfs, in a directory where the test plays the kernel's part.
 
-#include <sys/stat.h>
-
-#include <cerrno>
-#include <filesystem>
-#include <fstream>
-
 #include "tests/support/PlatformFixture.h"
-
-using testing::ElementsAre;
-using testing::ElementsAreArray;
 
 struct PlatformConfigFSTest : MoScsiSrvLIOTest {
     MoScsiSrvLun lun = Lun(BSTOR_USER);
@@ -45,10 +36,6 @@ struct PlatformConfigFSTest : MoScsiSrvLIOTest {
     std::string LunDir(int number) const {
         return root + "iscsi/iqn.Ab/tpgt_1/lun/lun_" + std::to_string(number) + "/";
     }
-    static Strings First(Strings commands, size_t count) {
-        commands.resize(count);
-        return commands;
-    }
 };
 
 TEST_F(PlatformConfigFSTest, CreateRunsItsStepsOnceAndDeleteTakesTheTreeAway) {
@@ -58,24 +45,21 @@ TEST_F(PlatformConfigFSTest, CreateRunsItsStepsOnceAndDeleteTakesTheTreeAway) {
     Append(expected, create);
     Append(expected,
            {"-cfg", "+map", "-map", "[0] Target iqn.Ab Lun 3 SerialNum Ser-" + guid + end});
-    EXPECT_THAT(journal.Events(), ElementsAreArray(expected));
     EXPECT_EQ(std::filesystem::read_symlink(link), store);
     EXPECT_TRUE(Registry().contains(CfgString(lun)));
 
     // Once more: nothing runs, the registry's record is the new one.
     lun.serialNum = "again";
-    journal.Reset(5);
     ASSERT_FALSE(Platform().CreateLun(&lun).IsError());
-    EXPECT_THAT(journal.Events(),
-                ElementsAre("+cfg", "[1] lun iqn.Ab[3] already exists " + link, "-cfg", "+map",
-                            "-map", "[0] Target iqn.Ab Lun 3 SerialNum again-" + guid + end));
+    Append(expected, {"+cfg", "[1] lun iqn.Ab[3] already exists " + link, "-cfg", "+map", "-map",
+                      "[0] Target iqn.Ab Lun 3 SerialNum again-" + guid + end});
     EXPECT_EQ(Registry().at(CfgString(lun)).first.serialNum, "again-" + guid);
 
-    journal.Reset(-1);
     ASSERT_FALSE(Platform().DeleteLun(&lun).IsError());
-    expected = {"+map", "-map", "+cfg"};
+    Append(expected, {"+map", "-map", "+cfg"});
     Append(expected, remove);
-    Append(expected, {"-cfg", "+map", "-map"});
+    Append(expected,
+           {"-cfg", "+map", "-map", "[0] Target iqn.Ab Lun 3 SerialNum again-" + guid + end});
     EXPECT_THAT(journal.Events(), ElementsAreArray(expected));
     EXPECT_FALSE(std::filesystem::exists(hba) || std::filesystem::exists(lunDir));
     EXPECT_EQ(Registry().size(), 0U);
@@ -91,12 +75,12 @@ TEST_F(PlatformConfigFSTest, FailedStepIsUndoneAsFarAsTheUndoGets) {
         const CRyError error = Platform().CreateLun(&lun);
         ExpectError(error, 774, "cmd: " + failing + " failed");
         Strings expected{"+cfg"};
-        Append(expected, First(create, step));
+        Append(expected, {create.begin(), create.begin() + step});
         Append(expected, {"[-1] " + error.Message(),
                           "[-1] CreateLun_BStorUser_ConfigFS error iqn.Ab 3\n", "-cfg", "+cfg"});
         // The undo stops where something was never made: the LUN's directory comes sixth.
         const bool whole = step == create.size();
-        Append(expected, First(remove, whole ? 4 : 2));
+        Append(expected, {remove.begin(), remove.begin() + (whole ? 4 : 2)});
         if (!whole)
             Append(expected, {"[-1] cmd: " + remove[1].substr(2) + " failed",
                               "[-1] DeleteLun_BStorUser_ConfigF error iqn.Ab 3\n"});
@@ -135,19 +119,16 @@ TEST_F(PlatformConfigFSTest, AutomaticNumberIsTheLowestThatIsSurelyFreeUpTo65534
     g_os.onStat = [&](const std::string& path, mode_t&) {
         return path == LunDir(free) ? ENOENT : path == LunDir(2) ? EACCES : 0;
     };
-    for (const uint32_t number : {3U, 65534U}) {
-        free = static_cast<int>(number);
-        lun.lunNum = 0xFFFFFFFF;
+    for (const int number : {3, 65534, 65535}) {
+        free = number;
+        lun = Lun(BSTOR_USER, 0xFFFFFFFF);
         journal.Reset(5);
+        if (number == 65535)
+            break;
         ASSERT_FALSE(Platform().CreateLun(&lun).IsError());  // its link "exists": that is all
         EXPECT_EQ(lun.lunNum, number);
-        EXPECT_THAT(journal.Events()[1],
-                    "[1] NextAvailableLunNum " + std::to_string(number) + "\n");
+        EXPECT_EQ(journal.Events()[1], "[1] NextAvailableLunNum " + std::to_string(number) + "\n");
     }
-    free = 65535;
-    lun.lunNum = 0xFFFFFFFF;
-    lun.serialNum = "Ser";
-    journal.Reset(5);
     ExpectError(Platform().CreateLun(&lun), 22, "No lun number available");
     EXPECT_THAT(journal.Events(), ElementsAre("+cfg", "-cfg", "[-1] No lun number available"));
     EXPECT_EQ(lun.lunNum, 0xFFFFFFFFU);

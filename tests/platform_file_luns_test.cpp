@@ -2,17 +2,7 @@
 
 #include <sys/stat.h>
 
-#include <cerrno>
-#include <filesystem>
-#include <fstream>
-#include <map>
-
 #include "tests/support/PlatformFixture.h"
-
-using testing::Each;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::Not;
 
 struct PlatformFileLunsTest : MoScsiSrvLIOTest {
     MoScsiSrvLun FileLun(const std::string& file, uint64_t size) {
@@ -39,10 +29,6 @@ struct PlatformFileLunsTest : MoScsiSrvLIOTest {
         EXPECT_EQ(error.Location()->Function(), entry);
         EXPECT_EQ(error.Location()->File(), "MoScsiSrvLIO");
         EXPECT_THAT(journal.Functions(), Each(entry));
-    }
-    static off_t Size(const std::string& path) {
-        struct stat status = {};
-        return stat(path.c_str(), &status) == 0 ? status.st_size : -1;
     }
 };
 
@@ -75,7 +61,7 @@ TEST_F(PlatformFileLunsTest, WhatIsWrongWithThePathIsSaid) {
     const std::string& path = lun.path;
     ExpectRefused(lun, 22, "bstor file size not set " + path,
                   {"[-1] bstor file " + path + " size not set"});
-    EXPECT_EQ(Size(path), -1);
+    EXPECT_FALSE(std::filesystem::exists(path));
 
     // Looked for in vain, and yet a directory, or a file on a full device, which stays. There the
     // close's errno counts, not the write's.
@@ -124,7 +110,7 @@ TEST_F(PlatformFileLunsTest, FileIsMadeSparseOrUsedAsItIsAndDeleteKeepsIt) {
     EXPECT_LT(status.st_blocks, 100);
     EXPECT_EQ(status.st_mode & 07777, 0640U);
     EXPECT_FALSE(Platform().DeleteLun(&lun).IsError());
-    EXPECT_EQ(Size(lun.path), (off_t{5} << 30) + 512);
+    EXPECT_EQ(std::filesystem::file_size(lun.path), lun.size);
 
     lun = FileLun("old", 2);
     std::ofstream(lun.path) << "content";
@@ -146,30 +132,27 @@ TEST_F(PlatformFileLunsTest, SerialNumberDependsOnTheVersionAsTextAndGrows) {
         serial += "-" + Guid("iqn.Ab" + lun.path);
         EXPECT_EQ(lun.serialNum, serial);
         EXPECT_THAT(journal.Events(),
-                    testing::Contains("$ " + Updating("targetcli /backstores/fileio create "
-                                                      "file_or_dev=" +
-                                                      lun.path + " name=" + Name(lun) +
-                                                      (version == kNew ? " wwn=" + serial : ""))));
+                    Contains("$ " + Updating("targetcli /backstores/fileio create "
+                                             "file_or_dev=" +
+                                             lun.path + " name=" + Name(lun) +
+                                             (version == kNew ? " wwn=" + serial : ""))));
     }
 }
 
 TEST_F(PlatformFileLunsTest, AutomaticNumberIsReadBackOrAnErrorOrLeavesTheConfigurationLocked) {
-    const std::map<uint32_t, std::string> rows = {{BSTOR_FILE, "fileio/"},
-                                                  {BSTOR_BLKDEV, "block/"},
-                                                  {BSTOR_BLKDEV2, "block/"},
-                                                  {BSTOR_USER, "user/"}};
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.first);
+    const std::string directories[] = {"", "fileio/", "block/", "user/", "block/"};
+    for (const uint32_t type : {BSTOR_FILE, BSTOR_BLKDEV, BSTOR_USER, BSTOR_BLKDEV2}) {
+        SCOPED_TRACE(type);
         g_os.onStat = [&](const std::string&, mode_t& mode) {
-            mode = row.first == BSTOR_FILE ? S_IFREG : S_IFBLK;
+            mode = type == BSTOR_FILE ? S_IFREG : S_IFBLK;
             return 0;
         };
-        MoScsiSrvLun lun = Lun(row.first);
-        const std::string object = row.second + Name(lun);
+        MoScsiSrvLun lun = Lun(type);
+        const std::string object = directories[type] + Name(lun);
         const std::string command = "targetcli /iscsi/iqn.Ab/tpg1/luns ls | grep -w " + object +
                                     " | awk '{print $2}' | tr -d '\n' | sed 's/lun//g'";
         const auto create = [&](const std::string& listing) {
-            lun = Lun(row.first, 0xFFFFFFFF);
+            lun = Lun(type, 0xFFFFFFFF);
             Answer("/iscsi/iqn.ab/tpg1/luns ls", "", listing);
             journal.Reset(5);
             return Platform().CreateLun(&lun);

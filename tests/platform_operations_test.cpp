@@ -3,8 +3,6 @@
 
 #include <sys/stat.h>
 
-#include <algorithm>
-#include <functional>
 #include <thread>
 
 #include "tests/support/PlatformFixture.h"
@@ -147,7 +145,7 @@ TEST_F(PlatformOperationsTest, RunsItsStepsUnderTheLockAndConfirms) {
         SCOPED_TRACE(operation.signature);
         Check(operation);
         EXPECT_THAT(journal.Functions(),
-                    testing::ElementsAre("virtual CRyError MoScsiSrvLIO::" + operation.signature));
+                    ElementsAre("virtual CRyError MoScsiSrvLIO::" + operation.signature));
         journal.Reset(-1);  // below the level of confirmations
         EXPECT_FALSE(operation.run().IsError());
         EXPECT_EQ(journal.Functions(), Strings());
@@ -179,7 +177,7 @@ TEST_F(PlatformOperationsTest, GoesOnWhereItIsDoneAlreadyAndStopsWhereAStepFails
 }
 
 TEST_F(PlatformOperationsTest, TwoThreadsNeverMixTheirCommands) {
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (const char* name : {"iqn.a", "iqn.b"}) {
         threads.emplace_back([this, name] {
             MoScsiSrvHost mine{name};
@@ -187,15 +185,13 @@ TEST_F(PlatformOperationsTest, TwoThreadsNeverMixTheirCommands) {
                 EXPECT_FALSE(Platform().MapHost(&lun, &mine).IsError());
         });
     }
-    for (std::thread& thread : threads)
-        thread.join();
-
+    threads.clear();  // waits
     const Strings calls = Lines("calls");
     ASSERT_EQ(calls.size(), 40U);
     for (size_t i = 0; i < calls.size(); i += 4) {
         const std::string name = calls[i].substr(calls[i].size() - 5);
         EXPECT_EQ("end" + calls[i].substr(5), calls[i + 1]);
         EXPECT_EQ("end" + calls[i + 2].substr(5), calls[i + 3]);
-        EXPECT_THAT(calls[i + 2], testing::HasSubstr("acls/" + name + " create"));
+        EXPECT_THAT(calls[i + 2], HasSubstr("acls/" + name + " create"));
     }
 }

@@ -3,17 +3,8 @@
 
 #include <sys/stat.h>
 
-#include <algorithm>
-#include <csignal>
-#include <fstream>
-
 #include "adapters/framework/MOPlatformInfo.h"
 #include "tests/support/TcmuDevFixture.h"
-
-using testing::Contains;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::Not;
 
 namespace {
 
@@ -182,7 +173,7 @@ TEST_F(PlatformStartTest, SlotsOfThePlatformStandInOrderAndTrace) {
         Slot<CRyError(void*, void*, void*)>(platform, ++number)(platform, slot.argument,
                                                                 &initiator);
         EXPECT_EQ(journal.Functions().at(0), slot.signature);
-        EXPECT_THAT(journal.Events().at(0), testing::StartsWith(slot.event));
+        EXPECT_THAT(journal.Events().at(0), StartsWith(slot.event));
     }
     MoIoctxMgr::Instance()->Ioctx_Free(ioctx);
 }

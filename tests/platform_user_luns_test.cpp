@@ -4,8 +4,6 @@
 
 #include "tests/support/TcmuDevFixture.h"
 
-using testing::ElementsAre;
-
 struct PlatformUserLunsTest : MoScsiSrvTcmuDevTest {
     MoScsiSrvLun lun = Lun(BSTOR_USER);
     const std::string key = lib.cfgString = CfgString(lun);

@@ -9,8 +9,6 @@
 #include "tests/support/HeapProbe.h"
 #include "tests/support/TcmuDevFixture.h"
 
-using testing::ElementsAre;
-
 namespace {
 
 using TcmuDevCommandTest = MoScsiSrvTcmuDevTest;
@@ -79,7 +77,7 @@ TEST_F(TcmuDevCommandTest, RefusedCommandsAreToldApartByBitsSenseLogAndCounter) 
         EXPECT_EQ(Counters(*dev, true), "opens:1 " + counted);
         EXPECT_EQ(journal.Events(), events);
         EXPECT_THAT(journal.Functions(),
-                    testing::Each("int MoScsiSrvTcmuDev::TcmuDevCmdHandler(tcmulib_cmd*)"));
+                    Each("int MoScsiSrvTcmuDev::TcmuDevCmdHandler(tcmulib_cmd*)"));
         EXPECT_EQ(BStoreInfo(*dev).second, lunKnown && events[0] == "+map" ? &host.held : nullptr);
     };
     // These two look their LUN up, each time anew.

@@ -4,11 +4,6 @@
 
 #include "tests/support/TcmuDevFixture.h"
 
-using testing::ElementsAre;
-using testing::ElementsAreArray;
-
-namespace {
-
 using TcmuDevLifeTest = MoScsiSrvTcmuDevTest;
 
 TEST_F(TcmuDevLifeTest, OpenLearnsTheGeometryAndRegisters) {
@@ -109,7 +104,7 @@ TEST_F(TcmuDevLifeTest, CloseAbortsWhatIsPendingAndPollsUntilTheHostHasGivenItBa
     };
     journal.Reset(1);
     dev->TcmuDevClose();
-    EXPECT_THAT(aborted, testing::UnorderedElementsAreArray(host.held));
+    EXPECT_THAT(aborted, UnorderedElementsAreArray(host.held));
     Append(expected, {"-dev", "[1] pending i/os 2", "sleep 2.0", "+dev", "-dev"});
     for (const char* pending : {"2", "1"})
         Append(expected, {std::string("[1] pending i/os ") + pending, "sleep 2.0", "+dev",
@@ -141,8 +136,6 @@ TEST_F(TcmuDevLifeTest, TransferBeforeTheLunIsKnownStaysPendingAndItsAbortCallsN
     g_os.onSleep = [&] { dev->TcmuDevIODone(Pending(*dev).at(0), 512); };
     dev->TcmuDevClose();
     EXPECT_EQ(Counters(*dev), "opens:1 closes:1 aborted:3 waits:3 iosDone:3 ");
-    EXPECT_THAT(journal.Events(), testing::Not(testing::Contains("Abort")));
+    EXPECT_THAT(journal.Events(), Not(Contains("Abort")));
     EXPECT_EQ(Errors(), Strings());
 }
-
-}  // namespace

@@ -3,11 +3,9 @@
 #include <array>
 #include <atomic>
 #include <cstdarg>
-#include <cstdio>
+#include <map>
 #include <memory>
 #include <string>
-#include <string_view>
-#include <utility>
 #include <vector>
 
 #include "adapters/framework/CLogWriterInterface.h"
@@ -20,6 +18,8 @@
 /// Thread: any.
 class CapturingLogWriter : public CLogWriterInterface {
   public:
+    using Strings = std::vector<std::string>;
+
     /// The process's writer, put in place of the framework's own at the first call.
     static CapturingLogWriter& Installed() {
         static const std::shared_ptr<CapturingLogWriter> writer = [] {
@@ -33,8 +33,10 @@ class CapturingLogWriter : public CLogWriterInterface {
     /// Forgets what was kept; messages and traces above `level` are left out from now on, and what
     /// seams note unless `notes`.
     void Reset(int level, bool notes = true) {
-        MutexGuard guard(m_mutex);
-        m_lines.clear();
+        const MutexGuard guard(m_mutex);
+        m_events.clear();
+        m_functions.clear();
+        m_texts.clear();
         m_level = level;
         m_notes = notes;
     }
@@ -42,7 +44,7 @@ class CapturingLogWriter : public CLogWriterInterface {
     /// Notes "+name" and "-name" when `mutex` is locked and unlocked (OsSeams.cpp does it), and no
     /// other one under that name; null ends it. `name` is one of kWatched.
     static constexpr std::array<const char*, 4> kWatched = {"cfg", "map", "dev", "instance"};
-    void Watch(std::string_view name, const void* mutex) {
+    void Watch(const std::string& name, const void* mutex) {
         for (size_t i = 0; i < kWatched.size(); ++i)
             if (name == kWatched[i])
                 m_watched[i] = mutex;
@@ -53,29 +55,26 @@ class CapturingLogWriter : public CLogWriterInterface {
                 Note(std::string(1, sign) + kWatched[i]);
     }
 
-    void Note(std::string text) {
+    void Note(const std::string& text) {
+        const MutexGuard guard(m_mutex);
         if (m_notes)
-            Keep({kNote, "", std::move(text)});
+            m_events.push_back(text);
     }
 
     /// Everything in order; messages as "[level] text".
-    std::vector<std::string> Events() const {
-        return Collect([](const Line&) { return true; },
-                       [](const Line& line) {
-                           return line.level == kNote
-                                      ? line.text
-                                      : "[" + std::to_string(line.level) + "] " + line.text;
-                       });
+    Strings Events() {
+        const MutexGuard guard(m_mutex);
+        return m_events;
     }
     /// The texts of exactly this level, in order.
-    std::vector<std::string> Texts(int level) const {
-        return Collect([level](const Line& line) { return line.level == level; },
-                       [](const Line& line) { return line.text; });
+    Strings Texts(int level) {
+        const MutexGuard guard(m_mutex);
+        return m_texts[level];
     }
     /// The signatures that the messages carry, in order.
-    std::vector<std::string> Functions() const {
-        return Collect([](const Line& line) { return line.level != kNote; },
-                       [](const Line& line) { return line.function; });
+    Strings Functions() {
+        const MutexGuard guard(m_mutex);
+        return m_functions;
     }
 
     __attribute__((format(printf, 7, 8))) void WriteMessage(int level, const char* function,
@@ -87,34 +86,19 @@ class CapturingLogWriter : public CLogWriterInterface {
         va_start(args, format);
         vsnprintf(text, sizeof text, format, args);
         va_end(args);
-        Keep({level, function, text});
+        const MutexGuard guard(m_mutex);
+        m_events.push_back("[" + std::to_string(level) + "] " + text);
+        m_functions.emplace_back(function);
+        m_texts[level].emplace_back(text);
     }
     int GetDebugLevel() override { return m_level; }
 
   private:
-    static constexpr int kNote = 99;
-    struct Line {
-        int level;
-        std::string function;
-        std::string text;
-    };
-    template <typename Wanted, typename Text>
-    std::vector<std::string> Collect(Wanted wanted, Text text) const {
-        MutexGuard guard(m_mutex);
-        std::vector<std::string> texts;
-        for (const Line& line : m_lines)
-            if (wanted(line))
-                texts.push_back(text(line));
-        return texts;
-    }
-    void Keep(Line line) {
-        MutexGuard guard(m_mutex);
-        m_lines.push_back(std::move(line));
-    }
-
     std::atomic<int> m_level{-1};
-    std::atomic<bool> m_notes{true};
-    mutable Mutex m_mutex;
-    std::vector<Line> m_lines MO_GUARDED_BY(m_mutex);
+    Mutex m_mutex;
+    bool m_notes MO_GUARDED_BY(m_mutex) = true;
+    Strings m_events MO_GUARDED_BY(m_mutex);
+    Strings m_functions MO_GUARDED_BY(m_mutex);
+    std::map<int, Strings> m_texts MO_GUARDED_BY(m_mutex);
     std::array<std::atomic<const void*>, kWatched.size()> m_watched{};
 };

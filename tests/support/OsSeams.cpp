@@ -1,14 +1,11 @@
 #include "tests/support/OsSeams.h"
 
-#include <pthread.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <atomic>
-#include <cerrno>
-#include <cstdio>
-#include <cstdlib>
-#include <ctime>
+#include <csignal>
 
+#include "adapters/runner/tcmu_runner.h"
 #include "tests/support/CapturingLogWriter.h"
 
 namespace {
@@ -26,6 +23,23 @@ void Note(const std::string& text) {
 }
 
 }  // namespace
+
+int tcmu_runner_main(int argc, char** argv) {
+    // As the real one does, to the end of the process: nobody else holds the strings.
+    static auto& kept = *new std::vector<char*>;
+    kept.insert(kept.end(), argv, argv + argc);
+
+    g_runner.arguments.assign(argv, argv + argc);
+    EXPECT_EQ(argv[argc], nullptr);
+    sigset_t blocked;
+    pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+    EXPECT_EQ(sigismember(&blocked, SIGINT), 1);
+    int signal = 0;
+    if (g_runner.waitForInterrupt)
+        sigwait(&blocked, &signal);
+    g_runner.interrupted = signal == SIGINT;
+    return g_runner.result;
+}
 
 // Visible, because a sanitizer's library that calls one of these is linked against it too.
 #pragma GCC visibility push(default)

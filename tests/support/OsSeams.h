@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 /// What the plug-in calls of the operating system, watched and made to fail. OsSeams.cpp stands in
 /// for these calls in a program that is linked with --wrap; the real ones run unless something is
@@ -28,3 +29,13 @@ struct OsSeams {
     std::function<void()> onSleep;
 };
 inline OsSeams g_os;
+
+/// Stands in for the TCMU runner's main loop, which also checks what is the same for every run.
+struct FakeRunner {
+    int result = 0;                 ///< what the main loop returns
+    bool waitForInterrupt = false;  ///< return after a signal, not at once
+
+    std::vector<std::string> arguments{};  ///< this and the next: valid once the thread was joined
+    bool interrupted = false;
+};
+inline FakeRunner g_runner;

@@ -2,22 +2,18 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
 #include <functional>
-#include <string>
-#include <vector>
+#include <future>
 
+#include "adapters/framework/GetGUID.h"
 #include "platform/MoScsiSrvLIO.h"
 #include "tests/support/CapturingLogWriter.h"
 #include "tests/support/OsSeams.h"
 
-/// Stands in for the TCMU runner's main loop, which also checks what is the same for every run.
-struct FakeRunner {
-    int result = 0;                 ///< what the main loop returns
-    bool waitForInterrupt = false;  ///< return after a SIGINT (or ten seconds), not at once
-
-    std::vector<std::string> arguments{};  ///< this and the next: valid once the thread was joined
-    bool interrupted = false;
-};
+using namespace testing;  // matchers
 
 /// The host's operations of a LUN, whose context is `held`: keeps the transfers that it is lent
 /// unless told otherwise.
@@ -40,53 +36,128 @@ struct HeldTransfers : MoScsiBStorOps {
   private:
     const CRyError ignored = FXErrorUtil::ErrorErrNo(FXCodeLocation("host", "f", 1), 5, "ignored");
     CRyError Call(const char* operation, const Hook& hook, void* ctx, MoScsiSrvIO* ioctx,
-                  int reserved);
+                  int reserved) {
+        CapturingLogWriter::Installed().Note(operation);
+        EXPECT_EQ(ctx, &held);
+        EXPECT_EQ(reserved, 0);
+        hook(ioctx);
+        return ignored;
+    }
 };
 
 /// A platform of its own for each test, with a fake targetcli first on PATH, a temporary directory
 /// for configfs and for the service script, and a journal at level 5 (traces left out) that watches
 /// both of the platform's mutexes as "cfg" and "map". At its end every file
 /// that was opened must be closed, and the configuration free.
-struct MoScsiSrvLIOTest : testing::Test {
+struct MoScsiSrvLIOTest : Test {
     using Strings = std::vector<std::string>;
     static constexpr const char* kNew = "2.1.fb43";  ///< the oldest version of the newer forms
     static constexpr const char* kOld = "2.1.fb42";
 
-    const std::string dir;
+    const std::string dir = [] {
+        std::string name = TempDir() + "moscsi.XXXXXX";
+        return std::string(mkdtemp(name.data()));
+    }();
     CapturingLogWriter& journal = CapturingLogWriter::Installed();
-    static FakeRunner runner;
+    FakeRunner& runner = g_runner = {};
     HeldTransfers host;
 
-    MoScsiSrvLIOTest();
-    ~MoScsiSrvLIOTest() override;
+    MoScsiSrvLIOTest() {
+        static const std::string real = ConfigFSRoot();  // as it is before the first test
+        EXPECT_EQ(real, "/sys/kernel/config/target/");
+        static const std::string path = getenv("PATH");
+        setenv("PATH", (FAKE_TARGETCLI_PATH ":" + path).c_str(), 1);
+        setenv("FAKE_TARGETCLI", dir.c_str(), 1);
+        ConfigFSRoot() = dir + "/";
+        MakePlatform();
+        g_os = {};
+        journal.Reset(5);
+    }
+    ~MoScsiSrvLIOTest() override {
+        EXPECT_EQ(OpenFiles(), m_filesBefore);
+        g_os = {};
+        for (const char* name : CapturingLogWriter::kWatched)
+            journal.Watch(name, nullptr);
+        // Another thread tries: a thread must not try to lock what it holds.
+        EXPECT_TRUE(std::async(std::launch::async, [this] {
+                        if (!ConfigurationMutex().try_lock())
+                            return false;
+                        ConfigurationMutex().unlock();
+                        return true;
+                    }).get());
+        JoinRunner(Platform());
+        SetInstance(nullptr);
+        std::filesystem::remove_all(dir);
+    }
 
     /// Makes a platform in the place of the one that is there; its runner's thread has ended then,
     /// unless the runner waits.
-    void MakePlatform();
+    void MakePlatform() {
+        m_platform = std::make_unique<MoScsiSrvLIO>();
+        SetInstance(m_platform.get());
+        if (!runner.waitForInterrupt)
+            JoinRunner(Platform());
+        Version() = kNew;
+        journal.Watch("cfg", &m_platform->m_cfgMutex);
+        journal.Watch("map", &m_platform->m_tcmuDevMapMutex);
+    }
     MoScsiSrvLIO& Platform() { return *m_platform; }
 
     /// A record with the names in upper-case letters too.
-    MoScsiSrvLun Lun(uint32_t type, uint32_t number = 3);
+    MoScsiSrvLun Lun(uint32_t type, uint32_t number = 3) {
+        MoScsiSrvLun lun;
+        lun.serialNum = "Ser";
+        lun.lunNum = number;
+        lun.targetName = "iqn.Ab";
+        lun.path = "/Path";
+        lun.bstorType = type;
+        lun.size = uint64_t{1} << 33;
+        lun.hostWord = 5;
+        lun.hostQword1 = 6;
+        lun.bstoreCtx = &host.held;
+        lun.bstoreOps = &host;
+        lun.hostQword3 = 8;
+        return lun;
+    }
     MoScsiSrvTarget target{"iqn.Ab"};
     MoScsiSrvHost initiator{"iqn.Host"};
 
     /// What targetcli prints on standard error and standard output when it is run with exactly
     /// these arguments, line feeds as in C, and fails. Otherwise it prints nothing and succeeds.
     void Answer(const std::string& arguments, const std::string& err,
-                const std::string& out = "") const;
+                const std::string& out = "") const {
+        std::ofstream(dir + "/answer") << arguments << '|' << out << '|' << err << '\n';
+    }
     /// The lines of a file in `dir`; of "calls", "begin ARGUMENTS" and "end ARGUMENTS" of every
     /// run of targetcli.
-    Strings Lines(const std::string& file) const;
+    Strings Lines(const std::string& file) const {
+        std::ifstream stream(dir + "/" + file);
+        Strings lines;
+        for (std::string line; std::getline(stream, line);)
+            lines.push_back(line);
+        return lines;
+    }
 
-    static std::string Guid(const std::string& text);
-    static std::string Lower(std::string text);
+    static std::string Guid(const std::string& text) {
+        std::string guid;
+        GetGUID(text.data(), static_cast<uint32_t>(text.size()), guid);
+        return guid;
+    }
+    static std::string Lower(std::string text) {
+        std::ranges::transform(text, text.begin(), [](unsigned char c) { return tolower(c); });
+        return text;
+    }
     /// As the update runner gives a command to the shell.
     static std::string Updating(const std::string& command) {
         return Lower(command + " 2> /dev/stdout 1> /dev/null");
     }
-    Strings Errors() const { return journal.Texts(-1); }
+    Strings Errors() { return journal.Texts(-1); }
     /// Expects an error of this number and text.
-    static void ExpectError(const CRyError& error, int number, const std::string& message);
+    static void ExpectError(const CRyError& error, int number, const std::string& message) {
+        EXPECT_TRUE(error.IsError());
+        EXPECT_EQ(error.Number(), number);
+        EXPECT_EQ(error.Message(), message);
+    }
     static void Append(Strings& to, const Strings& more) {
         to.insert(to.end(), more.begin(), more.end());
     }
@@ -97,17 +168,30 @@ struct MoScsiSrvLIOTest : testing::Test {
     static Mutex& InstanceMutex() { return MoScsiSrvLIO::g_InstanceMutex; }
     /// Null: the next Instance() makes one.
     static void SetInstance(MoScsiSrvLIO* platform) { MoScsiSrvLIO::g_LioPlatform = platform; }
-    CRyError Update(const std::string& command, Strings tolerated);
-    CRyError Read(const std::string& command, std::string& out);
+    CRyError Update(const std::string& command, Strings tolerated) {
+        MutexGuard guard(ConfigurationMutex());
+        return Platform().TargetCliUpdateObject(command, std::move(tolerated));
+    }
+    CRyError Read(const std::string& command, std::string& out) {
+        MutexGuard guard(ConfigurationMutex());
+        return Platform().TargetCliReadObject(command, out);
+    }
     CRyError System(const std::string& command) { return Platform().System(command); }
     std::string Name(const MoScsiSrvLun& lun) { return Platform().StorageObjectName(&lun); }
     std::string CfgString(MoScsiSrvLun lun) { return Platform().GetCfgString(&lun, true); }
     auto& Registry() { return Platform().m_tcmuDevMap; }
     /// Waits for the end of the runner's thread. It is not signalled any more afterwards.
-    static void JoinRunner(MoScsiSrvLIO& platform);
+    static void JoinRunner(MoScsiSrvLIO& platform) {
+        if (platform.m_runnerStarted)
+            pthread_join(platform.m_tcmuRunnerThread, nullptr);
+        platform.m_runnerStarted = false;
+    }
     Mutex& ConfigurationMutex() { return Platform().m_cfgMutex; }
 
   private:
-    const std::ptrdiff_t m_filesBefore;
+    static std::ptrdiff_t OpenFiles() {
+        return std::ranges::distance(std::filesystem::directory_iterator("/proc/self/fd"));
+    }
+    const std::ptrdiff_t m_filesBefore = OpenFiles();
     std::unique_ptr<MoScsiSrvLIO> m_platform;
 };
