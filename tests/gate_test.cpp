@@ -11,13 +11,9 @@ namespace {
 
 constexpr uint64_t kBlock = GateRig::kBlock;
 
-/// Before the rig, whose runner thread logs.
-struct CapturedLog {
-    CapturingLogWriter& log = CapturingLogWriter::Installed();
-};
-
-struct GateTest : testing::Test, CapturedLog, GateRig {
-    TestHost host{device.cfgString, 0};
+struct GateTest : testing::Test, GateRig {
+    CapturingLogWriter& log = CapturingLogWriter::Installed();  // before the runner's thread logs
+    TestHost host{device.cfgString, false};
 
     // "5/2400", or "good", "busy", "none".
     std::string Sense(const Bytes& cdb, const Extents& pieces) {

@@ -7,8 +7,6 @@
 #include "tests/support/Emulate.h"
 #include "tests/support/FakeLibtcmuApi.h"
 
-using Bytes = std::vector<uint8_t>;
-
 namespace {
 
 Bytes Text(std::string_view text) {

@@ -9,7 +9,6 @@
 #include "tests/support/KernelRing.h"
 
 using namespace ringlayout;
-using Bytes = std::vector<uint8_t>;
 
 namespace {
 
@@ -23,7 +22,7 @@ struct Rig {
     KernelRing kernel;
     CommandRing ring{kernel.Memory(), kernel.Length(), kernel.DoorbellFd()};
 
-    RingCommand& PutAndFetch(const Bytes& cdb, const std::vector<KernelRing::Extent>& data = {}) {
+    RingCommand& PutAndFetch(const Bytes& cdb, const Extents& data = {}) {
         EXPECT_TRUE(kernel.Put(cdb, data));
         RingCommand* command = ring.Fetch();
         if (command == nullptr)
@@ -163,7 +162,6 @@ TEST_F(RingTest, ADrainHoldsBackOnlySoMuch) {
 }
 
 TEST(RingTraffic, RandomOrderAroundTheEndKeepsEveryCommandWholeAndItsAnswer) {
-    using Extents = std::vector<KernelRing::Extent>;
     constexpr size_t kLengths[] = {6, 10, 10, 12, 16, 12, 10, 10};  // of a CDB, by its group
     const struct {
         int result;
@@ -199,7 +197,7 @@ TEST(RingTraffic, RandomOrderAroundTheEndKeepsEveryCommandWholeAndItsAnswer) {
                     cdb[0] == kVariableLengthCdb ? size_t{8} + cdb[7] : kLengths[cdb[0] >> 5];
                 cdb.resize(std::min(length, RingCommand::kMaxCdb));
                 Extents data(below(4) == 0 ? below(24) : below(4));
-                for (KernelRing::Extent& extent : data)
+                for (auto& extent : data)
                     extent = {below(60000), below(5000)};
                 if (const auto number = kernel.Put(cdb, data)) {
                     cdb.resize(RingCommand::kMaxCdb);

@@ -1,4 +1,3 @@
-#include "adapters/runner/DbusService.h"
 #include "tests/support/RunnerFixture.h"
 #include "tests/support/TestHost.h"
 
@@ -146,7 +145,7 @@ TEST_F(RunnerTest, RemovalWaitsForTheHostAndOthersGoOn) {
 }
 
 TEST_F(RunnerTest, CompletionsOfSeveralThreadsNeverMixUp) {
-    TestHost host(device.cfgString, 4);
+    TestHost host(device.cfgString);
     StartAndWait();
     for (size_t i = 0; i < 256; ++i)
         memset(host.data.data() + i * 512, int(i), 512);

@@ -1,26 +1,18 @@
 #pragma once
 
-#include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <functional>
 #include <map>
-#include <optional>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "adapters/libtcmu/LibtcmuApi.h"
 #include "tests/support/KernelRing.h"
 
 /// Bytes from hexadecimal digits, blanks allowed.
-inline std::vector<uint8_t> Hex(std::string text) {
+inline Bytes Hex(std::string text) {
     std::erase(text, ' ');
-    std::vector<uint8_t> bytes;
+    Bytes bytes;
     for (size_t i = 0; i < text.size(); i += 2)
         bytes.push_back(static_cast<uint8_t>(std::stoul(text.substr(i, 2), nullptr, 16)));
     return bytes;
@@ -37,8 +29,7 @@ struct FakeDevice {
 
     /// Puts a command in and raises the event. Returns: a ticket, never given twice (the ring's own
     /// number is used again as soon as the answer is taken out).
-    uint32_t Submit(const std::vector<uint8_t>& cdb,
-                    const std::vector<KernelRing::Extent>& data = {}) {
+    uint32_t Submit(const Bytes& cdb, const Extents& data = {}) {
         const auto number = ring.Put(cdb, data);
         EXPECT_TRUE(number.has_value());
         ring.RaiseEvent();
@@ -67,8 +58,7 @@ struct FakeDevice {
         EXPECT_TRUE(Eventually([&] { return (answer = AnswerOf(ticket)).has_value(); }));
         return answer.value_or(KernelRing::Answer{});
     }
-    uint8_t StatusOf(const std::vector<uint8_t>& cdb,
-                     const std::vector<KernelRing::Extent>& data = {}) {
+    uint8_t StatusOf(const Bytes& cdb, const Extents& data = {}) {
         return WaitForAnswer(Submit(cdb, data)).status;
     }
 
@@ -92,14 +82,6 @@ struct FakeDevice {
 /// libtcmu without a kernel: devices are what the test makes, netlink events what it announces.
 class FakeLibtcmuApi : public LibtcmuApi {
   public:
-    FakeLibtcmuApi() {
-        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, m_master), 0);
-    }
-    ~FakeLibtcmuApi() override {
-        close(m_master[0]);
-        close(m_master[1]);
-    }
-
     std::vector<FakeDevice*> existing;  // found by Initialize
     std::function<int()> onInitialize = [] { return 0; };
     std::function<void()> onClose = [] {};
@@ -123,9 +105,9 @@ class FakeLibtcmuApi : public LibtcmuApi {
             Add(device);
         return 0;
     }
-    int MasterFd() override { return m_master[0]; }
+    int MasterFd() override { return m_master.ends[1]; }
     int MasterFdReady() override {
-        for (Event event{}; read(m_master[0], &event, sizeof event) == sizeof event;) {
+        for (Event event{}; read(m_master.ends[1], &event, sizeof event) == sizeof event;) {
             if (event.added)
                 Add(event.device);
             else
@@ -173,7 +155,7 @@ class FakeLibtcmuApi : public LibtcmuApi {
 
     static FakeDevice& Of(LibDevice* dev) { return *reinterpret_cast<FakeDevice*>(dev); }
     void Push(const Event& event) {
-        EXPECT_EQ(write(m_master[1], &event, sizeof event), ssize_t{sizeof event});
+        EXPECT_EQ(write(m_master.ends[0], &event, sizeof event), ssize_t{sizeof event});
     }
     void Add(FakeDevice* device) {
         lastAdded = m_callbacks.added(device->Lib());
@@ -185,7 +167,7 @@ class FakeLibtcmuApi : public LibtcmuApi {
         m_callbacks.removed(device->Lib());
     }
 
-    int m_master[2] = {-1, -1};
+    SocketPair m_master;
     Callbacks m_callbacks;
     std::vector<FakeDevice*> m_known;
 };

@@ -1,17 +1,10 @@
 #pragma once
 
-#include <memory>
-#include <optional>
-#include <vector>
-
 #include "adapters/libtcmu/Device.h"
 #include "adapters/runner/CommandGate.h"
 #include "adapters/runner/DeviceHandler.h"
 #include "tests/support/FakeLibtcmuApi.h"
 #include "tests/support/TestHost.h"
-
-using Bytes = std::vector<uint8_t>;
-using Extents = std::vector<KernelRing::Extent>;
 
 /// Ring, gate and the plug-in's handler of one LUN, over the model of the kernel. Thread: one.
 struct GateRig {

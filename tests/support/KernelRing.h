@@ -14,18 +14,36 @@
 
 #include "adapters/libtcmu/RingLayout.h"
 
+using Bytes = std::vector<uint8_t>;
+
+/// A buffer as an offset into the data area and a length.
+struct Extent {
+    size_t offset;
+    size_t length;
+    bool operator==(const Extent&) const = default;
+};
+using Extents = std::vector<Extent>;
+
+/// Wakes the tested side and hears from it; neither end blocks.
+struct SocketPair {
+    SocketPair() {
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends), 0);
+    }
+    ~SocketPair() {
+        close(ends[0]);
+        close(ends[1]);
+    }
+    SocketPair(const SocketPair&) = delete;
+
+    int ends[2];  ///< ours, and the tested side's
+};
+
 /// The kernel's side of one TCMU device: memory laid out as the kernel does it, entries put in,
 /// answers taken out. It numbers commands with the lowest number that is free and pads the end of
 /// the ring.
 /// Thread: one.
 class KernelRing {
   public:
-    /// A buffer as an offset into the data area and a length.
-    struct Extent {
-        size_t offset;
-        size_t length;
-        bool operator==(const Extent&) const = default;
-    };
     struct Answer {
         uint16_t number = 0;
         uint8_t status = 0xFF;
@@ -41,14 +59,7 @@ class KernelRing {
         Mailbox().flags = flags;
         Mailbox().ringOffset = kRingOffset;
         Mailbox().ringSize = ringSize;
-        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, m_uio), 0);
     }
-    ~KernelRing() {
-        close(m_uio[0]);
-        close(m_uio[1]);
-    }
-    KernelRing(const KernelRing&) = delete;
-    KernelRing& operator=(const KernelRing&) = delete;
 
     uint8_t* Memory() { return m_memory.front().bytes; }
     size_t Length() const { return m_length; }
@@ -57,20 +68,20 @@ class KernelRing {
     uint8_t* Ring() { return Memory() + kRingOffset; }
 
     /// What the server takes for its UIO descriptor; Doorbells counts what came.
-    int DoorbellFd() const { return m_uio[1]; }
+    int DoorbellFd() const { return m_uio.ends[1]; }
     size_t Doorbells() {
         std::array<uint32_t, 1024> words{};
-        const ssize_t bytes = read(m_uio[0], words.data(), sizeof(words));
+        const ssize_t bytes = read(m_uio.ends[0], words.data(), sizeof(words));
         return bytes > 0 ? static_cast<size_t>(bytes) / sizeof(uint32_t) : 0;
     }
     void RaiseEvent() {
         const uint32_t event = 1;
         // Full: then it is readable anyway.
-        EXPECT_TRUE(write(m_uio[0], &event, sizeof event) > 0 || errno == EAGAIN);
+        EXPECT_TRUE(write(m_uio.ends[0], &event, sizeof event) > 0 || errno == EAGAIN);
     }
     /// Puts a command into the ring and moves the head.
     /// Returns: its number, or nothing when the ring is full.
-    std::optional<uint16_t> Put(const std::vector<uint8_t>& cdb, const std::vector<Extent>& data) {
+    std::optional<uint16_t> Put(const Bytes& cdb, const Extents& data) {
         const uint32_t fixed = sizeof(ringlayout::Request) + data.size() * sizeof(iovec);
         const auto length =
             std::max<uint32_t>((fixed + cdb.size() + 7) / 8 * 8, sizeof(ringlayout::Response));
@@ -166,5 +177,5 @@ class KernelRing {
     uint32_t m_cleaned = 0;
     uint32_t m_last = 0;
     std::set<uint16_t> m_inFlight;
-    int m_uio[2] = {-1, -1};
+    SocketPair m_uio;
 };

@@ -16,12 +16,7 @@
 #include "tests/support/TempDirectory.h"
 
 namespace fs = std::filesystem;
-using Bytes = std::vector<uint8_t>;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Not;
+using namespace testing;  // matchers
 
 /// What a stop may have to leave in use lives to the end of the process.
 template <typename T>
@@ -55,7 +50,7 @@ inline Bytes Read10(uint8_t lba) {
 
 /// A runner on a thread of its own, over the model of libtcmu and a bus and directories of the
 /// test's own. Objects of a test that a stop may have to leave in use must be Kept.
-class RunnerTest : public testing::Test {
+class RunnerTest : public Test {
   protected:
     void SetUp() override {
         sigset_t interrupt;
@@ -107,8 +102,7 @@ class RunnerTest : public testing::Test {
     }
     void StartAndWait() {
         Start();
-        ExpectEventually(
-            [] { return testing::PrintToString(Log(1)).find("ready") != std::string::npos; });
+        ExpectEventually([] { return PrintToString(Log(1)).find("ready") != std::string::npos; });
     }
     int Stop() {
         pthread_kill(runner.native_handle(), SIGINT);

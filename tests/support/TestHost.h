@@ -1,13 +1,11 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstring>
 #include <deque>
 #include <functional>
+#include <future>
 #include <string>
-#include <thread>
-#include <utility>
 #include <vector>
 
 #include "platform/MoScsiSrvLIO.h"
@@ -24,21 +22,16 @@ struct MoScsiSrvLIOTest {
     }
 };
 
-/// A host that serves one LUN from memory, on threads of its own, or at once on the device's
-/// without them. It can hold what it was given. Transfers beyond the memory move nothing.
+/// A host that serves one LUN from memory, each transfer on a thread of its own, or at once on the
+/// device's without `threads`. It can hold what it was given. Transfers beyond the memory move
+/// nothing.
 class TestHost : public MoScsiBStorOps {
   public:
-    explicit TestHost(const std::string& cfgString, int threads = 2) : data(1 << 20) {
+    explicit TestHost(const std::string& cfgString, bool threads = true)
+        : data(1 << 20), m_threads(threads) {
         MoScsiSrvLIOTest::AddLun(cfgString, this);
-        for (int i = 0; i < threads; ++i)
-            m_threads.emplace_back([this] { Serve(); });
     }
-    ~TestHost() override {
-        m_end = true;
-        Release();
-        for (std::thread& thread : m_threads)
-            thread.join();
-    }
+    ~TestHost() override { Release(); }
 
     std::vector<uint8_t> data;
     std::atomic<bool> hold{false};
@@ -47,32 +40,15 @@ class TestHost : public MoScsiBStorOps {
     std::atomic<int> aborts{0};
     std::string last;  ///< what was given, "READ LBA+BLOCKS", by the device's thread
 
-    /// Serves what was held.
+    /// Serves what was held, on the caller's thread, which must have seen it in `given`.
     void Release() {
-        m_mutex.lock();
         hold = false;
-        m_changed.notify_all();
-        m_mutex.unlock();
-        while (m_threads.empty() && ServeOne()) {
-        }
+        while (!m_held.empty())
+            ServeOne();
     }
-    /// Returns: whether there was one.
-    bool ServeOne() {
-        m_mutex.lock();
-        const auto [io, read] = m_queue.empty() ? Transfer() : m_queue.front();
-        if (io != nullptr)
-            m_queue.pop_front();
-        m_mutex.unlock();
-        if (io == nullptr)
-            return false;
-        uint8_t* place = data.data() + io->offset;
-        for (int64_t i = 0; i < io->iovcnt && io->offset + io->length <= data.size(); ++i) {
-            void* const bytes = io->iov[i].iov_base;
-            memcpy(read ? bytes : place, read ? place : bytes, io->iov[i].iov_len);
-            place += io->iov[i].iov_len;
-        }
-        MoScsiSrvLIO::Instance()->IODone(io, static_cast<long>(io->length));
-        return true;
+    void ServeOne() {
+        m_held.front()();
+        m_held.pop_front();
     }
 
     CRyError Read(void* /*ctx*/, MoScsiSrvIO* io, int /*reserved*/) override {
@@ -87,37 +63,32 @@ class TestHost : public MoScsiBStorOps {
     }
 
   private:
-    using Transfer = std::pair<MoScsiSrvIO*, bool>;  // is it a READ
-
     CRyError Take(MoScsiSrvIO* io, bool read) {
         char text[64];
         snprintf(text, sizeof text, "%s %llX+%llX", read ? "READ" : "WRITE", io->offset / 512ULL,
                  io->length / 512ULL);
         last = text;
-        {
-            const MutexGuard guard(m_mutex);
-            m_queue.emplace_back(io, read);
-            ++given;
-            m_changed.notify_all();
-        }
+        const auto serve = [=, this] {
+            uint8_t* place = data.data() + io->offset;
+            for (int64_t i = 0; i < io->iovcnt && io->offset + io->length <= data.size(); ++i) {
+                void* const bytes = io->iov[i].iov_base;
+                memcpy(read ? bytes : place, read ? place : bytes, io->iov[i].iov_len);
+                place += io->iov[i].iov_len;
+            }
+            MoScsiSrvLIO::Instance()->IODone(io, static_cast<long>(io->length));
+        };
+        if (hold)
+            m_held.emplace_back(serve);
+        else if (m_threads)
+            m_serving.push_back(std::async(std::launch::async, serve));
+        else
+            serve();
+        ++given;
         inside();
-        if (m_threads.empty() && !hold)
-            ServeOne();
         return CRyError::Success();
     }
 
-    void Serve() {
-        do {
-            m_mutex.lock();
-            while (!m_end && (hold || m_queue.empty()))
-                m_changed.wait(m_mutex);
-            m_mutex.unlock();
-        } while (ServeOne() || !m_end);
-    }
-
-    Mutex m_mutex;
-    std::condition_variable_any m_changed;
-    std::deque<Transfer> m_queue;
-    std::atomic<bool> m_end = false;
-    std::vector<std::thread> m_threads;
+    const bool m_threads;
+    std::deque<std::function<void()>> m_held;
+    std::vector<std::future<void>> m_serving;
 };
