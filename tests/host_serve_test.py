@@ -1,45 +1,29 @@
 #!/usr/bin/env python3
-"""The host's life, from outside: order of operations, take-down, signals, status, restart.
-
-Runs moscsi-host against a plug-in whose kernel is a directory tree.
-usage: host_serve_test.py MOSCSI_HOST FAKE_PLUGIN
-"""
+# The host's life, from outside: order of operations, take-down, signals, status, restart.
+# Runs moscsi-host against a plug-in whose kernel is a directory tree.
+# usage: host_serve_test.py MOSCSI_HOST FAKE_PLUGIN
 import json
 import os
-import pathlib
 import signal
 import socketserver
-import subprocess
 import sys
-import tempfile
 import threading
-import time
 import unittest
+
+from support.program_test import ProgramTest, wait_until
 
 HOST, PLUGIN = sys.argv[1:3]
 TARGET = "iqn.2026-01.com.example:t"
 A, B, C = (f"iqn.2026-01.com.example:{name}" for name in "abc")
-DEADLINE = 60
 
 
-def wait_for(condition):
-    end = time.monotonic() + DEADLINE
-    while not condition():
-        assert time.monotonic() < end, "timed out"
-        time.sleep(0.01)
-
-
-class ServeTest(unittest.TestCase):
+class ServeTest(ProgramTest):
     def setUp(self):
-        directory = tempfile.TemporaryDirectory(prefix="host_serve")
-        self.addCleanup(directory.cleanup)
-        self.dir = pathlib.Path(directory.name)
+        super().setUp()
         for name, text in (("moscsi_server.sh", ""), ("bin/targetcli", "echo x x 2.1.fb53"),
                            ("real", "")):
-            (self.dir / name).parent.mkdir(exist_ok=True)
-            (self.dir / name).write_text(f"#!/bin/sh\n{text}\n")
-            (self.dir / name).chmod(0o755)
-        (self.dir / "platform.toml").write_text(f'home = "{self.dir}"\n')
+            self.write(name, f"#!/bin/sh\n{text}\n", 0o755)
+        self.write("platform.toml", f'home = "{self.dir}"\n')
         # A bus that ends each connection at once.
         bus = socketserver.UnixStreamServer(f"{self.dir}/bus", socketserver.BaseRequestHandler)
         threading.Thread(target=bus.serve_forever, args=(0.01,), daemon=True).start()
@@ -48,28 +32,23 @@ class ServeTest(unittest.TestCase):
         self.log_file = self.dir / "log"
         self.limit = self.dir / "run/targetcli/limit"
         self.configfs = self.dir / "configfs"
-        self.env = dict(os.environ, MOSCSI_RUN_DIR=f"{self.dir}/run", FAKE_LOG=str(self.log_file),
-                        MOSCSI_CONFIGFS_ROOT=str(self.configfs),
-                        MOSCSI_TARGETCLI_REAL=f"{self.dir}/real",
+        self.env = dict(os.environ, MOSCSI_RUN_DIR=self.dir / "run", FAKE_LOG=self.log_file,
+                        MOSCSI_CONFIGFS_ROOT=self.configfs,
+                        MOSCSI_TARGETCLI_REAL=self.dir / "real",
                         DBUS_SYSTEM_BUS_ADDRESS=f"unix:path={self.dir}/bus")
         text = f'[[target]]\nname = "{TARGET}"\n'
         # Automatic numbers come first in the file, explicit ones first in the kernel.
         for name, number in (("one", '"auto"'), ("two", 0), ("three", 2)):
-            (self.dir / name).write_bytes(bytes(1024))
+            self.write(name, "x" * 1024)
             text += (f'[[target.lun]]\nname = "{name}"\ntype = "file"\n'
                      f'path = "{self.dir}/{name}"\nnumber = {number}\n')
         for name, seen in ((A, '"all"'), (B, '["two"]')):
             text += f'[[target.initiator]]\nname = "{name}"\nluns = {seen}\n'
-        (self.dir / "f.toml").write_text(text)
+        self.write("f.toml", text)
 
     def start(self, **env):
-        process = subprocess.Popen(
-            [HOST, "--platform-file", f"{self.dir}/platform.toml", "serve", "--library", PLUGIN,
-             f"{self.dir}/f.toml"], env=dict(self.env, **env), stdout=subprocess.PIPE,
-            stderr=subprocess.PIPE, text=True)
-        for clean in (process.stderr.close, process.stdout.close, process.wait, process.kill):
-            self.addCleanup(clean)
-        return process
+        return self.spawn(HOST, "--platform-file", f"{self.dir}/platform.toml", "serve", "--library",
+                          PLUGIN, f"{self.dir}/f.toml", **self.env, **env)
 
     def ready(self, **env):
         process = self.start(**env)
@@ -77,19 +56,18 @@ class ServeTest(unittest.TestCase):
             self.assertTrue(line, "not ready")
         return process
 
+    # What it prints until its end, on standard output and on standard error.
     def ends(self, process, code=1):
-        """What it prints until its end, on standard output and on standard error."""
-        out, err = process.communicate(timeout=DEADLINE)
-        self.assertEqual(process.returncode, code, err)
+        status, out, err = self.finish(process)
+        self.assertEqual(status, code, err)
         self.assertNotIn("ready\n", out)
         return out, err
 
     def status(self, *options):
-        return subprocess.run([HOST, "status", *options], env=self.env, stdout=subprocess.PIPE,
-                              stderr=subprocess.STDOUT, text=True, check=False, timeout=DEADLINE).stdout
+        return "".join(self.finish(self.spawn(HOST, "status", *options, **self.env))[1:])
 
+    # The operations since the last look, without the directory.
     def log(self):
-        """The operations since the last look, without the directory."""
         lines = self.log_file.read_text().replace(f"{self.dir}/", "").splitlines()
         os.truncate(self.log_file, 0)
         return lines
@@ -152,11 +130,11 @@ class ServeTest(unittest.TestCase):
 
     def test_signal_while_a_step_runs_stops_after_it(self):
         process = self.start(FAKE_WAIT="CreateTarget")
-        wait_for((self.dir / "log.begun").exists)
+        wait_until((self.dir / "log.begun").exists)
         process.terminate()
-        wait_for(self.limit.exists)
+        wait_until(self.limit.exists)
         process.terminate()
-        wait_for(lambda: self.limit.read_text() == "3\n")
+        wait_until(lambda: self.limit.read_text() == "3\n")
         (self.dir / "log.go").touch()
         self.ends(process)
         self.assertEqual(self.objects(), [])
@@ -166,7 +144,7 @@ class ServeTest(unittest.TestCase):
     def test_delete_that_never_ends_is_given_up(self):
         process = self.ready(FAKE_WAIT="DeleteLun")
         process.terminate()
-        wait_for((self.dir / "log.begun").exists)
+        wait_until((self.dir / "log.begun").exists)
         self.assertIn("stopping", self.status())
         process.terminate()
         self.assertIn("a step of the stop doesn't end", self.ends(process)[1])

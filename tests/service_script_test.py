@@ -1,17 +1,14 @@
 #!/usr/bin/env python3
-"""Runs the service script on a machine made of a directory, with a fake modprobe and mount.
-
-usage: service_script_test.py SCRIPT [unittest arguments]
-"""
+# Runs the service script on a machine made of a directory, with a fake modprobe and mount.
+# usage: service_script_test.py SCRIPT [unittest arguments]
 import os
 import socket
-import subprocess
 import sys
-import tempfile
 import unittest
-from pathlib import Path
 
-SCRIPT = None
+from support.program_test import ProgramTest
+
+SCRIPT = os.path.abspath(sys.argv.pop(1))
 ORDER = ["target_core_mod", "mount", "target_core_user", "target_core_file", "target_core_iblock", "iscsi_target_mod"]
 
 # A module appears below sys/module; the target's tree with the mount, which wants target_core_mod.
@@ -29,34 +26,29 @@ echo mount >>"$MOSCSI_ROOT/log" """,
 }
 
 
-class ServiceScriptTest(unittest.TestCase):
+class ServiceScriptTest(ProgramTest):
     def setUp(self):
-        directory = tempfile.TemporaryDirectory()
-        self.addCleanup(directory.cleanup)
-        self.root = Path(directory.name)
-        self.dbroot = self.root / "sys/kernel/config/target/dbroot"
-        for directory in ("bin", "proc", "run/dbus", "sys/module", "sys/kernel/config"):
-            (self.root / directory).mkdir(parents=True)
-        (self.root / "proc/mounts").write_text("tmpfs /run tmpfs rw 0 0\n")
+        super().setUp()
+        self.dbroot = self.dir / "sys/kernel/config/target/dbroot"
+        for directory in ("run/dbus", "sys/module", "sys/kernel/config"):
+            (self.dir / directory).mkdir(parents=True)
+        self.write("proc/mounts", "tmpfs /run tmpfs rw 0 0\n")
         for name, body in FAKES.items():
-            (self.root / "bin" / name).write_text("#!/bin/sh\n" + body)
-            (self.root / "bin" / name).chmod(0o755)
-        self.bus = self.root / "run/dbus/system_bus_socket"
+            self.write(f"bin/{name}", "#!/bin/sh\n" + body, 0o755)
+        self.bus = self.dir / "run/dbus/system_bus_socket"
         with socket.socket(socket.AF_UNIX) as bus:
             bus.bind(str(self.bus))
 
     def run_script(self, *args, **env):
-        env = dict(PATH=f"{self.root}/bin:/usr/bin:/bin", MOSCSI_ROOT=str(self.root),
-                   C=f"{self.root}/sys/kernel/config", **env)
-        done = subprocess.run([SCRIPT, *args], env=env, capture_output=True, text=True, timeout=60)
-        return done.returncode, done.stdout, done.stderr
+        return self.finish(self.spawn(SCRIPT, *args, PATH=f"{self.dir}/bin:/usr/bin:/bin",
+                                      MOSCSI_ROOT=self.dir, C=f"{self.dir}/sys/kernel/config", **env))
 
     def tree(self):
-        return sorted((str(path), path.read_text() if path.is_file() else "") for path in self.root.rglob("*"))
+        return sorted((str(path), path.read_text() if path.is_file() else "") for path in self.dir.rglob("*"))
 
     def test_start_makes_everything_in_order_and_stop_changes_nothing(self):
         self.assertEqual(self.run_script("-start")[::2], (0, ""))
-        log = (self.root / "log").read_text().splitlines()
+        log = (self.dir / "log").read_text().splitlines()
         # dbroot is set before a module that may forbid it
         self.assertEqual([line.strip() for line in log],
                          ORDER[:2] + [f"{module} /etc/rtslib-fb-target" for module in ORDER[2:]])
@@ -70,7 +62,7 @@ class ServiceScriptTest(unittest.TestCase):
         self.assertEqual(self.run_script("-start")[0], 0)
         self.assertEqual(self.dbroot.read_text(), "/srv/target\n")
         for name in ("etc/target", "etc/rtslib-fb-target", "srv/target"):
-            self.assertEqual(sorted(os.listdir(self.root / name)), ["alua", "pr"])
+            self.assertEqual(sorted(os.listdir(self.dir / name)), ["alua", "pr"])
 
     def test_what_is_missing_is_named_in_one_line(self):
         def fails(line, **env):
@@ -79,12 +71,12 @@ class ServiceScriptTest(unittest.TestCase):
             self.assertRegex(err, rf"^moscsi_server.sh: {line}\n$")
 
         fails("must be run as root", FAKE_UID="1000")
-        self.bus.rename(self.root / "bus")
+        self.bus.rename(self.dir / "bus")
         fails("no D-Bus system bus .* start dbus")
-        (self.root / "bus").rename(self.bus)
-        (self.root / "etc").write_text("")
-        fails(f"can't make the directory {self.root}/etc/target/pr")
-        (self.root / "etc").unlink()
+        (self.dir / "bus").rename(self.bus)
+        (self.dir / "etc").write_text("")
+        fails(f"can't make the directory {self.dir}/etc/target/pr")
+        (self.dir / "etc").unlink()
         kernel = os.uname().release
         fails(rf"can't mount configfs on \S+: .*{kernel}.*", LACKS="configfs")
         fails(f".*{kernel}, has no module {ORDER[5]}: .*", LACKS=ORDER[5])
@@ -93,6 +85,4 @@ class ServiceScriptTest(unittest.TestCase):
         fails(f"the kernel refuses /etc/rtslib-fb-target as {self.dbroot}")
 
 
-if __name__ == "__main__":
-    SCRIPT = os.path.abspath(sys.argv.pop(1))
-    unittest.main()
+unittest.main()

@@ -1,8 +1,6 @@
 #!/usr/bin/env python3
-"""Runs the targetcli wrapper in front of a fake targetcli.
-
-usage: targetcli_wrapper_test.py WRAPPER [unittest arguments]
-"""
+# Runs the targetcli wrapper in front of a fake targetcli.
+# usage: targetcli_wrapper_test.py WRAPPER [unittest arguments]
 import fcntl
 import os
 import re
@@ -10,13 +8,12 @@ import shutil
 import signal
 import subprocess
 import sys
-import tempfile
-import time
 import unittest
 from pathlib import Path
 
-WRAPPER = None
-DEADLINE = 60  # seconds after which whatever is waited for counts as never coming
+from support.program_test import DEADLINE, ProgramTest, wait_until
+
+WRAPPER = os.path.abspath(sys.argv.pop(1))
 
 # Behaves as targetcli where the wrapper depends on it: makes preferences when they are missing, in
 # a way that breaks concurrent first runs and with its log beside them, rewrites them in every run,
@@ -47,54 +44,31 @@ esac
 PREFS = "auto_add_mapped_luns=false\nauto_use_daemon=false\nlogfile=/dev/null\nother=kept\n"
 
 
-def wait_until(condition):
-    end = time.monotonic() + DEADLINE
-    while not condition():
-        if time.monotonic() > end:
-            raise AssertionError("waited in vain")
-        time.sleep(0.01)
-
-
 def is_running(pid):
     state = subprocess.run(["ps", "-o", "s=", "-p", str(pid)], capture_output=True, text=True).stdout.strip()
     return state not in ("", "Z")
 
 
-class WrapperTest(unittest.TestCase):
+class WrapperTest(ProgramTest):
     def setUp(self):
-        self.dir = Path(tempfile.mkdtemp())
-        self.addCleanup(shutil.rmtree, self.dir)
+        super().setUp()
         self.state = self.dir / "run/targetcli"
-        self.own_preferences = self.dir / "home/.targetcli/prefs.bin"
-        self.own_preferences.parent.mkdir(parents=True)
-        self.own_preferences.write_text("the user's own\n")
+        self.own_preferences = self.write("home/.targetcli/prefs.bin", "the user's own\n")
         self.install_fake()
 
     def install_fake(self, script=FAKE, directory="bin"):
-        (self.dir / directory).mkdir(exist_ok=True)
-        fake = self.dir / directory / "targetcli"
-        fake.write_text(script)
-        fake.chmod(0o755)
+        self.write(f"{directory}/targetcli", script, 0o755)
 
-    def start(self, *args, program=None, **env):
-        variables = dict(PATH=f"{Path(WRAPPER).parent}:{self.dir}/bin:/usr/bin:/bin", HOME=f"{self.dir}/home",
-                         MOSCSI_RUN_DIR=f"{self.dir}/run", D=str(self.dir))
-        variables.update({name: str(value) for name, value in env.items()})
-        process = subprocess.Popen(program or [WRAPPER, *args], env=variables, stdin=subprocess.DEVNULL,
-                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-        self.addCleanup(process.stdout.close)
-        self.addCleanup(process.stderr.close)
-        return process
-
-    def finish(self, process):
-        out, err = process.communicate(timeout=DEADLINE)
-        return process.returncode, out, err
+    def start(self, *args, program=(WRAPPER,), **env):
+        return self.spawn(*program, *args, **{
+            "PATH": f"{Path(WRAPPER).parent}:{self.dir}/bin:/usr/bin:/bin", "HOME": self.dir / "home",
+            "MOSCSI_RUN_DIR": self.dir / "run", "D": self.dir, **env})
 
     def run_wrapper(self, *args, **env):
         return self.finish(self.start(*args, **env))
 
+    # Starts a script as the real one, with preferences made before.
     def start_do(self, script, *args, **env):
-        """Starts a script as the real one, with preferences made before."""
         if not self.state.exists():
             self.run_wrapper("ls")
         return self.start(*(args or ("do",)), FAKE_SCRIPT=script, **env)
@@ -103,17 +77,16 @@ class WrapperTest(unittest.TestCase):
         return self.finish(self.start_do(script, *args, **env))
 
     def limit_to_nothing(self):
-        self.state.mkdir(parents=True, exist_ok=True)
-        (self.state / "limit").write_text("0\n")
+        self.write("run/targetcli/limit", "0\n")
 
+    # Only the set of preferences and the lock stay behind.
     def assert_nothing_left(self):
-        """Only the set of preferences and the lock stay behind."""
         self.assertRegex(" ".join(sorted(os.listdir(self.state))), r"^lock preferences\.\S+$")
 
 
 class Version(WrapperTest):
+    # The version as the plug-in asks for it.
     def gate(self, script, **env):
-        """The version as the plug-in asks for it."""
         return self.finish(self.start(program=["sh", "-c", "targetcli --version 2>&1  | cut -d' ' -f3"],
                                       FAKE_SCRIPT=script, **env))[1]
 
@@ -256,12 +229,12 @@ class Limits(WrapperTest):
 class Preferences(WrapperTest):
     def test_six_at_once_get_a_copy_each_of_one_set(self):
         for made_before in (False, True):
-            (self.dir / "log").write_text("")
+            log = self.write("log", "")
             processes = [self.start("ls", str(i)) for i in range(6)]
             results = [self.finish(process) for process in processes]
             self.assertEqual([(status, out[:len(PREFS)], err) for status, out, err in results], [(0, PREFS, "")] * 6)
             self.assertEqual(len({out for _, out, _ in results}), 6, "runs shared a directory")
-            self.assertEqual((self.dir / "log").read_text().count("set global"), 0 if made_before else 1)
+            self.assertEqual(log.read_text().count("set global"), 0 if made_before else 1)
             self.assertEqual(self.own_preferences.read_text(), "the user's own\n")
             self.assert_nothing_left()
 
@@ -291,11 +264,9 @@ class UserBackstore(WrapperTest):
 
     def kernel_object(self, config="MoScsiSrvTcmu/c0ffee", size="8192", enable="1", path="core/user_3/vol"):
         shutil.rmtree(self.dir / "configfs", ignore_errors=True)
-        device = self.dir / "configfs" / path
-        device.mkdir(parents=True)
-        (device / "enable").write_text(enable + "\n")
-        (device / "info").write_text("Status: DEACTIVATED  Max Queue Depth: 0  SectorSize: 512  HwMaxSectors: 128\n"
-                                     f"        Config: {config} Size: {size} PageSize: 1\n")
+        self.write(f"configfs/{path}/enable", enable + "\n")
+        self.write(f"configfs/{path}/info", "Status: DEACTIVATED  Max Queue Depth: 0  SectorSize: 512\n"
+                                            f"        Config: {config} Size: {size} PageSize: 1\n")
 
     def create(self, script="echo trying; echo failed. >&2; exit 1", args=CREATE):
         return self.do(script, *args, MOSCSI_CONFIGFS_ROOT=self.dir / "configfs")
@@ -330,8 +301,7 @@ class Finding(WrapperTest):
     def test_the_next_one_on_the_path_is_the_real_one(self):
         for name in ("first", "real"):
             self.install_fake(f"#!/bin/sh\necho version 1.0.{name}; echo {name} >>$D/log\n", name)
-        (self.dir / "link").mkdir()
-        (self.dir / "link/targetcli").symlink_to(WRAPPER)
+        self.write("link/x", "").with_name("targetcli").symlink_to(WRAPPER)
         for path, env in (("first:link:real", {}), ("link:first:link:real", {}), ("first:real", {}),
                           ("link:first", dict(MOSCSI_TARGETCLI_REAL=self.dir / "real/targetcli"))):
             self.run_wrapper("--version", PATH=re.sub("^|:", rf"\g<0>{self.dir}/", path), **env)
@@ -353,6 +323,4 @@ class Finding(WrapperTest):
             self.assertRegex(err, rf"^{line}\n$")
 
 
-if __name__ == "__main__":
-    WRAPPER = os.path.abspath(sys.argv.pop(1))
-    unittest.main()
+unittest.main()
