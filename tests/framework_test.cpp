@@ -16,8 +16,6 @@
 #include "tests/support/TempDirectory.h"
 #include "util/Platform_Util.h"
 
-namespace {
-
 TEST(CRyErrorTest, NumberZeroIsAnErrorToo) {
     for (const int number : {0, 774}) {
         const CRyError error =
@@ -112,5 +110,3 @@ TEST(FactsTest, FileGivesHomeStringsAndTheServicePort) {
         EXPECT_EQ(Platform_Util::GetScsiServicePort(), -1) << machine;
     }
 }
-
-}  // namespace

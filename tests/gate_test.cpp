@@ -7,8 +7,6 @@
 #include "tests/support/CapturingLogWriter.h"
 #include "tests/support/GateRig.h"
 
-namespace {
-
 constexpr uint64_t kBlock = GateRig::kBlock;
 
 struct GateTest : testing::Test, GateRig {
@@ -185,5 +183,3 @@ TEST_F(GateTest, StatesLimitsWhenALunIsOpened) {
     EXPECT_EQ(device.maxTransferBlocks, 2048U);
     EXPECT_EQ(errors((uint64_t(1) << 32) + 1), 1U);
 }
-
-}  // namespace

@@ -7,9 +7,7 @@
 #include "tests/support/PrivateBus.h"
 
 using namespace moscsi::host;
-using testing::HasSubstr;
-
-namespace {
+using namespace testing;  // matchers
 
 TEST(BusWaitTest, WantsBothObjectsAtFirstAndTheNameGoneAtLast) {
     const std::chrono::seconds atOnce{0};
@@ -31,5 +29,3 @@ TEST(BusWaitTest, WantsBothObjectsAtFirstAndTheNameGoneAtLast) {
     int looks = 0;
     EXPECT_NE(WaitForBusObjects(std::chrono::hours(1), [&] { return ++looks == 2; }), "");
 }
-
-}  // namespace

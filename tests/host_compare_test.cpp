@@ -12,14 +12,9 @@
 #include "tests/support/TempDirectory.h"
 
 using namespace moscsi::host;
-using testing::Conditional;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
+using namespace testing;  // matchers
 
 namespace fs = std::filesystem;
-
-namespace {
 
 const std::string kTarget = "iqn.2026-01.com.example:t";
 const std::string kHostA = "iqn.2026-01.com.example:a";
@@ -47,7 +42,7 @@ LunPlan MakeLun(const std::string& name, LunType type, const std::string& path,
 
 /// One target, a LUN of each kind, host A with all of them and host B with one; configfs shows
 /// just that until a test bends it.
-struct HostCompareTest : testing::Test {
+struct HostCompareTest : Test {
     TempDirectory directory;
     const fs::path& dir = directory.path;
     FakeConfigfs tree{dir / "target"};
@@ -177,7 +172,7 @@ TEST_F(HostCompareTest, EachDisagreementIsOneLineWithARemedy) {
         plan = good;
         Fill();
         bend();
-        const auto told = testing::Contains(HasSubstr(phrase));
+        const auto told = Contains(HasSubstr(phrase));
         EXPECT_THAT(Before(), Conditional(missing, IsEmpty(), told));
         EXPECT_THAT(After(), told);
     }
@@ -207,5 +202,3 @@ TEST_F(HostCompareTest, OlderTargetcliChoosesSerialsAndCannotFinishHalfMadeUserL
     EXPECT_FALSE(Manner::Of("2.1.fb53").userByConfigfs);
     EXPECT_TRUE(Manner::Of("2.1.fb43").chosenSerials);
 }
-
-}  // namespace

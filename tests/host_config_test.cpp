@@ -12,14 +12,9 @@
 #include "tests/support/TempDirectory.h"
 
 using namespace moscsi::host;
-using testing::AllOf;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::StartsWith;
+using namespace testing;  // matchers
 
 namespace fs = std::filesystem;
-
-namespace {
 
 const std::string kTarget = "[[target]]\nname='iqn.2026-01.com.example:t'\n";
 const std::string kHost = "iqn.2026-01.com.example:h";
@@ -40,7 +35,7 @@ class DeviceStorage : public Storage {
     }
 };
 
-struct HostConfigTest : testing::Test {
+struct HostConfigTest : Test {
     TempDirectory directory;
     const fs::path& dir = directory.path;
     StorageRoots roots{dir / "sys", dir / "mountinfo", dir / "swaps"};
@@ -202,5 +197,3 @@ TEST_F(HostConfigTest, BackingFilesThatWereMadeGoWhenALaterLunsDataCannotBeMade)
     EXPECT_TRUE(fs::exists(dir / "good.img") && fs::exists(dir / "last.img"));
     EXPECT_FALSE(fs::exists(dir / "new.img"));
 }
-
-}  // namespace

@@ -6,14 +6,6 @@
 #include "host/data/FaultPlanReader.h"
 #include "tests/support/HostData.h"
 
-namespace moscsi::data {
-namespace {
-
-using hostdata_test::Context;
-using testing::AllOf;
-using testing::HasSubstr;
-using testing::StartsWith;
-
 FaultPlanResult Parse(const std::string& text) {
     std::istringstream stream("[faults]\n" + text);
     return ParseFaultPlan(toml::parse(stream, "host.toml").at("faults"));
@@ -23,7 +15,7 @@ std::string Rule(const std::string& kind, const std::string& keys = "") {
     return "[[faults.rule]]\nkind = \"" + kind + "\"\n" + keys + "\n";
 }
 
-struct Faults : hostdata_test::LunTest {
+struct Faults : LunTest {
     void Make(const std::string& rules) {
         const FaultPlanResult plan = Parse(rules);
         ASSERT_EQ(plan.error + LunTest::Make({"lun", Backing::File, path, 65536, plan.plan, {}}),
@@ -110,6 +102,3 @@ TEST(FaultPlanReading, KnowsWhatIsDurableAndSaysWhatIsWrong) {
         EXPECT_THAT(Parse(text).error, AllOf(StartsWith("host.toml:" + std::to_string(line) + ": "),
                                              HasSubstr(error)));
 }
-
-}  // namespace
-}  // namespace moscsi::data

@@ -12,14 +12,10 @@
 #include "host/data/BackingFile.h"
 #include "tests/support/HostData.h"
 
-namespace {
-
 std::string g_path;  ///< of the file that is made
 /// What was synced, in order, and whether the file had its name by then.
 std::vector<std::string> g_steps;
 int g_failingSync = 0;  ///< the n-th fsync fails
-
-}  // namespace
 
 extern "C" int __real_fsync(int fd);   // NOLINT(bugprone-reserved-identifier)
 extern "C" int __wrap_fsync(int fd) {  // NOLINT(bugprone-reserved-identifier)
@@ -34,15 +30,9 @@ extern "C" int __wrap_fsync(int fd) {  // NOLINT(bugprone-reserved-identifier)
     return __real_fsync(fd);
 }
 
-namespace moscsi::data {
-namespace {
-
-using testing::ElementsAre;
-using testing::HasSubstr;
-
 constexpr uint64_t kSize = 64 * 1024;
 
-struct Files : hostdata_test::LunTest {
+struct Files : LunTest {
     Files() { g_path = path; }
 
     std::string Open(BackingFile& file) {
@@ -100,6 +90,3 @@ TEST_F(Files, RefusesWhatIsNotTheLunsFile) {
     EXPECT_THAT(Make({"a", Backing::Memory, "", uint64_t{1} << 62U, {}, {}}),
                 HasSubstr("make the LUN smaller"));
 }
-
-}  // namespace
-}  // namespace moscsi::data

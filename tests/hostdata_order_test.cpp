@@ -11,11 +11,6 @@
 #include "tests/support/HostData.h"
 #include "util/Log.h"
 
-namespace moscsi::data {
-namespace {
-
-using hostdata_test::Context;
-
 constexpr uint64_t kSize = 64 * 1024;
 
 struct ScriptedQueue : FileQueue {
@@ -35,7 +30,7 @@ struct ScriptedQueue : FileQueue {
     Ended end;
 };
 
-struct Scripted : hostdata_test::LunTest {
+struct Scripted : LunTest {
     void Make(bool durable = true) {
         CapturingLogWriter::Installed().Reset(kLogError);
         lun.reset();
@@ -201,7 +196,7 @@ TEST_F(Scripted, EachTransferEndsAsAModelOfTheDiskSays) {
         const LunStatistics counted = lun->Snapshot();
         EXPECT_THAT((std::vector{counted.aborted, counted.ignoredCompletions, counted.unknownAborts,
                                  counted.onLoan}),
-                    testing::ElementsAre(aborts, strays, strays, 0));
+                    ElementsAre(aborts, strays, strays, 0));
         EXPECT_EQ(CapturingLogWriter::Installed().Texts(kLogError).size(), 2 * strays);
     }
 }
@@ -226,6 +221,3 @@ TEST_F(Scripted, StopWaitsForWhatRunsAndRefusesTheRest) {
     stopper.join();
     EXPECT_EQ(Result(a) + Result(b), 1024);
 }
-
-}  // namespace
-}  // namespace moscsi::data

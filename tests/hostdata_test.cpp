@@ -10,11 +10,7 @@
 
 #include "tests/support/HostData.h"
 
-namespace {
-
 std::vector<int> g_refusals;  ///< what io_uring_submit answers, last first, before it works again
-
-}  // namespace
 
 extern "C" int __real_io_uring_submit(io_uring* ring);   // NOLINT(bugprone-reserved-identifier)
 extern "C" int __wrap_io_uring_submit(io_uring* ring) {  // NOLINT(bugprone-reserved-identifier)
@@ -25,15 +21,9 @@ extern "C" int __wrap_io_uring_submit(io_uring* ring) {  // NOLINT(bugprone-rese
     return answer;
 }
 
-namespace moscsi::data {
-namespace {
-
-using hostdata_test::Context;
-using testing::ElementsAre;
-
 constexpr uint64_t kSize = 256 * 1024;
 
-struct Engines : hostdata_test::LunTest, testing::WithParamInterface<std::string> {
+struct Engines : LunTest, WithParamInterface<std::string> {
     void SetUp() override {
         LunDataConfig config{"lun", Backing::File, path, kSize, {}, FileEngineChoice::Uring};
         if (GetParam() == "memory")
@@ -54,8 +44,8 @@ struct Engines : hostdata_test::LunTest, testing::WithParamInterface<std::string
 };
 using Uring = Engines;
 
-INSTANTIATE_TEST_SUITE_P(Data, Engines, testing::Values("memory", "io_uring", "threads"));
-INSTANTIATE_TEST_SUITE_P(Data, Uring, testing::Values("io_uring"));
+INSTANTIATE_TEST_SUITE_P(Data, Engines, Values("memory", "io_uring", "threads"));
+INSTANTIATE_TEST_SUITE_P(Data, Uring, Values("io_uring"));
 
 // More at once than a queue is deep, each in a part of the LUN of its own; the last may go beyond.
 TEST_P(Engines, MoveAsAModelDoesWhateverTheBuffersAndTheRange) {
@@ -120,6 +110,3 @@ TEST_P(Uring, ARequestThatTheKernelsRingRefusesFailsAlone) {
     EXPECT_EQ(lun->Snapshot().ignoredCompletions, 0U);
     EXPECT_EQ(Content().substr(0, 512), delayed.bytes);
 }
-
-}  // namespace
-}  // namespace moscsi::data

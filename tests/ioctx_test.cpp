@@ -12,10 +12,9 @@
 #include "tests/support/CapturingLogWriter.h"
 #include "tests/support/HeapProbe.h"
 
-using testing::Each;
-using testing::ElementsAre;
+using namespace testing;  // matchers
 
-struct MoIoctxMgrTest : testing::Test {
+struct MoIoctxMgrTest : Test {
     using Records = std::vector<MoScsiSrvIO*>;
     using Strings = std::vector<std::string>;
 
@@ -57,8 +56,6 @@ struct MoIoctxMgrTest : testing::Test {
     static Records Slabs(MoIoctxMgr& manager) { return manager.m_slabs; }
     static size_t Free(MoIoctxMgr& manager) { return manager.m_freeList.size(); }
 };
-
-namespace {
 
 TEST_F(MoIoctxMgrTest, RequestsOfEverySizeGetTheirEntriesFromTheRightPlace) {
     MoIoctxMgr manager(4);
@@ -198,7 +195,7 @@ TEST_F(MoIoctxMgrTest, SlabIsDeletedOnlyWhenAllItsRecordsAreFree) {
     manager.reset();
     EXPECT_THAT(log.Texts(-1), ElementsAre(refusal(1, 10), "ioctx in use 1", "ioctx in use 1",
                                            refusal(1, 0), refusal(2, 0)));
-    EXPECT_THAT(log.Functions(), testing::Contains("bool MoIoctxMgr::delete_slab(MoScsiSrvIO*)"));
+    EXPECT_THAT(log.Functions(), Contains("bool MoIoctxMgr::delete_slab(MoScsiSrvIO*)"));
     delete[] slabs[1]->iov;
     delete[] slabs[1];
     delete[] large->iov;
@@ -241,5 +238,3 @@ TEST_F(MoIoctxMgrTest, ThereIsOneManagerAndEachCallSaysWhich) {
     EXPECT_EQ(record->iovcnt, 4);
     seen[0]->Ioctx_Free(record);
 }
-
-}  // namespace

@@ -7,8 +7,6 @@
 #include "tests/support/Emulate.h"
 #include "tests/support/FakeLibtcmuApi.h"
 
-namespace {
-
 Bytes Text(std::string_view text) {
     return {text.begin(), text.end()};
 }
@@ -149,5 +147,3 @@ TEST_F(EmulationTest, TheSerialIsReadWhenAPageIsAskedFor) {
     EXPECT_EQ(Answer("12 01 80 10 00").size(), 256U);
     EXPECT_EQ(Answer("12 01 83 10 00").at(7), 255);
 }
-
-}  // namespace

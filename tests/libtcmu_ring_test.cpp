@@ -10,8 +10,6 @@
 
 using namespace ringlayout;
 
-namespace {
-
 const Bytes kTestUnitReady(6);
 
 Bytes Read10(uint8_t tag = 0) {
@@ -252,5 +250,3 @@ TEST(RingTraffic, RandomOrderAroundTheEndKeepsEveryCommandWholeAndItsAnswer) {
         EXPECT_EQ(ring->Broken(), nullptr);
     }
 }
-
-}  // namespace

@@ -1,8 +1,6 @@
 #include "tests/support/RunnerFixture.h"
 #include "tests/support/TestHost.h"
 
-namespace {
-
 TEST_F(RunnerTest, ServesWhatWasThereAndWhatComesAndStopsInOrder) {
     TestHost host(device.cfgString);
     FakeDevice& second = Kept<FakeDevice>();
@@ -222,5 +220,3 @@ TEST(InterruptWaitTest, TakesOnlyWhatIsSentToItsThread) {
     waiter.join();
     EXPECT_TRUE(taken());
 }
-
-}  // namespace

@@ -9,8 +9,6 @@
 #include "tests/support/HeapProbe.h"
 #include "tests/support/TcmuDevFixture.h"
 
-namespace {
-
 using TcmuDevCommandTest = MoScsiSrvTcmuDevTest;
 
 const Cdb kRead = {0x28, 0, 0, 0, 0, 9, 0, 0, 2};
@@ -260,5 +258,3 @@ TEST_F(TcmuDevCommandTest, IdentityIsStampedWhereItBelongsHoweverTheBufferIsSpli
     for (const uint8_t evpd : {0, 1})
         EXPECT_EQ(ask(evpd, 0x83, {96}), std::string(96, 'i')) << "a failed answer is left alone";
 }
-
-}  // namespace

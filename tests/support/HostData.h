@@ -15,7 +15,8 @@
 #include "tests/support/TempDirectory.h"
 #include "util/Mutex.h"
 
-namespace hostdata_test {
+using namespace moscsi::data;
+using namespace testing;  // matchers
 
 /// Takes IODone as the plug-in does: under the device's mutex, under which it also calls Abort.
 struct FakePlatform : NullPlatform {
@@ -52,10 +53,10 @@ struct Context {
 };
 
 /// One LUN, driven as its device does it.
-struct LunTest : testing::Test {
+struct LunTest : Test {
     /// Returns: what stands in the way, if anything.
-    std::string Make(const moscsi::data::LunDataConfig& config) {
-        moscsi::data::LunDataResult made = MakeLunData(config, platform);
+    std::string Make(const LunDataConfig& config) {
+        LunDataResult made = MakeLunData(config, platform);
         EXPECT_EQ(made.data == nullptr, !made.error.empty());
         lun = std::move(made.data);
         return made.error;
@@ -87,7 +88,5 @@ struct LunTest : testing::Test {
     TempDirectory directory;
     std::string path = directory.path / "data";
     FakePlatform platform;
-    std::unique_ptr<moscsi::data::LunData> lun;
+    std::unique_ptr<LunData> lun;
 };
-
-}  // namespace hostdata_test
