@@ -1,72 +1,38 @@
 // What configfs is compared for, against a tree that can be bent into every wrong state.
 
-#include <gmock/gmock.h>
-#include <sys/sysmacros.h>
-
-#include <fstream>
-#include <functional>
-
 #include "host/Compare.h"
 #include "host/Identity.h"
-#include "tests/support/FakeConfigfs.h"
-#include "tests/support/TempDirectory.h"
+#include "tests/support/PlanFixture.h"
 
-using namespace moscsi::host;
-using namespace testing;  // matchers
-
-namespace fs = std::filesystem;
-
-const std::string kTarget = "iqn.2026-01.com.example:t";
+const std::string kName = "iqn.2026-01.com.example:t";
 const std::string kHostA = "iqn.2026-01.com.example:a";
 const std::string kHostB = "iqn.2026-01.com.example:b";
 const std::string kOther = "iqn.2026-01.com.example:other";
 
-LunPlan MakeLun(const std::string& name, LunType type, const std::string& path,
-                std::optional<uint32_t> number) {
-    LunPlan lun;
-    lun.config.name = name;
-    lun.config.type = type;
-    lun.config.path = path;
-    lun.target = kTarget;
-    lun.size = 4096;
-    lun.number = number;
-    lun.serial = SerialOf("lun", kTarget, path);
-    lun.object = ObjectNameOf(kTarget, path);
-    lun.cfgString = CfgStringOf(kTarget, path);
-    if (type != LunType::User)
-        lun.identity = "identity of " + path;
-    if (type == LunType::Block)
-        lun.device = makedev(7, 0);
-    return lun;
-}
-
 /// One target, a LUN of each kind, host A with all of them and host B with one; configfs shows
 /// just that until a test bends it.
-struct HostCompareTest : Test {
-    TempDirectory directory;
-    const fs::path& dir = directory.path;
+struct HostCompareTest : PlanTest {
     FakeConfigfs tree{dir / "target"};
     Plan plan;
     Manner manner;
 
     HostCompareTest() {
-        plan.file = "f.toml";
-        plan.targets.push_back({kTarget,
-                                {MakeLun("file", LunType::File, "/srv/file.img", 0),
-                                 MakeLun("block", LunType::Block, "/dev/loop0", std::nullopt),
-                                 MakeLun("user", LunType::User, "/memory/user", 7)},
-                                {{kHostA, {0, 1, 2}}, {kHostB, {0}}}});
-        FakeConfigfs::Write(dir / "block/7:0/size", "8");
+        Make("file.img", 4096);
+        plan = PlanOf(kTarget + LunText("file", "path='@/file.img'\nnumber=0", "file") +
+                      LunText("block", "path='/dev/loop0'", "block") +
+                      Memory("size=4096\nnumber=7", "user") + Initiator(kHostA, "'all'") +
+                      Initiator(kHostB, "['file']"));
+        EXPECT_THAT(problems.Lines(), IsEmpty());
         fs::create_directories(tree.Root() / "core/alua/lu_gps");
         fs::create_directories(tree.Root() / "iscsi/discovery_auth");
     }
 
     const LunPlan& Lun(size_t index) const { return plan.targets[0].luns[index]; }
     fs::path Object(size_t index) const { return tree.ObjectDirectory(Lun(index).object); }
-    fs::path Group() const { return tree.Group(kTarget); }
+    fs::path Group() const { return tree.Group(kName); }
 
     void Fill() {
-        tree.AddTarget(kTarget);
+        tree.AddTarget(kName);
         const char* const kinds[] = {"fileio", "iblock", "user"};
         const unsigned numbers[] = {0, 1, 7};
         for (size_t i = 0; i < 3; ++i) {
@@ -74,12 +40,12 @@ struct HostCompareTest : Test {
             tree.AddObject({kinds[i], lun.object,
                             i == 2 ? "moscsisrvtcmu/" + lun.cfgString : lun.config.path, lun.size,
                             lun.serial});
-            tree.AddLun(kTarget, numbers[i], lun.object);
-            tree.Map(kTarget, kHostA, numbers[i]);
+            tree.AddLun(kName, numbers[i], lun.object);
+            tree.Map(kName, kHostA, numbers[i]);
         }
-        tree.Map(kTarget, kHostB, 0);
+        tree.Map(kName, kHostB, 0);
     }
-    ConfigfsView View() const { return ReadConfigfs(tree.Root(), dir / "block"); }
+    ConfigfsView View() const { return ReadConfigfs(tree.Root(), dir / "sys"); }
     std::vector<std::string> Before() const { return ConflictsBefore(plan, View(), manner); }
     std::vector<std::string> After() const { return FaultsAfter(plan, View(), manner); }
 };
@@ -114,8 +80,8 @@ TEST_F(HostCompareTest, EachDisagreementIsOneLineWithARemedy) {
                             const std::string& serial = "") {
         tree.AddObject({kind, name, path, 512, serial});
     };
-    const auto seen = [&](unsigned number) { return tree.Mapping(kTarget, kHostA, number); };
-    const auto lun = [&](unsigned number) { return tree.Lun(kTarget, number); };
+    const auto seen = [&](unsigned number) { return tree.Mapping(kName, kHostA, number); };
+    const auto lun = [&](unsigned number) { return tree.Lun(kName, number); };
     auto& luns = plan.targets[0].luns;
 
     const std::string size = "has 8192 bytes and should have 4096";
@@ -127,9 +93,10 @@ TEST_F(HostCompareTest, EachDisagreementIsOneLineWithARemedy) {
         bool missing = false;  ///< what is missing is a fault only afterwards
     } cases[] = {
         {[&] { swap(0, "Size: 4096", "Size: 8192"); }, size},
-        {[&] { write(dir / "block/7:0/size", "16"); }, size},
+        {[&] { write(dir / "sys/7:0/size", "16"); }, size},
         {[&] { write(Object(0) / "udev_path", "/srv/b.img"); },
-         "has not the path /srv/file.img: remove it with: targetcli /backstores/fileio delete"},
+         "has not the path " + Expand("@/file.img") +
+             ": remove it with: targetcli /backstores/fileio delete"},
         {[&] { luns[1].device = makedev(7, 1); }, "over another device"},
         {[&] { swap(2, "tcmu/", "tcmu/x"); }, "has the configuration \"moscsisrvtcmu/x"},
         {[&] { swap(1, "readonly: 0", "readonly: 1"); }, "is read-only"},
@@ -137,7 +104,7 @@ TEST_F(HostCompareTest, EachDisagreementIsOneLineWithARemedy) {
         {[&] { write(Object(2) / serial, written); }, "has the serial \"\""},
         {[&] { write(Object(2) / "enable", "0"); }, "is not enabled: remove it with: rmdir"},
         {[&] { luns[0].number = 3; }, "LUN file is number 0 in target"},
-        {[&] { object("fileio", "other", "/srv/x"), tree.AddLun(kTarget, 5, "other"); },
+        {[&] { object("fileio", "other", "/srv/x"), tree.AddLun(kName, 5, "other"); },
          "holds LUN 5, fileio/other (/srv/x), which the file doesn't name"},
         {[&] { fs::create_directories(lun(9)); }, "half-made LUN 9: remove it with: rmdir"},
         {[&] { tree.AddLun(kOther, 4, Lun(0).object); }, "is exported by target " + kOther},
@@ -145,8 +112,8 @@ TEST_F(HostCompareTest, EachDisagreementIsOneLineWithARemedy) {
         {[&] { object("iblock", Lun(2).object, "/dev/x"); }, "another backstore, iblock/"},
         {[&] { object("fileio", "other", "/srv/x", NaaDigitsOf(Lun(0).serial) + "ffff"); },
          "first 25 hexadecimal digits"},
-        {[&] { tree.Map(kTarget, kOther, 0); }, "admits the initiator " + kOther},
-        {[&] { tree.Map(kTarget, kHostB, 7); }, "sees LUN 7, which the file"},
+        {[&] { tree.Map(kName, kOther, 0); }, "admits the initiator " + kOther},
+        {[&] { tree.Map(kName, kHostB, 7); }, "sees LUN 7, which the file"},
         {[&] { fs::rename(seen(1) / "d4e5f6", seen(7) / "d4e5f6"); },
          "sees as LUN 7 what is LUN 1"},
         {[&] { gone(seen(7) / "d4e5f6"); }, "is LUN nowhere"},
@@ -158,7 +125,7 @@ TEST_F(HostCompareTest, EachDisagreementIsOneLineWithARemedy) {
          "portal [::1]:3261, which isn't on the service port 3260"},
         {[&] { fs::create_directories(Group() / "../tpgt_2"); }, "holds portal group 2"},
         {[&] { fs::rename(Group(), Group() / "../param"); }, "has no portal group 1"},
-        {[&] { tree.RemoveTarget(kTarget); }, "is not in configfs", true},
+        {[&] { tree.RemoveTarget(kName); }, "is not in configfs", true},
         {[&] { gone(seen(7), lun(7), Object(2).parent_path()); }, "has no backstore", true},
         {[&] { gone(seen(1), lun(1)); }, "but no LUN", true},
         {[&] { gone(seen(1)); }, "doesn't see LUN block, number 1", true},
@@ -168,7 +135,7 @@ TEST_F(HostCompareTest, EachDisagreementIsOneLineWithARemedy) {
     for (const auto& [bend, phrase, missing] : cases) {
         SCOPED_TRACE(phrase);
         fs::remove_all(tree.Root());
-        FakeConfigfs::Write(dir / "block/7:0/size", "8");
+        FakeConfigfs::Write(dir / "sys/7:0/size", "8");
         plan = good;
         Fill();
         bend();
@@ -194,10 +161,10 @@ TEST_F(HostCompareTest, OlderTargetcliChoosesSerialsAndCannotFinishHalfMadeUserL
     FakeConfigfs::Write(Object(0) / "wwn/vpd_unit_serial", "T10 VPD Unit Serial Number: its own");
     EXPECT_THAT(After(), IsEmpty());
     EXPECT_THAT(Before(), ElementsAre(HasSubstr("was made through targetcli")));
-    fs::remove_all(tree.Lun(kTarget, 7));
-    fs::remove_all(tree.Mapping(kTarget, kHostA, 7));
+    fs::remove_all(tree.Lun(kName, 7));
+    fs::remove_all(tree.Mapping(kName, kHostA, 7));
     EXPECT_THAT(Before(), ElementsAre(HasSubstr("LUN user is half-made")));
-    tree.AddLun(kTarget, 7, Lun(2).object, Lun(2).cfgString);
+    tree.AddLun(kName, 7, Lun(2).object, Lun(2).cfgString);
     EXPECT_THAT(Before(), IsEmpty());
     EXPECT_FALSE(Manner::Of("2.1.fb53").userByConfigfs);
     EXPECT_TRUE(Manner::Of("2.1.fb43").chosenSerials);

@@ -1,96 +1,18 @@
 // What the configuration file is refused for, and what a good one comes to.
 
-#include <gmock/gmock.h>
-#include <sys/sysmacros.h>
-
-#include <fstream>
-
-#include "host/Plan.h"
 #include "host/UserData.h"
 #include "host/data/LunData.h"
 #include "tests/support/NullPlatform.h"
-#include "tests/support/TempDirectory.h"
+#include "tests/support/PlanFixture.h"
 
-using namespace moscsi::host;
-using namespace testing;  // matchers
-
-namespace fs = std::filesystem;
-
-const std::string kTarget = "[[target]]\nname='iqn.2026-01.com.example:t'\n";
-const std::string kHost = "iqn.2026-01.com.example:h";
-
-/// A machine with a few devices that this one hasn't got.
-class DeviceStorage : public Storage {
-  public:
-    using Storage::Storage;
-
-    PathFacts LookAt(const std::string& path) const override {
-        if (!path.starts_with("/dev/loop"))
-            return Storage::LookAt(path);
-        PathFacts facts;
-        facts.kind = PathFacts::Kind::BlockDevice;
-        facts.device = makedev(7, static_cast<unsigned>(path.back() - '0'));
-        facts.identity = "device 7:" + std::string(1, path.back());
-        return facts;
-    }
-};
-
-struct HostConfigTest : Test {
-    TempDirectory directory;
-    const fs::path& dir = directory.path;
-    StorageRoots roots{dir / "sys", dir / "mountinfo", dir / "swaps"};
-
-    HostConfigTest() {
-        Make("good.img", 1024);
-        for (const std::string device : {"sys/7:0", "sys/7:1", "sys/7:2", "sys/7:3"}) {
-            Write(device + "/size", "8");
-            Write(device + "/ro", device == "sys/7:1" ? "1" : "0");
-        }
-        Write("sys/7:2/loop2p1/partition", "1");
-        Write("sys/7:2/loop2p1/dev", "259:5");
-        Write("mountinfo", "36 1 259:5 / /srv/data rw - ext4 /dev/none rw");
-        Write("sys/7:3/holders/dm-0/dev", "");
-    }
-    void Write(const std::string& name, const std::string& text) {
-        fs::create_directories((dir / name).parent_path());
-        std::ofstream(dir / name) << text << '\n';
-    }
-    void Make(const std::string& name, uintmax_t length) {
-        std::ofstream(dir / name).close();
-        fs::resize_file(dir / name, length);
-    }
-
-    /// "@" stands for the test's directory.
-    std::string Expand(std::string text) const {
-        for (size_t at = 0; (at = text.find('@', at)) != std::string::npos;)
-            text.replace(at, 1, dir.string());
-        return text;
-    }
-    Plan PlanOf(const std::string& text) {
-        problems = {};
-        const Config config = ParseConfig(Expand(text), "f.toml", problems);
-        return problems.Empty() ? MakePlan(config, 3260, DeviceStorage(roots), problems) : Plan();
-    }
-
-    Problems problems;
-};
-
-std::string Lun(const std::string& type, const std::string& keys, const std::string& name = "a") {
-    return "[[target.lun]]\nname='" + name + "'\ntype='" + type + "'\n" + keys + "\n";
-}
-std::string Memory(const std::string& keys, const std::string& name = "a") {
-    return Lun("user", "backing='memory'\n" + keys, name);
-}
-std::string Initiator(const std::string& name, const std::string& luns) {
-    return "[[target.initiator]]\nname='" + name + "'\nluns=" + luns + "\n";
-}
+using HostConfigTest = PlanTest;
 
 TEST_F(HostConfigTest, GoodFileBecomesThePlan) {
-    const Plan plan =
-        PlanOf(kTarget + Lun("file", "path='@/good.img'\nnumber=255") +
-               Lun("file", "path='@/new.img'\nsize='3 KiB'\nnumber='auto'", "b") +
-               Lun("block", "path='/dev/loop0'\nserial_prefix=''", "c") + Memory("size=512", "d") +
-               Initiator(kHost, "['d', 'a']") + Initiator("iqn.2026-01.com.example:i", "'all'"));
+    const Plan plan = PlanOf(kTarget + LunText("file", "path='@/good.img'\nnumber=255") +
+                             LunText("file", "path='@/new.img'\nsize='3 KiB'\nnumber='auto'", "b") +
+                             LunText("block", "path='/dev/loop0'\nserial_prefix=''", "c") +
+                             Memory("size=512", "d") + Initiator(kHost, "['d', 'a']") +
+                             Initiator("iqn.2026-01.com.example:i", "'all'"));
     ASSERT_THAT(problems.Lines(), ElementsAre());
     // Sizes are the file's own, the device's from sysfs, and what was said.
     EXPECT_THAT(
@@ -117,8 +39,8 @@ TEST_F(HostConfigTest, EachFaultIsOneLineWithItsPlace) {
     Make("odd.img", 1000);
     Make("Upper.img", 512);
     fs::create_hard_link(dir / "good.img", dir / "link.img");
-    const auto file = [](const std::string& keys) { return kTarget + Lun("file", keys); };
-    const auto block = [](const std::string& keys) { return kTarget + Lun("block", keys); };
+    const auto file = [](const std::string& keys) { return kTarget + LunText("file", keys); };
+    const auto block = [](const std::string& keys) { return kTarget + LunText("block", keys); };
     const std::string good = file("path='@/good.img'");
     const std::string hex25 = "serial_prefix='" + std::string(25, 'a') + "'";
 
@@ -129,7 +51,7 @@ TEST_F(HostConfigTest, EachFaultIsOneLineWithItsPlace) {
     } faults[] = {
         {"", 0, "names no target"},
         {"[service]\nlog_level = 7\n" + good, 2, "log_level is from -1"},
-        {kTarget + Lun("tape", ""), 5, "none of \"file\", \"block\", \"user\""},
+        {kTarget + LunText("tape", ""), 5, "none of \"file\", \"block\", \"user\""},
         {file("path='@/good.img'\nsiez = 4"), 7, "knows no key \"siez\""},
         {file("path='@/new.img'\nsize='4 MB'"), 7, "such as \"64MiB\""},
         {file("path='@/new.img'"), 6, "no size is given"},
@@ -141,9 +63,9 @@ TEST_F(HostConfigTest, EachFaultIsOneLineWithItsPlace) {
         {file("path='@/good.img'\nsize=512"), 7, "is 1024 bytes long"},
         {file("path='@/Upper.img'"), 6, "upper-case"},
         {file("path='good.img'\nsize=512"), 6, "no absolute path"},
-        {good + Lun("file", "path='@/link.img'", "b"), 10, "used by two LUNs"},
-        {file("path='@/new.img'\nsize=512") + Lun("file", "path='@/./new.img'\nsize=512", "b"), 11,
-         "used by two LUNs"},
+        {good + LunText("file", "path='@/link.img'", "b"), 10, "used by two LUNs"},
+        {file("path='@/new.img'\nsize=512") + LunText("file", "path='@/./new.img'\nsize=512", "b"),
+         11, "used by two LUNs"},
         {block("path='/dev/missing'"), 6, "isn't there"},
         {block("path='@/good.img'"), 6, "no block device"},
         {block("path='/dev/loop0'\nsize=512"), 7, "has 4096 bytes"},
@@ -187,7 +109,7 @@ TEST_F(HostConfigTest, EachFaultIsOneLineWithItsPlace) {
 
 TEST_F(HostConfigTest, BackingFilesThatWereMadeGoWhenALaterLunsDataCannotBeMade) {
     const auto served = [](const std::string& name) {
-        return Lun("user", "backing='file'\nsize=1024\npath='@/" + name + ".img'", name);
+        return LunText("user", "backing='file'\nsize=1024\npath='@/" + name + ".img'", name);
     };
     const Plan plan = PlanOf(kTarget + served("good") + served("new") + served("last"));
     ASSERT_THAT(problems.Lines(), ElementsAre());

@@ -7,7 +7,6 @@
 #include <set>
 #include <thread>
 
-#include "adapters/framework/FXString.h"
 #include "ioctx/MoScsiSrvIoctxMgr.h"
 #include "tests/support/CapturingLogWriter.h"
 #include "tests/support/HeapProbe.h"
@@ -23,11 +22,6 @@ struct MoIoctxMgrTest : Test {
 
     MoIoctxMgrTest() { log.Reset(6); }
 
-    static std::string Format(const char* format, const void* p) {
-        std::string text;
-        FXString::Format(text, format, p);
-        return text;
-    }
     Records Take(MoIoctxMgr& manager, size_t count) {
         Records records(count);
         for (MoScsiSrvIO*& record : records)
@@ -84,7 +78,7 @@ TEST_F(MoIoctxMgrTest, RequestsOfEverySizeGetTheirEntriesFromTheRightPlace) {
     for (MoScsiSrvIO* record : notOnLoan) {
         manager.Ioctx_Free(record);
         EXPECT_EQ(manager.Ioctx_GetPriv(record), nullptr);
-        expected.insert(expected.end(), 2, Format("bad ioctx %p", record));
+        expected.insert(expected.end(), 2, "bad ioctx " + PointerText(record));
     }
     EXPECT_EQ(log.Texts(-1), expected);
     EXPECT_EQ(Counted(manager), "8 0 0 0 5 0 5 12 0 12 3 3 2 0:1 1:1 2:1 3:1 4:1 ");
@@ -180,8 +174,8 @@ TEST_F(MoIoctxMgrTest, SlabIsDeletedOnlyWhenAllItsRecordsAreFree) {
         if (record != slabs[1] + 10)
             manager->Ioctx_Free(record);
     const auto refusal = [&](size_t slab, int record) {
-        return Format("slab %p:", slabs[slab]) +
-               Format(" ioctx %p is on busy list", slabs[slab] + record);
+        return "slab " + PointerText(slabs[slab]) + ": ioctx " + PointerText(slabs[slab] + record) +
+               " is on busy list";
     };
     EXPECT_TRUE(DeleteSlab(*manager, slabs[2]));
     EXPECT_EQ(Free(*manager), 511U - 64);
@@ -226,14 +220,13 @@ TEST_F(MoIoctxMgrTest, CapacityBelowSixteenIsTakenAsItIs) {
 
 TEST_F(MoIoctxMgrTest, ThereIsOneManagerAndEachCallSaysWhich) {
     MoIoctxMgr* seen[4] = {};
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (MoIoctxMgr*& slot : seen)
         threads.emplace_back([&slot] { slot = MoIoctxMgr::Instance(); });
-    for (std::thread& thread : threads)
-        thread.join();
+    threads.clear();  // waits
     ASSERT_NE(seen[0], nullptr);
     EXPECT_THAT(seen, Each(seen[0]));
-    EXPECT_EQ(log.Texts(1), Strings(4, Format("Instance %p", seen[0])));
+    EXPECT_EQ(log.Texts(1), Strings(4, "Instance " + PointerText(seen[0])));
     MoScsiSrvIO* record = seen[0]->Ioctx_Alloc(&device);
     EXPECT_EQ(record->iovcnt, 4);
     seen[0]->Ioctx_Free(record);

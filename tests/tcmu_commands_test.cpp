@@ -1,8 +1,6 @@
 // SCSI commands of a device: which are handled and how, the data path, INQUIRY.
 
-#include <future>
 #include <list>
-#include <map>
 #include <numeric>
 #include <span>
 
@@ -26,23 +24,22 @@ TEST_F(TcmuDevCommandTest, EveryOpcodeIsAnsweredByItsEmulationByTheHostOrNotAtAl
         {{0x08, 0x28, 0x88, 0xA8}, "Read"},
         {{0x0A, 0x2A, 0x8A, 0xAA}, "Write"},
     };
-    std::map<int, std::string> answeredBy;
-    for (const auto& [opcodes, answer] : answers)
-        for (const uint8_t opcode : opcodes)
-            answeredBy[opcode] = answer;
     auto dev = Open(false);
     BStoreInfo(*dev) = {&host, &host.held};
     std::string counted = "opens:1 ";
     for (int opcode = 0; opcode < 256; ++opcode) {
         SCOPED_TRACE(opcode);
         journal.Reset(1);
-        g_emulation.status = opcode == 0x15 ? 2 : 0;  // what an emulation answers is passed on
+        g_emulationStatus = opcode == 0x15 ? 2 : 0;  // what an emulation answers is passed on
         TestCommand command({static_cast<uint8_t>(opcode)});
         command.bytes[1] = opcode == 0x9E ? 0x10 : 0;
         const int status = dev->TcmuDevCmdHandler(&command);
         Strings events = journal.Events();
         std::erase_if(events, [](const std::string& event) { return event.ends_with("map"); });
-        const std::string answer = answeredBy[opcode];
+        std::string answer;
+        for (const auto& [opcodes, by] : answers)
+            if (std::ranges::count(opcodes, opcode) > 0)
+                answer = by;
         if (answer.empty()) {
             EXPECT_EQ(events, Strings());
             EXPECT_EQ(status, -1);
@@ -53,7 +50,7 @@ TEST_F(TcmuDevCommandTest, EveryOpcodeIsAnsweredByItsEmulationByTheHostOrNotAtAl
             Platform().IODone(ioctx, static_cast<long>(ioctx->length));
         } else {
             EXPECT_THAT(events, ElementsAre(answer));
-            EXPECT_EQ(status, g_emulation.status);
+            EXPECT_EQ(status, g_emulationStatus);
         }
         EXPECT_EQ(SenseOf(command), opcode == 0x15 ? 0x071234U : 0U);
         if (opcode < 255)  // which falls behind its predecessors; 0x10 is a service action too
@@ -152,7 +149,7 @@ TEST_F(TcmuDevCommandTest, CompletionIsWholeOrAMediumErrorAndReleasesTheContextO
         Append(expected,
                {nbytes == 1024 ? "done 0/000000" : "done 2/031100", "doorbell", "-dev", "+dev",
                 "-dev", "+dev",
-                "[-1] " + lib.cfgString + ": ioctx " + Pointer(ioctx) + " not found!", "-dev"});
+                "[-1] " + lib.cfgString + ": ioctx " + PointerText(ioctx) + " not found!", "-dev"});
         EXPECT_EQ(journal.Events(), expected);
         EXPECT_EQ(Counters(*dev), nbytes == 1024 ? "opens:1 iosDone:1 unknown:1 "
                                                  : "opens:1 failed:1 unknown:1 mediumErrors:1 ");
@@ -238,7 +235,7 @@ TEST_F(TcmuDevCommandTest, IdentityIsStampedWhereItBelongsHoweverTheBufferIsSpli
     using Sizes = std::vector<size_t>;
     const auto ask = [&](uint8_t evpd, uint8_t page, const Sizes& sizes) {
         TestCommand command({0x12, evpd, page, 0, 96}, sizes);
-        EXPECT_EQ(dev->TcmuDevCmdHandler(&command), g_emulation.status);
+        EXPECT_EQ(dev->TcmuDevCmdHandler(&command), g_emulationStatus);
         return std::accumulate(command.buffers.begin(), command.buffers.end(), std::string());
     };
     std::string standard(96, 'e');
@@ -254,7 +251,7 @@ TEST_F(TcmuDevCommandTest, IdentityIsStampedWhereItBelongsHoweverTheBufferIsSpli
         EXPECT_EQ(ask(1, 0x83, sizes), identification.substr(0, total));
         EXPECT_EQ(ask(1, 0x80, sizes), std::string(total, 'e'));
     }
-    g_emulation.status = 2;
+    g_emulationStatus = 2;
     for (const uint8_t evpd : {0, 1})
         EXPECT_EQ(ask(evpd, 0x83, {96}), std::string(96, 'i')) << "a failed answer is left alone";
 }

@@ -20,7 +20,7 @@ TEST_F(TcmuDevLifeTest, OpenLearnsTheGeometryAndRegisters) {
     EXPECT_EQ(Registry().at(lib.cfgString).second, &dev);
     EXPECT_THAT(
         journal.Events(),
-        ElementsAre("+map", "-map", "[0] open success " + lib.cfgString + " " + Pointer(&dev)));
+        ElementsAre("+map", "-map", "[0] open success " + lib.cfgString + " " + PointerText(&dev)));
     EXPECT_EQ(Counters(dev), "opens:1 ");
 }
 
@@ -46,11 +46,11 @@ TEST_F(TcmuDevLifeTest, FailedOpenLeavesTheObjectClosed) {
             expected.insert(expected.begin(),
                             {"+map",
                              "[-1] tcmudev " + lib.cfgString + " is already registered " +
-                                 Pointer(&first) + " " + Pointer(dev.get()),
+                                 PointerText(&first) + " " + PointerText(dev.get()),
                              "-map"});
         }
         Append(expected, {"[-1] device not initialized", "[-1] tcmu dev close error, null m_dev",
-                          "[-1] ioerr: dev not initialized " + Pointer(dev.get())});
+                          "[-1] ioerr: dev not initialized " + PointerText(dev.get())});
         journal.Reset(1);
         EXPECT_EQ(dev->TcmuDevOpen(), -22);
         EXPECT_EQ(Counters(*dev, true), "opens:1 openErrors:1 ");
@@ -76,7 +76,7 @@ TEST_F(TcmuDevLifeTest, DeviceWithoutANameKeepsItsDeviceAndIsClosedInTheEnd) {
     EXPECT_EQ(dev->TcmuDevOpen(), -22);
     EXPECT_EQ(Counters(*dev), "opens:1 ");
     EXPECT_EQ(lib.priv, nullptr);
-    const std::string closed = "[0] close success  " + Pointer(dev.get());
+    const std::string closed = "[0] close success  " + PointerText(dev.get());
     dev.reset();
     EXPECT_THAT(journal.Events(), ElementsAre("[-1] no configuration found in cfgstring", "+map",
                                               "-map", "[1] UnRegisterTcmuDev error ", closed));
@@ -91,8 +91,8 @@ TEST_F(TcmuDevLifeTest, CloseAbortsWhatIsPendingAndPollsUntilTheHostHasGivenItBa
     Strings expected{"+dev"};  // the host is asked under the lock, in any order
     std::vector<MoScsiSrvIO*> aborted;
     host.onAbort = [&](MoScsiSrvIO* ioctx) {
-        Append(expected, {"[1] aborting cmd " + Pointer(ioctx) + " " +
-                              Pointer(&commands[ioctx == host.held[0] ? 0 : 1]),
+        Append(expected, {"[1] aborting cmd " + PointerText(ioctx) + " " +
+                              PointerText(&commands[ioctx == host.held[0] ? 0 : 1]),
                           "Abort"});
         aborted.push_back(ioctx);
     };
@@ -110,8 +110,8 @@ TEST_F(TcmuDevLifeTest, CloseAbortsWhatIsPendingAndPollsUntilTheHostHasGivenItBa
         Append(expected, {std::string("[1] pending i/os ") + pending, "sleep 2.0", "+dev",
                           "done 0/000000", "doorbell", "-dev", "+dev", "-dev"});
     Append(expected,
-           {"+map", "-map", "[0] close success " + lib.cfgString + " " + Pointer(dev.get()), "+dev",
-            "-dev"});
+           {"+map", "-map", "[0] close success " + lib.cfgString + " " + PointerText(dev.get()),
+            "+dev", "-dev"});
     EXPECT_THAT(journal.Events(), ElementsAreArray(expected));
     EXPECT_EQ(Counters(*dev), "opens:1 closes:1 aborted:2 waits:3 iosDone:2 ");
     EXPECT_EQ(Lent(), 0U);

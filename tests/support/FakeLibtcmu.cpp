@@ -10,12 +10,12 @@ namespace {
 /// As the real ones do: fills all buffers and consumes the entries while it goes.
 int Emulate(const std::string& call, iovec* iov, size_t iovCnt, uint8_t* sense) {
     CapturingLogWriter::Installed().Note(call);
-    if (g_emulation.status != 0) {
+    if (g_emulationStatus != 0) {
         tcmu_set_sense_data(sense, 7, 0x1234);
-        return g_emulation.status;
+        return g_emulationStatus;
     }
     for (; iovCnt > 0; ++iov, --iovCnt) {
-        std::fill_n(static_cast<uint8_t*>(iov->iov_base), iov->iov_len, g_emulation.fill);
+        std::fill_n(static_cast<uint8_t*>(iov->iov_base), iov->iov_len, 'e');
         iov->iov_base = static_cast<char*>(iov->iov_base) + iov->iov_len;
         iov->iov_len = 0;
     }

@@ -21,12 +21,8 @@ struct tcmu_device {
     std::function<void(tcmulib_cmd*)> onComplete = [](tcmulib_cmd*) {};
 };
 
-/// What every emulation does.
-struct FakeEmulation {
-    int status = 0;      ///< with a sense of 7/0x1234 when it isn't 0
-    uint8_t fill = 'e';  ///< of the data
-};
-inline FakeEmulation g_emulation;
+/// What every emulation answers: its data is all 'e', or when this isn't 0 a sense of 7/0x1234.
+inline int g_emulationStatus = 0;
 
 /// Key, additional code and qualifier in one number, 0x052400 for example; 0 without a sense.
 inline uint32_t SenseOf(const tcmulib_cmd& cmd) {

@@ -7,14 +7,24 @@
 namespace heap_probe {
 
 /// Allocations that this thread has made so far, failed ones included.
-size_t Allocations();
+inline thread_local constinit size_t t_allocations = 0;
+inline size_t Allocations() {
+    return t_allocations;
+}
 
-/// While it lives, this thread's allocations fail: `count` of them, after `skip` have succeeded.
+/// While one lives, this thread's allocations fail: `count` of them, after `skip` have succeeded.
 /// With a `size`, only those of exactly that many bytes are looked at.
 struct Fault {
-    explicit Fault(size_t skip, size_t count = 1, size_t size = 0);
-    ~Fault();
-    size_t Failed() const;  ///< how many have failed
+    explicit Fault(size_t skip, size_t count = 1, size_t size = 0) {
+        t_plan = {skip, count, size, 0};
+    }
+    ~Fault() { t_plan = {}; }
+    static size_t Failed() { return t_plan.failed; }  ///< how many have failed
+
+    struct Plan {
+        size_t skip, count, size, failed;
+    };
+    static inline thread_local constinit Plan t_plan{};
 };
 
 }  // namespace heap_probe

@@ -35,7 +35,7 @@ struct MoScsiSrvTcmuDevTest : MoScsiSrvLIOTest {
     tcmu_device lib;
 
     MoScsiSrvTcmuDevTest() {
-        g_emulation = {};
+        g_emulationStatus = 0;
         journal.Reset(1);
     }
 
@@ -77,11 +77,6 @@ struct MoScsiSrvTcmuDevTest : MoScsiSrvLIOTest {
         for (size_t i = opcodes ? 0 : stats.kOpcodes; i < stats.commands.size(); ++i)
             add(i < stats.kOpcodes ? std::to_string(i) : after[i - stats.kOpcodes],
                 stats.commands[i]);
-        return text;
-    }
-    static std::string Pointer(const void* p) {
-        char text[32];
-        snprintf(text, sizeof text, "%p", p);
         return text;
     }
 
