@@ -92,7 +92,7 @@ TEST_F(RunnerTest, StopLeavesOpenWhatTheHostHolds) {
     environment.stopLimit = std::chrono::milliseconds(50);
     StartAndWait();
     host.hold = true;
-    const uint32_t ticket = device.Submit(Read10(3), {{0, 512}});
+    const auto ticket = device.Submit(Read10(3), {{0, 512}});
     ExpectEventually([&] { return host.given == 1; });
     EXPECT_EQ(Stop(), 0);
     EXPECT_THAT(Log(-1),
@@ -118,7 +118,7 @@ TEST_F(RunnerTest, RemovalWaitsForTheHostAndOthersGoOn) {
         ExpectEventually([&] { return api.answered == count; });
     };
     host.hold = true;
-    const uint32_t ticket = device.Submit(Read10(3), {{0, 512}});
+    const auto ticket = device.Submit(Read10(3), {{0, 512}});
     ExpectEventually([&] { return host.given == 1; });
     api.Remove(device);
     ExpectEventually([&] { return host.aborts == 1; });
@@ -149,7 +149,7 @@ TEST_F(RunnerTest, CompletionsOfSeveralThreadsNeverMixUp) {
         memset(host.data.data() + i * 512, int(i), 512);
     constexpr size_t kDepth = 32;
     struct {
-        uint32_t ticket = 0;
+        FakeDevice::Ticket ticket;
         uint8_t lba = 0;
     } slots[kDepth];
     for (size_t i = 0; i < 3000 + kDepth; ++i) {

@@ -6,8 +6,6 @@
 
 using namespace moscsi::host;
 
-namespace {
-
 /// A machine on which every path is a new file.
 class EmptyStorage : public Storage {
   public:
@@ -23,8 +21,6 @@ void CheckSafe(const std::string& text) {
           "what comes through is safe in a shell");
     Check(text.size() < 256, "and fits configfs");
 }
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Problems problems;

@@ -8,8 +8,6 @@
 #include "tests/support/Emulate.h"
 #include "tests/support/FakeLibtcmuApi.h"
 
-namespace {
-
 /// The opcodes, and where they have an allocation length. MODE SELECT takes data.
 constexpr struct Opcode {
     uint8_t code;
@@ -75,8 +73,6 @@ void RunOne(Input& input, tcmu_device& device) {
         from += static_cast<ptrdiff_t>(entry.iov_len);
     }
 }
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static FakeLibtcmuApi api;

@@ -9,8 +9,6 @@
 #include "tests/fuzz/Input.h"
 #include "tests/support/GateRig.h"
 
-namespace {
-
 constexpr uint64_t kBlock = GateRig::kBlock;
 constexpr uint64_t kBlocks = 600;  // above READ (6)'s 256
 
@@ -134,8 +132,6 @@ void RunOne(Input& input, GateRig& rig, Model& model) {
     Check(std::memcmp(memory.data(), rig.lib.ring.Data(), memory.size()) == 0,
           "the rest is untouched");
 }
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     testing::GTEST_FLAG(throw_on_failure) = true;  // the ring's model checks too

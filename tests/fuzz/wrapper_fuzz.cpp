@@ -13,16 +13,12 @@
 namespace fs = std::filesystem;
 using namespace moscsi::wrapper;
 
-namespace {
-
 std::vector<std::string> Lines(const std::string& text) {
     std::vector<std::string> lines{""};
     for (const char c : text)
         c == '\n' ? (void)lines.emplace_back() : lines.back().push_back(c);
     return lines;
 }
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const fs::path root = fs::temp_directory_path() / ("fuzz." + std::to_string(getpid()));

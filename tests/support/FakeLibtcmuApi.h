@@ -27,36 +27,34 @@ struct FakeDevice {
 
     LibDevice* Lib() { return reinterpret_cast<LibDevice*>(this); }
 
-    /// Puts a command in and raises the event. Returns: a ticket, never given twice (the ring's own
-    /// number is used again as soon as the answer is taken out).
-    uint32_t Submit(const Bytes& cdb, const Extents& data = {}) {
+    /// Where a command's answer will be (the ring's own number is used again as soon as the answer
+    /// is taken out).
+    using Ticket = std::shared_ptr<std::optional<KernelRing::Answer>>;
+
+    /// Puts a command in and raises the event.
+    Ticket Submit(const Bytes& cdb, const Extents& data = {}) {
         const auto number = ring.Put(cdb, data);
         EXPECT_TRUE(number.has_value());
         ring.RaiseEvent();
-        m_tickets[number.value_or(0)] = ++m_lastTicket;
-        return m_lastTicket;
-    }
-
-    /// The answer to a command, if it is there; given out once.
-    std::optional<KernelRing::Answer> AnswerOf(uint32_t ticket) {
-        if (ring.Doorbells() > 0) {  // the kernel looks when it is told to
-            for (const KernelRing::Answer& answer : ring.Reap())
-                m_answers[m_tickets[answer.number]] = answer;
-        }
-        const auto found = m_answers.extract(ticket);
-        return found.empty() ? std::nullopt : std::optional(found.mapped());
+        return m_waiting[number.value_or(0)] = std::make_shared<Ticket::element_type>();
     }
 
     bool AnsweredAll() {
-        AnswerOf(0);  // nobody's ticket
+        if (ring.Doorbells() > 0)  // the kernel looks when it is told to
+            for (const KernelRing::Answer& answer : ring.Reap())
+                *m_waiting[answer.number] = answer;
         return ring.InFlight() == 0;
+    }
+    /// The answer to a command, if it is there.
+    std::optional<KernelRing::Answer> AnswerOf(const Ticket& ticket) {
+        AnsweredAll();
+        return *ticket;
     }
 
     /// Waits for it; a missing one fails the test.
-    KernelRing::Answer WaitForAnswer(uint32_t ticket) {
-        std::optional<KernelRing::Answer> answer;
-        EXPECT_TRUE(Eventually([&] { return (answer = AnswerOf(ticket)).has_value(); }));
-        return answer.value_or(KernelRing::Answer{});
+    KernelRing::Answer WaitForAnswer(const Ticket& ticket) {
+        EXPECT_TRUE(Eventually([&] { return AnswerOf(ticket).has_value(); }));
+        return ticket->value_or(KernelRing::Answer{});
     }
     uint8_t StatusOf(const Bytes& cdb, const Extents& data = {}) {
         return WaitForAnswer(Submit(cdb, data)).status;
@@ -74,9 +72,7 @@ struct FakeDevice {
     }
 
   private:
-    uint32_t m_lastTicket = 0;
-    std::map<uint16_t, uint32_t> m_tickets;  // by the ring's number, while in flight
-    std::map<uint32_t, KernelRing::Answer> m_answers;
+    std::map<uint16_t, Ticket> m_waiting;  // by the ring's number, while in flight
 };
 
 /// libtcmu without a kernel: devices are what the test makes, netlink events what it announces.

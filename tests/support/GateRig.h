@@ -38,7 +38,7 @@ struct GateRig {
     }
     /// Returns: the answer, which a host that completes at once has given.
     std::optional<KernelRing::Answer> Answer(const Bytes& cdb, const Extents& pieces) {
-        const uint32_t ticket = lib.Submit(cdb, pieces);
+        const auto ticket = lib.Submit(cdb, pieces);
         Drain();
         return lib.AnswerOf(ticket);
     }

@@ -82,8 +82,7 @@ int __wrap_system(const char* command) {
 
 int __wrap_nanosleep(const timespec* time, timespec* /*rest*/) {
     Note("sleep " + std::to_string(time->tv_sec) + "." + std::to_string(time->tv_nsec));
-    static std::atomic<int> sleeps;
-    if (!g_os.onSleep || ++sleeps == 10'000'000) {
+    if (!g_os.onSleep) {
         std::fputs("a sleep that no test expects\n", stderr);
         std::abort();
     }

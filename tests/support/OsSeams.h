@@ -25,7 +25,7 @@ struct OsSeams {
     /// Answers stat64: below 0 asks the real one, 0 finds something of type `mode`, else an errno.
     std::function<int(const std::string& path, mode_t& mode)> onStat;
     std::function<void(const std::string& command)> beforeSystem;
-    /// Instead of sleeping. A sleep without it, or the process's ten-millionth, ends the program.
+    /// Instead of sleeping. A sleep without it ends the program.
     std::function<void()> onSleep;
 };
 inline OsSeams g_os;

@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <future>
@@ -12,6 +11,7 @@
 #include "platform/MoScsiSrvLIO.h"
 #include "tests/support/CapturingLogWriter.h"
 #include "tests/support/OsSeams.h"
+#include "tests/support/TempDirectory.h"
 
 using namespace testing;  // matchers
 
@@ -54,10 +54,8 @@ struct MoScsiSrvLIOTest : Test {
     static constexpr const char* kNew = "2.1.fb43";  ///< the oldest version of the newer forms
     static constexpr const char* kOld = "2.1.fb42";
 
-    const std::string dir = [] {
-        std::string name = TempDir() + "moscsi.XXXXXX";
-        return std::string(mkdtemp(name.data()));
-    }();
+    const TempDirectory directory;
+    const std::string dir = directory.path;
     CapturingLogWriter& journal = CapturingLogWriter::Installed();
     FakeRunner& runner = g_runner = {};
     HeldTransfers host;
@@ -87,7 +85,6 @@ struct MoScsiSrvLIOTest : Test {
                     }).get());
         JoinRunner(Platform());
         SetInstance(nullptr);
-        std::filesystem::remove_all(dir);
     }
 
     /// Makes a platform in the place of the one that is there; its runner's thread has ended then,
