@@ -43,6 +43,25 @@ TEST_F(RunnerTest, ServesWhatWasThereAndWhatComesAndStopsInOrder) {
     EXPECT_THAT(Log(-1), IsEmpty());
 }
 
+TEST_F(RunnerTest, HostWaitsForBothObjectsAtFirstAndTheNameGoneAtLast) {
+    const auto lacking = [] {
+        return WaitForBusObjects(std::chrono::seconds(0), [] { return false; });
+    };
+    DbusService service;
+    ASSERT_TRUE(service.TakeName());
+    EXPECT_TRUE(NameTaken());
+    EXPECT_THAT(lacking(), HasSubstr("/MoScsiSrvTcmu is not there"));
+    ASSERT_TRUE(service.ExportHandlers({"MoScsiSrvTcmu"}));
+    EXPECT_THAT(lacking(), HasSubstr("/moscsisrvtcmu is not there"));
+    service.WithdrawHandlers();
+    ASSERT_TRUE(service.ExportHandlers({"MoScsiSrvTcmu", "moscsisrvtcmu"}));
+    EXPECT_EQ(lacking(), "");
+    service.GiveUpName();
+    EXPECT_FALSE(NameTaken());
+    int looks = 0;
+    EXPECT_NE(WaitForBusObjects(std::chrono::hours(1), [&] { return ++looks == 2; }), "");
+}
+
 TEST_F(RunnerTest, EachFailingPhaseIsOneLineAndACleanStop) {
     const auto fails = [&](const std::string& line) {
         CapturingLogWriter::Installed().Reset(0);

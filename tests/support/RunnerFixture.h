@@ -2,7 +2,6 @@
 
 #include <gmock/gmock.h>
 
-#include <csignal>
 #include <fstream>
 #include <thread>
 
@@ -10,12 +9,14 @@
 #include "adapters/runner/DbusService.h"
 #include "adapters/runner/Runner.h"
 #include "adapters/runner/ThreadSignals.h"
+#include "host/BusWait.h"
 #include "tests/support/CapturingLogWriter.h"
 #include "tests/support/FakeLibtcmuApi.h"
 #include "tests/support/PrivateBus.h"
 #include "tests/support/TempDirectory.h"
 
 namespace fs = std::filesystem;
+using namespace moscsi::host;
 using namespace testing;  // matchers
 
 /// What a stop may have to leave in use lives to the end of the process.
@@ -53,10 +54,6 @@ inline Bytes Read10(uint8_t lba) {
 class RunnerTest : public Test {
   protected:
     void SetUp() override {
-        sigset_t interrupt;
-        sigemptyset(&interrupt);
-        sigaddset(&interrupt, SIGINT);
-        pthread_sigmask(SIG_BLOCK, &interrupt, nullptr);
         static const PrivateBus bus;
         if (!bus.Running())
             GTEST_SKIP() << "dbus-daemon is not installed";
@@ -95,7 +92,6 @@ class RunnerTest : public Test {
 
     void Start() {
         runner = std::thread([this] {
-            const ThreadSignals signals;
             InterruptWait interrupt;
             result = RunRunner(environment, interrupt);
         });
@@ -110,23 +106,18 @@ class RunnerTest : public Test {
         return result;
     }
 
+    static bool NameTaken() { return !WaitForBusNameGone(std::chrono::seconds(0)); }
     // What another program on the bus is told.
-    static std::string Ask(const std::string& call) {
+    static std::string Objects() {
         std::string reply;
-        MoProcess::system("dbus-send --system --print-reply --dest=" + call, &reply, nullptr, 0,
-                          false);
+        MoProcess::system(
+            "dbus-send --system --print-reply --dest=" + std::string(DbusService::kName) + " " +
+                DbusService::kPath + " org.freedesktop.DBus.ObjectManager.GetManagedObjects",
+            &reply, nullptr, 0, false);
         return reply;
     }
-    static bool NameTaken() {
-        return Ask("org.freedesktop.DBus / org.freedesktop.DBus.NameHasOwner string:" +
-                   std::string(DbusService::kName))
-                   .find("true") != std::string::npos;
-    }
-    static std::string Objects() {
-        return Ask(DbusService::kName + (" " + std::string(DbusService::kPath)) +
-                   " org.freedesktop.DBus.ObjectManager.GetManagedObjects");
-    }
 
+    const ThreadSignals signals;
     TempDirectory directory;
     const fs::path block = directory.path / "parameters/block_netlink";
     const fs::path reset = directory.path / "parameters/reset_netlink";
