@@ -67,6 +67,13 @@ class WrapperTest(ProgramTest):
     def run_wrapper(self, *args, **env):
         return self.finish(self.start(*args, **env))
 
+    # Expects this status and just this line on standard error. Returns: standard output.
+    def expect(self, process, status, line):
+        result, out, err = self.finish(process)
+        self.assertEqual(result, status)
+        self.assertRegex(err, rf"^{line}\n$" if line else "^$")
+        return out
+
     # Starts a script as the real one, with preferences made before.
     def start_do(self, script, *args, **env):
         if not self.state.exists():
@@ -87,20 +94,18 @@ class WrapperTest(ProgramTest):
 class Version(WrapperTest):
     # The version as the plug-in asks for it.
     def gate(self, script, **env):
-        return self.finish(self.start(program=["sh", "-c", "targetcli --version 2>&1  | cut -d' ' -f3"],
-                                      FAKE_SCRIPT=script, **env))[1]
+        asking = "sh", "-c", "targetcli --version 2>&1  | cut -d' ' -f3"
+        return self.finish(self.start(program=asking, FAKE_SCRIPT=script, **env))[1]
 
-    def test_answers_in_the_older_form_that_compares_as_the_numbers_do(self):
-        for version, answer in (
-                ("2.1.53", "2.1.fb53"), ("2.1.fb43", "2.1.fb43"), ("2.1.5", "2.1.fb05"), ("2.1.100", "2.1.fb99-2.1.100"),
-                ("2.1.53.dev2", "2.1.fb53.dev2"), ("3.1", "3.1.fb00"), ("10.0.1", "2.1.fb99-10.0.1"),
-                ("2.0.99", "2.0.fb99")):
-            with self.subTest(version):
-                self.assertEqual(self.gate(f"echo /usr/bin/targetcli version {version}; exit"), answer + "\n")
-
-    def test_is_found_on_either_stream_and_makes_no_preferences(self):
-        for script in ("echo Warning: not loaded >&2; echo version 2.1.53", "echo a warning; echo version 2.1.53 >&2"):
-            self.assertEqual(self.gate(script + "; : >$TARGETCLI_HOME/prefs.bin; exit"), "2.1.fb53\n")
+    def test_answers_in_the_older_form_that_compares_as_numbers_do_and_makes_no_preferences(self):
+        for script, answer in (
+                ("echo /usr/bin/targetcli version 2.1.53", "2.1.fb53"), ("echo version 2.1.fb43", "2.1.fb43"),
+                ("echo version 2.1.5", "2.1.fb05"), ("echo version 2.1.100", "2.1.fb99-2.1.100"),
+                ("echo Warning: not loaded >&2; echo version 2.1.53.dev2", "2.1.fb53.dev2"),
+                ("echo a warning; echo version 3.1 >&2", "3.1.fb00"),
+                ("echo version 10.0.1", "2.1.fb99-10.0.1"), ("echo version 2.0.99", "2.0.fb99")):
+            with self.subTest(script):
+                self.assertEqual(self.gate(script + "; : >$TARGETCLI_HOME/prefs.bin; exit"), answer + "\n")
         self.assertEqual(os.listdir(self.state), [])
 
     def test_nothing_at_all_is_printed_without_an_answer(self):
@@ -155,9 +160,7 @@ class Relay(WrapperTest):
                 ("echo out; kill -9 $$", 137, r"targetcli, process \d+, was ended by signal 9 \(Killed\)"),
                 ("echo out; exit 0", 0, None), ("echo warning >&2; exit 0", 0, "warning")):
             with self.subTest(script):
-                result, _, err = self.do(script)
-                self.assertEqual(result, status)
-                self.assertRegex(err, rf"^{line}\n$" if line else "^$")
+                self.expect(self.start_do(script), status, line)
 
     def test_the_real_one_gets_clean_surroundings_from_a_caller_that_has_none(self):
         # The shell changes masks around its own children, so the last look is without one.
@@ -195,9 +198,8 @@ class Limits(WrapperTest):
             process.send_signal(signal.SIGINT)
             if blocked:  # the caller keeps the signal to itself
                 self.limit_to_nothing()
-            result, _, err = self.finish(process)
-            self.assertEqual((result, is_running(pid)), (status, False))
-            self.assertRegex(err, f"^{line}\n$")
+            self.expect(process, status, line)
+            self.assertFalse(is_running(pid))
             wait_until(lambda: not is_running(child))
 
     def test_the_real_one_dies_with_a_killed_wrapper_and_the_next_run_cleans_up(self):
@@ -216,10 +218,8 @@ class Limits(WrapperTest):
             # Also when the whole limit is what ends it.
             for process in [self.start_do("flock $D/lock true; exit 0", **{f"MOSCSI_TARGETCLI_{limit}": 1})
                             for limit in ("LOCK_WAIT", "TIMEOUT")]:
-                status, out, err = self.finish(process)
-                self.assertEqual((status, out), (124, ""))
-                self.assertRegex(err, rf"^targetcli waited \d s for its lock, which process {os.getpid()} \(.+\) "
-                                      "holds: end that one, then try again\n$")
+                line = rf"targetcli waited \d s for its lock, which process {os.getpid()} \(.+\) holds: end that one.*"
+                self.assertEqual(self.expect(process, 124, line), "")
 
     def test_each_holder_of_a_queue_may_take_the_time(self):
         queue = "for i in 1 2 3 4; do flock $D/lock sleep 0.8 & done; wait; exit 0"
@@ -249,9 +249,7 @@ class Preferences(WrapperTest):
         self.limit_to_nothing()
         with open(self.state / "lock", "w") as lock:
             fcntl.flock(lock, fcntl.LOCK_EX)
-            status, _, err = self.run_wrapper("ls")
-        self.assertEqual(status, 124)
-        self.assertRegex(err, rf"process {os.getpid()} \(\S+\) is making them.*\n$")
+            self.expect(self.start("ls"), 124, rf".*process {os.getpid()} \(\S+\) is making them.*")
 
     def test_another_release_of_targetcli_makes_its_own(self):
         self.run_wrapper("ls")
@@ -279,7 +277,8 @@ class UserBackstore(WrapperTest):
                 1, "trying\n", "a user backstore of this name, configuration and size already exists\nfailed.\n"))
         for other, line in ((dict(size="81920"), "another size (81920 bytes)"), (dict(size="819"), "another size"),
                             (dict(config="MoScsiSrvTcmu/C0ffee"), "another configuration (MoScsiSrvTcmu/C0ffee)"),
-                            (dict(config="c0ffee"), "another conf"), (dict(config="x/exists"), "differs"), (dict(enable="0"), "never enabled"),
+                            (dict(config="c0ffee"), "another conf"), (dict(config="x/exists"), "differs"),
+                            (dict(enable="0"), "never enabled"),
                             (dict(path="core/user_3/vol2"), "none is"), (dict(path="core/fileio_3/vol"), "none is")):
             with self.subTest(other):
                 self.kernel_object(**other)
@@ -318,9 +317,7 @@ class Finding(WrapperTest):
                   for limit in ("LOCK_WAIT", "TIMEOUT") for value in ("0", "5s", "86401")),
                 ("HOME", "/", 126, ".*/bin/targetcli can't be started: No such file.*"),
                 ("MOSCSI_RUN_DIR", "/dev/null", 1, "targetcli needs a directory of its own in /dev/null/.*")):
-            result, _, err = self.run_wrapper("ls", **{name: value})
-            self.assertEqual(result, status)
-            self.assertRegex(err, rf"^{line}\n$")
+            self.expect(self.start("ls", **{name: value}), status, line)
 
 
 unittest.main()
