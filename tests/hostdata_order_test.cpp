@@ -44,22 +44,15 @@ struct Scripted : LunTest {
         BackingFile file;
         ASSERT_TRUE(file.Open(path, kSize, error)) << error;
         const LunDataConfig config{"lun", Backing::File, path, kSize, {}, {}};
-        auto parts = std::make_unique<LunData::Parts>(config, platform);
-        transfers = &parts->transfers;
-        parts->engine = FileEngine::Make(file, durable, *transfers, maker, error);
-        engine = parts->engine.get();
-        lun = std::make_unique<LunData>(std::move(parts));
-    }
-    /// Begin a read. Return: the ticket of the queue's last request.
-    Ticket Read(Context& context) {
-        Begin(context, false);
-        return queue->requests.back().ticket;
+        auto made = std::make_unique<LunData::Parts>(config, platform);
+        made->engine = FileEngine::Make(file, durable, made->transfers, maker, error);
+        parts = made.get();
+        lun = std::make_unique<LunData>(std::move(made));
     }
     void End(Ticket ticket, int64_t result) { queue->end(ticket, result); }
 
     ScriptedQueue* queue = nullptr;
-    Transfers* transfers = nullptr;
-    DataEngine* engine = nullptr;
+    LunData::Parts* parts = nullptr;
     Context a{0, 512}, b{512, 512}, c{1024, 512}, d{1536, 512};
 };
 
@@ -204,13 +197,13 @@ TEST_F(Scripted, EachTransferEndsAsAModelOfTheDiskSays) {
 TEST_F(Scripted, StopWaitsForWhatRunsAndRefusesTheRest) {
     Make();
     // The device may ask a transfer back between Read's first step and the engine's.
-    Transfer* const early = transfers->Open(&d.io, false, kSize, kSize);
+    Transfer* const early = parts->transfers.Open(&d.io, false, kSize, kSize);
     Abort(d);
-    engine->Start(*early);
+    parts->engine->Start(*early);
     EXPECT_EQ(Result(d), -ECANCELED);
     EXPECT_TRUE(queue->requests.empty());
     for (Context* each : {&a, &b, &c})
-        Read(*each);
+        Begin(*each, false);
     std::thread stopper([&] { lun->Stop(); });
     EXPECT_EQ(Result(c), -ECANCELED) << "beyond the depth";
     Begin(d, false);

@@ -1,5 +1,4 @@
 // The data operations of a user LUN: every backing and engine moves the same bytes.
-#include "host/data/LunData.h"
 
 #include <liburing.h>
 

@@ -3,7 +3,6 @@
 
 #include <gmock/gmock.h>
 
-#include <memory>
 #include <set>
 #include <thread>
 

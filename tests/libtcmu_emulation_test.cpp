@@ -1,8 +1,6 @@
 // What the emulation answers, to the byte. That an answer is the same however its buffers are cut
 // is shown by tests/fuzz/emulation_fuzz.cpp.
 
-#include <gtest/gtest.h>
-
 #include "adapters/libtcmu/Cdb.h"
 #include "tests/support/Emulate.h"
 #include "tests/support/FakeLibtcmuApi.h"

@@ -117,7 +117,7 @@ TEST_F(PlatformStartTest, InitializeRunsTheScriptAndAcceptsVersionsByTheirText) 
     EXPECT_EQ(Lines("calls").size(), 2 * std::size(rows));
 
     Script("exit 0");
-    setenv("PATH", FAKE_TARGETCLI_PATH, 1);  // no cut: the pipeline fails
+    setenv("PATH", kFakeTargetCli, 1);  // no cut: the pipeline fails
     const std::string ask = "cmd targetcli --version 2>&1  | cut -d' ' -f3 failed";
     initialize(ask, {"[-1] " + ask + ", install targetcli package"});
     EXPECT_EQ(Lines("ran"), Strings(std::size(rows) + 2, "-start"));

@@ -1,7 +1,6 @@
 // Commands and buffer lists through ring, gate, the plug-in's handler and a memory LUN: each is
 // answered, and READ and WRITE move what a model of the disk says, and nothing else.
 
-#include <cstring>
 #include <random>
 
 #include "adapters/libtcmu/Cdb.h"

@@ -7,7 +7,6 @@
 #include <map>
 #include <memory>
 #include <stdexcept>
-#include <string>
 #include <vector>
 
 #include "host/data/LunData.h"

@@ -8,6 +8,8 @@
 #include "adapters/runner/tcmu_runner.h"
 #include "tests/support/CapturingLogWriter.h"
 
+const char* const kFakeTargetCli = FAKE_TARGETCLI_PATH;
+
 namespace {
 
 bool Fails(OsSeams::Call call) {

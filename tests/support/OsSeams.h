@@ -30,6 +30,8 @@ struct OsSeams {
 };
 inline OsSeams g_os;
 
+extern const char* const kFakeTargetCli;  ///< the directory of the fake targetcli
+
 /// Stands in for the TCMU runner's main loop, which also checks what is the same for every run.
 struct FakeRunner {
     int result = 0;                 ///< what the main loop returns

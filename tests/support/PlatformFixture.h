@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <fstream>
-#include <functional>
 #include <future>
 
 #include "adapters/framework/GetGUID.h"
@@ -64,7 +63,7 @@ struct MoScsiSrvLIOTest : Test {
         static const std::string real = ConfigFSRoot();  // as it is before the first test
         EXPECT_EQ(real, "/sys/kernel/config/target/");
         static const std::string path = getenv("PATH");
-        setenv("PATH", (FAKE_TARGETCLI_PATH ":" + path).c_str(), 1);
+        setenv("PATH", (kFakeTargetCli + (":" + path)).c_str(), 1);
         setenv("FAKE_TARGETCLI", dir.c_str(), 1);
         ConfigFSRoot() = dir + "/";
         MakePlatform();

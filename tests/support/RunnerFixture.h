@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 
 #include <fstream>
-#include <thread>
 
 #include "adapters/framework/MoProcess.h"
 #include "adapters/runner/DbusService.h"

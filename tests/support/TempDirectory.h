@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <string>
 
 /// A directory that goes with its object, in lower case, as a host wants its paths. Thread: one.
 struct TempDirectory {
