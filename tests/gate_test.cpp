@@ -30,12 +30,8 @@ struct GateTest : testing::Test, GateRig {
 };
 
 TEST_F(GateTest, LargeAddressesAndLengthsAreAnsweredOrReachTheHostAsTheyAre) {
-    const struct {
-        std::string cdb;
-        size_t blocks;  // of buffers
-        const char* answer;
-        const char* given;
-    } rules[] = {
+    // The CDB, blocks of buffers, the answer, and what the host is given.
+    const std::tuple<std::string, size_t, const char*, const char*> rules[] = {
         {"88 00 0000000100000063 00000001 00 00", 1, "good", "READ 100000063+1"},
         {"88 00 0000000100000063 00000002 00 00", 2, "5/2100", ""},
         {"88 00 0000000100000064 00000000 00 00", 0, "good", ""},

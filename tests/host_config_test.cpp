@@ -44,11 +44,8 @@ TEST_F(HostConfigTest, EachFaultIsOneLineWithItsPlace) {
     const std::string good = file("path='@/good.img'");
     const std::string hex25 = "serial_prefix='" + std::string(25, 'a') + "'";
 
-    const struct {
-        std::string text;
-        int line;            ///< where it must point; 0: at no line
-        const char* phrase;  ///< what it must say
-    } faults[] = {
+    // A text, where its fault's line must point (0: at no line), and what it must say.
+    const std::tuple<std::string, int, const char*> faults[] = {
         {"", 0, "names no target"},
         {"[service]\nlog_level = 7\n" + good, 2, "log_level is from -1"},
         {kTarget + LunText("tape", ""), 5, "none of \"file\", \"block\", \"user\""},

@@ -79,11 +79,7 @@ TEST(FaultPlanReading, ARateHitsTheSameWayForTheSameSeed) {
 TEST(FaultPlanReading, KnowsWhatIsDurableAndSaysWhatIsWrong) {
     EXPECT_FALSE(Parse("durable = false").plan.durable);
     EXPECT_TRUE(Parse("").plan.durable);
-    const struct {
-        std::string text;
-        int line;
-        const char* error;
-    } cases[] = {
+    const std::tuple<std::string, int, const char*> cases[] = {
         {"sed = 1", 2, "unknown key \"sed\""},
         {"seed = -1", 2, "\"seed\" wants a whole number from 0"},
         {"durable = 1", 2, "true or false"},

@@ -196,24 +196,23 @@ TEST_F(MoIoctxMgrTest, SlabIsDeletedOnlyWhenAllItsRecordsAreFree) {
 }
 
 TEST_F(MoIoctxMgrTest, CapacityBelowSixteenIsTakenAsItIs) {
-    const struct {
-        int argument;
-        int capacity;         // -1: there is no record
-        const char* counted;  // after requests for all, none and -2 entries
-    } rows[] = {{15, 15, "8 0 0 0 3 0 3 0 0 0 0 0 0 0:1 "},
-                {16, 1, "8 0 0 0 3 0 3 0 0 0 0 0 0 0:1 "},
-                {-1, -1, "0 16 0 0 0 0 0 1 0 1 0 0 0 "}};  // no slabs: only "none", from the heap
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.argument);
-        MoIoctxMgr manager(row.argument);
+    // The argument, the capacity (-1: there is no record), and what is counted after requests for
+    // all, none and -2 entries.
+    const std::tuple<int, int, const char*> rows[] = {
+        {15, 15, "8 0 0 0 3 0 3 0 0 0 0 0 0 0:1 "},
+        {16, 1, "8 0 0 0 3 0 3 0 0 0 0 0 0 0:1 "},
+        {-1, -1, "0 16 0 0 0 0 0 1 0 1 0 0 0 "}};  // no slabs: only "none", from the heap
+    for (const auto& [argument, capacity, counted] : rows) {
+        SCOPED_TRACE(argument);
+        MoIoctxMgr manager(argument);
         MoScsiSrvIO* const lent[] = {manager.Ioctx_Alloc(&device), manager.Ioctx_Alloc(0, &device),
                                      manager.Ioctx_Alloc(-2, &device)};
-        EXPECT_EQ(lent[0] != nullptr ? lent[0]->iovcnt : -1, row.capacity);
+        EXPECT_EQ(lent[0] != nullptr ? lent[0]->iovcnt : -1, capacity);
         for (MoScsiSrvIO* record : lent) {
             if (record != nullptr)
                 manager.Ioctx_Free(record);
         }
-        EXPECT_EQ(Counted(manager), row.counted);
+        EXPECT_EQ(Counted(manager), counted);
     }
 }
 

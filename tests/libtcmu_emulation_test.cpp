@@ -86,11 +86,8 @@ TEST_F(EmulationTest, AnswersAreWhatTheStandardsSay) {
 TEST_F(EmulationTest, WhatIsNotSupportedIsRefusedAndModesCannotBeChanged) {
     const std::string select6 = "15 10 00 00 ";
     const std::string select10 = "55 10 00 00 00 00 00 ";
-    struct Case {
-        std::string cdb, list;
-        uint16_t ascAscq;  // 0: accepted
-    };
-    const std::vector<Case> cases = {
+    // A CDB, its list, and the additional sense (0: accepted).
+    const std::tuple<std::string, std::string, uint16_t> cases[] = {
         {select6 + "00", "", 0},
         {select6 + "04", "00 00 00 00", 0},
         {select6 + "18", "17 00 10 00" + kCaching, 0},  // as read, length and DPOFUA included
@@ -116,9 +113,9 @@ TEST_F(EmulationTest, WhatIsNotSupportedIsRefusedAndModesCannotBeChanged) {
         {select6 + "18", "00 00 00 00 08 12 04" + kCaching.substr(8), 0x2600},  // WCE
         {select6 + "10", "00 00 00 00 0A 0A 02 10 00 40 00 00 FF FF 00 01", 0x2600},
     };
-    for (const Case& c : cases) {
-        Bytes list = Hex(c.list);
-        EXPECT_EQ(Run(c.cdb, list), c.ascAscq) << c.cdb + ": " + c.list;
+    for (const auto& [cdb, text, sense] : cases) {
+        Bytes list = Hex(text);
+        EXPECT_EQ(Run(cdb, list), sense) << cdb + ": " + text;
         EXPECT_TRUE(list.empty()) << "consumed";
     }
 }

@@ -77,11 +77,7 @@ TEST(Ring, WhatCannotBeWalkedIsLeftAlone) {
 TEST_F(RingTest, ABadEntryIsAnsweredAndTheNextCommandServed) {
     const size_t end = kernel.Length();
     kernel.Memory()[end - 7] = kVariableLengthCdb;  // its length would stand outside
-    const struct {
-        size_t at;
-        uint64_t value;
-        size_t width;
-    } damages[] = {
+    const std::tuple<size_t, uint64_t, size_t> damages[] = {
         {offsetof(Request, entries), UINT32_MAX, 4},
         {offsetof(Request, cdbOffset), end, 8},
         {offsetof(Request, cdbOffset), end - 5, 8},  // six bytes wanted
@@ -158,14 +154,13 @@ TEST_F(RingTest, ADrainHoldsBackOnlySoMuch) {
 
 TEST(RingTraffic, RandomOrderAroundTheEndKeepsEveryCommandWholeAndItsAnswer) {
     constexpr size_t kLengths[] = {6, 10, 10, 12, 16, 12, 10, 10};  // of a CDB, by its group
-    const struct {
-        int result;
-        uint8_t status;
-        std::optional<uint8_t> key, asc;  // none: as they were set
-    } outcomes[] = {{0, 0, {}, {}},
-                    {TCMU_STATUS_CHECK_CONDITION, 2, {}, {}},
-                    {-1, 2, 0x5, 0x20},
-                    {-22, 2, 0x4, 0x44}};
+    using Byte = std::optional<uint8_t>;
+    // A result, its status, key and additional sense code; none: as they were set.
+    const std::tuple<int, uint8_t, Byte, Byte> outcomes[] = {
+        {0, 0, {}, {}},
+        {TCMU_STATUS_CHECK_CONDITION, 2, {}, {}},
+        {-1, 2, 0x5, 0x20},
+        {-22, 2, 0x4, 0x44}};
     for (unsigned seed = 1; seed <= 20; seed++) {
         SCOPED_TRACE(seed);
         std::mt19937 random(seed);

@@ -7,27 +7,23 @@ using PlatformCommandsTest = MoScsiSrvLIOTest;
 TEST_F(PlatformCommandsTest, UpdateJudgesTheFirstLineOfStandardErrorOnly) {
     const std::string longText(4089, 'a');
     const char* const success = "";
-    const struct {
-        const char* what;
-        std::string out;
-        std::string err;
-        std::string seen;  // of the error, in the message
-    } cases[] = {
+    // What it is, standard output and error, and what is seen of the error in the message.
+    const std::tuple<const char*, std::string, std::string, std::string> cases[] = {
         {"standard output and a bad status", "an error\\n", "", success},
         {"no line feed", "", "bad", "bad"},
         {"an empty line", "", "\\nexists\\n", "\n"},
         {"text at the end of the line's limit", "", longText + "existsmore\\n", success},
         {"text beyond the line's limit", "", longText + "bexists\\n", longText + "bexist"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        Answer("x", c.err, c.out);
+    for (const auto& [what, out, err, seen] : cases) {
+        SCOPED_TRACE(what);
+        Answer("x", err, out);
         journal.Reset(5);
         const CRyError error = Update("TargetCLI X", {});
         Strings expected{"+cfg", "$ targetcli x 2> /dev/stdout 1> /dev/null", "-cfg"};
-        EXPECT_EQ(error.IsError(), c.seen != success);
-        if (c.seen != success) {
-            ExpectError(error, 774, "cmd " + expected[1].substr(2) + " failed. err " + c.seen);
+        EXPECT_EQ(error.IsError(), seen != success);
+        if (seen != success) {
+            ExpectError(error, 774, "cmd " + expected[1].substr(2) + " failed. err " + seen);
             expected.insert(expected.end() - 1, "[-1] " + error.Message());
         }
         EXPECT_EQ(journal.Events(), expected);

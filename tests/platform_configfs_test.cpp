@@ -95,21 +95,19 @@ TEST_F(PlatformConfigFSTest, FailedStepIsUndoneAsFarAsTheUndoGets) {
 
 TEST_F(PlatformConfigFSTest, BackstoreInUseAndPlacesThatCannotBeLookedAtAreErrors) {
     const std::string code = std::to_string(EACCES);
-    const struct {
-        std::string path;
-        int error;  // of looking at it; 0: it is there, of another LUN or half made
-        int number;
-        std::string message;
-    } rows[] = {{store, 0, 16, "tcmu backstore is in use " + store},
-                {link, EACCES, EACCES, "stat " + link + " error " + code},
-                {store, EACCES, EACCES, "stat " + store + " " + code + " error"}};
-    for (const auto& row : rows) {
-        g_os.onStat = [&row](const std::string& asked, mode_t&) {
-            return asked == row.path ? row.error : -1;
+    // A path, the error of looking at it (0: it is there, of another LUN or half made), and what
+    // that leads to.
+    const std::tuple<std::string, int, int, std::string> rows[] = {
+        {store, 0, 16, "tcmu backstore is in use " + store},
+        {link, EACCES, EACCES, "stat " + link + " error " + code},
+        {store, EACCES, EACCES, "stat " + store + " " + code + " error"}};
+    for (const auto& [path, error, number, message] : rows) {
+        g_os.onStat = [path = path, error = error](const std::string& asked, mode_t&) {
+            return asked == path ? error : -1;
         };
         journal.Reset(5);
-        ExpectError(Platform().CreateLun(&lun), row.number, row.message);
-        EXPECT_THAT(journal.Events(), ElementsAre("+cfg", "[-1] " + row.message, "-cfg"));
+        ExpectError(Platform().CreateLun(&lun), number, message);
+        EXPECT_THAT(journal.Events(), ElementsAre("+cfg", "[-1] " + message, "-cfg"));
         EXPECT_EQ(Registry().size(), 0U);
     }
 }

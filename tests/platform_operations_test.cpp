@@ -73,29 +73,24 @@ struct PlatformOperationsTest : MoScsiSrvLIOTest {
              mappingDone}};
         const std::string name = Guid("MoScsiSrv-iqn.Ab-/Path").substr(0, 15);
         const std::string guid = Guid("iqn.Ab/Path");
-        const struct {
-            uint32_t type;
-            std::string directory;
-            std::string source;
-            std::string extra;
-        } kinds[] = {
+        const std::tuple<uint32_t, std::string, std::string, std::string> kinds[] = {
             {BSTOR_FILE, "fileio", "file_or_dev=/Path", ""},
             {BSTOR_BLKDEV, "block", "dev=/Path", ""},
             {BSTOR_BLKDEV2, "block", "dev=/Path", ""},
             {BSTOR_USER, "user:MoScsiSrvTcmu", "cfgstring=" + guid, " size=8589934592"},
         };
-        for (const auto& kind : kinds) {
-            const bool user = kind.type == BSTOR_USER;
-            const std::string backstore = "/backstores/" + kind.directory;
+        for (const auto& [type, directory, source, extra] : kinds) {
+            const bool user = type == BSTOR_USER;
+            const std::string backstore = "/backstores/" + directory;
             Strings after = user ? Strings{"-cfg", "+map", "-map"} : Strings{"-cfg"};
             after.push_back("[0] Target iqn.Ab Lun 3 SerialNum Ser-" + guid +
-                            " Path /Path BStorType " + std::to_string(kind.type));
+                            " Path /Path BStorType " + std::to_string(type));
             // The record of the delete is the one that the create left.
-            const auto create = [this, type = kind.type] {
+            const auto create = [this, type = type] {
                 lun = Lun(type);
                 return Platform().CreateLun(&lun);
             };
-            const auto remove = [this, type = kind.type, guid] {
+            const auto remove = [this, type = type, guid] {
                 lun = Lun(type);
                 lun.serialNum = "Ser-" + guid;
                 Registry()[CfgString(lun)];
@@ -104,8 +99,8 @@ struct PlatformOperationsTest : MoScsiSrvLIOTest {
             all.push_back(
                 {"CreateLun(MoScsiSrvLun_t*)",
                  create,
-                 {{"targetcli " + backstore + " create " + kind.source + " name=" + name +
-                   kind.extra + " wwn=Ser-" + guid},
+                 {{"targetcli " + backstore + " create " + source + " name=" + name + extra +
+                   " wwn=Ser-" + guid},
                   {target + "luns create storage_object=" + backstore + "/" + name + " lun=3"}},
                  after});
             all.push_back(

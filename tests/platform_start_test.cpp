@@ -95,21 +95,19 @@ TEST_F(PlatformStartTest, InitializeRunsTheScriptAndAcceptsVersionsByTheirText) 
         expected.emplace_back("[1] leave");
         EXPECT_EQ(journal.Events(), expected);
     };
-    const struct {
-        std::string version;  // the third word of targetcli's answer
-        bool onStandardError;
-        bool accepted;
-    } rows[] = {{"2.1.fb41", false, true},  {"2.1.fb5", true, true},    {"3.0", false, true},
-                {"2.1.fb40", false, false}, {"2.1.fb100", true, false}, {"", false, false}};
-    for (const auto& row : rows) {
-        const bool silent = row.version.empty();
-        const std::string text = silent ? "" : "/usr/bin/targetcli version " + row.version + "\\n";
-        Answer("--version", row.onStandardError ? text : "", row.onStandardError ? "" : text);
-        Strings events{"[1] targetcli version " + row.version + (silent ? "" : "\n")};
-        if (!row.accepted)
-            events.push_back("[-1] targetcli version " + row.version);
-        initialize(row.accepted ? "" : "upgrade to targetcli version 2.1.fb41 or higher", events);
-        EXPECT_EQ(Version(), row.accepted ? row.version : "");
+    // The third word of targetcli's answer, whether on standard error, whether accepted.
+    const std::tuple<std::string, bool, bool> rows[] = {
+        {"2.1.fb41", false, true},  {"2.1.fb5", true, true},    {"3.0", false, true},
+        {"2.1.fb40", false, false}, {"2.1.fb100", true, false}, {"", false, false}};
+    for (const auto& [version, onStandardError, accepted] : rows) {
+        const bool silent = version.empty();
+        const std::string text = silent ? "" : "/usr/bin/targetcli version " + version + "\\n";
+        Answer("--version", onStandardError ? text : "", onStandardError ? "" : text);
+        Strings events{"[1] targetcli version " + version + (silent ? "" : "\n")};
+        if (!accepted)
+            events.push_back("[-1] targetcli version " + version);
+        initialize(accepted ? "" : "upgrade to targetcli version 2.1.fb41 or higher", events);
+        EXPECT_EQ(Version(), accepted ? version : "");
     }
     Script("exit 3");
     const std::string start = "cmd " + script + " -start failed";
@@ -150,11 +148,8 @@ TEST_F(PlatformStartTest, SlotsOfThePlatformStandInOrderAndTrace) {
     MoScsiSrvIO* const ioctx = MoIoctxMgr::Instance()->Ioctx_Alloc(1, &device);
     MoScsiSrvLun lun = Lun(0);
     const std::string ours = "virtual CRyError MoScsiSrvLIO::";
-    const struct {
-        std::string signature;
-        void* argument;
-        const char* event;  // the first one, from there
-    } slots[] = {
+    // A slot's operation, what it is given, and the first event, from there.
+    const std::tuple<std::string, void*, const char*> slots[] = {
         {ours + "Initialize()", nullptr, "[1] enter"},
         {ours + "CreateTarget(MoScsiSrvTarget_t*)", &target, "[6] enter"},
         {ours + "DeleteTarget(MoScsiSrvTarget_t*)", &target, "[6] enter"},
@@ -168,12 +163,11 @@ TEST_F(PlatformStartTest, SlotsOfThePlatformStandInOrderAndTrace) {
     };
     MoScsiSrvPlatform* const platform = &Platform();
     int number = 0;
-    for (const auto& slot : slots) {
+    for (const auto& [signature, argument, event] : slots) {
         journal.Reset(6, false);
-        Slot<CRyError(void*, void*, void*)>(platform, ++number)(platform, slot.argument,
-                                                                &initiator);
-        EXPECT_EQ(journal.Functions().at(0), slot.signature);
-        EXPECT_THAT(journal.Events().at(0), StartsWith(slot.event));
+        Slot<CRyError(void*, void*, void*)>(platform, ++number)(platform, argument, &initiator);
+        EXPECT_EQ(journal.Functions().at(0), signature);
+        EXPECT_THAT(journal.Events().at(0), StartsWith(event));
     }
     MoIoctxMgr::Instance()->Ioctx_Free(ioctx);
 }

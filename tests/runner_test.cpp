@@ -167,10 +167,7 @@ TEST_F(RunnerTest, CompletionsOfSeveralThreadsNeverMixUp) {
     for (size_t i = 0; i < 256; ++i)
         memset(host.data.data() + i * 512, int(i), 512);
     constexpr size_t kDepth = 32;
-    struct {
-        FakeDevice::Ticket ticket;
-        uint8_t lba = 0;
-    } slots[kDepth];
+    std::pair<FakeDevice::Ticket, uint8_t> slots[kDepth];
     for (size_t i = 0; i < 3000 + kDepth; ++i) {
         const size_t place = i % kDepth * 4096;
         auto& [ticket, lba] = slots[i % kDepth];

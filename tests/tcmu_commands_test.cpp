@@ -95,11 +95,7 @@ TEST_F(TcmuDevCommandTest, RefusedCommandsAreToldApartByBitsSenseLogAndCounter) 
 TEST_F(TcmuDevCommandTest, TransferIsDescribedToTheHostInBytesAndBuffers) {
     lib.hwBlockSize = 4096;
     auto dev = Open();
-    const struct {
-        Cdb cdb;
-        uint64_t lba;
-        uint64_t blocks;
-    } rows[] = {
+    const std::tuple<Cdb, uint64_t, uint64_t> rows[] = {
         {{0x08, 0x1F, 0x02, 0x03, 4}, 0x1F0203, 4},
         {{0x28, 0, 0xFF, 2, 3, 4, 0, 1, 2}, 0xFF020304, 0x0102},
         {{0xA8, 0, 1, 2, 3, 4, 0, 1, 0, 2}, 0x01020304, 0x010002},
@@ -111,13 +107,13 @@ TEST_F(TcmuDevCommandTest, TransferIsDescribedToTheHostInBytesAndBuffers) {
         {{0x8A, 0, 0, 0, 0, 0, 0, 5, 6, 7, 0, 0, 0, 9}, 0x050607, 0x0506},
     };
     size_t buffers = 0;  // 0, 5, 10, 15
-    for (const auto& row : rows) {
-        SCOPED_TRACE(+row.cdb[0]);
-        TestCommand command(row.cdb, std::vector<size_t>(buffers++ % 4 * 5, 512));
+    for (const auto& [cdb, lba, blocks] : rows) {
+        SCOPED_TRACE(+cdb[0]);
+        TestCommand command(cdb, std::vector<size_t>(buffers++ % 4 * 5, 512));
         EXPECT_EQ(dev->TcmuDevCmdHandler(&command), -2);
         MoScsiSrvIO* ioctx = host.held.back();
-        EXPECT_EQ(ioctx->offset, row.lba * 4096);
-        EXPECT_EQ(ioctx->length, row.blocks * 4096);
+        EXPECT_EQ(ioctx->offset, lba * 4096);
+        EXPECT_EQ(ioctx->length, blocks * 4096);
         ASSERT_EQ(static_cast<size_t>(ioctx->iovcnt), command.entries.size());
         EXPECT_TRUE(std::ranges::equal(
             std::span(ioctx->iov, command.iov_cnt), command.entries, [](auto& one, auto& other) {

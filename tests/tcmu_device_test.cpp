@@ -27,21 +27,18 @@ TEST_F(TcmuDevLifeTest, OpenLearnsTheGeometryAndRegisters) {
 TEST_F(TcmuDevLifeTest, FailedOpenLeavesTheObjectClosed) {
     tcmu_device same;
     MoScsiSrvTcmuDev first(&same);
-    const struct {
-        int block;
-        int64_t size;
-        std::string message;
-    } rows[] = {{-22, 4096, "Could not get device block size\n"},
-                {0, 4096, "Could not get device block size\n"},
-                {512, -22, "Could not get device size\n"},
-                {512, 4096, "RegisterTcmuDev error"}};  // after what the registry says
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.message);
-        lib.hwBlockSize = row.block;
-        lib.size = row.size;
+    const std::tuple<int, int64_t, std::string> rows[] = {
+        {-22, 4096, "Could not get device block size\n"},
+        {0, 4096, "Could not get device block size\n"},
+        {512, -22, "Could not get device size\n"},
+        {512, 4096, "RegisterTcmuDev error"}};  // after what the registry says
+    for (const auto& [block, size, message] : rows) {
+        SCOPED_TRACE(message);
+        lib.hwBlockSize = block;
+        lib.size = size;
         auto dev = std::make_unique<MoScsiSrvTcmuDev>(&lib);
-        Strings expected{"[-1] " + row.message, "[-1] open error " + lib.cfgString};
-        if (row.message.starts_with("Reg")) {
+        Strings expected{"[-1] " + message, "[-1] open error " + lib.cfgString};
+        if (message.starts_with("Reg")) {
             ASSERT_EQ(first.TcmuDevOpen(), 0);
             expected.insert(expected.begin(),
                             {"+map",
