@@ -115,10 +115,8 @@ TEST_F(TcmuDevCommandTest, TransferIsDescribedToTheHostInBytesAndBuffers) {
         EXPECT_EQ(ioctx->offset, lba * 4096);
         EXPECT_EQ(ioctx->length, blocks * 4096);
         ASSERT_EQ(static_cast<size_t>(ioctx->iovcnt), command.entries.size());
-        EXPECT_TRUE(std::ranges::equal(
-            std::span(ioctx->iov, command.iov_cnt), command.entries, [](auto& one, auto& other) {
-                return one.iov_base == other.iov_base && one.iov_len == other.iov_len;
-            }));
+        EXPECT_TRUE(std::ranges::equal(std::as_bytes(std::span(ioctx->iov, command.iov_cnt)),
+                                       std::as_bytes(std::span(command.entries))));
         EXPECT_EQ(manager.Ioctx_GetPriv(ioctx), dev.get());
         Platform().IODone(ioctx, static_cast<long>(ioctx->length));
     }

@@ -2,14 +2,13 @@
 
 #include <gmock/gmock.h>
 
-#include <fstream>
-
 #include "adapters/framework/MoProcess.h"
 #include "adapters/runner/DbusService.h"
 #include "adapters/runner/Runner.h"
 #include "adapters/runner/ThreadSignals.h"
 #include "host/BusWait.h"
 #include "tests/support/CapturingLogWriter.h"
+#include "tests/support/FakeConfigfs.h"
 #include "tests/support/FakeLibtcmuApi.h"
 #include "tests/support/PrivateBus.h"
 #include "tests/support/TempDirectory.h"
@@ -21,19 +20,15 @@ using namespace testing;  // matchers
 /// What a stop may have to leave in use lives to the end of the process.
 template <typename T>
 T& Kept() {
-    static auto* kept = new std::vector<T*>;
-    kept->push_back(new T);
-    return *kept->back();
+    static auto& kept = *new std::vector<T*>;
+    return *kept.emplace_back(new T);
 }
 
 inline std::string Content(const fs::path& file) {
+    std::string line;
     std::ifstream stream(file);
-    return {std::istreambuf_iterator<char>(stream), {}};
-}
-
-inline void Fill(const fs::path& file, const std::string& text) {
-    fs::create_directories(file.parent_path());
-    std::ofstream(file) << text;
+    std::getline(stream, line);
+    return line;
 }
 
 inline void ExpectEventually(const std::function<bool()>& condition) {
@@ -57,8 +52,8 @@ class RunnerTest : public Test {
         if (!bus.Running())
             GTEST_SKIP() << "dbus-daemon is not installed";
         CapturingLogWriter::Installed().Reset(1);
-        Fill(block, "0");
-        Fill(reset, "0");
+        FakeConfigfs::Write(block, "0");
+        FakeConfigfs::Write(reset, "0");
         environment.tcmu = &api;
         environment.familyRegistered = [] { return true; };
         environment.makeHandler = MakePluginHandler;
@@ -71,8 +66,10 @@ class RunnerTest : public Test {
         api.existing = {&device};
     }
     void TearDown() override {
-        if (runner.joinable())
-            Stop();
+        if (!runner.joinable())
+            return;
+        EXPECT_EQ(Stop(), 0);
+        EXPECT_TRUE(api.closed);
     }
 
     // Gives the device its place in sysfs and configfs.
@@ -80,9 +77,9 @@ class RunnerTest : public Test {
         static int number = 0;
         dev.cfgString = cfgString;
         dev.uioName = "uio" + std::to_string(++number);
-        Fill(environment.uioClass / dev.uioName / "name",
-             "tcm-user/3/lun" + std::to_string(number) + "/" + cfgString + "\n");
-        Fill(BlockFile(dev), "0");
+        FakeConfigfs::Write(environment.uioClass / dev.uioName / "name",
+                            "tcm-user/3/lun" + std::to_string(number) + "/" + cfgString);
+        FakeConfigfs::Write(BlockFile(dev), "0");
     }
     fs::path BlockFile(const FakeDevice& dev) const {
         return environment.backstores / "user_3" / ("lun" + dev.uioName.substr(3)) /
