@@ -9,9 +9,7 @@ using namespace ringlayout;
 
 const Bytes kTestUnitReady(6);
 
-Bytes Read10(uint8_t tag = 0) {
-    return {0x28, 0, 0, 0, 0, tag, 0, 0, 8, 0};
-}
+const Bytes kRead10 = {0x28, 0, 0, 0, 0, 0, 0, 0, 8, 0};
 
 struct Rig {
     KernelRing kernel;
@@ -89,7 +87,7 @@ TEST_F(RingTest, ABadEntryIsAnsweredAndTheNextCommandServed) {
     };
     for (const auto& [at, value, width] : damages) {
         SCOPED_TRACE(testing::Message() << at << ": " << value);
-        kernel.Put(Read10(), {{0, 512}});
+        kernel.Put(kRead10, {{0, 512}});
         Overwrite(at, value, width);
         EXPECT_EQ(ring.Fetch(), nullptr);
         const auto answer = ReapOne();
@@ -140,7 +138,7 @@ TEST_F(RingTest, ADrainHoldsBackOnlySoMuch) {
         const size_t bound = read ? Doorbell::kMostReadBytes / 65536 : Doorbell::kMostAnswers;
         ring.BeginDrain();
         for (size_t i = 1; i <= bound + 1; i++) {
-            ring.Complete(PutAndFetch(read ? Read10() : Bytes{0x2A}, {{0, 65536}}), 0);
+            ring.Complete(PutAndFetch(read ? kRead10 : Bytes{0x2A}, {{0, 65536}}), 0);
             ring.RingDoorbell();
             EXPECT_EQ(kernel.Doorbells(), i == bound ? 1U : 0U) << i;
             kernel.Reap();

@@ -83,9 +83,6 @@ class WrapperTest(ProgramTest):
     def do(self, script, *args, **env):
         return self.finish(self.start_do(script, *args, **env))
 
-    def limit_to_nothing(self):
-        self.write("run/targetcli/limit", "0\n")
-
     # Only the set of preferences and the lock stay behind.
     def assert_nothing_left(self):
         self.assertRegex(" ".join(sorted(os.listdir(self.state))), r"^lock preferences\.\S+$")
@@ -197,7 +194,7 @@ class Limits(WrapperTest):
             pid, child = self.pid(), self.pid("child")
             process.send_signal(signal.SIGINT)
             if blocked:  # the caller keeps the signal to itself
-                self.limit_to_nothing()
+                self.write("run/targetcli/limit", "0\n")
             self.expect(process, status, line)
             self.assertFalse(is_running(pid))
             wait_until(lambda: not is_running(child))
@@ -246,7 +243,7 @@ class Preferences(WrapperTest):
             self.assertRegex(err, rf"^targetcli's preferences can't be made: .*{reason}\n$")
 
     def test_one_that_waits_for_another_to_make_them_names_it_at_the_limit(self):
-        self.limit_to_nothing()
+        self.write("run/targetcli/limit", "0\n")
         with open(self.state / "lock", "w") as lock:
             fcntl.flock(lock, fcntl.LOCK_EX)
             self.expect(self.start("ls"), 124, rf".*process {os.getpid()} \(\S+\) is making them.*")

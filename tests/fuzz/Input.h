@@ -8,8 +8,7 @@
 #include <vector>
 
 /// A fuzzer's bytes, taken from the front; zeros when they are used up.
-class Input {
-  public:
+struct Input {
     Input(const uint8_t* data, size_t size) : m_data(data), m_left(size) {}
 
     bool Empty() const { return m_left == 0; }

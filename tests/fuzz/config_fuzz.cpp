@@ -7,8 +7,7 @@
 using namespace moscsi::host;
 
 /// A machine on which every path is a new file.
-class EmptyStorage : public Storage {
-  public:
+struct EmptyStorage : Storage {
     PathFacts LookAt(const std::string& path) const override {
         PathFacts facts;
         facts.identity = path;

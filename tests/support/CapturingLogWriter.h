@@ -23,8 +23,7 @@ inline std::string PointerText(const void* p) {
 /// logging when the next test begins; a test starts with Reset.
 ///
 /// Thread: any.
-class CapturingLogWriter : public CLogWriterInterface {
-  public:
+struct CapturingLogWriter : CLogWriterInterface {
     using Strings = std::vector<std::string>;
 
     /// The process's writer, put in place of the framework's own at the first call.

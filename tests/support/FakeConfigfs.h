@@ -7,8 +7,7 @@
 
 /// A directory tree with the shape that the kernel's target shows in configfs. The real one is
 /// looked at in the VM's scenarios; this one can be bent into every wrong state.
-class FakeConfigfs {
-  public:
+struct FakeConfigfs {
     using Path = std::filesystem::path;
 
     explicit FakeConfigfs(Path root) : m_root(std::move(root)) {}

@@ -76,8 +76,7 @@ struct FakeDevice {
 };
 
 /// libtcmu without a kernel: devices are what the test makes, netlink events what it announces.
-class FakeLibtcmuApi : public LibtcmuApi {
-  public:
+struct FakeLibtcmuApi : LibtcmuApi {
     std::vector<FakeDevice*> existing;  // found by Initialize
     std::function<int()> onInitialize = [] { return 0; };
     std::function<void()> onClose = [] {};

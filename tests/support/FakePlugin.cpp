@@ -24,8 +24,7 @@ std::string Variable(const char* name, const char* fallback) {
     return value != nullptr ? value : fallback;
 }
 
-class FakePlatform final : public NullPlatform {
-  public:
+struct FakePlatform final : NullPlatform {
     CRyError Initialize() override { return Done("Initialize", ""); }
     CRyError Cleanup() override { return Done("Cleanup", ""); }
 

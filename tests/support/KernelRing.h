@@ -42,8 +42,7 @@ struct SocketPair {
 /// answers taken out. It numbers commands with the lowest number that is free and pads the end of
 /// the ring.
 /// Thread: one.
-class KernelRing {
-  public:
+struct KernelRing {
     struct Answer {
         uint16_t number = 0;
         uint8_t status = 0xFF;

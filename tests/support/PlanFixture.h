@@ -16,8 +16,7 @@ const std::string kTarget = "[[target]]\nname='iqn.2026-01.com.example:t'\n";
 const std::string kHost = "iqn.2026-01.com.example:h";
 
 /// A machine with a few devices that this one hasn't got.
-class DeviceStorage : public Storage {
-  public:
+struct DeviceStorage : Storage {
     using Storage::Storage;
 
     PathFacts LookAt(const std::string& path) const override {

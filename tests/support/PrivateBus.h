@@ -5,8 +5,7 @@
 #include <cstdlib>
 
 /// A message bus of the test's own, which the process takes for the system bus.
-class PrivateBus {
-  public:
+struct PrivateBus {
     PrivateBus()
         : m_output(popen("exec setpriv --pdeathsig KILL dbus-daemon --session --nofork "
                          "--nopidfile --print-address=1 --print-pid=1 2>/dev/null",
@@ -21,7 +20,6 @@ class PrivateBus {
         pclose(m_output);
     }
     PrivateBus(const PrivateBus&) = delete;
-    PrivateBus& operator=(const PrivateBus&) = delete;
 
     /// False when dbus-daemon isn't installed.
     bool Running() const { return m_process > 0; }

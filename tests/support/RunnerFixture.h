@@ -45,8 +45,7 @@ inline Bytes Read10(uint8_t lba) {
 
 /// A runner on a thread of its own, over the model of libtcmu and a bus and directories of the
 /// test's own. Objects of a test that a stop may have to leave in use must be Kept.
-class RunnerTest : public Test {
-  protected:
+struct RunnerTest : Test {
     void SetUp() override {
         static const PrivateBus bus;
         if (!bus.Running())

@@ -15,7 +15,6 @@ struct TempDirectory {
     }
     ~TempDirectory() { std::filesystem::remove_all(path); }
     TempDirectory(const TempDirectory&) = delete;
-    TempDirectory& operator=(const TempDirectory&) = delete;
 
     std::filesystem::path path;
 };

@@ -25,8 +25,7 @@ struct MoScsiSrvLIOTest {
 /// A host that serves one LUN from memory, each transfer on a thread of its own, or at once on the
 /// device's without `threads`. It can hold what it was given. Transfers beyond the memory move
 /// nothing.
-class TestHost : public MoScsiBStorOps {
-  public:
+struct TestHost : MoScsiBStorOps {
     explicit TestHost(const std::string& cfgString, bool threads = true)
         : data(1 << 20), m_threads(threads) {
         MoScsiSrvLIOTest::AddLun(cfgString, this);
