@@ -112,7 +112,7 @@ TEST_F(GateTest, DataTooEarlyIsAnsweredByTheGateWhichAsksNowAndThen) {
     EXPECT_LT(Counters()["gate: own TEST UNIT READY"], 1000U) << "each that fails is logged";
 
     MoScsiSrvLIOTest::AddLun(device.cfgString, &host);
-    EXPECT_TRUE(FakeDevice::Eventually([&] { return Move(0x28) == "good"; }));
+    EXPECT_TRUE(Eventually([&] { return Move(0x28) == "good"; }));
     const uint64_t asked = Counters()["gate: own TEST UNIT READY"];
     EXPECT_EQ(Move(0x28), "good");
     EXPECT_EQ(Counters()["gate: own TEST UNIT READY"], asked) << "asks no more once it is known";

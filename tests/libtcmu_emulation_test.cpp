@@ -2,7 +2,6 @@
 // is shown by tests/fuzz/emulation_fuzz.cpp.
 
 #include "adapters/libtcmu/Cdb.h"
-#include "tests/support/Emulate.h"
 #include "tests/support/FakeLibtcmuApi.h"
 
 Bytes Text(std::string_view text) {

@@ -25,7 +25,7 @@ TEST_F(RunnerTest, ServesWhatWasThereAndWhatComesAndStopsInOrder) {
     for (const char* part : {"/MoScsiSrvTcmu\"", "/moscsisrvtcmu\"", "ConfigDesc"})
         EXPECT_THAT(Objects(), HasSubstr(part));
     api.Announce(second);
-    ExpectEventually([&] { return api.answered == 1; });
+    EXPECT_TRUE(Eventually([&] { return api.answered == 1; }));
 
     for (FakeDevice* dev : {&device, &second}) {
         memset(dev->ring.Data(), 0x5A, 512);
@@ -40,7 +40,7 @@ TEST_F(RunnerTest, ServesWhatWasThereAndWhatComesAndStopsInOrder) {
     EXPECT_TRUE(api.closed);
     EXPECT_EQ(Content(BlockFile(device)) + Content(BlockFile(second)), "11");
     EXPECT_FALSE(NameTaken());
-    EXPECT_THAT(Log(-1), IsEmpty());
+    EXPECT_THAT(log.Texts(-1), IsEmpty());
 }
 
 TEST_F(RunnerTest, HostWaitsForBothObjectsAtFirstAndTheNameGoneAtLast) {
@@ -64,11 +64,11 @@ TEST_F(RunnerTest, HostWaitsForBothObjectsAtFirstAndTheNameGoneAtLast) {
 
 TEST_F(RunnerTest, EachFailingPhaseIsOneLineAndACleanStop) {
     const auto fails = [&](const std::string& line) {
-        CapturingLogWriter::Installed().Reset(0);
+        log.Reset(0);
         Start();
         runner.join();
         EXPECT_EQ(result, 1);
-        EXPECT_THAT(Log(-1), ElementsAre(HasSubstr(line)));
+        EXPECT_THAT(log.Texts(-1), ElementsAre(HasSubstr(line)));
     };
     {
         DbusService other;
@@ -91,7 +91,7 @@ TEST_F(RunnerTest, EachFailingPhaseIsOneLineAndACleanStop) {
     fails("libtcmu could not be initialised");
     EXPECT_EQ(Content(block), "0");
     api.onInitialize = [] { return 0; };
-    CapturingLogWriter::Installed().Reset(1);
+    log.Reset(1);
     StartAndWait();  // nothing of all that is left
 }
 
@@ -99,11 +99,11 @@ TEST_F(RunnerTest, InterruptEndsTheWaitForTheKernel) {
     std::atomic<int> looks{0};
     environment.familyRegistered = [&] { return ++looks < 0; };
     Start();
-    ExpectEventually([&] { return looks > 3; });
+    EXPECT_TRUE(Eventually([&] { return looks > 3; }));
     EXPECT_TRUE(NameTaken());
     EXPECT_EQ(Stop(), 0);
     EXPECT_THAT(api.subTypes, IsEmpty()) << "initialised";
-    EXPECT_THAT(Log(-1), IsEmpty());
+    EXPECT_THAT(log.Texts(-1), IsEmpty());
 }
 
 TEST_F(RunnerTest, StopLeavesOpenWhatTheHostHolds) {
@@ -112,9 +112,9 @@ TEST_F(RunnerTest, StopLeavesOpenWhatTheHostHolds) {
     StartAndWait();
     host.hold = true;
     const auto ticket = device.Submit(Read10(3), {{0, 512}});
-    ExpectEventually([&] { return host.given == 1; });
+    EXPECT_TRUE(Eventually([&] { return host.given == 1; }));
     EXPECT_EQ(Stop(), 0);
-    EXPECT_THAT(Log(-1),
+    EXPECT_THAT(log.Texts(-1),
                 Contains(HasSubstr(device.cfgString + ": the host still holds 1 commands")));
     EXPECT_FALSE(api.closed) << "the real one would wait for ever";
     EXPECT_FALSE(NameTaken());
@@ -134,19 +134,19 @@ TEST_F(RunnerTest, RemovalWaitsForTheHostAndOthersGoOn) {
     api.existing = {&device, &other};
     StartAndWait();
     const auto answered = [&](int count) {
-        ExpectEventually([&] { return api.answered == count; });
+        EXPECT_TRUE(Eventually([&] { return api.answered == count; }));
     };
     host.hold = true;
     const auto ticket = device.Submit(Read10(3), {{0, 512}});
-    ExpectEventually([&] { return host.given == 1; });
+    EXPECT_TRUE(Eventually([&] { return host.given == 1; }));
     api.Remove(device);
-    ExpectEventually([&] { return host.aborts == 1; });
+    EXPECT_TRUE(Eventually([&] { return host.aborts == 1; }));
     EXPECT_EQ(other.StatusOf(Read10(3), {{0, 512}}), 0);
     EXPECT_EQ(api.answered, 0) << "the context still points into the ring";
     host.Release();
     EXPECT_EQ(device.WaitForAnswer(ticket).status, 0);
     answered(1);
-    EXPECT_THAT(Log(0), Contains(HasSubstr("close success " + device.cfgString)));
+    EXPECT_THAT(log.Texts(0), Contains(HasSubstr("close success " + device.cfgString)));
 
     api.Remove(stranger);  // one that isn't served
     answered(2);
@@ -188,18 +188,18 @@ TEST_F(RunnerTest, CompletionsOfSeveralThreadsNeverMixUp) {
 TEST_F(RunnerTest, HandlerIsClosedAfterItsThreadHasEnded) {
     TestHost host(device.cfgString);
     std::atomic<bool> let{false};
-    host.inside = [&] { EXPECT_TRUE(FakeDevice::Eventually([&] { return let.load(); })); };
+    host.inside = [&] { EXPECT_TRUE(Eventually([&] { return let.load(); })); };
     environment.stopLimit = std::chrono::milliseconds(20);
     StartAndWait();
     device.Submit(Read10(3), {{0, 512}});
-    ExpectEventually([&] { return host.given == 1; });
+    EXPECT_TRUE(Eventually([&] { return host.given == 1; }));
     api.Remove(device);
     EXPECT_EQ(Stop(), 0);  // bounded, though the host hasn't returned
     const auto closed = Contains(HasSubstr("close success " + device.cfgString));
-    EXPECT_THAT(Log(0), Not(closed));
+    EXPECT_THAT(log.Texts(0), Not(closed));
     let = true;
-    ExpectEventually([&] { return api.answered == 1; });
-    EXPECT_THAT(Log(0), closed);
+    EXPECT_TRUE(Eventually([&] { return api.answered == 1; }));
+    EXPECT_THAT(log.Texts(0), closed);
 }
 
 // 300 interrupts for the process: the host, which waits for them, gets every one.
@@ -222,7 +222,7 @@ TEST(InterruptWaitTest, TakesOnlyWhatIsSentToItsThread) {
         EXPECT_TRUE(wait.WaitFor(std::chrono::hours(1)));
         done = true;
     });
-    ASSERT_TRUE(FakeDevice::Eventually([&] { return waiting.load(); }));
+    ASSERT_TRUE(Eventually([&] { return waiting.load(); }));
     for (int i = 0; i < 300; ++i) {
         kill(getpid(), SIGINT);
         std::this_thread::yield();  // the waiter may look while nobody has taken it yet

@@ -5,7 +5,6 @@
 #include <memory>
 
 #include "tests/fuzz/Input.h"
-#include "tests/support/Emulate.h"
 #include "tests/support/FakeLibtcmuApi.h"
 
 /// The opcodes, and where they have an allocation length. MODE SELECT takes data.

@@ -1,9 +1,6 @@
-#include "tests/support/FakeLibtcmu.h"
+// Stands in for adapters/libtcmu; TcmuDevFixture.h has its device.
 
-#include <algorithm>
-#include <cstdio>
-
-#include "tests/support/CapturingLogWriter.h"
+#include "tests/support/TcmuDevFixture.h"
 
 namespace {
 
@@ -20,10 +17,6 @@ int Emulate(const std::string& call, iovec* iov, size_t iovCnt, uint8_t* sense) 
         iov->iov_len = 0;
     }
     return 0;
-}
-
-std::string Capacity(const char* call, uint64_t numLbas, uint32_t blockSize) {
-    return call + std::to_string(numLbas) + " " + std::to_string(blockSize);
 }
 
 }  // namespace
@@ -70,11 +63,13 @@ int tcmu_emulate_start_stop(tcmu_device*, uint8_t*, uint8_t* sense) {
 }
 int tcmu_emulate_read_capacity_10(uint64_t numLbas, uint32_t blockSize, uint8_t*, iovec* iov,
                                   size_t iovCnt, uint8_t* sense) {
-    return Emulate(Capacity("read_capacity_10 ", numLbas, blockSize), iov, iovCnt, sense);
+    return Emulate("read_capacity_10 " + std::to_string(numLbas) + " " + std::to_string(blockSize),
+                   iov, iovCnt, sense);
 }
 int tcmu_emulate_read_capacity_16(uint64_t numLbas, uint32_t blockSize, uint8_t*, iovec* iov,
                                   size_t iovCnt, uint8_t* sense) {
-    return Emulate(Capacity("read_capacity_16 ", numLbas, blockSize), iov, iovCnt, sense);
+    return Emulate("read_capacity_16 " + std::to_string(numLbas) + " " + std::to_string(blockSize),
+                   iov, iovCnt, sense);
 }
 
 void tcmulib_command_complete(tcmu_device* dev, tcmulib_cmd* cmd, int result) {

@@ -6,7 +6,7 @@
 #include <string>
 #include <thread>
 
-#include "adapters/libtcmu/LibtcmuApi.h"
+#include "adapters/libtcmu/Device.h"
 #include "tests/support/KernelRing.h"
 
 /// Bytes from hexadecimal digits, blanks allowed.
@@ -16,6 +16,17 @@ inline Bytes Hex(std::string text) {
     for (size_t i = 0; i < text.size(); i += 2)
         bytes.push_back(static_cast<uint8_t>(std::stoul(text.substr(i, 2), nullptr, 16)));
     return bytes;
+}
+
+/// Asks until the condition holds. Returns: whether it did within the deadline.
+inline bool Eventually(const std::function<bool()>& condition) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end)
+            return false;
+        std::this_thread::yield();
+    }
+    return true;
 }
 
 /// A device as libtcmu would know it. Thread: the test's.
@@ -58,17 +69,6 @@ struct FakeDevice {
     }
     uint8_t StatusOf(const Bytes& cdb, const Extents& data = {}) {
         return WaitForAnswer(Submit(cdb, data)).status;
-    }
-
-    /// Asks until the condition holds. Returns: whether it did within the deadline.
-    static bool Eventually(const std::function<bool()>& condition) {
-        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-        while (!condition()) {
-            if (std::chrono::steady_clock::now() > end)
-                return false;
-            std::this_thread::yield();
-        }
-        return true;
     }
 
   private:
@@ -166,3 +166,27 @@ struct FakeLibtcmuApi : LibtcmuApi {
     Callbacks m_callbacks;
     std::vector<FakeDevice*> m_known;
 };
+
+/// Runs the emulation of the CDB's opcode.
+inline int Emulate(tcmu_device& dev, uint8_t* cdb, iovec* iov, size_t count, uint8_t* sense) {
+    switch (cdb[0]) {
+        case 0x00:
+            return tcmu_emulate_test_unit_ready(cdb, iov, count, sense);
+        case 0x12:
+            return tcmu_emulate_inquiry(&dev, cdb, iov, count, sense);
+        case 0x15:
+        case 0x55:
+            return tcmu_emulate_mode_select(cdb, iov, count, sense);
+        case 0x1A:
+        case 0x5A:
+            return tcmu_emulate_mode_sense(cdb, iov, count, sense);
+        case 0x1B:
+            return tcmu_emulate_start_stop(&dev, cdb, sense);
+        case 0x25:
+            return tcmu_emulate_read_capacity_10(dev.numLbas, dev.blockSize, cdb, iov, count,
+                                                 sense);
+        default:
+            return tcmu_emulate_read_capacity_16(dev.numLbas, dev.blockSize, cdb, iov, count,
+                                                 sense);
+    }
+}

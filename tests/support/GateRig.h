@@ -1,6 +1,5 @@
 #pragma once
 
-#include "adapters/libtcmu/Device.h"
 #include "adapters/runner/CommandGate.h"
 #include "adapters/runner/DeviceHandler.h"
 #include "tests/support/FakeLibtcmuApi.h"

@@ -1,12 +1,11 @@
-#include "tests/support/OsSeams.h"
+// The operating system's calls of the plug-in, watched; PlatformFixture.h says how.
 
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <csignal>
 
 #include "adapters/runner/tcmu_runner.h"
-#include "tests/support/CapturingLogWriter.h"
+#include "tests/support/PlatformFixture.h"
 
 const char* const kFakeTargetCli = FAKE_TARGETCLI_PATH;
 
@@ -92,8 +91,7 @@ int __wrap_nanosleep(const timespec* time, timespec* /*rest*/) {
     return 0;
 }
 
-int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
-                          void* (*entry)(void*), void* argument);
+decltype(pthread_create) __real_pthread_create;
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
                           void* (*entry)(void*), void* argument) {
     Note("thread");

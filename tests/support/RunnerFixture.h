@@ -10,12 +10,36 @@
 #include "tests/support/CapturingLogWriter.h"
 #include "tests/support/FakeConfigfs.h"
 #include "tests/support/FakeLibtcmuApi.h"
-#include "tests/support/PrivateBus.h"
 #include "tests/support/TempDirectory.h"
 
 namespace fs = std::filesystem;
 using namespace moscsi::host;
 using namespace testing;  // matchers
+
+/// A message bus of the test's own, which the process takes for the system bus.
+struct PrivateBus {
+    PrivateBus()
+        : m_output(popen("exec setpriv --pdeathsig KILL dbus-daemon --session --nofork "
+                         "--nopidfile --print-address=1 --print-pid=1 2>/dev/null",
+                         "re")) {
+        char address[256];
+        if (fscanf(m_output, "%255s %d", address, &m_process) == 2)
+            setenv("DBUS_SYSTEM_BUS_ADDRESS", address, 1);
+    }
+    ~PrivateBus() {
+        if (Running())
+            kill(m_process, SIGKILL);
+        pclose(m_output);
+    }
+    PrivateBus(const PrivateBus&) = delete;
+
+    /// False when dbus-daemon isn't installed.
+    bool Running() const { return m_process > 0; }
+
+  private:
+    FILE* m_output;
+    pid_t m_process = -1;
+};
 
 /// What a stop may have to leave in use lives to the end of the process.
 template <typename T>
@@ -31,14 +55,6 @@ inline std::string Content(const fs::path& file) {
     return line;
 }
 
-inline void ExpectEventually(const std::function<bool()>& condition) {
-    ASSERT_TRUE(FakeDevice::Eventually(condition));
-}
-
-inline std::vector<std::string> Log(int level) {
-    return CapturingLogWriter::Installed().Texts(level);
-}
-
 inline Bytes Read10(uint8_t lba) {
     return {0x28, 0, 0, 0, 0, lba, 0, 0, 1, 0};
 }
@@ -50,7 +66,7 @@ struct RunnerTest : Test {
         static const PrivateBus bus;
         if (!bus.Running())
             GTEST_SKIP() << "dbus-daemon is not installed";
-        CapturingLogWriter::Installed().Reset(1);
+        log.Reset(1);
         FakeConfigfs::Write(block, "0");
         FakeConfigfs::Write(reset, "0");
         environment.tcmu = &api;
@@ -93,7 +109,8 @@ struct RunnerTest : Test {
     }
     void StartAndWait() {
         Start();
-        ExpectEventually([] { return PrintToString(Log(1)).find("ready") != std::string::npos; });
+        EXPECT_TRUE(Eventually(
+            [this] { return PrintToString(log.Texts(1)).find("ready") != std::string::npos; }));
     }
     int Stop() {
         pthread_kill(runner.native_handle(), SIGINT);
@@ -112,6 +129,7 @@ struct RunnerTest : Test {
         return reply;
     }
 
+    CapturingLogWriter& log = CapturingLogWriter::Installed();
     const ThreadSignals signals;
     TempDirectory directory;
     const fs::path block = directory.path / "parameters/block_netlink";
