@@ -157,6 +157,8 @@ TEST_F(RunnerTest, RemovalWaitsForTheHostAndOthersGoOn) {
     api.Announce(device);  // the string of a removed one
     answered(4);
     EXPECT_EQ(device.StatusOf(Read10(3), {{0, 512}}), 0);
+    EXPECT_EQ(Stop(), 0);  // before the hosts go
+    EXPECT_TRUE(api.closed);
 }
 
 TEST_F(RunnerTest, CompletionsOfSeveralThreadsNeverMixUp) {

@@ -2,10 +2,8 @@
 
 #include "tests/support/TcmuDevFixture.h"
 
-namespace {
-
 /// As the real ones do: fills all buffers and consumes the entries while it goes.
-int Emulate(const std::string& call, iovec* iov, size_t iovCnt, uint8_t* sense) {
+static int Emulate(const std::string& call, iovec* iov, size_t iovCnt, uint8_t* sense) {
     CapturingLogWriter::Installed().Note(call);
     if (g_emulationStatus != 0) {
         tcmu_set_sense_data(sense, 7, 0x1234);
@@ -18,8 +16,6 @@ int Emulate(const std::string& call, iovec* iov, size_t iovCnt, uint8_t* sense) 
     }
     return 0;
 }
-
-}  // namespace
 
 const char* tcmu_get_dev_cfgstring(tcmu_device* dev) {
     return dev->cfgString.c_str();

@@ -15,11 +15,9 @@
 #include "tests/support/FakeConfigfs.h"
 #include "tests/support/NullPlatform.h"
 
-namespace {
-
 constexpr uint32_t kAutomatic = 0xFFFFFFFF;
 
-std::string Variable(const char* name, const char* fallback) {
+static std::string Variable(const char* name, const char* fallback) {
     const char* value = getenv(name);
     return value != nullptr ? value : fallback;
 }
@@ -96,8 +94,6 @@ struct FakePlatform final : NullPlatform {
     FakeConfigfs m_tree{Variable("MOSCSI_CONFIGFS_ROOT", "")};
     std::map<std::string, int> m_calls;
 };
-
-}  // namespace
 
 extern "C" __attribute__((visibility("default"))) void* GetMOScsiPlatformObj() {
     static auto* platform = new FakePlatform;

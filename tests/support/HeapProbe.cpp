@@ -3,11 +3,9 @@
 #include <cstdlib>
 #include <new>
 
-namespace {
-
 constexpr std::align_val_t kUsual{alignof(std::max_align_t)};
 
-void* Allocate(size_t bytes, std::align_val_t alignment = kUsual) {
+static void* Allocate(size_t bytes, std::align_val_t alignment = kUsual) {
     ++heap_probe::t_allocations;
     auto& plan = heap_probe::Fault::t_plan;
     if (plan.count != 0 && (plan.size == 0 || plan.size == bytes) && plan.skip-- == 0) {
@@ -20,12 +18,10 @@ void* Allocate(size_t bytes, std::align_val_t alignment = kUsual) {
     return std::aligned_alloc(unit, (bytes / unit + 1) * unit);
 }
 
-void* AllocateOrThrow(size_t bytes, std::align_val_t alignment = kUsual) {
+static void* AllocateOrThrow(size_t bytes, std::align_val_t alignment = kUsual) {
     void* p = Allocate(bytes, alignment);
     return p != nullptr ? p : throw std::bad_alloc();
 }
-
-}  // namespace
 
 // All that is used, because a sanitizer's own would otherwise answer for the rest.
 void* operator new(size_t n) {

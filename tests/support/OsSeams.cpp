@@ -9,9 +9,7 @@
 
 const char* const kFakeTargetCli = FAKE_TARGETCLI_PATH;
 
-namespace {
-
-bool Fails(OsSeams::Call call) {
+static bool Fails(OsSeams::Call call) {
     auto& plan = g_os.fail[call];
     if (plan.nth == 0 || --plan.nth != 0)
         return false;
@@ -19,11 +17,9 @@ bool Fails(OsSeams::Call call) {
     return true;
 }
 
-void Note(const std::string& text) {
+static void Note(const std::string& text) {
     CapturingLogWriter::Installed().Note(text);
 }
-
-}  // namespace
 
 int tcmu_runner_main(int argc, char** argv) {
     // As the real one does, to the end of the process: nobody else holds the strings.

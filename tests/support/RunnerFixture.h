@@ -81,10 +81,8 @@ struct RunnerTest : Test {
         api.existing = {&device};
     }
     void TearDown() override {
-        if (!runner.joinable())
-            return;
-        EXPECT_EQ(Stop(), 0);
-        EXPECT_TRUE(api.closed);
+        if (runner.joinable())
+            Stop();
     }
 
     // Gives the device its place in sysfs and configfs.
