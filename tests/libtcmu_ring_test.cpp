@@ -22,11 +22,6 @@ struct Rig {
             throw std::runtime_error("nothing to fetch");
         return *command;
     }
-    KernelRing::Answer ReapOne() {
-        const auto answers = kernel.Reap();
-        EXPECT_EQ(answers.size(), 1U);
-        return answers.at(0);
-    }
     Bytes Memory() { return {kernel.Memory(), kernel.Memory() + kernel.Length()}; }
 
     /// Serves commands until the ring is full of old entries and the next one stands at `offset`.
@@ -90,13 +85,13 @@ TEST_F(RingTest, ABadEntryIsAnsweredAndTheNextCommandServed) {
         kernel.Put(kRead10, {{0, 512}});
         Overwrite(at, value, width);
         EXPECT_EQ(ring.Fetch(), nullptr);
-        const auto answer = ReapOne();
+        const auto answer = kernel.Reap().at(0);
         EXPECT_EQ(answer.status, TCMU_STATUS_CHECK_CONDITION);
         EXPECT_EQ(answer.sense[2], 0x4);
     }
     EXPECT_EQ(ring.GetStats().badEntries, std::size(damages));
     ring.Complete(PutAndFetch(kTestUnitReady), 0);
-    EXPECT_EQ(ReapOne().status, 0);
+    EXPECT_EQ(kernel.Reap().at(0).status, 0);
 }
 
 TEST(Ring, AMailboxThatPointsElsewhereIsRefused) {

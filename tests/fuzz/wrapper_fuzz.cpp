@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 
 #include "adapters/targetcli/UserBackstoreCheck.h"
 #include "adapters/targetcli/Version.h"
@@ -12,13 +13,6 @@
 
 namespace fs = std::filesystem;
 using namespace moscsi::wrapper;
-
-std::vector<std::string> Lines(const std::string& text) {
-    std::vector<std::string> lines{""};
-    for (const char c : text)
-        c == '\n' ? (void)lines.emplace_back() : lines.back().push_back(c);
-    return lines;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const fs::path root = fs::temp_directory_path() / ("fuzz." + std::to_string(getpid()));
@@ -34,7 +28,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Check(older.find_first_of(" \n") == std::string::npos, "a version is one word");
     Check(older.empty() || older >= "0", "a version begins with a digit");
 
-    const auto create = UserBackstoreCreate::parse(Lines(text));
+    std::vector<std::string> arguments;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);)
+        arguments.push_back(line);
+    const auto create = UserBackstoreCreate::parse(arguments);
     if (!create)
         return 0;
     std::ofstream(object / "info")

@@ -40,16 +40,13 @@ struct PlanTest : Test {
     PlanTest() {
         Make("good.img", 1024);
         for (const std::string device : {"sys/7:0", "sys/7:1", "sys/7:2", "sys/7:3"}) {
-            Write(device + "/size", "8");
-            Write(device + "/ro", device == "sys/7:1" ? "1" : "0");
+            FakeConfigfs::Write(dir / (device + "/size"), "8");
+            FakeConfigfs::Write(dir / (device + "/ro"), device == "sys/7:1" ? "1" : "0");
         }
-        Write("sys/7:2/loop2p1/partition", "1");
-        Write("sys/7:2/loop2p1/dev", "259:5");
-        Write("mountinfo", "36 1 259:5 / /srv/data rw - ext4 /dev/none rw");
-        Write("sys/7:3/holders/dm-0/dev", "");
-    }
-    void Write(const std::string& name, const std::string& text) {
-        FakeConfigfs::Write(dir / name, text);
+        FakeConfigfs::Write(dir / "sys/7:2/loop2p1/partition", "1");
+        FakeConfigfs::Write(dir / "sys/7:2/loop2p1/dev", "259:5");
+        FakeConfigfs::Write(dir / "mountinfo", "36 1 259:5 / /srv/data rw - ext4 /dev/none rw");
+        FakeConfigfs::Write(dir / "sys/7:3/holders/dm-0/dev", "");
     }
     void Make(const std::string& name, uintmax_t length) {
         std::ofstream(dir / name).close();
