@@ -5,8 +5,6 @@
 #include "tests/support/CapturingLogWriter.h"
 #include "tests/support/GateRig.h"
 
-constexpr uint64_t kBlock = GateRig::kBlock;
-
 struct GateTest : testing::Test, GateRig {
     CapturingLogWriter& log = CapturingLogWriter::Installed();  // before the runner's thread logs
     TestHost host{device.cfgString, false};
