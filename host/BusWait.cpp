@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <memory>
 #include <thread>
 
@@ -19,11 +20,26 @@ constexpr const char* kObjects[] = {"/org/kernel/TCMUService1/MoScsiSrvTcmu",
                                     "/org/kernel/TCMUService1/moscsisrvtcmu"};
 constexpr std::chrono::milliseconds kPoll{100};
 constexpr uint64_t kCallMicroseconds = 2000000;
+constexpr std::chrono::seconds kOpenLimit{5};
+
+/// On a thread of its own: with a bus that accepts and never answers the library waits 90 s, and
+/// nothing but the end of the process cuts that short.
+std::unique_ptr<sdbus::IConnection> OpenBus() {
+    std::packaged_task<std::unique_ptr<sdbus::IConnection>()> open(
+        [] { return sdbus::createSystemBusConnection(); });
+    auto connection = open.get_future();
+    std::thread(std::move(open)).detach();
+    if (connection.wait_for(kOpenLimit) != std::future_status::ready)
+        throw sdbus::Error(
+            "org.freedesktop.DBus.Error.NoReply",
+            fmt::format("it accepts a connection and says nothing for {} s", kOpenLimit.count()));
+    return connection.get();
+}
 
 /// The bus, asked synchronously.
 class Bus {
   public:
-    Bus() : m_connection(sdbus::createSystemBusConnection()) {}
+    Bus() : m_connection(OpenBus()) {}
 
     /// The unique name of the owner; empty when there is none. Starts nobody.
     std::string Owner() {

@@ -10,6 +10,7 @@
 #include "adapters/framework/LogWriters.h"
 #include "host/Application.h"
 #include "host/BusWait.h"
+#include "host/EarlierCommands.h"
 #include "host/HostLock.h"
 #include "host/HostStatus.h"
 #include "host/Plugin.h"
@@ -21,6 +22,7 @@ namespace moscsi::host {
 namespace {
 
 constexpr std::chrono::seconds kBusLimit{20};
+constexpr std::chrono::seconds kCommandLimit{150};  // the wrapper gives up after 20 s and 120 s
 constexpr std::chrono::seconds kStopBase{30};
 constexpr std::chrono::seconds kStopPerObject{3};
 constexpr std::chrono::seconds kRunnerLimit{15};  // the runner itself gives up after 10 s
@@ -55,6 +57,7 @@ class Service {
     bool Load();
     bool Start();
     bool WaitForBus();
+    bool WaitForEarlier();
     bool PrepareData();
     bool Apply();
     void TakeDown(bool all);
@@ -125,6 +128,20 @@ bool Service::WaitForBus() {
                                          ENODEV, "%s", lacking.c_str());
         });
     return !result.IsError() || Fail(result.Message());
+}
+
+// After the runner's start: that frees a command which waits in the kernel for the earlier host.
+bool Service::WaitForEarlier() {
+    const std::filesystem::path wrapper = m_environment.home / "bin/targetcli";
+    const pid_t running = EarlierCommand(wrapper);
+    if (running == 0)
+        return true;
+    m_console.Say(
+        fmt::format("waiting for a targetcli that an earlier host started (process {})", running));
+    const pid_t left =
+        WaitForEarlierCommands(wrapper, kCommandLimit, [this] { return m_stop.Asked(); });
+    return left == 0 || m_stop.Asked() ||
+           Fail(fmt::format("process {} still runs {}: end it", left, wrapper.string()));
 }
 
 bool Service::PrepareData() {
@@ -205,7 +222,7 @@ void Service::GiveUp() {
 int Service::Run() {
     if (!Load())
         return 1;
-    const bool served = Start() && WaitForBus() && Apply();
+    const bool served = Start() && WaitForBus() && WaitForEarlier() && Apply();
     if (served) {
         m_status.SetPhase("ready");
         m_console.Say(fmt::format("serving {} target(s), port {}; stop with SIGINT or SIGTERM",

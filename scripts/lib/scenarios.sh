@@ -3,11 +3,11 @@
 # Which scenarios run in which boot, and what became of them. Sourced by scripts/vm.
 #
 # The head of tests/vm/NAME.sh says how it wants to run:
-#   # boot: own    in a guest that nothing else has used
+#   # boot: first  in the shared boot, but before those that use the kernel's user backstores
 #   # boot: host   on this machine; it calls scripts/vm (in $VM) itself, for several boots
 #   # soak: only   only with --soak; the others see MOSCSI_SOAK=1 then and take their long form
 #   # limit: S     seconds it may take (300)
-# Those without a "boot" share one.
+# All but the last kind share one.
 
 scenario_dir=$root/tests/vm
 scenario_says() { # NAME KEY DEFAULT
@@ -55,7 +55,7 @@ run_on_host() {
 
 # run_scenarios SOAK NAME...: all when no name is given.
 run_scenarios() {
-    local soak=$1 name names shared=() counts left
+    local soak=$1 name names first=() shared=() counts left
     shift
     names=("$@")
     if ((!$#)); then
@@ -69,11 +69,12 @@ run_scenarios() {
         [[ -x $scenario_dir/$name.sh ]] || fail "there is no scenario $scenario_dir/$name.sh that can be run"
         [[ $(scenario_says "$name" soak '') != only ]] || ((soak)) || continue
         case $(scenario_says "$name" boot shared) in
-        own) run_batch "$name" ;;
+        first) first+=("$name") ;;
         host) run_on_host "$name" ;;
         *) shared+=("$name") ;;
         esac
     done
+    shared=("${first[@]}" "${shared[@]}")
     while ((${#shared[@]})); do
         run_batch "${shared[@]}"
         left=()

@@ -27,14 +27,17 @@ counter() { moscsi-host status --json | jq "[.counters[].values[\"$1\"] // 0] | 
 # The length follows from the opcode's group; for the groups that have none any length will do. 0x7F
 # states its own in byte 7.
 commands() {
-    local opcode round length direction i cdb lengths=(6 10 10 0 16 12 0 0)
+    local opcode round length direction i byte cdb lengths=(6 10 10 0 16 12 0 0)
     for ((round = 0; round < rounds; round++)); do
         for ((opcode = 0; opcode < 256; opcode++)); do
             length=${lengths[opcode >> 5]}
             ((length)) || length=$((6 + RANDOM % 6 * 2))
             ((opcode != 0x7f)) || length=16
-            cdb=$(printf %02x $opcode)
-            for ((i = 1; i < length; i++)); do cdb+=$(printf ' %02x' $((opcode == 0x7f && i == 7 ? 8 : RANDOM & 255))); done
+            printf -v cdb %02x $opcode
+            for ((i = 1; i < length; i++)); do
+                printf -v byte ' %02x' $((opcode == 0x7f && i == 7 ? 8 : RANDOM & 255))
+                cdb+=$byte
+            done
             direction=('' "--request=$((RANDOM % 9000 + 1))" "--send=$((RANDOM % 9000 + 1)) --infile=/dev/urandom")
             echo "${direction[RANDOM % 3]} $disk $cdb"
         done

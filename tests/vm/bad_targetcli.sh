@@ -17,13 +17,18 @@ esac
 exec /usr/bin/targetcli "\$@"
 FAKE
 chmod +x "$work/real"
-export MOSCSI_TARGETCLI_REAL=$work/real MOSCSI_TARGETCLI_TIMEOUT=20
-mode() { echo "$1" >"$work/mode"; }
+export MOSCSI_TARGETCLI_REAL=$work/real
+limit=/run/moscsi/targetcli/limit # the host's, for its stop
+cleanup rm -f $limit
+mode() {
+    echo "$1" >"$work/mode"
+    case $1 in hang | stubborn) echo 5 >$limit ;; *) rm -f $limit ;; esac
+}
 mode none
 
 step "Initialize" shell_start
 missing() { mv "$work/real" "$work/away"; }
-for case in "hang|20 s" "stubborn|20 s" "die|signal 9" "silent|status 1" "flood|xxxx" "missing|not"; do
+for case in "hang|5 s" "stubborn|5 s" "die|signal 9" "silent|status 1" "flood|xxxx" "missing|not"; do
     mode "${case%|*}"
     [[ ${case%|*} != missing ]] || missing
     step "a targetcli that is or does '${case%|*}'" refused "${case#*|}" create-target $target
@@ -39,6 +44,7 @@ shell_end
 truncate -s 8M "$work/lun.img"
 host_file $target iqn.2026-01.com.example:host-a "$(lun lun file 8MiB)" >"$work/host.toml"
 mode hang
+rm $limit
 MOSCSI_TARGETCLI_TIMEOUT=60 moscsi-host serve "$work/host.toml" >"$work/host.log" 2>&1 {say_fd}>&- &
 host_pid=$!
 cleanup host_end

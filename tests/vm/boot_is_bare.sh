@@ -1,7 +1,7 @@
 #!/bin/bash
 # A fresh guest has nothing of what the target needs; the service script's "-start" alone makes it
 # (no targetcli ran), a second one changes nothing, and "-stop" leaves it.
-# boot: own
+# boot: first
 . "$(dirname "$0")/../../scripts/lib/session.sh"
 
 modules=(target_core_mod iscsi_target_mod target_core_user target_core_file target_core_iblock)

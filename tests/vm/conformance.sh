@@ -107,13 +107,14 @@ awk '$2 != "SKIP" && $2 != "PASS" { printf "%11s%s: ours %s, file %s, tgt %s\n",
 
 # listed FILE STATE: what FILE names is in STATE with us, and nothing else is.
 listed() {
-    local pattern name state named wrong=''
+    local pattern patterns name state named wrong=''
+    mapfile -t patterns < <(sed '/^#/d; s/ .*//' "$lists/$1")
     while read -r name state _; do
         named=''
-        while read -r pattern _; do
+        for pattern in "${patterns[@]}"; do
             # shellcheck disable=SC2053 # a pattern is meant
             [[ $name != $pattern ]] || { named=$pattern && echo "$pattern" >>used; }
-        done < <(grep -v '^#' "$lists/$1")
+        done
         [[ $state == "$2" ]] && state=$2 || state=other
         if [[ $state$named == "$2" ]]; then wrong+=" $name isn't listed;"; fi
         if [[ $state == other && $named ]]; then wrong+=" $name is listed, and isn't $2;"; fi

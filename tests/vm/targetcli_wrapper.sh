@@ -2,7 +2,7 @@
 # The wrapper in front of the real targetcli: the version passes the gate, six first runs at once
 # share one set of preferences and leave the user's alone, a failed user create tells the same object
 # from another one, and one that hangs in the kernel is left behind.
-# boot: own
+# boot: first
 # (once a TCMU process has run since boot, enabling a device waits for one)
 . "$(dirname "$0")/../../scripts/lib/session.sh"
 

@@ -1,7 +1,6 @@
 #!/bin/bash
 # User LUNs made through targetcli: numbers, repeated creates, data of both kinds of backing, fio,
 # deletion under I/O.
-# boot: own
 # limit: 600
 by=targetcli
 . "$(dirname "$0")/user_luns_steps.sh"
