@@ -147,9 +147,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         RunOne(input, rig, model);
 
     // What the commands read and wrote was the LUN's whole content.
-    rig.Answer({0x28, 0, 0, 0, 0, 0, 0, kBlocks >> 8, kBlocks & 0xFF, 0}, {{0, kBlocks * kBlock}});
-    Check(std::equal(model.disk.begin(), model.disk.end(), rig.lib.ring.Data()),
-          "the LUN holds what was written and nothing else");
+    const auto whole = rig.Answer({0x28, 0, 0, 0, 0, 0, 0, kBlocks >> 8, kBlocks & 0xFF, 0},
+                                  {{0, kBlocks * kBlock}});
+    Check(
+        whole.has_value() && std::equal(model.disk.begin(), model.disk.end(), rig.lib.ring.Data()),
+        "the LUN holds what was written and nothing else");
     rig.handler.reset();
     return 0;
 }
