@@ -5,10 +5,7 @@
 root=$(cd "$(dirname "$0")/../.." && pwd)
 
 begin=$SECONDS
-target=iqn.2026-01.com.example:demo
-host_a=iqn.2026-01.com.example:host-a
-host_b=iqn.2026-01.com.example:host-b
-foreign=iqn.2003-01.org.example:foreign
+target=iqn.2026-01.com.example:demo # of host/demo.toml
 images=/var/lib/moscsi
 mib=64 # of each LUN, as host/demo.toml says
 
@@ -32,8 +29,7 @@ kernel_complaints() {
 say "-- The target's side"
 step "moscsi_server.sh -start prepares the kernel" "$service" -start
 if [[ -e /dev/virtio-ports/control ]]; then # of a virtual machine only: it may hold what it likes
-    step "a foreign target is there already" foreign_target $foreign
-    cleanup foreign_remove $foreign
+    step "a foreign target is there already" foreign_target
 fi
 initiator_start
 before=$(machine_state)
@@ -66,12 +62,12 @@ backing_of() {
 }
 
 say "-- The initiator's side"
-step "host-a logs in" login $host_a $target
-step "host-b logs in" login $host_b $target
-expect_luns $host_a $target "0 1 2 3"
-expect_luns $host_b $target "0"
+step "host-a logs in" login $a $target
+step "host-b logs in" login $b $target
+expect_luns $a $target "0 1 2 3"
+expect_luns $b $target "0"
 declare -A disk written
-for lun in 0 1 2 3; do disk[$lun]=$(disk_of $host_a $target $lun); done
+for lun in 0 1 2 3; do disk[$lun]=$(disk_of $a $target $lun); done
 lsscsi -s | sed 's/^/           /' >&"$say_fd"
 lsblk -d -o NAME,SIZE,VENDOR,MODEL,SERIAL "${disk[@]}" | sed 's/^/           /' >&"$say_fd"
 for lun in 2 3; do
@@ -96,10 +92,10 @@ for lun in 0 1 2 3; do
     step "LUN $lun: a file system, $mib MiB of random data in its place" file_system "${disk[$lun]}"
     written[$lun]=$(write_random "${disk[$lun]}" $mib)
 done
-step "host-a logs out" logout $host_a $target
-step "host-a logs in again" login $host_a $target
+step "host-a logs out" logout $a $target
+step "host-a logs in again" login $a $target
 for lun in 0 1 2 3; do
-    disk[$lun]=$(disk_of $host_a $target $lun)
+    disk[$lun]=$(disk_of $a $target $lun)
     step "LUN $lun: read with O_DIRECT" sum_of "${disk[$lun]}" $mib
     expect_eq "LUN $lun after the new login" "$(<"$work/step.log")" "${written[$lun]}"
     expect_eq "LUN $lun on the target's side" "$(sum_of "$(backing_of $lun)" $mib)" "${written[$lun]}"
@@ -109,8 +105,8 @@ step "moscsi-host status (counters that are not zero)" moscsi-host status
 grep -v ' 0$' "$work/step.log" | sed 's/^/           /' >&"$say_fd"
 
 say "-- The end"
-step "both initiators log out" forget $host_a $target $portal
-forget $host_b $target $portal >/dev/null
+step "both initiators log out" forget $a $target $portal
+forget $b $target $portal >/dev/null
 step "moscsi-host ends" host_stop
 detach
 expect_eq "the machine afterwards" "$(machine_state)" "$before"

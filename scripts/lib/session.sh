@@ -8,6 +8,10 @@ set -euo pipefail
 scenario=$(basename "$0" .sh)
 work=/tmp/$scenario.$$ # the scenario's own directory; saved when it fails (paths of LUNs are lower case)
 mkdir "$work"
+target=iqn.2026-01.com.example:${scenario//_/-}
+a=iqn.2026-01.com.example:host-a
+b=iqn.2026-01.com.example:host-b
+foreign=iqn.2003-01.org.example:foreign # somebody else's
 home_dir=/usr/local/libexec/moscsi
 artifacts=$([[ ${MOSCSI_GUEST-} ]] && echo /artifacts || echo build/vm/artifacts)
 service=$home_dir/moscsi_server.sh
@@ -133,11 +137,12 @@ lun() {
     esac
     echo "name = \"$1\", type = \"$type\", path = \"$lun_dir/$1.img\", size = \"$3\"${4:+, $4}"
 }
-# host_file TARGET "INITIATOR..." LUN...: a configuration of the host, in which each initiator has all LUNs.
+# host_file "INITIATOR..." LUN...: a configuration of the host with $target, where each initiator has all LUNs.
 host_file() {
-    local target=$1 initiators=$2
-    shift 2
+    local initiators=$1
+    shift
     printf '[[target]]\nname = "%s"\n' "$target"
+    # shellcheck disable=SC2086 # words are meant
     echo "initiator = [$(printf '{ name = "%s", luns = "all" }, ' $initiators)]"
     printf 'lun = [\n%s]\n' "$(printf '    { %s },\n' "$@")"
 }
@@ -275,25 +280,26 @@ configfs_snapshot() {
         grep -arnH --exclude-dir='*statistics' '' "$1" 2>/dev/null || true # some can't be read
     } | tr '\0' '~' | LC_ALL=C sort
 }
-# foreign_target NAME [PORT]: a target with one file LUN that somebody else made, with nothing but
-# configfs. foreign_remove NAME takes it down.
+# foreign_target: until the scenario ends, $foreign is there with one file LUN, made with nothing but configfs.
 foreign_target() {
-    local core=$configfs/target/core/fileio_900/foreign tpg=$configfs/target/iscsi/$1/tpgt_1
+    local core=$configfs/target/core/fileio_900/foreign tpg=$configfs/target/iscsi/$foreign/tpgt_1
     modprobe -a target_core_mod target_core_file iscsi_target_mod
     mountpoint -q "$configfs" || mount -t configfs configfs "$configfs"
+    cleanup foreign_remove
     truncate -s 8M /var/tmp/foreign.img
     mkdir -p "$core"
     echo "fd_dev_name=/var/tmp/foreign.img,fd_dev_size=8388608" >"$core/control"
     echo foreign-serial-1 >"$core/wwn/vpd_unit_serial"
     echo 1 >"$core/enable"
-    mkdir -p "$configfs/target/iscsi" "$tpg/lun/lun_0" "$tpg/np/127.0.0.1:${2:-3999}"
+    mkdir -p "$configfs/target/iscsi" "$tpg/lun/lun_0" "$tpg/np/127.0.0.1:3999"
     ln -s "$core" "$tpg/lun/lun_0/link"
     echo 1 >"$tpg/enable"
 }
+foreign_state() { configfs_snapshot $configfs/target/iscsi/$foreign && configfs_snapshot $configfs/target/core/fileio_900; }
 foreign_remove() {
-    local target=$configfs/target/iscsi/$1
-    rm "$target/tpgt_1/lun/lun_0/link"
-    rmdir "$target"/tpgt_1/np/* "$target/tpgt_1/lun/lun_0" "$target/tpgt_1" "$target" \
+    local its=$configfs/target/iscsi/$foreign
+    rm "$its/tpgt_1/lun/lun_0/link"
+    rmdir "$its"/tpgt_1/np/* "$its/tpgt_1/lun/lun_0" "$its/tpgt_1" "$its" \
         "$configfs/target/core/fileio_900/foreign" "$configfs/target/core/fileio_900"
     rm /var/tmp/foreign.img
 }

@@ -3,7 +3,6 @@
 # and the LUN serves, and can be deleted, afterwards.
 # limit: 420
 . "$(dirname "$0")/../../scripts/lib/session.sh"
-requires command -v moscsi-host
 requires command -v sg_raw
 
 rounds=${MOSCSI_SOAK:+16}
@@ -13,15 +12,13 @@ seed=${MOSCSI_SEED:-${MOSCSI_SOAK:+$((RANDOM << 15 | RANDOM))}}
 seed=${seed:-650423136}
 RANDOM=$seed
 say "           seed $seed (MOSCSI_SEED repeats it)"
-target=iqn.2026-01.com.example:abuse
-a=iqn.2026-01.com.example:host-a
 mib=32
 hold() { echo "{ kind = \"hold\", on = \"$1\", while_file = \"$work/hold_$1\" }"; }
-host_file $target $a \
+host_file $a \
     "$(lun user served ${mib}MiB "number = 0, faults = { rule = [$(hold read), $(hold write)] }")" >"$work/host.toml"
 step "the host starts" host_start "$work/host.toml"
-step "host-a logs in" login $a $target
-disk=$(disk_of $a $target 0)
+step "host-a logs in" login $a "$target"
+disk=$(disk_of $a "$target" 0)
 counter() { moscsi-host status --json | jq "[.counters[].values[\"$1\"] // 0] | add"; }
 
 # The length follows from the opcode's group; for the groups that have none any length will do. 0x7F
@@ -100,5 +97,5 @@ for what in 'more than 16 entries' bounced; do
     say "           gate: $what: $counted"
     ((counted >= 2)) || fail "no command both ways was '$what'"
 done
-step "host-a logs out" logout $a $target
+step "host-a logs out" logout $a "$target"
 step "the host stops" host_stop

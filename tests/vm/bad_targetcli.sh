@@ -2,9 +2,7 @@
 # A targetcli that hangs, dies, floods, says nothing or isn't there: the operation ends in its error,
 # the next one works, and the host answers its status meanwhile.
 . "$(dirname "$0")/../../scripts/lib/session.sh"
-requires command -v moscsi-host
 
-target=iqn.2026-01.com.example:bad
 cat >"$work/real" <<FAKE
 #!/bin/bash
 [[ \$1 == --version || \$1 == ls || \$1 == get ]] || case \$(<$work/mode) in
@@ -31,18 +29,18 @@ missing() { mv "$work/real" "$work/away"; }
 for case in "hang|5 s" "stubborn|5 s" "die|signal 9" "silent|status 1" "flood|xxxx" "missing|not"; do
     mode "${case%|*}"
     [[ ${case%|*} != missing ]] || missing
-    step "a targetcli that is or does '${case%|*}'" refused "${case#*|}" create-target $target
-    expect_fails "" test -e $configfs/target/iscsi/$target
+    step "a targetcli that is or does '${case%|*}'" refused "${case#*|}" create-target "$target"
+    expect_fails "" test -e "$configfs/target/iscsi/$target"
     [[ ! -e $work/away ]] || mv "$work/away" "$work/real"
     mode none
 done
-step "and then the operation works" op create-target $target
-op delete-target $target
+step "and then the operation works" op create-target "$target"
+op delete-target "$target"
 op cleanup
 shell_end
 
 truncate -s 8M "$work/lun.img"
-host_file $target iqn.2026-01.com.example:host-a "$(lun lun file 8MiB)" >"$work/host.toml"
+host_file $a "$(lun lun file 8MiB)" >"$work/host.toml"
 mode hang
 rm $limit
 MOSCSI_TARGETCLI_TIMEOUT=60 moscsi-host serve "$work/host.toml" >"$work/host.log" 2>&1 {say_fd}>&- &
@@ -57,4 +55,4 @@ step "and the host can be stopped" wait_until 60 ended "$host_pid"
 expect_fails "" wait "$host_pid"
 host_pid=''
 expect_contains "what it said" "$(<"$work/host.log")" "targetcli"
-expect_fails "" test -e $configfs/target/iscsi/$target
+expect_fails "" test -e "$configfs/target/iscsi/$target"

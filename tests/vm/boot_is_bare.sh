@@ -28,8 +28,7 @@ for directory in /etc/target/{pr,alua} /etc/rtslib-fb-target/{pr,alua}; do
     expect_eq "$directory" "$(stat -c %F "$directory")" directory
 done
 
-step "a foreign target appears" foreign_target iqn.2003-01.org.example:foreign
-cleanup foreign_remove iqn.2003-01.org.example:foreign
+step "a foreign target appears" foreign_target
 before=$(state)
 step "-start again" $service -start
 expect_eq "what is there after a second -start" "$(state)" "$before"

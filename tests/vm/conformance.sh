@@ -4,27 +4,21 @@
 # no worse than the others.
 # limit: 600
 . "$(dirname "$0")/../../scripts/lib/session.sh"
-requires command -v moscsi-host
 requires command -v iscsi-test-cu
 requires command -v tgtd
 lists=$(dirname "$0")/conformance
-target=iqn.2026-01.com.example:conformance
-foreign=iqn.2003-01.org.example:file
-a=iqn.2026-01.com.example:host-a
-b=iqn.2026-01.com.example:host-b
 
-host_file $target "$a $b" "$(lun user served 64MiB "number = 0")" >"$work/host.toml"
+host_file "$a $b" "$(lun user served 64MiB "number = 0")" >"$work/host.toml"
 step "a user LUN" host_start "$work/host.toml"
 open_to_all() {
     local tpg=$configfs/target/iscsi/$foreign/tpgt_1
-    foreign_target $foreign
+    foreign_target
     echo 1 >"$tpg/attrib/generate_node_acls"
     echo 0 >"$tpg/attrib/demo_mode_write_protect"
     echo 0 >"$tpg/attrib/authentication"
     mkdir "$tpg/np/127.0.0.2:3999"
 }
 step "the kernel's file LUN" open_to_all
-cleanup foreign_remove $foreign
 serve_tgt() {
     truncate -s 64M "$work/tgt.img"
     tgtd -f --iscsi portal=0.0.0.0:3998 >"$work/tgtd.log" 2>&1 {say_fd}>&- &

@@ -5,10 +5,8 @@
 # enabling, it names the commands that clear the way.
 # limit: 1200
 . "$(dirname "$0")/../../scripts/lib/session.sh"
-requires command -v moscsi-host
 
-target=iqn.2026-01.com.example:steps
-host_file $target iqn.2026-01.com.example:host-a "$(lun served served 8MiB)" >"$work/host.toml"
+host_file $a "$(lun served served 8MiB)" >"$work/host.toml"
 
 # The real targetcli, and then the host's end if it was the command whose turn it is.
 cat >"$work/targetcli" <<END

@@ -3,20 +3,17 @@
 # its device, applies without an error, and I/O goes on. 5 times, 20 with --soak.
 # limit: 1800
 . "$(dirname "$0")/../../scripts/lib/session.sh"
-requires command -v moscsi-host
 
 kills=${MOSCSI_SOAK:+20}
 kills=${kills:-5}
 seed=${MOSCSI_SEED:-$((RANDOM << 15 | RANDOM))}
 RANDOM=$seed
 say "           seed $seed (MOSCSI_SEED repeats it)"
-target=iqn.2026-01.com.example:crash
-a=iqn.2026-01.com.example:host-a
-host_file $target $a "$(lun served served 32MiB "number = 0")" >"$work/host.toml"
+host_file $a "$(lun served served 32MiB "number = 0")" >"$work/host.toml"
 
 step "the host starts" host_start "$work/host.toml"
-step "host-a logs in" login $a $target
-disk=$(disk_of $a $target 0)
+step "host-a logs in" login $a "$target"
+disk=$(disk_of $a "$target" 0)
 statistics=/sys/block/${disk##*/}
 device=$(echo $configfs/target/core/user_*/*/)
 # The device itself: one that was made again would have another inode.
@@ -59,5 +56,5 @@ touch "$work/enough"
 step "fio ends its last round" wait_until 240 ended $fio
 wait $fio || fail "fio: $(tail -n 5 "$work/fio.log")"
 say "           $(wc -l <"$work/rounds") rounds written and verified; $hit of $kills kills hit commands in flight"
-step "host-a logs out" logout $a $target
+step "host-a logs out" logout $a "$target"
 step "the host stops" host_stop

@@ -3,19 +3,16 @@
 # the fault ends; abort, LUN reset and (with --soak) the host's stop with transfers held. A LUN beside it never notices.
 # limit: 420
 . "$(dirname "$0")/../../scripts/lib/session.sh"
-requires command -v moscsi-host
 
-target=iqn.2026-01.com.example:faults
-a=iqn.2026-01.com.example:host-a
 rule() { echo "{ kind = \"$1\", while_file = \"$work/$1\"${2:+, $2} }"; }
 rules="$(rule error), $(rule short "bytes = 100"), $(rule delay "delay_ms = 1500"), $(rule hold)"
-host_file $target $a "$(lun faulty served 8MiB "number = 0, faults = { rule = [$rules] }")" \
+host_file $a "$(lun faulty served 8MiB "number = 0, faults = { rule = [$rules] }")" \
     "$(lun sound memory 8MiB "number = 1")" >"$work/host.toml"
 step "the host starts" host_start "$work/host.toml"
-step "host-a logs in" login $a $target
-faulty=$(disk_of $a $target 0)
-sound=$(disk_of $a $target 1)
-device=$(realpath $configfs/target/iscsi/$target/tpgt_1/lun/lun_0/*/enable)
+step "host-a logs in" login $a "$target"
+faulty=$(disk_of $a "$target" 0)
+sound=$(disk_of $a "$target" 1)
+device=$(realpath "$configfs/target/iscsi/$target"/tpgt_1/lun/lun_0/*/enable)
 device=${device%/*}
 data() { moscsi-host status --json | jq ".targets[0].luns[] | select(.name == \"$1\").data.$2"; }
 held() { (($(data faulty on_loan) >= 4)); }
@@ -98,4 +95,4 @@ expect_eq "LUN resets at the target" "$(<"$device/statistics/scsi_lu/resets")" $
 [[ -z ${MOSCSI_SOAK-} ]] || step "four are held at the stop" hold 200
 step "the host stops" host_stop TERM 150
 for reader in "${readers[@]}"; do wait_until 60 ended "$reader"; done
-step "host-a logs out" forget $a $target $portal
+step "host-a logs out" forget $a "$target" $portal

@@ -2,30 +2,27 @@
 # Eight user LUNs (32 with --soak), made, used at once and deleted; none is taken for another.
 # limit: 600
 . "$(dirname "$0")/../../scripts/lib/session.sh"
-requires command -v moscsi-host
 export MOSCSI_TARGETCLI_VERSION=2.1.fb42 # made through configfs: many creates at no cost
 count=8
 [[ -z ${MOSCSI_SOAK-} ]] || count=32
-target=iqn.2026-01.com.example:many
-a=iqn.2026-01.com.example:host-a
 
 step "Initialize" shell_start
-op create-target $target
+op create-target "$target"
 make_all() {
     local n
     for ((n = 0; n < count; n++)); do
-        op create-lun memory auto $target /many$n 8388608
+        op create-lun memory auto "$target" /many$n 8388608
         expect_eq "its number" "${answer%% *}" $n
-        op map $n $target $a
+        op map $n "$target" $a
     done
 }
 step "$count LUNs are made and mapped" make_all
-step "host-a logs in" login $a $target
-expect_luns $a $target "$(seq -s' ' 0 $((count - 1)))"
+step "host-a logs in" login $a "$target"
+expect_luns $a "$target" "$(seq -s' ' 0 $((count - 1)))"
 use_all() {
     local n pids=()
     for ((n = 0; n < count; n++)); do
-        disks[n]=$(disk_of $a $target $n)
+        disks[n]=$(disk_of $a "$target" $n)
         fio --name="lun$n" --filename="${disks[n]}" --direct=1 --ioengine=libaio --iodepth=8 --size=4M \
             --rw=randwrite --bs=64k --verify=crc32c --verify_pattern="0x$((n + 10))" --do_verify=1 >"$work/fio.$n" 2>&1 &
         pids+=($!)
@@ -36,14 +33,14 @@ use_all() {
 }
 step "all are written and verified at once" use_all
 expect_eq "different serials" "$(<"$work/serials")" $count
-step "host-a logs out" logout $a $target
+step "host-a logs out" logout $a "$target"
 delete_all() {
     local n
     for ((n = 0; n < count; n++)); do
-        op unmap $n $target $a
-        op delete-lun memory $n $target /many$n
+        op unmap $n "$target" $a
+        op delete-lun memory $n "$target" /many$n
     done
 }
 step "all are deleted" delete_all
-op delete-target $target
+op delete-target "$target"
 op cleanup

@@ -7,8 +7,6 @@
 # limit: 900
 # shellcheck disable=SC2317 # functions are called by name
 . "$(dirname "$0")/../../scripts/lib/session.sh"
-target=iqn.2026-01.com.example:power
-a=iqn.2026-01.com.example:host-a
 names=(durable weak fua flush)
 each=30 # acknowledged blocks before the cut
 case ${1-} in
@@ -52,12 +50,12 @@ echo 0 >/proc/sys/vm/dirty_writeback_centisecs # what nobody syncs stays in memo
 # Not sparse, so that no other file's sync takes its blocks along.
 dd if=/dev/zero of=/mnt/weak.img bs=1M count=16 conv=fsync status=none
 lun_dir=/mnt
-host_file $target $a "$(lun durable served 16MiB "number = 0")" \
+host_file $a "$(lun durable served 16MiB "number = 0")" \
     "$(lun weak served 16MiB "number = 1, faults = { durable = false }")" \
     "$(lun kernel file 16MiB "number = 2")" >"$work/host.toml"
 step "the host starts" host_start "$work/host.toml"
-step "host-a logs in" login $a $target
-for n in 0 1 2; do disks[n]=$(disk_of $a $target $n); done
+step "host-a logs in" login $a "$target"
+for n in 0 1 2; do disks[n]=$(disk_of $a "$target" $n); done
 
 direct() { dd if="$1" of="$2" bs=4k seek="$3" count=1 oflag=direct conv=notrunc; }
 flush() { dd if="$1" of="$2" bs=4k seek="$3" count=1 oflag=direct conv=notrunc,fsync; }

@@ -2,20 +2,17 @@
 # What keeps the host from serving: each ends in one clear line and a non-zero status, and leaves
 # configfs as it was.
 . "$(dirname "$0")/../../scripts/lib/session.sh"
-requires command -v moscsi-host
 
-target=iqn.2026-01.com.example:refused
 truncate -s 8M "$work/lun.img"
 configuration() { # KIND [SIZE]
-    host_file $target iqn.2026-01.com.example:host-a "$(lun lun "$1" "${2:-8MiB}" "number = 0")"
+    host_file $a "$(lun lun "$1" "${2:-8MiB}" "number = 0")"
 }
 good=$work/good.toml user=$work/user.toml
 configuration file >"$good"
 configuration memory >"$user"
 
 step "-start" $service -start
-foreign_target iqn.2003-01.org.example:foreign
-cleanup foreign_remove iqn.2003-01.org.example:foreign
+foreign_target
 before=$(configfs_snapshot $configfs/target)
 
 # refuses TEXT WHAT CMD...: CMD says TEXT in one line of moscsi-host's, and nothing has changed.
@@ -95,10 +92,10 @@ without_tcmu() {
 refuses "target_core_user" "no TCM-USER" without_tcmu
 
 foreign_port() { # another target's portal has the service port
-    local np=$configfs/target/iscsi/iqn.2003-01.org.example:foreign/tpgt_1/np
+    local np=$configfs/target/iscsi/$foreign/tpgt_1/np
     mkdir "$np/127.0.0.1:3260"
     before=$(configfs_snapshot $configfs/target)
 }
 foreign_port
 refuses "portal" "a foreign portal on the service port" "${serve[@]}" "$good"
-rmdir $configfs/target/iscsi/iqn.2003-01.org.example:foreign/tpgt_1/np/127.0.0.1:3260
+rmdir $configfs/target/iscsi/$foreign/tpgt_1/np/127.0.0.1:3260

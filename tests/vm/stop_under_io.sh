@@ -4,24 +4,18 @@
 # fio then ends it within its time, with nothing of its own left and a foreign target as it was.
 # limit: 900
 . "$(dirname "$0")/../../scripts/lib/session.sh"
-requires command -v moscsi-host
 # Through configfs, where a stop takes fewer of targetcli's runs: they can be slow beside fio. --soak: targetcli.
 [[ ${MOSCSI_SOAK-} ]] || export MOSCSI_TARGETCLI_VERSION=2.1.fb42
 
-target=iqn.2026-01.com.example:stop
-a=iqn.2026-01.com.example:host-a b=iqn.2026-01.com.example:host-b
-foreign=iqn.2003-01.org.example:foreign
 luns=("$(lun served served 16MiB "number = 0")" "$(lun memory memory 16MiB "number = 1")")
-host_file $target $a "${luns[@]}" >"$work/host.toml"
+host_file $a "${luns[@]}" >"$work/host.toml"
 
-step "a foreign target is there" foreign_target $foreign
-cleanup foreign_remove $foreign
-foreign_state() { configfs_snapshot $configfs/target/iscsi/$foreign && configfs_snapshot $configfs/target/core/fileio_900; }
+step "a foreign target is there" foreign_target
 foreign_before=$(foreign_state)
 step "the host starts" host_start "$work/host.toml"
-step "host-a logs in" login $a $target
-disk=$(disk_of $a $target 0) memory_disk=$(disk_of $a $target 1)
-echo 5 >"$(session_of $a $target)/recovery_tmo" # nobody waits longer for a target that is gone
+step "host-a logs in" login $a "$target"
+disk=$(disk_of $a "$target" 0) memory_disk=$(disk_of $a "$target" 1)
+echo 5 >"$(session_of $a "$target")/recovery_tmo" # nobody waits longer for a target that is gone
 write_random "$memory_disk" 16 >/dev/null
 step "the host is killed" host_kill
 # Whether a device is blocked, and the sessions' counters, are no configuration.
@@ -38,22 +32,22 @@ refuses() {
     expect_eq "configfs after $what" "$(state)" "$before"
     say "           $what: refused, nothing changed"
 }
-refuses "another size and another initiator" "$(host_file $target $b "${luns[0]}" "${luns[1]/16MiB/8MiB}")" \
+refuses "another size and another initiator" "$(host_file $b "${luns[0]}" "${luns[1]/16MiB/8MiB}")" \
     "should have 8388608" "admits the initiator $a"
-refuses "numbers swapped" "$(host_file $target $a "${luns[0]/= 0/= 1}" "${luns[1]/= 1/= 0}")" \
+refuses "numbers swapped" "$(host_file $a "${luns[0]/= 0/= 1}" "${luns[1]/= 1/= 0}")" \
     "LUN served is number 0 in target $target, and the file says 1" "LUN memory is number 1"
-refuses "a LUN gone" "$(host_file $target $a "${luns[0]}")" "holds LUN 1, user/"
+refuses "a LUN gone" "$(host_file $a "${luns[0]}")" "holds LUN 1, user/"
 
 # Every write takes its time: many are in flight, and the machine has time for the rest.
 luns[0]+=', faults = { rule = [{ kind = "delay", on = "write", delay_ms = 200 }] }'
-host_file $target "$a $b" "${luns[@]}" >"$work/host.toml"
+host_file "$a $b" "${luns[@]}" >"$work/host.toml"
 step "the host starts with one initiator more" host_start "$work/host.toml"
 expect_contains "what the host says" "$(<"$work/host.log")" "it answers NOT READY; --discard-lost-memory serves it empty"
 read_block() { sg_raw -r 512 "$memory_disk" 28 00 00 00 00 00 00 00 01 00; }
 read_block >/dev/null 2>&1 || true # a unit attention may come first
 expect_fails "Not Ready" read_block
-step "host-b logs in" login $b $target
-expect_luns $b $target "0 1"
+step "host-b logs in" login $b "$target"
+expect_luns $b "$target" "0 1"
 if [[ ${MOSCSI_SOAK-} ]]; then
     step "the host is killed" host_kill
     step "the host starts with --discard-lost-memory" host_start "$work/host.toml" --discard-lost-memory
@@ -68,10 +62,10 @@ writing() { (($(awk '{ print $2 }' "/sys/block/${disk##*/}/inflight") > 8)); }
 wait_until 60 writing
 objects=$((1 + 2 + 2 + 4)) # target, LUNs, initiators, mappings
 step "SIGTERM under fio" host_stop TERM $((30 + 3 * objects))
-expect_fails "" test -e $configfs/target/iscsi/$target
+expect_fails "" test -e "$configfs/target/iscsi/$target"
 expect_eq "devices left" "$(find $configfs/target/core -mindepth 2 -maxdepth 2 -type d -not -path '*/alua/*')" \
     "$configfs/target/core/fileio_900/foreign"
 expect_eq "the foreign target and device" "$(foreign_state)" "$foreign_before"
-both_log_out() { logout $a $target && logout $b $target; }
+both_log_out() { logout $a "$target" && logout $b "$target"; }
 step "fio ends" wait_until 60 ended $fio
 step "both log out" both_log_out

@@ -1,32 +1,29 @@
-# shellcheck shell=bash disable=SC2086,SC2154
+# shellcheck shell=bash disable=SC2154
 # The life of user LUNs, for both ways of making them. Sourced by user_luns_*.sh, which set $by.
 # shellcheck source=scripts/lib/session.sh
 . "$(dirname "$0")/../../scripts/lib/session.sh"
-requires command -v moscsi-host
 
-target=iqn.2026-01.com.example:user-$by
-a=iqn.2026-01.com.example:host-a
 served=$work/served.img
 mib=32
 bytes=$((mib << 20))
 
 step "Initialize" shell_start
-op create-target $target
-step "a memory LUN, number 0" op create-lun memory 0 $target /memory $bytes
-step "a LUN on a file, automatic number" op create-lun served auto $target "$served" $bytes
+op create-target "$target"
+step "a memory LUN, number 0" op create-lun memory 0 "$target" /memory $bytes
+step "a LUN on a file, automatic number" op create-lun served auto "$target" "$served" $bytes
 expect_eq "the number that was free" "${answer%% *}" 1
-step "both again" op create-lun memory 0 $target /memory $bytes
-op create-lun served 1 $target "$served" $bytes
-step "map both" op map 0 $target $a
-op map 1 $target $a
-op map 1 $target $a
+step "both again" op create-lun memory 0 "$target" /memory $bytes
+op create-lun served 1 "$target" "$served" $bytes
+step "map both" op map 0 "$target" $a
+op map 1 "$target" $a
+op map 1 "$target" $a
 
-step "host-a logs in" login $a $target
-expect_luns $a $target "0 1"
-disks() { memory=$(disk_of $a $target 0) file=$(disk_of $a $target 1); }
+step "host-a logs in" login $a "$target"
+expect_luns $a "$target" "0 1"
+disks() { memory=$(disk_of $a "$target" 0) file=$(disk_of $a "$target" 1); }
 again() {
-    logout $a $target
-    iscsiadm -m node -T $target -p $portal -I "$(iface_of $a)" --login
+    logout $a "$target"
+    iscsiadm -m node -T "$target" -p $portal -I "$(iface_of $a)" --login
 }
 disks
 for disk in "$memory" "$file"; do
@@ -73,16 +70,16 @@ keep_writing &
 writer=$!
 some_written() { [[ -s $work/acknowledged ]] && (($(<"$work/acknowledged") >= 5)); }
 wait_until 60 some_written
-[[ $by == targetcli ]] || op unmap 1 $target $a # a link from the mapping keeps the LUN's directory busy
-step "delete LUN 1 with host-a logged in and writing" op delete-lun served 1 $target "$served"
+[[ $by == targetcli ]] || op unmap 1 "$target" $a # a link from the mapping keeps the LUN's directory busy
+step "delete LUN 1 with host-a logged in and writing" op delete-lun served 1 "$target" "$served"
 wait_until 90 ended $writer
 acknowledged=$(<"$work/acknowledged")
 cmp -n $((acknowledged * 65536)) "$work/source" "$served" || fail "an acknowledged write is lost"
 say "           $acknowledged blocks of 64 KiB were acknowledged, and all are in the host's file"
 
-[[ $by == targetcli ]] || op unmap 0 $target $a
-step "delete LUN 0 with host-a logged in" op delete-lun memory 0 $target /memory
-refused "lun not found" delete-lun memory 0 $target /memory
+[[ $by == targetcli ]] || op unmap 0 "$target" $a
+step "delete LUN 0 with host-a logged in" op delete-lun memory 0 "$target" /memory
+refused "lun not found" delete-lun memory 0 "$target" /memory
 # Nothing answers a LUN that is gone: the session ends, with what the initiator still wanted.
-step "host-a logs out" logout $a $target
-op delete-target $target
+step "host-a logs out" logout $a "$target"
+op delete-target "$target"
