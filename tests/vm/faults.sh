@@ -3,6 +3,7 @@
 # the fault ends; abort, LUN reset and (with --soak) the host's stop with transfers held. A LUN beside it never notices.
 # limit: 420
 . "$(dirname "$0")/../../scripts/lib/session.sh"
+export MOSCSI_TARGETCLI_VERSION=2.1.fb42 # made through configfs: with fewer of targetcli's runs
 
 rule() { echo "{ kind = \"$1\", while_file = \"$work/$1\"${2:+, $2} }"; }
 rules="$(rule error), $(rule short "bytes = 100"), $(rule delay "delay_ms = 1500"), $(rule hold)"
