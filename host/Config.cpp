@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <charconv>
@@ -127,6 +128,13 @@ Config ParseConfig(const std::string& text, const std::string& file, Problems& p
         problems.Add({file, 0},
                      "is no configuration: it is longer than 1 MiB, or brackets nest "
                      "more than 64 deep");
+        return config;
+    }
+    // Before it parses: the library reads past its buffer to complain of a string that isn't UTF-8.
+    if (const std::ptrdiff_t bad = toml::detail::check_utf8_validity(text); bad >= 0) {
+        const auto line = 1 + std::count(text.begin(), text.begin() + bad, '\n');
+        problems.Add({file, static_cast<unsigned>(line)},
+                     "has a character that isn't UTF-8: save the file as UTF-8");
         return config;
     }
     try {

@@ -81,6 +81,7 @@ TEST_F(HostConfigTest, EachFaultIsOneLineWithItsPlace) {
         {file("path='@/good.img'\nserial_prefix='Disk'"), 7, "upper-case"},
         {file("path='@/good.img'\n" + hex25) + Memory("size=512\n" + hex25, "b"), 13,
          "first 25 hexadecimal digits"},
+        {"[[target]]\nname='h\xE9'\n", 2, "isn't UTF-8"},
         {"[[target]]\nname='iqn.2026-01.com.Example:t'\n", 2, "upper-case"},
         {"[[target]]\nname='iqn.2026-13.com.example:t'\n", 2, "no iSCSI qualified name"},
         {"[[target]]\nname='iqn.2026-01.com.example:" + std::string(200, 't') + "'\n", 2,
