@@ -113,6 +113,12 @@ class ServeTest(ProgramTest):
         self.assertIn("has no portal on the service port 3260", self.ends(self.start(FAKE_PORTAL=""))[1])
         self.assertEqual(self.log(), self.CREATED + self.DELETED)
 
+    def test_automatic_number_must_be_one_that_can_be_mapped(self):
+        process = self.ready(FAKE_FIRST="255")
+        process.terminate()
+        self.ends(process, 0)
+        self.assertIn("got the number 256", self.ends(self.start(FAKE_FIRST="256"))[1])
+
     def test_run_over_what_a_killed_one_left_takes_down_only_what_it_made(self):
         process = self.ready()
         process.kill()

@@ -46,7 +46,8 @@ struct FakePlatform final : NullPlatform {
             return result;
         const auto place = [&] { return m_tree.Lun(lun->targetName, lun->lunNum); };
         if (lun->lunNum == kAutomatic)
-            for (lun->lunNum = 0; exists(place()) && !exists(place() / link);)
+            for (lun->lunNum = std::stoi(Variable("FAKE_FIRST", "0"));
+                 exists(place()) && !exists(place() / link);)
                 ++lun->lunNum;
         if (!exists(place()))
             m_tree.AddLun(lun->targetName, lun->lunNum, object, link);
