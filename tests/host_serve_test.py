@@ -4,6 +4,7 @@
 # usage: host_serve_test.py MOSCSI_HOST FAKE_PLUGIN
 import json
 import os
+import shutil
 import signal
 import socketserver
 import sys
@@ -51,9 +52,11 @@ class ServeTest(ProgramTest):
                           PLUGIN, f"{self.dir}/f.toml", **self.env, **env)
 
     def ready(self, **env):
-        process = self.start(**env)
-        while (line := process.stdout.readline()) != "ready\n":
-            self.assertTrue(line, "not ready")
+        return self.says("ready\n", self.start(**env))
+
+    def says(self, text, process):
+        while not (line := process.stdout.readline()).startswith(text):
+            self.assertTrue(line, f"ended without: {text}")
         return process
 
     # What it prints until its end, on standard output and on standard error.
@@ -118,6 +121,16 @@ class ServeTest(ProgramTest):
         process.terminate()
         self.ends(process, 0)
         self.assertIn("got the number 256", self.ends(self.start(FAKE_FIRST="256"))[1])
+
+    def test_waits_for_a_command_that_an_earlier_host_left_running(self):
+        wrapper = shutil.copy("/bin/sleep", self.dir / "bin/targetcli")
+        earlier = self.spawn(wrapper, "1000")
+        process = self.says(f"waiting for a targetcli that an earlier host started (process {earlier.pid})",
+                            self.start())
+        self.assertEqual(self.log(), ["Initialize"])
+        earlier.kill()
+        earlier.wait()
+        self.says("ready\n", process)
 
     def test_run_over_what_a_killed_one_left_takes_down_only_what_it_made(self):
         process = self.ready()
