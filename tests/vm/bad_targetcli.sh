@@ -25,6 +25,7 @@ mode() {
 mode none
 
 step "Initialize" shell_start
+targetcli get global >/dev/null # makes the preferences, for which 5 s can be too little
 missing() { mv "$work/real" "$work/away"; }
 for case in "hang|5 s" "stubborn|5 s" "die|signal 9" "silent|status 1" "flood|xxxx" "missing|not"; do
     mode "${case%|*}"
