@@ -5,7 +5,7 @@
 #include <thread>
 #include <vector>
 
-#include "adapters/runner/UniqueFd.h"
+#include "adapters/framework/UniqueFd.h"
 
 namespace sdbus {
 class IConnection;

@@ -4,7 +4,7 @@
 
 #include <cerrno>
 
-#include "adapters/runner/UniqueFd.h"
+#include "adapters/framework/UniqueFd.h"
 
 int SysfsWrite(const std::filesystem::path& path, std::string_view value) {
     const UniqueFd file(open(path.c_str(), O_WRONLY | O_CLOEXEC));

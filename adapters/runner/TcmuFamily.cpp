@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "adapters/runner/UniqueFd.h"
+#include "adapters/framework/UniqueFd.h"
 
 namespace {
 
