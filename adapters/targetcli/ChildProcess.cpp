@@ -12,41 +12,37 @@
 #include <cstring>
 #include <string_view>
 
-namespace moscsi::wrapper {
 namespace {
 
-std::vector<std::string> environment(const Command& command) {
+std::vector<std::string> EnvironmentFor(const Command& command) {
     std::vector<std::string> result = {"LC_ALL=C", "PYTHONWARNINGS=ignore",
                                        "TARGETCLI_HOME=" + command.home};
     for (char** entry = environ; *entry != nullptr; ++entry) {
         const std::string_view text = *entry;
         const std::string_view name = text.substr(0, text.find('='));
-        if (name != "LC_ALL" && name != "PYTHONWARNINGS" && name != "TARGETCLI_HOME") {
+        if (name != "LC_ALL" && name != "PYTHONWARNINGS" && name != "TARGETCLI_HOME")
             result.emplace_back(text);
-        }
     }
     return result;
 }
 
-std::vector<char*> pointers(std::vector<std::string>& texts) {
+std::vector<char*> Pointers(std::vector<std::string>& texts) {
     std::vector<char*> result;
     result.reserve(texts.size() + 1);
-    for (std::string& text : texts) {
+    for (std::string& text : texts)
         result.push_back(text.data());
-    }
     result.push_back(nullptr);
     return result;
 }
 
 // The child's part between fork and exec: system calls only. Ends in exec or with errno written to
 // `failureFd`, which a successful exec closes.
-[[noreturn]] void becomeProgram(const char* program, char** arguments, char** variables, int outFd,
+[[noreturn]] void BecomeProgram(const char* program, char** arguments, char** variables, int outFd,
                                 int errFd, int failureFd, pid_t parent) {
     setpgid(0, 0);
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != parent) {
+    if (getppid() != parent)
         _exit(127);  // the wrapper died before its death could be signalled
-    }
     if (isatty(STDIN_FILENO) != 0) {
         // A process group in the background would be stopped as soon as it reads.
         const int nothing = open("/dev/null", O_RDONLY);
@@ -69,27 +65,25 @@ std::vector<char*> pointers(std::vector<std::string>& texts) {
 }  // namespace
 
 ChildProcess::~ChildProcess() {
-    kill(std::chrono::milliseconds(0));
-    if (m_exitFd >= 0) {
+    Kill(std::chrono::milliseconds(0));
+    if (m_exitFd >= 0)
         close(m_exitFd);
-    }
 }
 
-int ChildProcess::start(const Command& command, int outFd, int errFd) {
+int ChildProcess::Start(const Command& command, int outFd, int errFd) {
     std::vector<std::string> words = {command.program};
     words.insert(words.end(), command.arguments.begin(), command.arguments.end());
-    std::vector<std::string> variables = environment(command);
-    const std::vector<char*> argumentVector = pointers(words);
-    const std::vector<char*> variableVector = pointers(variables);
+    std::vector<std::string> variables = EnvironmentFor(command);
+    const std::vector<char*> argumentVector = Pointers(words);
+    const std::vector<char*> variableVector = Pointers(variables);
 
     int failure[2];
-    if (pipe2(failure, O_CLOEXEC) != 0) {
+    if (pipe2(failure, O_CLOEXEC) != 0)
         return errno;
-    }
     const pid_t parent = getpid();
     const pid_t pid = fork();
     if (pid == 0) {
-        becomeProgram(command.program.c_str(), const_cast<char**>(argumentVector.data()),
+        BecomeProgram(command.program.c_str(), const_cast<char**>(argumentVector.data()),
                       const_cast<char**>(variableVector.data()), outFd, errFd, failure[1], parent);
     }
     int error = pid < 0 ? errno : 0;
@@ -98,17 +92,17 @@ int ChildProcess::start(const Command& command, int outFd, int errFd) {
         m_pid = pid;
         // Ends with the exec at once: the other end is closed by it, or carries the error.
         if (read(failure[0], &error, sizeof error) == sizeof error) {
-            reap();
+            Reap();
         } else if ((m_exitFd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0))) < 0) {
             error = errno;
-            kill(std::chrono::milliseconds(0));
+            Kill(std::chrono::milliseconds(0));
         }
     }
     close(failure[0]);
     return error;
 }
 
-int ChildProcess::reap() {
+int ChildProcess::Reap() {
     // Before the status is taken: until then nothing else can be given the group's number.
     ::kill(-m_pid, SIGKILL);
     int status = 0;
@@ -118,18 +112,15 @@ int ChildProcess::reap() {
     return status;
 }
 
-bool ChildProcess::kill(std::chrono::milliseconds patience) {
-    if (m_pid <= 0) {
+bool ChildProcess::Kill(std::chrono::milliseconds patience) {
+    if (m_pid <= 0)
         return true;
-    }
     ::kill(-m_pid, SIGKILL);
     pollfd ended = {m_exitFd, POLLIN, 0};
     if (m_exitFd >= 0 && poll(&ended, 1, static_cast<int>(patience.count())) == 1) {
-        reap();
+        Reap();
         return true;
     }
     m_pid = -1;
     return false;
 }
-
-}  // namespace moscsi::wrapper

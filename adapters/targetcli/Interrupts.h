@@ -1,13 +1,11 @@
-// The signals that ask the wrapper to end (SIGINT, SIGTERM, SIGHUP), taken from a descriptor, so
-// that the child can be ended first. One that the caller had blocked or ignored stays so: a host
-// that keeps SIGINT to itself isn't left with half a configuration step when a terminal sends it to
-// everybody.
-//
-// Threads: made once, in the main thread, before any child is started.
 #pragma once
 
-namespace moscsi::wrapper {
-
+/// The signals that ask the wrapper to end (SIGINT, SIGTERM, SIGHUP), taken from a descriptor, so
+/// that the child can be ended first. One that the caller had blocked or ignored stays so: a host
+/// that keeps SIGINT to itself isn't left with half a configuration step when a terminal sends it
+/// to everybody.
+///
+/// Threads: made once, in the main thread, before any child is started.
 class Interrupts {
   public:
     Interrupts();
@@ -15,13 +13,11 @@ class Interrupts {
     Interrupts(const Interrupts&) = delete;
     Interrupts& operator=(const Interrupts&) = delete;
 
-    // Polls readable when a signal has come; -1 when there is none to wait for.
-    int fd() const { return m_fd; }
-    // Returns: the signal's number, 0 when none has come.
-    int take() const;
+    /// Polls readable when a signal has come; -1 when there is none to wait for.
+    int Fd() const { return m_fd; }
+    /// Returns: the signal's number, 0 when none has come.
+    int Take() const;
 
   private:
     int m_fd = -1;
 };
-
-}  // namespace moscsi::wrapper

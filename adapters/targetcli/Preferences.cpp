@@ -15,7 +15,6 @@
 
 #include "adapters/targetcli/Proc.h"
 
-namespace moscsi::wrapper {
 namespace {
 
 namespace fs = std::filesystem;
@@ -28,7 +27,7 @@ constexpr int kLockPollMilliseconds = 50;
 constexpr std::array<const char*, 3> kWanted = {"auto_add_mapped_luns=false",
                                                 "auto_use_daemon=false", "logfile=/dev/null"};
 
-std::string keyOf(const std::string& program) {
+std::string KeyOf(const std::string& program) {
     struct stat info = {};
     stat(program.c_str(), &info);
     std::ostringstream key;
@@ -36,17 +35,15 @@ std::string keyOf(const std::string& program) {
     return key.str();
 }
 
-bool hasLine(const std::string& text, const std::string& wanted) {
+bool HasLine(const std::string& text, const std::string& wanted) {
     std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
-        if (line == wanted) {
+    for (std::string line; std::getline(lines, line);)
+        if (line == wanted)
             return true;
-        }
-    }
     return false;
 }
 
-Outcome failed(const std::string& why, int status = kStatusFailed) {
+Outcome Failed(const std::string& why, int status = kStatusFailed) {
     return {status, "targetcli's preferences can't be made: " + why};
 }
 
@@ -56,62 +53,55 @@ Preferences::Preferences(const Settings& settings, std::string real, TimeLimit& 
                          const Interrupts& interrupts)
     : m_settings(settings),
       m_real(std::move(real)),
-      m_set(settings.stateDir / ("preferences." + keyOf(m_real))),
+      m_set(settings.stateDir / ("preferences." + KeyOf(m_real))),
       m_limit(limit),
       m_interrupts(interrupts) {}
 
-Outcome Preferences::giveCopy(TemporaryDirectory& copy) {
+Outcome Preferences::GiveCopy(TemporaryDirectory& copy) {
     std::string error;
-    if (!copy.make(m_settings.stateDir, error)) {
+    if (!copy.Make(m_settings.stateDir, error))
         return {kStatusFailed, error};
-    }
-    if (Outcome made = makeOnce(); !made.succeeded()) {
+    if (Outcome made = MakeOnce(); !made.Succeeded())
         return made;
-    }
     std::error_code failure;
-    fs::copy(m_set, copy.path(), fs::copy_options::recursive, failure);
-    return failure ? failed("no copy of " + m_set.string() + ": " + failure.message()) : Outcome{};
+    fs::copy(m_set, copy.Path(), fs::copy_options::recursive, failure);
+    return failure ? Failed("no copy of " + m_set.string() + ": " + failure.message()) : Outcome{};
 }
 
-Outcome Preferences::makeOnce() {
-    if (access(m_set.c_str(), F_OK) == 0) {
+Outcome Preferences::MakeOnce() {
+    if (access(m_set.c_str(), F_OK) == 0)
         return {};
-    }
     const int lockFd =
         open((m_settings.stateDir / "lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (lockFd < 0) {
-        return failed(std::string("no lock: ") + strerror(errno));
-    }
-    Outcome result = take(lockFd);
-    if (result.succeeded() && access(m_set.c_str(), F_OK) != 0) {
-        result = make();
-    }
+    if (lockFd < 0)
+        return Failed(std::string("no lock: ") + strerror(errno));
+    Outcome result = Take(lockFd);
+    if (result.Succeeded() && access(m_set.c_str(), F_OK) != 0)
+        result = Make();
     close(lockFd);
     return result;
 }
 
-Outcome Preferences::take(int lockFd) {
+Outcome Preferences::Take(int lockFd) {
     while (flock(lockFd, LOCK_EX | LOCK_NB) != 0) {
-        if (m_limit.expired()) {
-            return failed(nameProcess(lockHolderOf(lockFd)) + " is making them, for " +
-                              std::to_string(m_limit.limit().count()) + " s already",
+        if (m_limit.Expired()) {
+            return Failed(NameProcess(LockHolderOf(lockFd)) + " is making them, for " +
+                              std::to_string(m_limit.Limit().count()) + " s already",
                           kStatusLimit);
         }
-        pollfd interrupt = {m_interrupts.fd(), POLLIN, 0};
+        pollfd interrupt = {m_interrupts.Fd(), POLLIN, 0};
         poll(&interrupt, 1, kLockPollMilliseconds);
-        if (const int number = m_interrupts.take(); number != 0) {
-            return failed(std::string("interrupted by ") + strsignal(number), 128 + number);
-        }
+        if (const int number = m_interrupts.Take(); number != 0)
+            return Failed(std::string("interrupted by ") + strsignal(number), 128 + number);
     }
     return {};
 }
 
-Outcome Preferences::make() {
+Outcome Preferences::Make() {
     TemporaryDirectory directory;
     std::string error;
-    if (!directory.make(m_settings.stateDir, error)) {
+    if (!directory.Make(m_settings.stateDir, error))
         return {kStatusFailed, error};
-    }
     std::vector<std::string> set = {"set", "global"};
     set.insert(set.end(), kWanted.begin(), kWanted.end());
     const std::vector<std::string> get = {"get", "global"};
@@ -121,19 +111,14 @@ Outcome Preferences::make() {
         ChildOutput out;
         ChildOutput err;
         const Outcome outcome =
-            runSupervised({m_real, step, directory.path()}, out, err, m_limit, m_interrupts);
-        if (!outcome.succeeded()) {
-            return failed(reasonOf(outcome, out, err), outcome.status);
-        }
-        settings = out.kept();
+            RunSupervised({m_real, step, directory.Path()}, out, err, m_limit, m_interrupts);
+        if (!outcome.Succeeded())
+            return Failed(ReasonOf(outcome, out, err), outcome.status);
+        settings = out.Kept();
     }
-    for (const char* setting : kWanted) {
-        if (!hasLine(settings, setting)) {
-            return failed(std::string(setting) + " was set, but `get global` doesn't show it");
-        }
-    }
-    const int renamed = directory.renameTo(m_set);
-    return renamed == 0 ? Outcome{} : failed(strerror(renamed));
+    for (const char* setting : kWanted)
+        if (!HasLine(settings, setting))
+            return Failed(std::string(setting) + " was set, but `get global` doesn't show it");
+    const int renamed = directory.RenameTo(m_set);
+    return renamed == 0 ? Outcome{} : Failed(strerror(renamed));
 }
-
-}  // namespace moscsi::wrapper

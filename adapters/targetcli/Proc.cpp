@@ -10,10 +10,9 @@
 #include <sstream>
 #include <vector>
 
-namespace moscsi::wrapper {
 namespace {
 
-std::string firstLine(pid_t pid, const char* file) {
+std::string FirstLine(pid_t pid, const char* file) {
     std::ifstream in("/proc/" + std::to_string(pid) + "/" + file);
     std::string line;
     std::getline(in, line);
@@ -28,7 +27,7 @@ struct FileLock {
     std::string file;
 };
 
-std::vector<FileLock> fileLocks() {
+std::vector<FileLock> FileLocks() {
     std::vector<FileLock> locks;
     std::ifstream in("/proc/locks");
     for (std::string line; std::getline(in, line);) {
@@ -43,63 +42,54 @@ std::vector<FileLock> fileLocks() {
             lock.waits = true;
             fields >> kind;
         }
-        if (kind == "FLOCK" && fields >> advisory >> access >> lock.pid >> lock.file) {
+        if (kind == "FLOCK" && fields >> advisory >> access >> lock.pid >> lock.file)
             locks.push_back(lock);
-        }
     }
     return locks;
 }
 
-pid_t holderOf(const std::vector<FileLock>& locks, const std::string& file) {
-    for (const FileLock& lock : locks) {
-        if (!lock.waits && lock.file == file) {
+pid_t HolderOf(const std::vector<FileLock>& locks, const std::string& file) {
+    for (const FileLock& lock : locks)
+        if (!lock.waits && lock.file == file)
             return lock.pid;
-        }
-    }
     return 0;
 }
 
 }  // namespace
 
-std::string nameProcess(pid_t pid) {
-    if (pid <= 0) {
+std::string NameProcess(pid_t pid) {
+    if (pid <= 0)
         return "an unknown process";
-    }
-    const std::string command = firstLine(pid, "comm");
+    const std::string command = FirstLine(pid, "comm");
     return "process " + std::to_string(pid) + (command.empty() ? "" : " (" + command + ")");
 }
 
-char processState(pid_t pid) {
+char ProcessState(pid_t pid) {
     // The command stands in brackets and may hold brackets and blanks itself.
-    const std::string line = firstLine(pid, "stat");
+    const std::string line = FirstLine(pid, "stat");
     const size_t bracket = line.rfind(')');
     return bracket != std::string::npos && bracket + 2 < line.size() ? line[bracket + 2] : '?';
 }
 
-std::string kernelWait(pid_t pid) {
-    const std::string place = firstLine(pid, "wchan");
+std::string KernelWait(pid_t pid) {
+    const std::string place = FirstLine(pid, "wchan");
     return place.empty() || place == "0" ? "an unknown place" : place;
 }
 
-std::optional<pid_t> lockHolder(pid_t group) {
-    const std::vector<FileLock> locks = fileLocks();
-    for (const FileLock& lock : locks) {
-        if (lock.waits && lock.pid > 0 && getpgid(lock.pid) == group) {
-            return holderOf(locks, lock.file);
-        }
-    }
+std::optional<pid_t> LockHolder(pid_t group) {
+    const std::vector<FileLock> locks = FileLocks();
+    for (const FileLock& lock : locks)
+        if (lock.waits && lock.pid > 0 && getpgid(lock.pid) == group)
+            return HolderOf(locks, lock.file);
     return std::nullopt;
 }
 
-pid_t lockHolderOf(int descriptor) {
+pid_t LockHolderOf(int descriptor) {
     struct stat info = {};
-    if (fstat(descriptor, &info) != 0) {
+    if (fstat(descriptor, &info) != 0)
         return 0;
-    }
     std::array<char, 64> file = {};
     snprintf(file.data(), file.size(), "%02x:%02x:%llu", major(info.st_dev), minor(info.st_dev),
              static_cast<unsigned long long>(info.st_ino));
-    return holderOf(fileLocks(), file.data());
+    return HolderOf(FileLocks(), file.data());
 }
-
-}  // namespace moscsi::wrapper

@@ -6,17 +6,16 @@
 #include <cstdlib>
 #include <sstream>
 
-namespace moscsi::wrapper {
 namespace {
 
-bool isProgram(const std::string& path, struct stat& info) {
+bool IsProgram(const std::string& path, struct stat& info) {
     return stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode) &&
            access(path.c_str(), X_OK) == 0;
 }
 
 }  // namespace
 
-std::string findRealTargetcli(const std::string& configured, std::string& error) {
+std::string FindRealTargetcli(const std::string& configured, std::string& error) {
     struct stat self = {};
     struct stat found = {};
     const bool knowsItself = stat("/proc/self/exe", &self) == 0;
@@ -25,9 +24,8 @@ std::string findRealTargetcli(const std::string& configured, std::string& error)
     };
 
     if (!configured.empty()) {
-        if (isProgram(configured, found) && !isSelf()) {
+        if (IsProgram(configured, found) && !isSelf())
             return configured;
-        }
         error = "MOSCSI_TARGETCLI_REAL=" + configured + " is not the real targetcli program";
         return {};
     }
@@ -38,9 +36,8 @@ std::string findRealTargetcli(const std::string& configured, std::string& error)
     bool passedItself = false;
     for (std::string directory; std::getline(directories, directory, ':');) {
         const std::string candidate = (directory.empty() ? "." : directory) + "/targetcli";
-        if (!isProgram(candidate, found)) {
+        if (!IsProgram(candidate, found))
             continue;
-        }
         if (isSelf()) {
             if (!passedItself) {
                 passedItself = true;
@@ -50,10 +47,7 @@ std::string findRealTargetcli(const std::string& configured, std::string& error)
             result = candidate;
         }
     }
-    if (result.empty()) {
+    if (result.empty())
         error = "targetcli is not installed: install the package targetcli-fb";
-    }
     return result;
 }
-
-}  // namespace moscsi::wrapper

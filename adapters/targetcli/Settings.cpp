@@ -4,19 +4,18 @@
 #include <cstdlib>
 #include <cstring>
 
-namespace moscsi::wrapper {
 namespace {
 
 constexpr int kMaxSeconds = 86400;
 
-std::string variable(const char* name, const char* fallback) {
+std::string Variable(const char* name, const char* fallback) {
     const char* value = getenv(name);
     return value != nullptr && *value != '\0' ? value : fallback;
 }
 
-bool readSeconds(const char* name, const char* fallback, std::chrono::seconds& result,
+bool ReadSeconds(const char* name, const char* fallback, std::chrono::seconds& result,
                  std::string& error) {
-    const std::string text = variable(name, fallback);
+    const std::string text = Variable(name, fallback);
     int value = 0;
     const auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), value);
     if (failure != std::errc() || *end != '\0' || value < 1 || value > kMaxSeconds) {
@@ -30,14 +29,12 @@ bool readSeconds(const char* name, const char* fallback, std::chrono::seconds& r
 
 }  // namespace
 
-bool readSettings(Settings& settings, std::string& error) {
+bool ReadSettings(Settings& settings, std::string& error) {
     settings.stateDir =
-        std::filesystem::path(variable("MOSCSI_RUN_DIR", "/run/moscsi")) / "targetcli";
-    settings.configfsRoot = variable("MOSCSI_CONFIGFS_ROOT", "/sys/kernel/config/target");
-    settings.real = variable("MOSCSI_TARGETCLI_REAL", "");
-    settings.version = variable("MOSCSI_TARGETCLI_VERSION", "");
-    return readSeconds("MOSCSI_TARGETCLI_TIMEOUT", "120", settings.timeLimit, error) &&
-           readSeconds("MOSCSI_TARGETCLI_LOCK_WAIT", "20", settings.lockWait, error);
+        std::filesystem::path(Variable("MOSCSI_RUN_DIR", "/run/moscsi")) / "targetcli";
+    settings.configfsRoot = Variable("MOSCSI_CONFIGFS_ROOT", "/sys/kernel/config/target");
+    settings.real = Variable("MOSCSI_TARGETCLI_REAL", "");
+    settings.version = Variable("MOSCSI_TARGETCLI_VERSION", "");
+    return ReadSeconds("MOSCSI_TARGETCLI_TIMEOUT", "120", settings.timeLimit, error) &&
+           ReadSeconds("MOSCSI_TARGETCLI_LOCK_WAIT", "20", settings.lockWait, error);
 }
-
-}  // namespace moscsi::wrapper

@@ -1,35 +1,32 @@
-// What the wrapper takes from its environment, read once at the start.
-//
-//   MOSCSI_RUN_DIR               directory of run-time state (/run/moscsi); the wrapper keeps its
-//                                own below it, in targetcli/
-//   MOSCSI_TARGETCLI_REAL        the real targetcli (otherwise the next one on PATH)
-//   MOSCSI_TARGETCLI_TIMEOUT     seconds that one run of the wrapper may take (120)
-//   MOSCSI_TARGETCLI_LOCK_WAIT   seconds of these that one other process may keep targetcli waiting
-//                                for its lock (20)
-//   MOSCSI_TARGETCLI_VERSION     the version that --version answers instead of the real one's, as
-//                                long as the real one answers at all; for tests and for operators
-//                                who want user backstores configured without targetcli ("2.1.fb41")
-//   MOSCSI_CONFIGFS_ROOT         the kernel target's tree (/sys/kernel/config/target)
-//
-// Threads: plain data, copied freely.
 #pragma once
 
 #include <chrono>
 #include <filesystem>
 #include <string>
 
-namespace moscsi::wrapper {
-
+/// What the wrapper takes from its environment, read once at the start.
+///
+///   MOSCSI_RUN_DIR               directory of run-time state (/run/moscsi); the wrapper keeps its
+///                                own below it, in targetcli/
+///   MOSCSI_TARGETCLI_REAL        the real targetcli (otherwise the next one on PATH)
+///   MOSCSI_TARGETCLI_TIMEOUT     seconds that one run of the wrapper may take (120)
+///   MOSCSI_TARGETCLI_LOCK_WAIT   seconds of these that one other process may keep targetcli
+///                                waiting for its lock (20)
+///   MOSCSI_TARGETCLI_VERSION     the version that --version answers instead of the real one's, as
+///                                long as the real one answers at all; for tests and for operators
+///                                who want user backstores configured without targetcli
+///                                ("2.1.fb41")
+///   MOSCSI_CONFIGFS_ROOT         the kernel target's tree (/sys/kernel/config/target)
+///
+/// Threads: plain data, copied freely.
 struct Settings {
-    std::filesystem::path stateDir;  // MOSCSI_RUN_DIR/targetcli
+    std::filesystem::path stateDir;  ///< MOSCSI_RUN_DIR/targetcli
     std::filesystem::path configfsRoot;
-    std::string real;     // empty: look on PATH
-    std::string version;  // empty: what the real one answers
+    std::string real;     ///< empty: look on PATH
+    std::string version;  ///< empty: what the real one answers
     std::chrono::seconds timeLimit;
     std::chrono::seconds lockWait;
 };
 
-// Returns: true and the settings; false and one line that names the variable and what it may hold.
-bool readSettings(Settings& settings, std::string& error);
-
-}  // namespace moscsi::wrapper
+/// Returns: true and the settings; false and one line that names the variable and what it may hold.
+bool ReadSettings(Settings& settings, std::string& error);

@@ -10,7 +10,6 @@
 
 #include "adapters/targetcli/Proc.h"
 
-namespace moscsi::wrapper {
 namespace {
 
 using std::chrono::milliseconds;
@@ -26,15 +25,15 @@ class Supervisor {
     Supervisor(ChildOutput& out, ChildOutput& err, TimeLimit& limit, const Interrupts& interrupts)
         : m_out(out), m_err(err), m_limit(limit), m_interrupts(interrupts) {}
 
-    Outcome run(const Command& command);
+    Outcome Run(const Command& command);
 
   private:
-    bool finished() const { return m_ended && m_out.done() && m_err.done(); }
-    void wait();
-    void checkLock(Clock::duration sinceLast);
-    std::string limitReached() const;
-    Outcome giveUp(int status, const std::string& cause);
-    Outcome ownEnd() const;
+    bool Finished() const { return m_ended && m_out.Done() && m_err.Done(); }
+    void Wait();
+    void CheckLock(Clock::duration sinceLast);
+    std::string LimitReached() const;
+    Outcome GiveUp(int status, const std::string& cause);
+    Outcome OwnEnd() const;
 
     ChildOutput& m_out;
     ChildOutput& m_err;
@@ -47,109 +46,97 @@ class Supervisor {
     std::optional<pid_t> m_lockHolder;  // while the child waits for the lock
 };
 
-std::string seconds(std::chrono::seconds time) {
+std::string Seconds(std::chrono::seconds time) {
     return std::to_string(time.count()) + " s";
 }
 
-Outcome Supervisor::run(const Command& command) {
-    int error = m_out.open();
-    if (error == 0) {
-        error = m_err.open();
-    }
-    if (error == 0) {
-        error = m_child.start(command, m_out.childFd(), m_err.childFd());
-    }
-    if (error != 0) {
+Outcome Supervisor::Run(const Command& command) {
+    int error = m_out.Open();
+    if (error == 0)
+        error = m_err.Open();
+    if (error == 0)
+        error = m_child.Start(command, m_out.ChildFd(), m_err.ChildFd());
+    if (error != 0)
         return {kStatusNotStarted, command.program + " can't be started: " + strerror(error)};
-    }
-    m_out.closeChildFd();
-    m_err.closeChildFd();
-    m_pid = m_child.pid();
+    m_out.CloseChildFd();
+    m_err.CloseChildFd();
+    m_pid = m_child.Pid();
 
     Clock::time_point checked = Clock::now();
-    while (!finished()) {
-        wait();
-        if (const int number = m_interrupts.take(); number != 0 && !m_ended) {
-            return giveUp(128 + number, "targetcli was interrupted by signal " +
+    while (!Finished()) {
+        Wait();
+        if (const int number = m_interrupts.Take(); number != 0 && !m_ended) {
+            return GiveUp(128 + number, "targetcli was interrupted by signal " +
                                             std::to_string(number) + " (" + strsignal(number) +
                                             ")");
         }
         const Clock::time_point now = Clock::now();
-        if (now - checked < kTick) {
+        if (now - checked < kTick)
             continue;
-        }
-        checkLock(now - checked);
+        CheckLock(now - checked);
         checked = now;
-        if (const std::string cause = limitReached(); !cause.empty()) {
-            return m_ended ? ownEnd() : giveUp(kStatusLimit, cause);
-        }
+        if (const std::string cause = LimitReached(); !cause.empty())
+            return m_ended ? OwnEnd() : GiveUp(kStatusLimit, cause);
     }
-    return ownEnd();
+    return OwnEnd();
 }
 
-void Supervisor::wait() {
-    std::array<pollfd, 6> polled = {{{m_ended ? -1 : m_child.exitFd(), POLLIN, 0},
-                                     {m_interrupts.fd(), POLLIN, 0},
-                                     {m_out.sourceFd(), POLLIN, 0},
-                                     {m_err.sourceFd(), POLLIN, 0},
-                                     {m_out.sinkFd(), POLLOUT, 0},
-                                     {m_err.sinkFd(), POLLOUT, 0}}};
+void Supervisor::Wait() {
+    std::array<pollfd, 6> polled = {{{m_ended ? -1 : m_child.ExitFd(), POLLIN, 0},
+                                     {m_interrupts.Fd(), POLLIN, 0},
+                                     {m_out.SourceFd(), POLLIN, 0},
+                                     {m_err.SourceFd(), POLLIN, 0},
+                                     {m_out.SinkFd(), POLLOUT, 0},
+                                     {m_err.SinkFd(), POLLOUT, 0}}};
     // Once the child has ended nothing more comes: what the pipes hold is taken without waiting.
-    const bool inputIsThere = m_ended && (m_out.sourceFd() >= 0 || m_err.sourceFd() >= 0);
+    const bool inputIsThere = m_ended && (m_out.SourceFd() >= 0 || m_err.SourceFd() >= 0);
     poll(polled.data(), polled.size(), inputIsThere ? 0 : static_cast<int>(kTick.count()));
 
     if (polled[0].revents != 0) {
-        m_waitStatus = m_child.reap();
+        m_waitStatus = m_child.Reap();
         m_ended = true;
     }
-    if (polled[2].revents != 0 || m_ended) {
-        m_out.takeInput(m_ended);
-    }
-    if (polled[3].revents != 0 || m_ended) {
-        m_err.takeInput(m_ended);
-    }
-    if (polled[4].revents != 0) {
-        m_out.giveOutput();
-    }
-    if (polled[5].revents != 0) {
-        m_err.giveOutput();
-    }
+    if (polled[2].revents != 0 || m_ended)
+        m_out.TakeInput(m_ended);
+    if (polled[3].revents != 0 || m_ended)
+        m_err.TakeInput(m_ended);
+    if (polled[4].revents != 0)
+        m_out.GiveOutput();
+    if (polled[5].revents != 0)
+        m_err.GiveOutput();
 }
 
-void Supervisor::checkLock(Clock::duration sinceLast) {
+void Supervisor::CheckLock(Clock::duration sinceLast) {
     const std::optional<pid_t> before = m_lockHolder;
-    m_lockHolder = m_ended ? std::nullopt : lockHolder(m_pid);
-    if (m_lockHolder && m_lockHolder == before) {
-        m_limit.addLockWait(sinceLast);
-    } else {
-        m_limit.restartLockWait();
-    }
+    m_lockHolder = m_ended ? std::nullopt : LockHolder(m_pid);
+    if (m_lockHolder && m_lockHolder == before)
+        m_limit.AddLockWait(sinceLast);
+    else
+        m_limit.RestartLockWait();
 }
 
-std::string Supervisor::limitReached() const {
-    const bool expired = m_limit.expired();
-    if (m_lockHolder && (expired || m_limit.lockWaitExpired())) {
-        return "targetcli waited " + seconds(m_limit.lockWaited()) + " for its lock, which " +
-               nameProcess(*m_lockHolder) + " holds: end that one, then try again";
+std::string Supervisor::LimitReached() const {
+    const bool expired = m_limit.Expired();
+    if (m_lockHolder && (expired || m_limit.LockWaitExpired())) {
+        return "targetcli waited " + Seconds(m_limit.LockWaited()) + " for its lock, which " +
+               NameProcess(*m_lockHolder) + " holds: end that one, then try again";
     }
     return expired ? "targetcli, process " + std::to_string(m_pid) + ", did not end within " +
-                         seconds(m_limit.limit())
+                         Seconds(m_limit.Limit())
                    : "";
 }
 
-Outcome Supervisor::giveUp(int status, const std::string& cause) {
-    if (m_child.kill(kKillPatience)) {
+Outcome Supervisor::GiveUp(int status, const std::string& cause) {
+    if (m_child.Kill(kKillPatience))
         return {status, cause + (m_lockHolder ? "" : "; it was ended")};
-    }
     return {status, cause + "; process " + std::to_string(m_pid) +
                         " can't be ended, it hangs in the " + "kernel (state " +
-                        processState(m_pid) + ", in " + kernelWait(m_pid) + ") and is left behind"};
+                        ProcessState(m_pid) + ", in " + KernelWait(m_pid) + ") and is left behind"};
 }
 
-Outcome Supervisor::ownEnd() const {
-    if (!WIFSIGNALED(m_waitStatus)) {
+Outcome Supervisor::OwnEnd() const {
+    if (!WIFSIGNALED(m_waitStatus))
         return {WEXITSTATUS(m_waitStatus), ""};
-    }
     const int number = WTERMSIG(m_waitStatus);
     return {128 + number, "targetcli, process " + std::to_string(m_pid) + ", was ended by signal " +
                               std::to_string(number) + " (" + strsignal(number) + ")"};
@@ -157,21 +144,16 @@ Outcome Supervisor::ownEnd() const {
 
 }  // namespace
 
-Outcome runSupervised(const Command& command, ChildOutput& out, ChildOutput& err, TimeLimit& limit,
+Outcome RunSupervised(const Command& command, ChildOutput& out, ChildOutput& err, TimeLimit& limit,
                       const Interrupts& interrupts) {
-    return Supervisor(out, err, limit, interrupts).run(command);
+    return Supervisor(out, err, limit, interrupts).Run(command);
 }
 
-std::string reasonOf(const Outcome& outcome, const ChildOutput& out, const ChildOutput& err) {
-    if (!outcome.complaint.empty()) {
+std::string ReasonOf(const Outcome& outcome, const ChildOutput& out, const ChildOutput& err) {
+    if (!outcome.complaint.empty())
         return outcome.complaint;
-    }
-    for (const ChildOutput* stream : {&err, &out}) {
-        if (stream->saidSomething()) {
-            return std::string(stream->lastLine());
-        }
-    }
+    for (const ChildOutput* stream : {&err, &out})
+        if (stream->SaidSomething())
+            return std::string(stream->LastLine());
     return "targetcli failed with status " + std::to_string(outcome.status) + " and said nothing";
 }
-
-}  // namespace moscsi::wrapper

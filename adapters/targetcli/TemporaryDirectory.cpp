@@ -7,14 +7,13 @@
 #include <csignal>
 #include <cstdlib>
 
-namespace moscsi::wrapper {
 namespace {
 
 namespace fs = std::filesystem;
 
 constexpr std::string_view kPrefix = "run.";
 
-void removeLeftovers(const fs::path& parent) {
+void RemoveLeftovers(const fs::path& parent) {
     std::error_code ignored;
     for (const fs::directory_entry& entry : fs::directory_iterator(parent, ignored)) {
         const std::string name = entry.path().filename();
@@ -22,9 +21,8 @@ void removeLeftovers(const fs::path& parent) {
         if (name.starts_with(kPrefix) &&
             std::from_chars(name.data() + kPrefix.size(), name.data() + name.size(), owner).ec ==
                 std::errc() &&
-            kill(owner, 0) != 0 && errno == ESRCH) {
+            kill(owner, 0) != 0 && errno == ESRCH)
             fs::remove_all(entry.path(), ignored);
-        }
     }
 }
 
@@ -37,10 +35,10 @@ TemporaryDirectory::~TemporaryDirectory() {
     }
 }
 
-bool TemporaryDirectory::make(const fs::path& parent, std::string& error) {
+bool TemporaryDirectory::Make(const fs::path& parent, std::string& error) {
     std::error_code failure;
     fs::create_directories(parent, failure);
-    removeLeftovers(parent);
+    RemoveLeftovers(parent);
     std::string name = parent / (std::string(kPrefix) + std::to_string(getpid()) + ".XXXXXX");
     if (failure || mkdtemp(name.data()) == nullptr) {
         const int number = failure ? failure.value() : errno;
@@ -52,13 +50,10 @@ bool TemporaryDirectory::make(const fs::path& parent, std::string& error) {
     return true;
 }
 
-int TemporaryDirectory::renameTo(const fs::path& name) {
+int TemporaryDirectory::RenameTo(const fs::path& name) {
     std::error_code failure;
     fs::rename(m_path, name, failure);
-    if (!failure) {
+    if (!failure)
         m_path.clear();
-    }
     return failure.value();
 }
-
-}  // namespace moscsi::wrapper

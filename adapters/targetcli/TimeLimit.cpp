@@ -3,12 +3,8 @@
 #include <algorithm>
 #include <fstream>
 
-namespace moscsi::wrapper {
-
-std::chrono::seconds TimeLimit::limit() const {
+std::chrono::seconds TimeLimit::Limit() const {
     std::ifstream file(m_limitFile);
     unsigned shortened = 0;
     return file >> shortened ? std::min(m_limit, std::chrono::seconds(shortened)) : m_limit;
 }
-
-}  // namespace moscsi::wrapper

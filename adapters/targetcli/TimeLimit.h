@@ -1,9 +1,3 @@
-// How long one run of the wrapper may take: counted from the wrapper's start, over everything that
-// it runs. The host can shorten it for wrappers that are running already (when it stops): a number
-// of seconds in MOSCSI_RUN_DIR/targetcli/limit counts for every run for as long as the file is
-// there, and is looked at anew each time.
-//
-// Threads: used by one thread.
 #pragma once
 
 #include <chrono>
@@ -11,8 +5,12 @@
 
 #include "adapters/targetcli/Settings.h"
 
-namespace moscsi::wrapper {
-
+/// How long one run of the wrapper may take: counted from the wrapper's start, over everything that
+/// it runs. The host can shorten it for wrappers that are running already (when it stops): a number
+/// of seconds in MOSCSI_RUN_DIR/targetcli/limit counts for every run for as long as the file is
+/// there, and is looked at anew each time.
+///
+/// Threads: used by one thread.
 class TimeLimit {
   public:
     using Clock = std::chrono::steady_clock;
@@ -23,16 +21,16 @@ class TimeLimit {
           m_limitFile(settings.stateDir / "limit"),
           m_lockWait(settings.lockWait) {}
 
-    // The limit that holds now.
-    std::chrono::seconds limit() const;
-    bool expired() const { return Clock::now() - m_start >= limit(); }
+    /// The limit that holds now.
+    std::chrono::seconds Limit() const;
+    bool Expired() const { return Clock::now() - m_start >= Limit(); }
 
-    // Time goes by while one process keeps targetcli from its lock. A new holder has all of the
-    // time again: several runs may stand in a queue, and the limit of the run bounds them all.
-    void addLockWait(Clock::duration time) { m_lockWaited += time; }
-    void restartLockWait() { m_lockWaited = {}; }
-    bool lockWaitExpired() const { return m_lockWaited >= m_lockWait; }
-    std::chrono::seconds lockWaited() const {
+    /// Time goes by while one process keeps targetcli from its lock. A new holder has all of the
+    /// time again: several runs may stand in a queue, and the limit of the run bounds them all.
+    void AddLockWait(Clock::duration time) { m_lockWaited += time; }
+    void RestartLockWait() { m_lockWaited = {}; }
+    bool LockWaitExpired() const { return m_lockWaited >= m_lockWait; }
+    std::chrono::seconds LockWaited() const {
         return std::chrono::duration_cast<std::chrono::seconds>(m_lockWaited);
     }
 
@@ -43,5 +41,3 @@ class TimeLimit {
     const std::chrono::seconds m_lockWait;
     Clock::duration m_lockWaited{};
 };
-
-}  // namespace moscsi::wrapper

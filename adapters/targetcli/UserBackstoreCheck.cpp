@@ -7,23 +7,21 @@
 #include <sstream>
 #include <string_view>
 
-namespace moscsi::wrapper {
 namespace {
 
 namespace fs = std::filesystem;
 
 constexpr std::string_view kUserPath = "/backstores/user:";
 
-std::optional<uint64_t> parseSize(std::string_view text) {
+std::optional<uint64_t> ParseSize(std::string_view text) {
     uint64_t value = 0;
     const auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (failure != std::errc() || end != text.data() + text.size()) {
+    if (failure != std::errc() || end != text.data() + text.size())
         return std::nullopt;
-    }
     return value;
 }
 
-std::string content(const fs::path& file) {
+std::string Content(const fs::path& file) {
     std::ifstream in(file);
     std::ostringstream text;
     text << in.rdbuf();  // an error ends it, where the iterators would throw
@@ -38,12 +36,12 @@ struct KernelObject {
 
 // The kernel's `info` has "... Config: SUBTYPE/CONFIG Size: BYTES ..." behind a line that has a
 // "SectorSize: " of its own.
-KernelObject readObject(const fs::path& directory) {
+KernelObject ReadObject(const fs::path& directory) {
     constexpr std::string_view kConfig = "Config: ";
     constexpr std::string_view kSize = " Size: ";
     constexpr std::string_view kBlank = " \n";
     KernelObject object;
-    const std::string info = content(directory / "info");
+    const std::string info = Content(directory / "info");
     const size_t config = info.find(kConfig);
     const size_t size = info.find(kSize, config);
     if (config != std::string::npos && size != std::string::npos) {
@@ -51,92 +49,81 @@ KernelObject readObject(const fs::path& directory) {
         const size_t digits = size + kSize.size();
         object.size = info.substr(digits, info.find_first_of(kBlank, digits) - digits);
     }
-    object.enabled = content(directory / "enable") == "1\n";
+    object.enabled = Content(directory / "enable") == "1\n";
     return object;
 }
 
-std::optional<KernelObject> findObject(const fs::path& configfsRoot, const std::string& name) {
+std::optional<KernelObject> FindObject(const fs::path& configfsRoot, const std::string& name) {
     std::error_code ignored;
     for (const fs::directory_entry& hba : fs::directory_iterator(configfsRoot / "core", ignored)) {
         const fs::path directory = hba.path() / name;
-        if (hba.path().filename().string().starts_with("user_") && fs::exists(directory, ignored)) {
-            return readObject(directory);
-        }
+        if (hba.path().filename().string().starts_with("user_") && fs::exists(directory, ignored))
+            return ReadObject(directory);
     }
     return std::nullopt;
 }
 
 // The sub-type may come lower-cased and the kernel keeps it so; what follows it is exact.
-bool sameConfig(const std::string& kernel, const UserBackstoreCreate& create) {
+bool SameConfig(const std::string& kernel, const UserBackstoreCreate& create) {
     const size_t slash = kernel.find('/');
     return slash != std::string::npos && slash == create.handler.size() &&
            strncasecmp(kernel.c_str(), create.handler.c_str(), slash) == 0 &&
            kernel.substr(slash + 1) == create.config;
 }
 
-bool soundsLikeSuccess(const std::string& line) {
+bool SoundsLikeSuccess(const std::string& line) {
     return line.find("exists") != std::string::npos || line.find("Exists") != std::string::npos;
 }
 
-std::string whatDiffers(const KernelObject& object, const UserBackstoreCreate& create) {
-    if (!sameConfig(object.config, create)) {
+std::string WhatDiffers(const KernelObject& object, const UserBackstoreCreate& create) {
+    if (!SameConfig(object.config, create))
         return "another configuration (" + object.config + ")";
-    }
-    if (!create.size || object.size != std::to_string(*create.size)) {
+    if (!create.size || object.size != std::to_string(*create.size))
         return "another size (" + object.size + " bytes)";
-    }
     return object.enabled ? "" : "the same configuration, but was never enabled";
 }
 
 }  // namespace
 
-std::optional<UserBackstoreCreate> UserBackstoreCreate::parse(
+std::optional<UserBackstoreCreate> UserBackstoreCreate::Parse(
     const std::vector<std::string>& arguments) {
-    if (arguments.size() < 2 || !arguments[0].starts_with(kUserPath) || arguments[1] != "create") {
+    if (arguments.size() < 2 || !arguments[0].starts_with(kUserPath) || arguments[1] != "create")
         return std::nullopt;
-    }
     UserBackstoreCreate create;
     create.handler = arguments[0].substr(kUserPath.size());
-    if (create.handler.ends_with('/')) {
+    if (create.handler.ends_with('/'))
         create.handler.pop_back();
-    }
     for (size_t i = 2; i < arguments.size(); ++i) {
         const std::string& argument = arguments[i];
         const size_t equals = argument.find('=');
-        if (equals == std::string::npos) {
+        if (equals == std::string::npos)
             continue;
-        }
         const std::string key = argument.substr(0, equals);
         const std::string value = argument.substr(equals + 1);
-        if (key == "name") {
+        if (key == "name")
             create.name = value;
-        } else if (key == "cfgstring") {
+        else if (key == "cfgstring")
             create.config = value;
-        } else if (key == "size") {
-            create.size = parseSize(value);
-        }
+        else if (key == "size")
+            create.size = ParseSize(value);
     }
     return create;
 }
 
-std::string explainFailedCreate(const UserBackstoreCreate& create, const fs::path& configfsRoot,
+std::string ExplainFailedCreate(const UserBackstoreCreate& create, const fs::path& configfsRoot,
                                 const std::string& reported) {
     std::optional<KernelObject> object;
     const bool directory = create.name == "." || create.name == "..";
-    if (!create.name.empty() && !directory && create.name.find('/') == std::string::npos) {
-        object = findObject(configfsRoot, create.name);
-    }
+    if (!create.name.empty() && !directory && create.name.find('/') == std::string::npos)
+        object = FindObject(configfsRoot, create.name);
     if (!object) {
-        return soundsLikeSuccess(reported) ? "the user backstore was not made, and none is there"
+        return SoundsLikeSuccess(reported) ? "the user backstore was not made, and none is there"
                                            : reported;
     }
-    const std::string difference = whatDiffers(*object, create);
-    if (difference.empty()) {
+    const std::string difference = WhatDiffers(*object, create);
+    if (difference.empty())
         return "a user backstore of this name, configuration and size already exists";
-    }
     const std::string line = "a user backstore of this name is there with " + difference +
                              ": delete it or choose another name";
-    return soundsLikeSuccess(line) ? "a user backstore of this name is there and differs" : line;
+    return SoundsLikeSuccess(line) ? "a user backstore of this name is there and differs" : line;
 }
-
-}  // namespace moscsi::wrapper

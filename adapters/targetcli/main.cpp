@@ -7,13 +7,11 @@
 
 int main(int argc, char** argv) {
     // A pipe must never be given the number of a standard stream that the caller closed.
-    for (int fd = 0; fd <= 2; ++fd) {
-        if (fcntl(fd, F_GETFD) < 0) {
+    for (int fd = 0; fd <= 2; ++fd)
+        if (fcntl(fd, F_GETFD) < 0)
             open("/dev/null", O_RDWR);
-        }
-    }
     signal(SIGPIPE, SIG_IGN);
     signal(SIGCHLD, SIG_DFL);
-    const moscsi::wrapper::Interrupts interrupts;
-    return moscsi::wrapper::runWrapper({argv + 1, argv + argc}, interrupts);
+    const Interrupts interrupts;
+    return RunWrapper({argv + 1, argv + argc}, interrupts);
 }

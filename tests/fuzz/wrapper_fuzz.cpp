@@ -12,7 +12,6 @@
 #include "tests/fuzz/Input.h"
 
 namespace fs = std::filesystem;
-using namespace moscsi::wrapper;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const fs::path root = fs::temp_directory_path() / ("fuzz." + std::to_string(getpid()));
@@ -23,8 +22,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Input input(data, size);
     const bool enabled = input.Byte() % 2 == 0;
     const std::string text = input.Rest();
-    const std::string version = versionIn(text);
-    const std::string older = olderVersionForm(version);
+    const std::string version = VersionIn(text);
+    const std::string older = OlderVersionForm(version);
     Check(older.find_first_of(" \n") == std::string::npos, "a version is one word");
     Check(older.empty() || older >= "0", "a version begins with a digit");
 
@@ -32,14 +31,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::istringstream stream(text);
     for (std::string line; std::getline(stream, line);)
         arguments.push_back(line);
-    const auto create = UserBackstoreCreate::parse(arguments);
+    const auto create = UserBackstoreCreate::Parse(arguments);
     if (!create)
         return 0;
     std::ofstream(object / "info")
         << "Status: ACTIVATED SectorSize: 512\n  Config: " << create->handler << '/' << text
         << "\n";
     std::ofstream(object / "enable") << (enabled ? "1\n" : "0\n");
-    const std::string told = explainFailedCreate(*create, root, text);
+    const std::string told = ExplainFailedCreate(*create, root, text);
     const bool success =
         told.find("exists") != std::string::npos || told.find("Exists") != std::string::npos;
     Check(!success || create->name.empty() || (enabled && create->size.has_value()),
