@@ -12,6 +12,7 @@
 
 #include "adapters/framework/MOPlatformInfo.h"
 #include "adapters/framework/MoProcess.h"
+#include "adapters/framework/UniqueFd.h"
 #include "util/Platform_Util.h"
 
 namespace moscsi::host {
@@ -55,13 +56,10 @@ bool BusAnswers(const std::string& path) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-    const int connection = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (connection < 0)
-        return false;
-    const bool answers =
-        connect(connection, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-    close(connection);
-    return answers;
+    const UniqueFd connection(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    return connection.Valid() &&
+           connect(connection.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) ==
+               0;
 }
 
 bool HasRealTargetcli(const fs::path& wrapper) {

@@ -51,15 +51,12 @@ void StatusServer::Stop() {
     if (!m_thread.joinable())
         return;
     unlink(m_path.c_str());
-    eventfd_write(m_wake, 1);
+    eventfd_write(m_wake.Get(), 1);
     m_thread.join();
 }
 
 StatusServer::~StatusServer() {
     Stop();
-    for (const int descriptor : {m_listener, m_wake})
-        if (descriptor >= 0)
-            close(descriptor);
 }
 
 std::string StatusServer::Start() {
@@ -67,13 +64,13 @@ std::string StatusServer::Start() {
     if (!AddressOf(m_path, address))
         return fmt::format("the socket's path {} is too long: use a shorter MOSCSI_RUN_DIR",
                            m_path.string());
-    m_wake = eventfd(0, EFD_CLOEXEC);
-    m_listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    m_wake = UniqueFd(eventfd(0, EFD_CLOEXEC));
+    m_listener = UniqueFd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     unlink(m_path.c_str());
     const mode_t before = umask(0077);
-    const bool good = m_wake >= 0 && m_listener >= 0 &&
-                      bind(m_listener, Generic(address), sizeof address) == 0 &&
-                      listen(m_listener, 16) == 0;
+    const bool good = m_wake.Valid() && m_listener.Valid() &&
+                      bind(m_listener.Get(), Generic(address), sizeof address) == 0 &&
+                      listen(m_listener.Get(), 16) == 0;
     const int error = errno;
     umask(before);
     if (!good)
@@ -85,25 +82,24 @@ std::string StatusServer::Start() {
 
 void StatusServer::Run() {
     for (;;) {
-        std::array<pollfd, 2> waits{{{m_listener, POLLIN, 0}, {m_wake, POLLIN, 0}}};
+        std::array<pollfd, 2> waits{{{m_listener.Get(), POLLIN, 0}, {m_wake.Get(), POLLIN, 0}}};
         if (poll(waits.data(), waits.size(), -1) < 0)
             continue;
         if (waits[1].revents != 0)
             return;
-        const int connection = accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC);
-        if (connection < 0)
-            continue;
-        SendAll(connection, m_answer());
-        close(connection);
+        const UniqueFd connection(accept4(m_listener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+        if (connection.Valid())
+            SendAll(connection.Get(), m_answer());
     }
 }
 
 std::string AskStatus(const std::filesystem::path& socket, std::string& error) {
     sockaddr_un address{};
-    const int connection = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    setsockopt(connection, SOL_SOCKET, SO_RCVTIMEO, &kPatience, sizeof kPatience);
+    const UniqueFd connection(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    setsockopt(connection.Get(), SOL_SOCKET, SO_RCVTIMEO, &kPatience, sizeof kPatience);
     std::string text;
-    if (!AddressOf(socket, address) || connect(connection, Generic(address), sizeof address) != 0) {
+    if (!AddressOf(socket, address) ||
+        connect(connection.Get(), Generic(address), sizeof address) != 0) {
         error = errno == EACCES
                     ? fmt::format("{} is for root only: run this as root", socket.string())
                     : fmt::format(
@@ -113,15 +109,13 @@ std::string AskStatus(const std::filesystem::path& socket, std::string& error) {
     } else {
         std::array<char, 4096> buffer{};
         ssize_t count = 0;
-        while ((count = read(connection, buffer.data(), buffer.size())) > 0)
+        while ((count = read(connection.Get(), buffer.data(), buffer.size())) > 0)
             text.append(buffer.data(), static_cast<size_t>(count));
         if (count < 0 || text.empty()) {
             text.clear();
             error = fmt::format("the running moscsi-host doesn't answer on {}", socket.string());
         }
     }
-    if (connection >= 0)
-        close(connection);
     return text;
 }
 

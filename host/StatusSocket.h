@@ -5,6 +5,8 @@
 #include <string>
 #include <thread>
 
+#include "adapters/framework/UniqueFd.h"
+
 /// The local socket over which a running host tells its status: whoever connects is sent one JSON
 /// text, and the connection ends.
 namespace moscsi::host {
@@ -34,8 +36,8 @@ class StatusServer {
 
     const std::filesystem::path m_path;
     const Answer m_answer;
-    int m_listener = -1;
-    int m_wake = -1;
+    UniqueFd m_wake;
+    UniqueFd m_listener;
     std::thread m_thread;
 };
 

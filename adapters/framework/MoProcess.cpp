@@ -10,31 +10,21 @@
 #include <cerrno>
 #include <csignal>
 
+#include "adapters/framework/UniqueFd.h"
+
 namespace {
 
-/// A pipe whose ends close themselves and that no other child inherits.
 struct Pipe {
-    std::array<int, 2> ends{-1, -1};
-
-    bool Open() { return pipe2(ends.data(), O_CLOEXEC) == 0; }
-    void Close(int end) {
-        if (ends.at(static_cast<size_t>(end)) >= 0)
-            close(ends.at(static_cast<size_t>(end)));
-        ends.at(static_cast<size_t>(end)) = -1;
-    }
-    Pipe() = default;
-    ~Pipe() {
-        Close(0);
-        Close(1);
-    }
-    Pipe(const Pipe&) = delete;
-    Pipe& operator=(const Pipe&) = delete;
+    UniqueFd readEnd;
+    UniqueFd writeEnd;
+    const bool made = MakePipe(readEnd, writeEnd) == 0;
 };
 
 /// Reads both pipes to their ends at once: a child that fills one while we wait for the other would
 /// never end.
-void Collect(Pipe& outPipe, std::string* out, Pipe& errPipe, std::string* err) {
-    std::array<pollfd, 2> fds{{{outPipe.ends[0], POLLIN, 0}, {errPipe.ends[0], POLLIN, 0}}};
+void Collect(const Pipe& outPipe, std::string* out, const Pipe& errPipe, std::string* err) {
+    std::array<pollfd, 2> fds{
+        {{outPipe.readEnd.Get(), POLLIN, 0}, {errPipe.readEnd.Get(), POLLIN, 0}}};
     const std::array<std::string*, 2> texts{out, err};
     std::array<char, 16384> buffer;  // NOLINT(cppcoreguidelines-pro-type-member-init)
 
@@ -64,8 +54,8 @@ bool Spawn(const std::string& command, const Pipe& outPipe, const Pipe& errPipe,
     posix_spawn_file_actions_init(&actions);
     posix_spawnattr_init(&attributes);
     posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_adddup2(&actions, outPipe.ends[1], 1);
-    posix_spawn_file_actions_adddup2(&actions, errPipe.ends[1], 2);
+    posix_spawn_file_actions_adddup2(&actions, outPipe.writeEnd.Get(), 1);
+    posix_spawn_file_actions_adddup2(&actions, errPipe.writeEnd.Get(), 2);
     posix_spawn_file_actions_addclosefrom_np(&actions, 3);
     sigset_t none;
     sigset_t all;
@@ -92,10 +82,10 @@ int MoProcess::system(const std::string& command, std::string* standardOutput,
     Pipe outPipe;
     Pipe errPipe;
     pid_t pid = -1;
-    if (!outPipe.Open() || !errPipe.Open() || !Spawn(command, outPipe, errPipe, pid))
+    if (!outPipe.made || !errPipe.made || !Spawn(command, outPipe, errPipe, pid))
         return -1;
-    outPipe.Close(1);
-    errPipe.Close(1);
+    outPipe.writeEnd.Close();
+    errPipe.writeEnd.Close();
     Collect(outPipe, standardOutput, errPipe, standardError);
 
     int status = 0;

@@ -1,7 +1,10 @@
 #pragma once
 
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <array>
+#include <cerrno>
 #include <utility>
 
 /// Owns a file descriptor; negative means none. Thread: one at a time.
@@ -30,3 +33,13 @@ class UniqueFd {
   private:
     int m_fd;
 };
+
+/// Makes a pipe that no other child inherits. Returns: 0 or an errno. Thread: any.
+inline int MakePipe(UniqueFd& readEnd, UniqueFd& writeEnd) {
+    std::array<int, 2> ends{};
+    if (pipe2(ends.data(), O_CLOEXEC) != 0)
+        return errno;
+    readEnd = UniqueFd(ends[0]);
+    writeEnd = UniqueFd(ends[1]);
+    return 0;
+}

@@ -22,32 +22,10 @@ std::string_view Trimmed(std::string_view text) {
 
 }  // namespace
 
-ChildOutput::~ChildOutput() {
-    CloseChildFd();
-    ClosePipe();
-}
-
 int ChildOutput::Open() {
-    int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0)
-        return errno;
-    m_pipeFd = ends[0];
-    m_childFd = ends[1];
-    return fcntl(m_pipeFd, F_SETFL, O_NONBLOCK) == 0 ? 0 : errno;
-}
-
-void ChildOutput::CloseChildFd() {
-    if (m_childFd >= 0) {
-        close(m_childFd);
-        m_childFd = -1;
-    }
-}
-
-void ChildOutput::ClosePipe() {
-    if (m_pipeFd >= 0) {
-        close(m_pipeFd);
-        m_pipeFd = -1;
-    }
+    if (const int error = MakePipe(m_pipe, m_child); error != 0)
+        return error;
+    return fcntl(m_pipe.Get(), F_SETFL, O_NONBLOCK) == 0 ? 0 : errno;
 }
 
 bool ChildOutput::HasRoom() const {
@@ -56,15 +34,15 @@ bool ChildOutput::HasRoom() const {
 
 void ChildOutput::TakeInput(bool childEnded) {
     std::array<char, 16384> buffer;
-    while (m_pipeFd >= 0 && HasRoom()) {
-        const ssize_t count = read(m_pipeFd, buffer.data(), buffer.size());
+    while (m_pipe.Valid() && HasRoom()) {
+        const ssize_t count = read(m_pipe.Get(), buffer.data(), buffer.size());
         if (count < 0 && errno == EINTR)
             continue;
         if (count < 0 && errno == EAGAIN && !childEnded)
             return;
         if (count <= 0) {
             NoteLineEnd();
-            ClosePipe();
+            m_pipe.Close();
             return;
         }
         const std::string_view input(buffer.data(), static_cast<size_t>(count));

@@ -4,6 +4,8 @@
 #include <string>
 #include <string_view>
 
+#include "adapters/framework/UniqueFd.h"
+
 /// One output stream of a child: a pipe whose content is relayed to a descriptor of the wrapper's
 /// while it comes, or kept for a later look. Memory is bounded either way: a relayed stream is read
 /// only as fast as its reader takes it, of a kept one the first 64 KiB count and the rest is read
@@ -22,18 +24,15 @@ class ChildOutput {
     ChildOutput() = default;
     /// A stream that is relayed to `readerFd`, which stays the caller's.
     explicit ChildOutput(int readerFd) : m_readerFd(readerFd) {}
-    ~ChildOutput();
-    ChildOutput(const ChildOutput&) = delete;
-    ChildOutput& operator=(const ChildOutput&) = delete;
 
     /// Makes the pipe. Returns: 0 or errno.
     int Open();
     /// The end that the child writes to; the caller's own copy is closed once the child has it.
-    int ChildFd() const { return m_childFd; }
-    void CloseChildFd();
+    int ChildFd() const { return m_child.Get(); }
+    void CloseChildFd() { m_child.Close(); }
 
     /// What to poll for now, -1 for nothing: the pipe for input, the reader for room.
-    int SourceFd() const { return HasRoom() ? m_pipeFd : -1; }
+    int SourceFd() const { return HasRoom() ? m_pipe.Get() : -1; }
     int SinkFd() const { return m_readerFd >= 0 && !m_held.empty() ? m_readerFd : -1; }
 
     /// Takes what has come. `childEnded`: all that can come is in the pipe already, so that an
@@ -43,7 +42,7 @@ class ChildOutput {
     void GiveOutput();
 
     /// The pipe is at its end and the reader has everything.
-    bool Done() const { return m_pipeFd < 0 && (m_readerFd < 0 || m_held.empty()); }
+    bool Done() const { return !m_pipe.Valid() && (m_readerFd < 0 || m_held.empty()); }
 
     /// What was kept; empty for a stream that is relayed.
     const std::string& Kept() const { return m_held; }
@@ -54,13 +53,12 @@ class ChildOutput {
 
   private:
     bool HasRoom() const;
-    void ClosePipe();
     void Note(std::string_view input);
     void NoteLineEnd();
 
     int m_readerFd = -1;  // -1: kept
-    int m_pipeFd = -1;
-    int m_childFd = -1;
+    UniqueFd m_pipe;
+    UniqueFd m_child;
     std::string m_held;  // relayed: not yet given to the reader; kept: everything
     std::string m_line;  // the line that is coming
     std::string m_lastLine;

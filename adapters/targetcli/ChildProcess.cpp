@@ -66,8 +66,6 @@ std::vector<char*> Pointers(std::vector<std::string>& texts) {
 
 ChildProcess::~ChildProcess() {
     Kill(std::chrono::milliseconds(0));
-    if (m_exitFd >= 0)
-        close(m_exitFd);
 }
 
 int ChildProcess::Start(const Command& command, int outFd, int errFd) {
@@ -77,28 +75,30 @@ int ChildProcess::Start(const Command& command, int outFd, int errFd) {
     const std::vector<char*> argumentVector = Pointers(words);
     const std::vector<char*> variableVector = Pointers(variables);
 
-    int failure[2];
-    if (pipe2(failure, O_CLOEXEC) != 0)
-        return errno;
+    UniqueFd failure;
+    UniqueFd childFailure;
+    if (const int error = MakePipe(failure, childFailure); error != 0)
+        return error;
     const pid_t parent = getpid();
     const pid_t pid = fork();
     if (pid == 0) {
         BecomeProgram(command.program.c_str(), const_cast<char**>(argumentVector.data()),
-                      const_cast<char**>(variableVector.data()), outFd, errFd, failure[1], parent);
+                      const_cast<char**>(variableVector.data()), outFd, errFd, childFailure.Get(),
+                      parent);
     }
     int error = pid < 0 ? errno : 0;
-    close(failure[1]);
+    childFailure.Close();
     if (pid > 0) {
         m_pid = pid;
         // Ends with the exec at once: the other end is closed by it, or carries the error.
-        if (read(failure[0], &error, sizeof error) == sizeof error) {
+        if (read(failure.Get(), &error, sizeof error) == sizeof error) {
             Reap();
-        } else if ((m_exitFd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0))) < 0) {
+        } else if (m_exit = UniqueFd(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+                   !m_exit.Valid()) {
             error = errno;
             Kill(std::chrono::milliseconds(0));
         }
     }
-    close(failure[0]);
     return error;
 }
 
@@ -116,8 +116,8 @@ bool ChildProcess::Kill(std::chrono::milliseconds patience) {
     if (m_pid <= 0)
         return true;
     ::kill(-m_pid, SIGKILL);
-    pollfd ended = {m_exitFd, POLLIN, 0};
-    if (m_exitFd >= 0 && poll(&ended, 1, static_cast<int>(patience.count())) == 1) {
+    pollfd ended = {m_exit.Get(), POLLIN, 0};
+    if (m_exit.Valid() && poll(&ended, 1, static_cast<int>(patience.count())) == 1) {
         Reap();
         return true;
     }

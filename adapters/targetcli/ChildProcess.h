@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "adapters/framework/UniqueFd.h"
+
 struct Command {
     std::string program;                 ///< path
     std::vector<std::string> arguments;  ///< without the program's own name
@@ -35,7 +37,7 @@ class ChildProcess {
     pid_t Pid() const { return m_pid; }
 
     /// A descriptor that polls readable once the process has ended.
-    int ExitFd() const { return m_exitFd; }
+    int ExitFd() const { return m_exit.Get(); }
 
     /// Ends what is left of the group and takes the status, as waitpid(2) gives it.
     /// Requires: the process has ended.
@@ -47,5 +49,5 @@ class ChildProcess {
 
   private:
     pid_t m_pid = -1;  // -1: not started, reaped or left alone
-    int m_exitFd = -1;
+    UniqueFd m_exit;
 };

@@ -1,7 +1,6 @@
 #include "adapters/targetcli/Interrupts.h"
 
 #include <sys/signalfd.h>
-#include <unistd.h>
 
 #include <csignal>
 #include <initializer_list>
@@ -18,15 +17,12 @@ Interrupts::Interrupts() {
             sigaddset(&taken, number);
     }
     sigprocmask(SIG_BLOCK, &taken, nullptr);
-    m_fd = signalfd(-1, &taken, SFD_CLOEXEC | SFD_NONBLOCK);
-}
-
-Interrupts::~Interrupts() {
-    if (m_fd >= 0)
-        close(m_fd);
+    m_signals = UniqueFd(signalfd(-1, &taken, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
 int Interrupts::Take() const {
     signalfd_siginfo info = {};
-    return read(m_fd, &info, sizeof info) == sizeof info ? static_cast<int>(info.ssi_signo) : 0;
+    return read(m_signals.Get(), &info, sizeof info) == sizeof info
+               ? static_cast<int>(info.ssi_signo)
+               : 0;
 }

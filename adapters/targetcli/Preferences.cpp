@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "adapters/framework/UniqueFd.h"
 #include "adapters/targetcli/Proc.h"
 
 namespace {
@@ -71,14 +72,13 @@ Outcome Preferences::GiveCopy(TemporaryDirectory& copy) {
 Outcome Preferences::MakeOnce() {
     if (access(m_set.c_str(), F_OK) == 0)
         return {};
-    const int lockFd =
-        open((m_settings.stateDir / "lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (lockFd < 0)
+    const UniqueFd lock(
+        open((m_settings.stateDir / "lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    if (!lock.Valid())
         return Failed(std::string("no lock: ") + strerror(errno));
-    Outcome result = Take(lockFd);
+    Outcome result = Take(lock.Get());
     if (result.Succeeded() && access(m_set.c_str(), F_OK) != 0)
         result = Make();
-    close(lockFd);
     return result;
 }
 

@@ -8,7 +8,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <utility>
 
 namespace moscsi::data {
 namespace {
@@ -22,12 +21,12 @@ bool SyncDirectoryOf(const std::string& path) {
     const size_t slash = path.rfind('/');
     const std::string directory =
         slash == std::string::npos ? "." : path.substr(0, slash == 0 ? 1 : slash);
-    const int fd = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0)
+    UniqueFd names(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!names.Valid())
         return false;
-    const bool synced = fsync(fd) == 0;
+    const bool synced = fsync(names.Get()) == 0;
     const int failure = errno;
-    close(fd);
+    names.Close();
     errno = failure;
     return synced;
 }
@@ -35,7 +34,7 @@ bool SyncDirectoryOf(const std::string& path) {
 }  // namespace
 
 bool BackingFile::Open(const std::string& path, uint64_t size, std::string& error) {
-    Close();
+    m_file.Close();
     struct stat found = {};
     const bool exists = lstat(path.c_str(), &found) == 0;
     if (!exists && errno != ENOENT) {
@@ -45,19 +44,19 @@ bool BackingFile::Open(const std::string& path, uint64_t size, std::string& erro
     const bool opened = exists ? OpenExisting(path, size, error) : Create(path, size, error);
     m_made = opened && !exists;
     if (!opened)
-        Close();
+        m_file.Close();
     return opened;
 }
 
 bool BackingFile::OpenExisting(const std::string& path, uint64_t size, std::string& error) {
     // Non-blocking: opening a FIFO by mistake must not wait for its other end.
-    m_fd = open(path.c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK);
-    if (m_fd < 0) {
+    m_file = UniqueFd(open(path.c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK));
+    if (!m_file.Valid()) {
         error = Failed("can't open", path);
         return false;
     }
     struct stat found = {};
-    if (fstat(m_fd, &found) != 0) {
+    if (fstat(m_file.Get(), &found) != 0) {
         error = Failed("can't look at", path);
         return false;
     }
@@ -75,16 +74,18 @@ bool BackingFile::OpenExisting(const std::string& path, uint64_t size, std::stri
 
 bool BackingFile::Create(const std::string& path, uint64_t size, std::string& error) {
     const std::string unfinished = path + ".new";
-    m_fd = open(unfinished.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
-    if (m_fd < 0) {
+    m_file = UniqueFd(
+        open(unfinished.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600));
+    if (!m_file.Valid()) {
         error = Failed("can't make", unfinished);
         return false;
     }
     // What a crash left there is begun anew; the lock keeps two hosts from doing so at once.
     if (!Lock(unfinished, error))
         return false;
-    const bool whole = ftruncate(m_fd, 0) == 0 && ftruncate(m_fd, static_cast<off_t>(size)) == 0 &&
-                       fsync(m_fd) == 0;
+    const bool whole = ftruncate(m_file.Get(), 0) == 0 &&
+                       ftruncate(m_file.Get(), static_cast<off_t>(size)) == 0 &&
+                       fsync(m_file.Get()) == 0;
     // link refuses what rename would replace: a file that appeared meanwhile.
     const bool named = whole && link(unfinished.c_str(), path.c_str()) == 0;
     if (!named)
@@ -99,17 +100,12 @@ bool BackingFile::Create(const std::string& path, uint64_t size, std::string& er
 }
 
 bool BackingFile::Lock(const std::string& path, std::string& error) {
-    if (flock(m_fd, LOCK_EX | LOCK_NB) == 0)
+    if (flock(m_file.Get(), LOCK_EX | LOCK_NB) == 0)
         return true;
     error = errno == EWOULDBLOCK
                 ? fmt::format("{} is in use by another LUN or host; stop that one first", path)
                 : Failed("can't lock", path);
     return false;
-}
-
-void BackingFile::Close() {
-    if (m_fd >= 0)
-        close(std::exchange(m_fd, -1));
 }
 
 }  // namespace moscsi::data

@@ -2,7 +2,8 @@
 
 #include <cstdint>
 #include <string>
-#include <utility>
+
+#include "adapters/framework/UniqueFd.h"
 
 namespace moscsi::data {
 
@@ -16,17 +17,7 @@ class BackingFile {
     /// Returns: false with one line in `error` when the file can't be used or isn't ours to use.
     bool Open(const std::string& path, uint64_t size, std::string& error);
 
-    BackingFile() = default;
-    ~BackingFile() { Close(); }
-    BackingFile(const BackingFile&) = delete;
-    BackingFile& operator=(const BackingFile&) = delete;
-    BackingFile(BackingFile&& other) noexcept : m_fd(std::exchange(other.m_fd, -1)) {}
-    BackingFile& operator=(BackingFile&& other) noexcept {
-        std::swap(m_fd, other.m_fd);
-        return *this;
-    }
-
-    int Fd() const { return m_fd; }
+    int Fd() const { return m_file.Get(); }
     /// Whether Open made the file.
     bool Made() const { return m_made; }
 
@@ -34,9 +25,8 @@ class BackingFile {
     bool OpenExisting(const std::string& path, uint64_t size, std::string& error);
     bool Create(const std::string& path, uint64_t size, std::string& error);
     bool Lock(const std::string& path, std::string& error);
-    void Close();
 
-    int m_fd = -1;
+    UniqueFd m_file;
     bool m_made = false;
 };
 

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 namespace moscsi::data {
 
@@ -14,24 +15,21 @@ std::unique_ptr<MemoryEngine> MemoryEngine::Make(const std::string& name, uint64
     // A nameless file in memory, whose pages come when they are first touched. Its descriptor stays
     // open: an operator reads the LUN's data at /proc/PID/fd, where the link carries the LUN's
     // name.
-    const int fd = memfd_create(("moscsi:" + name).c_str(), MFD_CLOEXEC);
+    UniqueFd fd(memfd_create(("moscsi:" + name).c_str(), MFD_CLOEXEC));
     void* base = MAP_FAILED;
-    if (fd >= 0 && ftruncate(fd, static_cast<off_t>(size)) == 0)
-        base = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_NORESERVE, fd, 0);
+    if (fd.Valid() && ftruncate(fd.Get(), static_cast<off_t>(size)) == 0)
+        base = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_NORESERVE, fd.Get(), 0);
     if (base == MAP_FAILED) {
         error = fmt::format("can't have {} bytes of memory ({}); make the LUN smaller", size,
                             strerror(errno));
-        if (fd >= 0)
-            close(fd);
         return nullptr;
     }
     return std::unique_ptr<MemoryEngine>(
-        new MemoryEngine(fd, static_cast<char*>(base), size, transfers));
+        new MemoryEngine(std::move(fd), static_cast<char*>(base), size, transfers));
 }
 
 MemoryEngine::~MemoryEngine() {
     munmap(m_base, m_size);
-    close(m_fd);
 }
 
 void MemoryEngine::Start(Transfer& transfer) {

@@ -2,7 +2,9 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 
+#include "adapters/framework/UniqueFd.h"
 #include "host/data/DataEngine.h"
 
 namespace moscsi::data {
@@ -23,10 +25,10 @@ class MemoryEngine : public DataEngine {
     void Start(Transfer& transfer) override;
 
   private:
-    MemoryEngine(int fd, char* base, uint64_t size, Transfers& transfers)
-        : m_fd(fd), m_base(base), m_size(size), m_transfers(transfers) {}
+    MemoryEngine(UniqueFd fd, char* base, uint64_t size, Transfers& transfers)
+        : m_fd(std::move(fd)), m_base(base), m_size(size), m_transfers(transfers) {}
 
-    const int m_fd;
+    const UniqueFd m_fd;
     char* const m_base;
     const uint64_t m_size;
     Transfers& m_transfers;
