@@ -5,10 +5,11 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 #include <future>
 #include <memory>
 #include <thread>
+
+#include "adapters/framework/SmallFile.h"
 
 namespace moscsi::host {
 namespace {
@@ -85,9 +86,7 @@ class Bus {
 };
 
 std::string ProgramOf(pid_t process) {
-    std::ifstream stream(fmt::format("/proc/{}/comm", process));
-    std::string name;
-    std::getline(stream, name);
+    const std::string name = FirstLineOf(fmt::format("/proc/{}/comm", process));
     return name.empty() ? "a program" : name;
 }
 

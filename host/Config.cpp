@@ -7,9 +7,9 @@
 #include <cerrno>
 #include <charconv>
 #include <cstring>
-#include <fstream>
 #include <sstream>
 
+#include "adapters/framework/SmallFile.h"
 #include "host/TableReader.h"
 #include "host/data/FaultPlanReader.h"
 
@@ -155,10 +155,8 @@ Config ParseConfig(const std::string& text, const std::string& file, Problems& p
 }
 
 Config ReadConfig(const std::string& file, Problems& problems) {
-    std::ifstream stream(file, std::ios::binary);
-    std::ostringstream text;
-    // A directory opens like a file and fails at the first read.
-    if (!stream || !(text << stream.rdbuf() || stream.peek() == EOF) || stream.bad()) {
+    const std::optional<std::string> text = ReadSmallFile(file);
+    if (!text) {
         problems.Add({file, 0}, fmt::format("can't be read ({}): give the name of a configuration "
                                             "file",
                                             strerror(errno)));
@@ -166,7 +164,7 @@ Config ReadConfig(const std::string& file, Problems& problems) {
         config.file = file;
         return config;
     }
-    return ParseConfig(text.str(), file, problems);
+    return ParseConfig(*text, file, problems);
 }
 
 std::optional<uint64_t> ParseSize(const std::string& text) {

@@ -5,9 +5,9 @@
 
 #include <algorithm>
 #include <charconv>
-#include <fstream>
 #include <sstream>
 
+#include "adapters/framework/SmallFile.h"
 #include "host/Storage.h"
 
 namespace moscsi::host {
@@ -16,10 +16,7 @@ namespace {
 namespace fs = std::filesystem;
 
 std::string ReadText(const fs::path& file) {
-    std::ifstream stream(file);
-    std::ostringstream text;
-    text << stream.rdbuf();
-    std::string result = text.str();
+    std::string result = ReadSmallFile(file).value_or("");
     while (!result.empty() && (result.back() == '\n' || result.back() == '\0'))
         result.pop_back();
     return result;

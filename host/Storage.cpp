@@ -4,8 +4,9 @@
 #include <sys/sysmacros.h>
 
 #include <cerrno>
-#include <fstream>
 #include <sstream>
+
+#include "adapters/framework/SmallFile.h"
 
 namespace moscsi::host {
 namespace {
@@ -16,10 +17,13 @@ std::string NumbersOf(dev_t device) {
     return fmt::format("{}:{}", major(device), minor(device));
 }
 
+std::istringstream Content(const fs::path& file) {
+    return std::istringstream(ReadSmallFile(file).value_or(""));
+}
+
 std::string FirstWord(const fs::path& file) {
-    std::ifstream stream(file);
     std::string word;
-    stream >> word;
+    Content(file) >> word;
     return word;
 }
 
@@ -61,9 +65,8 @@ fs::path Storage::DirectoryOf(dev_t device) const {
 
 std::optional<uint64_t> Storage::DeviceSize(dev_t device) const {
     constexpr uint64_t kSysfsSector = 512;
-    std::ifstream stream(DirectoryOf(device) / "size");
     uint64_t sectors = 0;
-    if (!(stream >> sectors))
+    if (!(Content(DirectoryOf(device) / "size") >> sectors))
         return std::nullopt;
     return sectors * kSysfsSector;
 }
@@ -73,7 +76,7 @@ bool Storage::DeviceReadOnly(dev_t device) const {
 }
 
 std::string Storage::UseOf(const std::string& majorMinor) const {
-    std::ifstream mounts(m_roots.mountInfo);
+    std::istringstream mounts = Content(m_roots.mountInfo);
     for (std::string line; std::getline(mounts, line);) {
         // id parent major:minor root mount-point options [tags] - type source options
         std::istringstream words(line);
@@ -89,7 +92,7 @@ std::string Storage::UseOf(const std::string& majorMinor) const {
         if (numbers == majorMinor || IsDevice(source, majorMinor))
             return "is mounted on " + place;
     }
-    std::ifstream swaps(m_roots.swaps);
+    std::istringstream swaps = Content(m_roots.swaps);
     for (std::string line; std::getline(swaps, line);)
         if (IsDevice(line.substr(0, line.find_first_of(" \t")), majorMinor))
             return "is swap space";

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "adapters/framework/UniqueFd.h"
 
@@ -39,4 +40,16 @@ inline std::string FirstLineOf(const std::filesystem::path& path) {
     std::string text = ReadSmallFile(path).value_or("");
     text.resize(std::min(text.find('\n'), text.size()));
     return text;
+}
+
+/// Writes `value` to an existing file, an attribute of sysfs or configfs, in one write.
+/// Returns: 0 or an errno.
+inline int WriteSmallFile(const std::filesystem::path& path, std::string_view value) {
+    const UniqueFd file(open(path.c_str(), O_WRONLY | O_CLOEXEC));
+    if (!file.Valid())
+        return errno;
+    const ssize_t written = write(file.Get(), value.data(), value.size());
+    if (written < 0)
+        return errno;
+    return static_cast<size_t>(written) == value.size() ? 0 : EIO;
 }

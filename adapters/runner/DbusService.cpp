@@ -7,9 +7,9 @@
 
 #include <cstdint>
 #include <exception>
-#include <fstream>
 #include <tuple>
 
+#include "adapters/framework/SmallFile.h"
 #include "util/Log.h"
 
 DbusService::DbusService() = default;
@@ -148,10 +148,9 @@ std::string DbusService::DescribeOwner() {
             .onInterface("org.freedesktop.DBus")
             .withArguments(owner)
             .storeResultsTo(process);
-        std::ifstream file("/proc/" + std::to_string(process) + "/comm");
-        std::string program = "a program that has ended";
-        std::getline(file, program);
-        return program + " (process " + std::to_string(process) + ")";
+        const std::string program = FirstLineOf("/proc/" + std::to_string(process) + "/comm");
+        return (program.empty() ? "a program that has ended" : program) + " (process " +
+               std::to_string(process) + ")";
     } catch (const std::exception&) {
         return "";
     }

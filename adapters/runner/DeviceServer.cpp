@@ -2,8 +2,9 @@
 
 #include <poll.h>
 
-#include <fstream>
+#include <sstream>
 
+#include "adapters/framework/SmallFile.h"
 #include "util/Log.h"
 
 namespace {
@@ -11,13 +12,13 @@ namespace {
 // UIO calls a device "tcm-user/HBA/NAME/CONFIGURATION"; its directory is core/user_HBA/NAME.
 std::filesystem::path FindBackstore(const RunnerEnvironment& environment,
                                     const std::string& uioName) {
-    std::ifstream file(environment.uioClass / uioName / "name");
+    std::istringstream text(ReadSmallFile(environment.uioClass / uioName / "name").value_or(""));
     std::string kind;
     std::string hba;
     std::string name;
-    std::getline(file, kind, '/');
-    std::getline(file, hba, '/');
-    std::getline(file, name, '/');
+    std::getline(text, kind, '/');
+    std::getline(text, hba, '/');
+    std::getline(text, name, '/');
     if (kind != "tcm-user" || hba.empty() || name.empty())
         return {};
     return environment.backstores / ("user_" + hba) / name;

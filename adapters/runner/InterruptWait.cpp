@@ -1,15 +1,15 @@
 #include "adapters/runner/InterruptWait.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <sys/signalfd.h>
 
 #include <algorithm>
-#include <array>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
+#include <string_view>
+
+#include "adapters/framework/SmallFile.h"
 
 namespace {
 
@@ -24,18 +24,12 @@ sigset_t InterruptSet() {
 
 // Whether SIGINT is pending for this thread, as distinct from its process.
 bool DirectedInterruptPending() {
-    const UniqueFd status(open("/proc/thread-self/status", O_RDONLY | O_CLOEXEC));
-    std::array<char, 8192> text;
-    const ssize_t size =
-        status.Valid() ? read(status.Get(), text.data(), text.size() - 1) : ssize_t(-1);
-    if (size <= 0)
+    constexpr std::string_view kField = "\nSigPnd:";
+    const std::string text = ReadSmallFile("/proc/thread-self/status").value_or("");
+    const size_t field = text.find(kField);
+    if (field == std::string::npos)
         return false;
-    text[static_cast<size_t>(size)] = '\0';
-    static constexpr char kField[] = "\nSigPnd:";
-    const char* field = strstr(text.data(), kField);
-    if (field == nullptr)
-        return false;
-    const unsigned long long pending = strtoull(field + sizeof kField - 1, nullptr, 16);
+    const unsigned long long pending = strtoull(text.c_str() + field + kField.size(), nullptr, 16);
     return (pending >> (SIGINT - 1) & 1) != 0;
 }
 

@@ -3,7 +3,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "adapters/runner/SysfsWrite.h"
+#include "adapters/framework/SmallFile.h"
 #include "util/Log.h"
 
 NetlinkReset::NetlinkReset(std::filesystem::path parameters)
@@ -27,7 +27,7 @@ bool NetlinkReset::Unblock() {
 
 bool NetlinkReset::Write(const char* parameter, const char* value) {
     const std::filesystem::path path = m_parameters / parameter;
-    const int error = SysfsWrite(path, value);
+    const int error = WriteSmallFile(path, value);
     if (error != 0)
         MO_LOG(kLogError, "TCMU runner: cannot write %s to %s: %s", value, path.c_str(),
                strerror(error));

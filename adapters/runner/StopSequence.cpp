@@ -6,8 +6,8 @@
 #include <set>
 #include <thread>
 
+#include "adapters/framework/SmallFile.h"
 #include "adapters/libtcmu/LibtcmuApi.h"
-#include "adapters/runner/SysfsWrite.h"
 #include "util/Log.h"
 
 namespace {
@@ -63,7 +63,7 @@ class Stop {
   private:
     static void Block(const std::filesystem::path& backstore) {
         const std::filesystem::path file = backstore / "action" / "block_dev";
-        const int error = SysfsWrite(file, "1");
+        const int error = WriteSmallFile(file, "1");
         if (error != 0)
             MO_LOG(kLogProgress, "TCMU runner: cannot block %s: %s", file.c_str(), strerror(error));
     }

@@ -6,17 +6,15 @@
 
 #include <array>
 #include <cstdio>
-#include <fstream>
 #include <sstream>
 #include <vector>
+
+#include "adapters/framework/SmallFile.h"
 
 namespace {
 
 std::string FirstLine(pid_t pid, const char* file) {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/" + file);
-    std::string line;
-    std::getline(in, line);
-    return line;
+    return FirstLineOf("/proc/" + std::to_string(pid) + "/" + file);
 }
 
 // One line of /proc/locks: "3: FLOCK  ADVISORY  WRITE 412 00:17:903 0 EOF", with "->" behind the
@@ -29,7 +27,7 @@ struct FileLock {
 
 std::vector<FileLock> FileLocks() {
     std::vector<FileLock> locks;
-    std::ifstream in("/proc/locks");
+    std::istringstream in(ReadSmallFile("/proc/locks").value_or(""));
     for (std::string line; std::getline(in, line);) {
         std::istringstream fields(line);
         FileLock lock;

@@ -1,10 +1,12 @@
 #include "adapters/targetcli/TimeLimit.h"
 
 #include <algorithm>
-#include <fstream>
+#include <sstream>
+
+#include "adapters/framework/SmallFile.h"
 
 std::chrono::seconds TimeLimit::Limit() const {
-    std::ifstream file(m_limitFile);
+    std::istringstream text(ReadSmallFile(m_limitFile).value_or(""));
     unsigned shortened = 0;
-    return file >> shortened ? std::min(m_limit, std::chrono::seconds(shortened)) : m_limit;
+    return text >> shortened ? std::min(m_limit, std::chrono::seconds(shortened)) : m_limit;
 }

@@ -3,9 +3,9 @@
 #include <strings.h>
 
 #include <charconv>
-#include <fstream>
-#include <sstream>
 #include <string_view>
+
+#include "adapters/framework/SmallFile.h"
 
 namespace {
 
@@ -21,13 +21,6 @@ std::optional<uint64_t> ParseSize(std::string_view text) {
     return value;
 }
 
-std::string Content(const fs::path& file) {
-    std::ifstream in(file);
-    std::ostringstream text;
-    text << in.rdbuf();  // an error ends it, where the iterators would throw
-    return text.str();
-}
-
 struct KernelObject {
     std::string config;
     std::string size;
@@ -41,7 +34,7 @@ KernelObject ReadObject(const fs::path& directory) {
     constexpr std::string_view kSize = " Size: ";
     constexpr std::string_view kBlank = " \n";
     KernelObject object;
-    const std::string info = Content(directory / "info");
+    const std::string info = ReadSmallFile(directory / "info").value_or("");
     const size_t config = info.find(kConfig);
     const size_t size = info.find(kSize, config);
     if (config != std::string::npos && size != std::string::npos) {
@@ -49,7 +42,7 @@ KernelObject ReadObject(const fs::path& directory) {
         const size_t digits = size + kSize.size();
         object.size = info.substr(digits, info.find_first_of(kBlank, digits) - digits);
     }
-    object.enabled = Content(directory / "enable") == "1\n";
+    object.enabled = ReadSmallFile(directory / "enable") == "1\n";
     return object;
 }
 
