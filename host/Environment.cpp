@@ -8,8 +8,8 @@
 #include <array>
 #include <cstdlib>
 #include <cstring>
-#include <sstream>
 
+#include "adapters/framework/FindTargetcli.h"
 #include "adapters/framework/MOPlatformInfo.h"
 #include "adapters/framework/MoProcess.h"
 #include "adapters/framework/UniqueFd.h"
@@ -25,10 +25,6 @@ constexpr int kDefaultPort = 3260;  // RFC 7143, 13.2
 std::string Variable(const char* name, const char* fallback) {
     const char* value = getenv(name);
     return value != nullptr && *value != '\0' ? value : fallback;
-}
-
-bool IsProgram(const fs::path& path) {
-    return access(path.c_str(), X_OK) == 0 && fs::is_regular_file(path);
 }
 
 PlatformFacts DefaultFacts(const std::string& home) {
@@ -60,19 +56,6 @@ bool BusAnswers(const std::string& path) {
     return connection.Valid() &&
            connect(connection.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) ==
                0;
-}
-
-bool HasRealTargetcli(const fs::path& wrapper) {
-    if (IsProgram(Variable("MOSCSI_TARGETCLI_REAL", "")))
-        return true;
-    std::istringstream directories(Variable("PATH", ""));
-    std::error_code ignored;
-    for (std::string directory; std::getline(directories, directory, ':');) {
-        const fs::path candidate = fs::path(directory) / "targetcli";
-        if (IsProgram(candidate) && !fs::equivalent(candidate, wrapper, ignored))
-            return true;
-    }
-    return false;
 }
 
 }  // namespace
@@ -113,13 +96,15 @@ void PrepareSearchPath(const Environment& environment) {
 std::string MissingPrerequisite(const Environment& environment) {
     if (geteuid() != 0)
         return "must be run as root, since it configures the kernel: use sudo";
-    if (!IsProgram(environment.home / "bin/targetcli"))
+    const fs::path wrapper = environment.home / "bin/targetcli";
+    if (!IsProgram(wrapper))
         return fmt::format(
             "the targetcli wrapper isn't in {}: install the product, or name its "
             "home directory in the platform file",
             (environment.home / "bin").string());
-    if (!HasRealTargetcli(environment.home / "bin/targetcli"))
-        return "targetcli is not installed: install the package targetcli-fb";
+    std::string error;
+    if (FindTargetcli(Variable("MOSCSI_TARGETCLI_REAL", ""), wrapper, error).empty())
+        return error;
     if (!BusAnswers(BusSocket()))
         return fmt::format(
             "no D-Bus system bus answers at {}, which targetcli needs: install and "

@@ -105,6 +105,11 @@ class ServeTest(ProgramTest):
             self.assertFalse(self.limit.exists())
         self.assertIn("no moscsi-host is running", self.status())
 
+    def test_wants_the_targetcli_that_the_wrapper_would_run(self):
+        for real in ("bin/targetcli", "none"):
+            self.env["MOSCSI_TARGETCLI_REAL"] = self.dir / real
+            self.assertIn(f"{real} is not the real targetcli program", self.ends(self.start())[1])
+
     def test_every_failing_operation_leaves_nothing_of_this_run(self):
         for step in ("CreateTarget:1", "CreateLun:1", "CreateLun:3", "MapHost:1", "MapHost:4"):
             with self.subTest(step):

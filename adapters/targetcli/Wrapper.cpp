@@ -7,8 +7,8 @@
 #include <climits>
 #include <exception>
 
+#include "adapters/framework/FindTargetcli.h"
 #include "adapters/targetcli/Preferences.h"
-#include "adapters/targetcli/RealTargetcli.h"
 #include "adapters/targetcli/Settings.h"
 #include "adapters/targetcli/SupervisedRun.h"
 #include "adapters/targetcli/UserBackstoreCheck.h"
@@ -100,7 +100,7 @@ int RunOnce(const std::vector<std::string>& arguments, bool version, const Inter
     std::string error;
     if (!ReadSettings(settings, error))
         return version ? kStatusUsage : Complain(error, kStatusUsage);
-    const std::string real = FindRealTargetcli(settings.real, error);
+    const std::string real = FindTargetcli(settings.real, "/proc/self/exe", error);
     if (real.empty())
         return version ? kStatusNotFound : Complain(error, kStatusNotFound);
     TimeLimit limit(settings);
