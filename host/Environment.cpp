@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "adapters/framework/EnvironmentVariable.h"
 #include "adapters/framework/FindTargetcli.h"
 #include "adapters/framework/MOPlatformInfo.h"
 #include "adapters/framework/MoProcess.h"
@@ -21,11 +22,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr int kDefaultPort = 3260;  // RFC 7143, 13.2
-
-std::string Variable(const char* name, const char* fallback) {
-    const char* value = getenv(name);
-    return value != nullptr && *value != '\0' ? value : fallback;
-}
 
 PlatformFacts DefaultFacts(const std::string& home) {
     std::array<char, 256> name{};
@@ -41,7 +37,7 @@ PlatformFacts DefaultFacts(const std::string& home) {
 /// The system bus's socket, where every client looks for it.
 std::string BusSocket() {
     const std::string prefix = "unix:path=";
-    const std::string address = Variable("DBUS_SYSTEM_BUS_ADDRESS", "");
+    const std::string address = EnvironmentVariable("DBUS_SYSTEM_BUS_ADDRESS", "");
     return address.starts_with(prefix)
                ? address.substr(prefix.size(), address.find(',') - prefix.size())
                : "/run/dbus/system_bus_socket";
@@ -65,8 +61,8 @@ std::string FindEnvironment(const std::string& platformFile, Environment& enviro
     const fs::path prefix = fs::read_symlink("/proc/self/exe", ignored).parent_path().parent_path();
     const fs::path ownHome = prefix / "libexec/moscsi";
     environment.library = prefix / "lib/moscsi/libMoScsiSrvLIO.so";
-    environment.runDirectory = Variable("MOSCSI_RUN_DIR", "/run/moscsi");
-    environment.configfs = Variable("MOSCSI_CONFIGFS_ROOT", "/sys/kernel/config/target");
+    environment.runDirectory = EnvironmentVariable("MOSCSI_RUN_DIR", "/run/moscsi");
+    environment.configfs = EnvironmentVariable("MOSCSI_CONFIGFS_ROOT", "/sys/kernel/config/target");
 
     PlatformFacts facts = DefaultFacts(ownHome);
     if (fs::exists(platformFile, ignored)) {
@@ -89,7 +85,7 @@ void PrepareSearchPath(const Environment& environment) {
     const std::string path = fmt::format(
         "{}:{}:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:"
         "/sbin:/bin",
-        (environment.home / "bin").string(), Variable("PATH", "/"));
+        (environment.home / "bin").string(), EnvironmentVariable("PATH", "/"));
     setenv("PATH", path.c_str(), 1);
 }
 
@@ -103,7 +99,7 @@ std::string MissingPrerequisite(const Environment& environment) {
             "home directory in the platform file",
             (environment.home / "bin").string());
     std::string error;
-    if (FindTargetcli(Variable("MOSCSI_TARGETCLI_REAL", ""), wrapper, error).empty())
+    if (FindTargetcli(EnvironmentVariable("MOSCSI_TARGETCLI_REAL", ""), wrapper, error).empty())
         return error;
     if (!BusAnswers(BusSocket()))
         return fmt::format(

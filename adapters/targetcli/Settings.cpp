@@ -1,21 +1,16 @@
 #include "adapters/targetcli/Settings.h"
 
 #include <charconv>
-#include <cstdlib>
-#include <cstring>
+
+#include "adapters/framework/EnvironmentVariable.h"
 
 namespace {
 
 constexpr int kMaxSeconds = 86400;
 
-std::string Variable(const char* name, const char* fallback) {
-    const char* value = getenv(name);
-    return value != nullptr && *value != '\0' ? value : fallback;
-}
-
 bool ReadSeconds(const char* name, const char* fallback, std::chrono::seconds& result,
                  std::string& error) {
-    const std::string text = Variable(name, fallback);
+    const std::string text = EnvironmentVariable(name, fallback);
     int value = 0;
     const auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), value);
     if (failure != std::errc() || *end != '\0' || value < 1 || value > kMaxSeconds) {
@@ -31,10 +26,11 @@ bool ReadSeconds(const char* name, const char* fallback, std::chrono::seconds& r
 
 bool ReadSettings(Settings& settings, std::string& error) {
     settings.stateDir =
-        std::filesystem::path(Variable("MOSCSI_RUN_DIR", "/run/moscsi")) / "targetcli";
-    settings.configfsRoot = Variable("MOSCSI_CONFIGFS_ROOT", "/sys/kernel/config/target");
-    settings.real = Variable("MOSCSI_TARGETCLI_REAL", "");
-    settings.version = Variable("MOSCSI_TARGETCLI_VERSION", "");
+        std::filesystem::path(EnvironmentVariable("MOSCSI_RUN_DIR", "/run/moscsi")) / "targetcli";
+    settings.configfsRoot =
+        EnvironmentVariable("MOSCSI_CONFIGFS_ROOT", "/sys/kernel/config/target");
+    settings.real = EnvironmentVariable("MOSCSI_TARGETCLI_REAL", "");
+    settings.version = EnvironmentVariable("MOSCSI_TARGETCLI_VERSION", "");
     return ReadSeconds("MOSCSI_TARGETCLI_TIMEOUT", "120", settings.timeLimit, error) &&
            ReadSeconds("MOSCSI_TARGETCLI_LOCK_WAIT", "20", settings.lockWait, error);
 }
