@@ -3,6 +3,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "adapters/libtcmu/Opcodes.h"
+
 /// Command descriptor blocks: lengths, and big-endian fields (SPC-4, 4.2; SBC-3, 5).
 
 inline constexpr uint8_t kVariableLengthCdb = 0x7F;
@@ -21,6 +23,7 @@ inline uint64_t LoadBe64(const uint8_t* bytes) {
 /// length in the standard included; a variable-length CDB states its own in byte 7.
 size_t CdbLength(const uint8_t* cdb);
 
-/// READ (6), (10), (12) and (16), WRITE likewise.
-bool IsRead(uint8_t opcode);
-bool IsWrite(uint8_t opcode);
+/// A field of a CDB. Storing drops what doesn't fit, and overwrites whole bytes.
+uint64_t LoadField(const uint8_t* cdb, CdbField field);
+void StoreField(uint8_t* cdb, CdbField field, uint64_t value);
+bool FitsField(CdbField field, uint64_t value);

@@ -179,7 +179,7 @@ bool CommandRing::CopyOut(uint32_t offset, uint32_t length, RingCommand& command
     }
     command.iov_cnt = request.entries;
     command.dataLength = total;
-    if (IsRead(command.m_cdb[0]))
+    if (KindOf(command.m_cdb[0]) == CommandKind::kRead)
         command.readBytes = total;
     return true;
 }

@@ -10,9 +10,6 @@
 
 namespace {
 
-constexpr uint8_t kModeSense6 = 0x1A;
-constexpr uint8_t kModeSelect6 = 0x15;
-
 constexpr uint8_t kAllPages = 0x3F;
 constexpr uint8_t kAllSubpages = 0xFF;
 
@@ -93,7 +90,7 @@ int ComparePages(const uint8_t* list, size_t length, uint8_t* sense) {
 }  // namespace
 
 int tcmu_emulate_mode_sense(uint8_t* cdb, iovec* iov, size_t iovCnt, uint8_t* sense) {
-    const bool six = cdb[0] == kModeSense6;
+    const bool six = cdb[0] == Opcode::kModeSense6;
     const auto control = static_cast<PageControl>(cdb[2] >> 6U);
     const uint8_t code = cdb[2] & 0x3FU;
     const uint8_t subpage = cdb[3];
@@ -122,7 +119,7 @@ int tcmu_emulate_mode_sense(uint8_t* cdb, iovec* iov, size_t iovCnt, uint8_t* se
 }
 
 int tcmu_emulate_mode_select(uint8_t* cdb, iovec* iov, size_t iovCnt, uint8_t* sense) {
-    const bool six = cdb[0] == kModeSelect6;
+    const bool six = cdb[0] == Opcode::kModeSelect6;
     const size_t headerLength = six ? 4 : 8;
     const size_t listLength = six ? cdb[4] : LoadBe16(cdb + 7);
     const bool pageFormat = (cdb[1] & 0x10U) != 0;

@@ -5,6 +5,7 @@
 #include <limits>
 
 #include "adapters/libtcmu/Device.h"
+#include "adapters/libtcmu/Opcodes.h"
 #include "adapters/runner/DeviceHandler.h"
 #include "adapters/runner/IovecMerge.h"
 #include "util/Log.h"
@@ -12,8 +13,6 @@
 namespace {
 
 constexpr int kCompletesLater = -2;
-constexpr uint8_t kTestUnitReady = 0x00;
-constexpr uint8_t kInquiry = 0x12;
 constexpr int kBusyStatus = 0x08;  // SAM-5, 5.3.1
 
 // Between two questions for the host's operations. An initiator that was logged in before a restart
@@ -86,7 +85,7 @@ void CommandGate::PassData(RingCommand& command, const DataCommand& data) {
     }
     Count(m_verdicts[static_cast<size_t>(verdict)]);
 
-    const bool tenBytes = command.cdb[0] == 0x28 || command.cdb[0] == 0x2A;
+    const bool tenBytes = command.cdb[0] == Opcode::kRead10 || command.cdb[0] == Opcode::kWrite10;
     const bool zeroMeans256 = data.sixBytes && command.cdb[4] == 0;
     if (!tenBytes && (data.write || zeroMeans256)) {
         Reshaped& reshaped = ReshapedOf(command);
@@ -160,14 +159,14 @@ CommandGate::Verdict CommandGate::Bounce(RingCommand& command, const DataCommand
 }
 
 void CommandGate::PassOther(RingCommand& command) {
-    const uint8_t opcode = command.cdb[0];
+    const CommandKind kind = KindOf(command.cdb[0]);
     const uint64_t buffers = IovecMerge::Length(command.iovec, command.iov_cnt);
     const int result = m_handler.Handle(&command);
     if (result == kCompletesLater)
         return;
     if (result == TCMU_STATUS_GOOD) {
         // Both have made the handler fetch the host's operations, or they would have failed.
-        if (opcode == kTestUnitReady || opcode == kInquiry)
+        if (kind == CommandKind::kTestUnitReady || kind == CommandKind::kInquiry)
             m_hostKnown = true;
         const uint64_t left = IovecMerge::Length(command.iovec, command.iov_cnt);
         IovecMerge::ClearFrom(command.iovec, command.iov_cnt, 0);
@@ -183,7 +182,7 @@ bool CommandGate::HostKnown() {
     if (now < m_askAgain)
         return false;
     m_askAgain = now + kAskPause;
-    std::array<uint8_t, 16> cdb{};  // TEST UNIT READY
+    std::array<uint8_t, 16> cdb{Opcode::kTestUnitReady};
     tcmulib_cmd command{};
     command.cdb = cdb.data();
     m_hostKnown = m_handler.Handle(&command) == TCMU_STATUS_GOOD;
