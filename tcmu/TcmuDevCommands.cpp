@@ -6,10 +6,10 @@
 #include <new>
 
 #include "adapters/libtcmu/Opcodes.h"
+#include "adapters/libtcmu/Sense.h"
 #include "ioctx/MoScsiSrvIoctxMgr.h"
 #include "platform/MoScsiSrvLIO.h"
 #include "tcmu/MoScsiSrvTcmuDev.h"
-#include "tcmu/SenseCodes.h"
 #include "util/Log.h"
 
 namespace {
@@ -34,12 +34,12 @@ int MoScsiSrvTcmuDev::TcmuDevCmdHandler(tcmulib_cmd* cmd) {
                 return tcmu_emulate_test_unit_ready(cdb, cmd->iovec, cmd->iov_cnt, sense);
             MO_LOG(kLogError, "tur err: %s GetBStoreInfo error", m_cfgString.c_str());
             ++m_stats.commands[Stats::kNotReady];
-            return SetSense(sense, kSenseBecomingReady);
+            return SetSense(sense, Sense::kNotReadyBecomingReady);
         case CommandKind::kInquiry:
             if (m_platform->GetBStoreInfo(m_cfgString, m_bstoreInfo))
                 return Inquiry(cdb, cmd->iovec, cmd->iov_cnt, sense);
             MO_LOG(kLogError, "inquiry err: %s GetBStoreInfo error", m_cfgString.c_str());
-            return SetSense(sense, kSenseTargetFailure);
+            return SetSense(sense, Sense::kInternalTargetFailure);
         case CommandKind::kModeSelect:
             return tcmu_emulate_mode_select(cdb, cmd->iovec, cmd->iov_cnt, sense);
         case CommandKind::kModeSense:
@@ -52,7 +52,7 @@ int MoScsiSrvTcmuDev::TcmuDevCmdHandler(tcmulib_cmd* cmd) {
                                                      cmd->iov_cnt, sense);
             MO_LOG(kLogError, "illegal cmd %s", m_cfgString.c_str());
             ++m_stats.commands[Stats::kIllegalRequests];
-            return SetSense(sense, kSenseInvalidField);
+            return SetSense(sense, Sense::kInvalidFieldInCdb);
         case CommandKind::kServiceActionIn16:
             if (cdb[1] == kReadCapacity16) {  // the whole byte, reserved bits included
                 ++m_stats.commands[kReadCapacity16];
@@ -90,7 +90,7 @@ int MoScsiSrvTcmuDev::StartTransfer(tcmulib_cmd* cmd, StartOp start, uint64_t bl
 
     if (m_bstoreInfo.first == nullptr || m_bstoreInfo.second == nullptr) {
         // The context stays pending, and a close waits for it: there is nobody to give it back.
-        return SetSense(cmd->sense_buf, kSenseBecomingReady);
+        return SetSense(cmd->sense_buf, Sense::kNotReadyBecomingReady);
     }
     // The host may complete before this call returns: neither record is ours from here on.
     (m_bstoreInfo.first->*start)(m_bstoreInfo.second, ioctx, 0);

@@ -1,8 +1,8 @@
 // The end of a READ or WRITE: from the host's IODone to the kernel.
 
+#include "adapters/libtcmu/Sense.h"
 #include "ioctx/MoScsiSrvIoctxMgr.h"
 #include "tcmu/MoScsiSrvTcmuDev.h"
-#include "tcmu/SenseCodes.h"
 #include "util/Log.h"
 
 int MoScsiSrvTcmuDev::TcmuDevIODone(MoScsiSrvIO* ioctx, long nbytes) {
@@ -37,5 +37,5 @@ int MoScsiSrvTcmuDev::TcmuDevIODone(MoScsiSrvIO* ioctx, long nbytes) {
 
 int MoScsiSrvTcmuDev::SetMediumError(uint8_t* sense) {
     ++m_stats.commands[Stats::kMediumErrors];
-    return SetSense(sense, kSenseMediumError);
+    return SetSense(sense, Sense::kUnrecoveredReadError);
 }

@@ -5,8 +5,8 @@
 #include <memory>
 #include <new>
 
+#include "adapters/libtcmu/Sense.h"
 #include "tcmu/MoScsiSrvTcmuDev.h"
-#include "tcmu/SenseCodes.h"
 #include "util/Log.h"
 
 namespace {
@@ -36,7 +36,7 @@ int MoScsiSrvTcmuDev::Inquiry(uint8_t* cdb, iovec* iov, size_t iovCnt, uint8_t* 
     const std::unique_ptr<iovec[]> data(new (std::nothrow) iovec[iovCnt]);
     if (data == nullptr) {
         MO_LOG(kLogError, "no memory");
-        return SetSense(sense, kSenseTargetFailure);
+        return SetSense(sense, Sense::kInternalTargetFailure);
     }
     std::copy_n(iov, iovCnt, data.get());
 

@@ -2,9 +2,9 @@
 
 #include <cstdint>
 
-/// Sense data of the layers below the plug-in.
+/// Sense data: every code that a user LUN answers with.
 
-/// A sense key with additional sense code and qualifier (SPC-4, 4.5.6).
+/// A sense key (SPC-4, 4.5.6) with additional sense code and qualifier (SPC-4, annex F.2).
 struct SenseCode {
     uint8_t key;
     uint16_t ascAscq;
@@ -12,8 +12,10 @@ struct SenseCode {
 
 namespace Sense {
 
+inline constexpr SenseCode kNone{0x0, 0x0000};
 inline constexpr SenseCode kNotReadyBecomingReady{0x2, 0x0401};
 inline constexpr SenseCode kMediumNotPresent{0x2, 0x3A00};
+inline constexpr SenseCode kUnrecoveredReadError{0x3, 0x1100};  ///< of failed writes too
 inline constexpr SenseCode kInternalTargetFailure{0x4, 0x4400};
 inline constexpr SenseCode kParameterListLengthError{0x5, 0x1A00};
 inline constexpr SenseCode kInvalidOperationCode{0x5, 0x2000};

@@ -6,6 +6,7 @@
 
 #include "adapters/libtcmu/Device.h"
 #include "adapters/libtcmu/Opcodes.h"
+#include "adapters/libtcmu/Sense.h"
 #include "adapters/runner/DeviceHandler.h"
 #include "adapters/runner/IovecMerge.h"
 #include "util/Log.h"
@@ -20,28 +21,23 @@ constexpr int kBusyStatus = 0x08;  // SAM-5, 5.3.1
 // logs each question that fails.
 constexpr std::chrono::milliseconds kAskPause(200);
 
-constexpr uint8_t kNoSense = 0;
-constexpr uint8_t kNotReadyKey = 2;
-constexpr uint8_t kIllegalRequest = 5;
-
-// What each verdict answers; a status with a sense key is CHECK CONDITION.
+// What each verdict answers; the sense goes with CHECK CONDITION only.
 struct GateAnswer {
     const char* counter;
     int status;
-    uint8_t key;
-    uint16_t ascAscq;
+    SenseCode sense;
 };
 
 constexpr GateAnswer kAnswers[] = {
-    {"gate: passed", TCMU_STATUS_GOOD, kNoSense, 0},
-    {"gate: zero blocks", TCMU_STATUS_GOOD, kNoSense, 0},
-    {"gate: out of range", TCMU_STATUS_CHECK_CONDITION, kIllegalRequest, 0x2100},
-    {"gate: protection", TCMU_STATUS_CHECK_CONDITION, kIllegalRequest, 0x2400},
-    {"gate: no WRITE (10)", TCMU_STATUS_CHECK_CONDITION, kIllegalRequest, 0x2400},
-    {"gate: short buffers", TCMU_STATUS_CHECK_CONDITION, kIllegalRequest, 0x2400},
-    {"gate: too long", TCMU_STATUS_CHECK_CONDITION, kIllegalRequest, 0x2400},
-    {"gate: not ready", TCMU_STATUS_CHECK_CONDITION, kNotReadyKey, 0x0401},
-    {"gate: busy", kBusyStatus, kNoSense, 0},
+    {"gate: passed", TCMU_STATUS_GOOD, Sense::kNone},
+    {"gate: zero blocks", TCMU_STATUS_GOOD, Sense::kNone},
+    {"gate: out of range", TCMU_STATUS_CHECK_CONDITION, Sense::kLbaOutOfRange},
+    {"gate: protection", TCMU_STATUS_CHECK_CONDITION, Sense::kInvalidFieldInCdb},
+    {"gate: no WRITE (10)", TCMU_STATUS_CHECK_CONDITION, Sense::kInvalidFieldInCdb},
+    {"gate: short buffers", TCMU_STATUS_CHECK_CONDITION, Sense::kInvalidFieldInCdb},
+    {"gate: too long", TCMU_STATUS_CHECK_CONDITION, Sense::kInvalidFieldInCdb},
+    {"gate: not ready", TCMU_STATUS_CHECK_CONDITION, Sense::kNotReadyBecomingReady},
+    {"gate: busy", kBusyStatus, Sense::kNone},
 };
 static_assert(std::size(kAnswers) == static_cast<size_t>(CommandGate::Verdict::kCount));
 
@@ -194,8 +190,8 @@ void CommandGate::Answer(RingCommand& command, Verdict verdict) {
     const auto index = static_cast<size_t>(verdict);
     const GateAnswer& answer = kAnswers[index];
     Count(m_verdicts[index]);
-    if (answer.key != kNoSense)
-        tcmu_set_sense_data(command.sense_buf, answer.key, answer.ascAscq);
+    if (answer.status == TCMU_STATUS_CHECK_CONDITION)
+        SetSense(command.sense_buf, answer.sense);
     else if (answer.status == TCMU_STATUS_GOOD)
         IovecMerge::ClearFrom(command.iovec, command.iov_cnt, 0);
     tcmulib_command_complete(&m_device, &command, answer.status);
