@@ -87,7 +87,7 @@ TEST_F(GateTest, UsedUpPoolIsBusyUntilBuffersComeBack) {
 
 TEST(BouncePoolTest, IsBoundedInBytesAndGivesEverythingBack) {
     BouncePool pool;
-    constexpr size_t kLarge = BouncePool::kMaxBytes - BouncePool::kCommonBytes;
+    constexpr size_t kLarge = BouncePool::kMaxBytes - BouncePool::kMaxTransferBytes;
     EXPECT_EQ(pool.Take(BouncePool::kMaxBytes + 1), nullptr);
     void* large = pool.Take(kLarge);
     void* small = pool.Take(1);

@@ -2,24 +2,6 @@
 
 #include "adapters/libtcmu/libtcmu.h"
 
-size_t IovecLength(const iovec* iov, size_t iovCnt) {
-    size_t total = 0;
-    for (size_t i = 0; i < iovCnt; i++)
-        total += iov[i].iov_len;
-    return total;
-}
-
-size_t CopyFromIovec(const iovec* iov, size_t iovCnt, void* to, size_t count) {
-    size_t done = 0;
-    for (size_t i = 0; i < iovCnt && done < count; i++) {
-        const size_t piece = std::min(iov[i].iov_len, count - done);
-        if (piece > 0)
-            std::memcpy(static_cast<uint8_t*>(to) + done, iov[i].iov_base, piece);
-        done += piece;
-    }
-    return done;
-}
-
 int SendAnswer(const Answer& answer, size_t allocationLength, iovec* iov, size_t iovCnt) {
     const uint8_t* from = answer.Data();
     size_t left = std::min(answer.Length(), allocationLength);

@@ -47,13 +47,6 @@ class Answer {
     size_t m_length = 0;
 };
 
-/// Bytes that all entries hold together.
-size_t IovecLength(const iovec* iov, size_t iovCnt);
-
-/// Copies from the beginning of the entries, which stay as they are.
-/// Returns: the bytes copied: `count`, or less when the entries hold less.
-size_t CopyFromIovec(const iovec* iov, size_t iovCnt, void* to, size_t count);
-
 /// Hands an answer over as the emulation's contract has it (libtcmu.h): cut to the allocation
 /// length and to the entries, consumed, and the rest of the entries cleared.
 /// Returns: 0.

@@ -5,6 +5,7 @@
 
 #include "adapters/libtcmu/Answer.h"
 #include "adapters/libtcmu/Cdb.h"
+#include "adapters/libtcmu/Iovec.h"
 #include "adapters/libtcmu/Sense.h"
 #include "adapters/libtcmu/libtcmu.h"
 
@@ -136,7 +137,7 @@ int tcmu_emulate_mode_select(uint8_t* cdb, iovec* iov, size_t iovCnt, uint8_t* s
     std::array<uint8_t, 256> list{};
     if (listLength > list.size())
         return SetSense(sense, Sense::kInvalidFieldInParameterList);
-    if (CopyFromIovec(iov, iovCnt, list.data(), listLength) < listLength)
+    if (Iovec::Gather(iov, iovCnt, list.data(), listLength) < listLength)
         return SetSense(sense, Sense::kParameterListLengthError);
 
     const uint8_t mediumType = six ? list[1] : list[2];

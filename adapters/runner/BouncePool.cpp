@@ -17,7 +17,7 @@ void* BouncePool::Take(size_t bytes) {
     const MutexGuard guard(m_mutex);
     if (m_buffers == kMaxBuffers)
         return nullptr;
-    if (rounded == kCommonBytes && !m_kept.empty()) {
+    if (rounded == kMaxTransferBytes && !m_kept.empty()) {
         void* buffer = m_kept.back();
         m_kept.pop_back();
         ++m_buffers;
@@ -26,7 +26,7 @@ void* BouncePool::Take(size_t bytes) {
     while (m_bytes + rounded > kMaxBytes && !m_kept.empty()) {
         free(m_kept.back());
         m_kept.pop_back();
-        m_bytes -= kCommonBytes;
+        m_bytes -= kMaxTransferBytes;
     }
     if (m_bytes + rounded > kMaxBytes)
         return nullptr;
@@ -42,7 +42,7 @@ void BouncePool::Return(void* buffer, size_t bytes) {
     const size_t rounded = Rounded(bytes);
     const MutexGuard guard(m_mutex);
     --m_buffers;
-    if (rounded == kCommonBytes) {
+    if (rounded == kMaxTransferBytes) {
         m_kept.push_back(buffer);
         return;
     }
@@ -56,5 +56,5 @@ size_t BouncePool::InUse() {
 }
 
 size_t BouncePool::Rounded(size_t bytes) {
-    return std::max(kCommonBytes, (bytes + kPage - 1) / kPage * kPage);
+    return std::max(kMaxTransferBytes, (bytes + kPage - 1) / kPage * kPage);
 }

@@ -8,16 +8,16 @@
 /// Flat buffers for transfers whose pieces are too many for the handler: bounded in number and in
 /// bytes, one pool a device, so that a LUN whose host holds its contexts can't starve another.
 ///
-/// Buffers are aligned to a page, hold what their last user left, and are kept for the next user if
-/// they are of the common size.
+/// Buffers are aligned to a page and hold what their last user left. Those for transfers of up to
+/// kMaxTransferBytes all have that size, and are kept for the next user.
 ///
 /// Thread: any.
 class BouncePool {
   public:
-    /// What a kept buffer holds: the longest transfer that a device asks initiators for.
-    static constexpr size_t kCommonBytes = size_t(1) << 20;
+    /// The longest transfer that a device asks initiators for. Some send longer ones.
+    static constexpr size_t kMaxTransferBytes = size_t(1) << 20;
     static constexpr size_t kMaxBuffers = 64;
-    static constexpr size_t kMaxBytes = kMaxBuffers * kCommonBytes;
+    static constexpr size_t kMaxBytes = kMaxBuffers * kMaxTransferBytes;
 
     BouncePool() = default;
     ~BouncePool();
@@ -41,5 +41,5 @@ class BouncePool {
     Mutex m_mutex;
     size_t m_buffers MO_GUARDED_BY(m_mutex) = 0;       // on loan
     size_t m_bytes MO_GUARDED_BY(m_mutex) = 0;         // on loan and kept
-    std::vector<void*> m_kept MO_GUARDED_BY(m_mutex);  // of the common size
+    std::vector<void*> m_kept MO_GUARDED_BY(m_mutex);  // kMaxTransferBytes each
 };

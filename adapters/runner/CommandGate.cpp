@@ -5,10 +5,10 @@
 #include <limits>
 
 #include "adapters/libtcmu/Device.h"
+#include "adapters/libtcmu/Iovec.h"
 #include "adapters/libtcmu/Opcodes.h"
 #include "adapters/libtcmu/Sense.h"
 #include "adapters/runner/DeviceHandler.h"
-#include "adapters/runner/IovecMerge.h"
 #include "util/Log.h"
 
 namespace {
@@ -56,7 +56,7 @@ CommandGate::CommandGate(tcmu_device& device, DeviceHandler& handler)
                static_cast<unsigned long long>(kWritable));
     if (m_blockSize > 0)
         device.maxTransferBlocks = static_cast<uint32_t>(
-            std::min<uint64_t>(std::max<uint64_t>(BouncePool::kCommonBytes / m_blockSize, 1),
+            std::min<uint64_t>(std::max<uint64_t>(BouncePool::kMaxTransferBytes / m_blockSize, 1),
                                std::numeric_limits<uint16_t>::max()));
 }
 
@@ -69,7 +69,7 @@ void CommandGate::Pass(RingCommand& command) {
 }
 
 void CommandGate::PassData(RingCommand& command, const DataCommand& data) {
-    const uint64_t buffers = IovecMerge::Length(command.iovec, command.iov_cnt);
+    const uint64_t buffers = Iovec::Length(command.iovec, command.iov_cnt);
     Verdict verdict = Judge(data, buffers);
     if (verdict == Verdict::kPassed && !HostKnown())
         verdict = Verdict::kNotReady;
@@ -112,8 +112,8 @@ CommandGate::Verdict CommandGate::FitBuffers(RingCommand& command, const DataCom
     const uint64_t bytes = data.blocks * m_blockSize;
     if (buffers > bytes) {
         if (!data.write)
-            IovecMerge::ClearFrom(command.iovec, command.iov_cnt, bytes);
-        command.iov_cnt = IovecMerge::Clip(command.iovec, command.iov_cnt, bytes);
+            Iovec::ClearFrom(command.iovec, command.iov_cnt, bytes);
+        command.iov_cnt = Iovec::Clip(command.iovec, command.iov_cnt, bytes);
         Count(m_clipped);
     }
     if (!data.write) {
@@ -125,7 +125,7 @@ CommandGate::Verdict CommandGate::FitBuffers(RingCommand& command, const DataCom
     if (command.iov_cnt <= kMaxEntries)
         return Verdict::kPassed;
     Count(m_manyEntries);
-    command.iov_cnt = IovecMerge::Merge(command.iovec, command.iov_cnt);
+    command.iov_cnt = Iovec::Merge(command.iovec, command.iov_cnt);
     if (command.iov_cnt <= kMaxEntries) {
         Count(m_merged);
         return Verdict::kPassed;
@@ -141,7 +141,7 @@ CommandGate::Verdict CommandGate::Bounce(RingCommand& command, const DataCommand
     if (buffer == nullptr)
         return Verdict::kBusy;
     if (data.write)
-        IovecMerge::Gather(command.iovec, command.iov_cnt, buffer);
+        Iovec::Gather(command.iovec, command.iov_cnt, buffer, bytes);
     Reshaped& reshaped = ReshapedOf(command);
     reshaped.flat = {buffer, bytes};
     reshaped.entries = command.iovec;
@@ -156,7 +156,7 @@ CommandGate::Verdict CommandGate::Bounce(RingCommand& command, const DataCommand
 
 void CommandGate::PassOther(RingCommand& command) {
     const CommandKind kind = KindOf(command.cdb[0]);
-    const uint64_t buffers = IovecMerge::Length(command.iovec, command.iov_cnt);
+    const uint64_t buffers = Iovec::Length(command.iovec, command.iov_cnt);
     const int result = m_handler.Handle(&command);
     if (result == kCompletesLater)
         return;
@@ -164,8 +164,8 @@ void CommandGate::PassOther(RingCommand& command) {
         // Both have made the handler fetch the host's operations, or they would have failed.
         if (kind == CommandKind::kTestUnitReady || kind == CommandKind::kInquiry)
             m_hostKnown = true;
-        const uint64_t left = IovecMerge::Length(command.iovec, command.iov_cnt);
-        IovecMerge::ClearFrom(command.iovec, command.iov_cnt, 0);
+        const uint64_t left = Iovec::Length(command.iovec, command.iov_cnt);
+        Iovec::ClearFrom(command.iovec, command.iov_cnt, 0);
         command.readLength = static_cast<uint32_t>(buffers - left);
     }
     tcmulib_command_complete(&m_device, &command, result);
@@ -193,7 +193,7 @@ void CommandGate::Answer(RingCommand& command, Verdict verdict) {
     if (answer.status == TCMU_STATUS_CHECK_CONDITION)
         SetSense(command.sense_buf, answer.sense);
     else if (answer.status == TCMU_STATUS_GOOD)
-        IovecMerge::ClearFrom(command.iovec, command.iov_cnt, 0);
+        Iovec::ClearFrom(command.iovec, command.iov_cnt, 0);
     tcmulib_command_complete(&m_device, &command, answer.status);
 }
 
@@ -208,7 +208,7 @@ void CommandGate::Completing(RingCommand& command, int& result) {
         return;
     const auto& reshaped = *static_cast<Reshaped*>(command.hm_private);
     if (!reshaped.write && result == TCMU_STATUS_GOOD)
-        IovecMerge::Scatter(reshaped.entries, reshaped.entryCount, reshaped.flat.iov_base);
+        Iovec::Scatter(reshaped.entries, reshaped.entryCount, reshaped.flat.iov_base);
     m_pool.Return(reshaped.flat.iov_base, reshaped.flat.iov_len);
     command.hm_private = nullptr;
 }

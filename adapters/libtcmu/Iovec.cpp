@@ -1,5 +1,6 @@
-#include "adapters/runner/IovecMerge.h"
+#include "adapters/libtcmu/Iovec.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace {
@@ -10,14 +11,14 @@ char* Base(const iovec& entry) {
 
 }  // namespace
 
-uint64_t IovecMerge::Length(const iovec* iov, size_t count) {
+uint64_t Iovec::Length(const iovec* iov, size_t count) {
     uint64_t length = 0;
     for (size_t i = 0; i < count; ++i)
         length += iov[i].iov_len;
     return length;
 }
 
-size_t IovecMerge::Clip(iovec* iov, size_t count, uint64_t length) {
+size_t Iovec::Clip(iovec* iov, size_t count, uint64_t length) {
     size_t kept = 0;
     for (; kept < count && length > 0; ++kept) {
         if (iov[kept].iov_len > length)
@@ -27,7 +28,7 @@ size_t IovecMerge::Clip(iovec* iov, size_t count, uint64_t length) {
     return kept;
 }
 
-size_t IovecMerge::Merge(iovec* iov, size_t count) {
+size_t Iovec::Merge(iovec* iov, size_t count) {
     size_t kept = 0;
     for (size_t i = 0; i < count; ++i) {
         if (iov[i].iov_len == 0)
@@ -40,15 +41,18 @@ size_t IovecMerge::Merge(iovec* iov, size_t count) {
     return kept;
 }
 
-void IovecMerge::Gather(const iovec* iov, size_t count, void* flat) {
-    char* to = static_cast<char*>(flat);
-    for (size_t i = 0; i < count; ++i) {
-        memcpy(to, iov[i].iov_base, iov[i].iov_len);
-        to += iov[i].iov_len;
+size_t Iovec::Gather(const iovec* iov, size_t count, void* flat, size_t length) {
+    size_t done = 0;
+    for (size_t i = 0; i < count && done < length; ++i) {
+        const size_t piece = std::min(iov[i].iov_len, length - done);
+        if (piece > 0)
+            memcpy(static_cast<char*>(flat) + done, iov[i].iov_base, piece);
+        done += piece;
     }
+    return done;
 }
 
-void IovecMerge::Scatter(const iovec* iov, size_t count, const void* flat) {
+void Iovec::Scatter(const iovec* iov, size_t count, const void* flat) {
     const char* from = static_cast<const char*>(flat);
     for (size_t i = 0; i < count; ++i) {
         memcpy(iov[i].iov_base, from, iov[i].iov_len);
@@ -56,7 +60,7 @@ void IovecMerge::Scatter(const iovec* iov, size_t count, const void* flat) {
     }
 }
 
-void IovecMerge::ClearFrom(const iovec* iov, size_t count, uint64_t offset) {
+void Iovec::ClearFrom(const iovec* iov, size_t count, uint64_t offset) {
     for (size_t i = 0; i < count; ++i) {
         if (offset < iov[i].iov_len) {
             memset(Base(iov[i]) + offset, 0, iov[i].iov_len - offset);
