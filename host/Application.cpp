@@ -28,9 +28,9 @@ uint32_t BackstoreType(const LunPlan& lun) {
         case LunType::Block:
             return BSTOR_BLKDEV;
         case LunType::User:
-            break;
+            return BSTOR_USER;
     }
-    return BSTOR_USER;
+    return 0;
 }
 
 bool IsMapped(const InitiatorPlan& initiator, uint32_t number, const std::string& target,
@@ -108,10 +108,10 @@ bool Application::CreateLun(const LunPlan& lun) {
     MoScsiSrvLun record = RecordOf(lun, number);
     record.serialNum = lun.config.serialPrefix;
     const std::string asked = number == kAutomatic ? "automatic number" : fmt::format("{}", number);
-    const CRyError result = RunStep(
-        m_console,
-        fmt::format("{} ({}, {}) on {}", lun.Title(), TypeText(lun.config.type), asked, lun.target),
-        [&] { return m_platform.CreateLun(&record); });
+    const CRyError result = RunStep(m_console,
+                                    fmt::format("{} ({}, {}) on {}", lun.Title(),
+                                                LunTypeName(lun.config.type), asked, lun.target),
+                                    [&] { return m_platform.CreateLun(&record); });
     if (record.lunNum != kAutomatic)
         m_numbers[&lun] = record.lunNum;
     if (result.IsError())

@@ -24,30 +24,16 @@ LunConfig ReadLun(const toml::value& table, const std::string& file, Problems& p
     LunConfig lun;
     lun.places = reader.Places();
     lun.name = reader.RequiredString("name");
-
-    const std::string type = reader.RequiredString("type");
-    if (type == "file")
-        lun.type = LunType::File;
-    else if (type == "block")
-        lun.type = LunType::Block;
-    else if (type == "user")
-        lun.type = LunType::User;
-    else if (!type.empty())
-        reader.Complain(
-            "type", fmt::format("type = \"{}\" is none of \"file\", \"block\", \"user\"", type));
-
+    if (const LunType* type = reader.RequiredChoice("type", kLunTypes, LunTypeName))
+        lun.type = *type;
     lun.path = reader.String("path").value_or("");
     lun.size = reader.Size("size");
     lun.number = reader.NumberOrAuto("number");
     lun.serialPrefix = reader.String("serial_prefix").value_or(lun.serialPrefix);
     if (lun.type == LunType::User) {
-        const std::string backing = reader.RequiredString("backing");
-        if (backing == "file")
-            lun.backing = Backing::File;
-        else if (!backing.empty() && backing != "memory")
-            reader.Complain("backing", fmt::format("backing = \"{}\" is neither \"memory\" nor "
-                                                   "\"file\"",
-                                                   backing));
+        if (const data::Backing* backing =
+                reader.RequiredChoice("backing", data::kBackings, data::BackingName))
+            lun.backing = *backing;
         if (const toml::value* faults = reader.Table("faults")) {
             auto [plan, error] = data::ParseFaultPlan(*faults);
             if (!error.empty())

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -8,6 +9,7 @@
 #include <vector>
 
 #include "host/Problems.h"
+#include "host/data/Backing.h"
 
 namespace moscsi::data {
 struct FaultPlan;
@@ -18,7 +20,21 @@ struct FaultPlan;
 namespace moscsi::host {
 
 enum class LunType { File, Block, User };
-enum class Backing { Memory, File };
+
+inline constexpr std::array kLunTypes{LunType::File, LunType::Block, LunType::User};
+
+/// Its name, in the configuration file and for people.
+constexpr const char* LunTypeName(LunType type) {
+    switch (type) {
+        case LunType::File:
+            return "file";
+        case LunType::Block:
+            return "block";
+        case LunType::User:
+            return "user";
+    }
+    return nullptr;
+}
 
 /// Where each key of a table stands.
 struct KeyPlaces {
@@ -38,7 +54,7 @@ struct LunConfig {
     std::optional<int64_t> number;  ///< absent: automatic
     std::string serialPrefix = "lun";
     // Of user LUNs only:
-    Backing backing = Backing::Memory;
+    data::Backing backing = data::Backing::Memory;
     std::shared_ptr<const data::FaultPlan> faults;  ///< null: none
 };
 

@@ -28,7 +28,7 @@ void HostStatus::SetDataSource(DataSource source) {
 }
 
 json HostStatus::LunJson(const LunPlan& lun) const {
-    json result{{"name", lun.config.name}, {"type", TypeText(lun.config.type)},
+    json result{{"name", lun.config.name}, {"type", LunTypeName(lun.config.type)},
                 {"path", lun.config.path}, {"size", lun.size},
                 {"serial", lun.serial},    {"object", lun.object}};
     if (const auto number = m_numbers.find(&lun); number != m_numbers.end())

@@ -18,9 +18,9 @@ const char* KindOf(LunType type) {
         case LunType::Block:
             return "iblock";
         case LunType::User:
-            break;
+            return "user";
     }
-    return "user";
+    return nullptr;
 }
 
 }  // namespace

@@ -6,18 +6,6 @@
 
 namespace moscsi::host {
 
-const char* TypeText(LunType type) {
-    switch (type) {
-        case LunType::File:
-            return "file";
-        case LunType::Block:
-            return "block";
-        case LunType::User:
-            break;
-    }
-    return "user";
-}
-
 bool Plan::HasUserLuns() const {
     for (const TargetPlan& target : targets)
         for (const LunPlan& lun : target.luns)
@@ -41,9 +29,9 @@ std::vector<std::string> Plan::Lines() const {
     for (const TargetPlan& target : targets) {
         lines.push_back(fmt::format("target {}", target.name));
         for (const LunPlan& lun : target.luns) {
-            std::string kind = TypeText(lun.config.type);
+            std::string kind = LunTypeName(lun.config.type);
             if (lun.config.type == LunType::User)
-                kind += lun.config.backing == Backing::Memory ? " on memory" : " on file";
+                kind += std::string(" on ") + data::BackingName(lun.config.backing);
             lines.push_back(fmt::format("  LUN {} \"{}\": {} {}, {}{}, serial {}",
                                         lun.number ? std::to_string(*lun.number) : "automatic",
                                         lun.config.name, kind, lun.config.path, SizeText(lun.size),

@@ -60,6 +60,4 @@ struct Plan {
 /// Thread: any.
 Plan MakePlan(const Config& config, int port, const Storage& storage, Problems& problems);
 
-const char* TypeText(LunType type);
-
 }  // namespace moscsi::host

@@ -40,9 +40,20 @@ std::optional<std::string> TableReader::String(const std::string& key) {
     return value->as_string().str;
 }
 
-std::string TableReader::RequiredString(const std::string& key) {
+void TableReader::Require(const std::string& key) {
     if (Find(key) == nullptr)
         Complain(key, fmt::format("{} has no {}: add {} = \"...\"", m_what, key, key));
+}
+
+void TableReader::RefuseChoice(const std::string& key, const std::string& text,
+                               const std::vector<std::string>& names) {
+    const bool two = names.size() == 2;
+    Complain(key, fmt::format("{} = \"{}\" is {} \"{}\"", key, text, two ? "neither" : "none of",
+                              fmt::join(names, two ? "\" nor \"" : "\", \"")));
+}
+
+std::string TableReader::RequiredString(const std::string& key) {
+    Require(key);
     return String(key).value_or("");
 }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <array>
+#include <functional>
 #include <optional>
 #include <set>
 #include <string>
@@ -21,6 +23,31 @@ class TableReader {
 
     std::optional<std::string> String(const std::string& key);
     std::string RequiredString(const std::string& key);
+
+    /// One of `rows`, by the name that `nameOf`, a function or a member, has for each.
+    /// Returns: the row; null when the key is missing or names none.
+    template <typename Row, size_t kCount, typename NameOf>
+    const Row* Choice(const std::string& key, const std::array<Row, kCount>& rows, NameOf nameOf) {
+        const std::optional<std::string> text = String(key);
+        if (!text)
+            return nullptr;
+        std::vector<std::string> names;
+        for (const Row& row : rows) {
+            names.emplace_back(std::invoke(nameOf, row));
+            if (names.back() == *text)
+                return &row;
+        }
+        RefuseChoice(key, *text, names);
+        return nullptr;
+    }
+
+    template <typename Row, size_t kCount, typename NameOf>
+    const Row* RequiredChoice(const std::string& key, const std::array<Row, kCount>& rows,
+                              NameOf nameOf) {
+        Require(key);
+        return Choice(key, rows, nameOf);
+    }
+
     bool IsString(const std::string& key, const std::string& text);
     std::vector<std::string> RequiredStrings(const std::string& key, const std::string& meaning);
     std::optional<int64_t> Integer(const std::string& key);
@@ -43,6 +70,9 @@ class TableReader {
 
   private:
     const toml::value* Find(const std::string& key);
+    void Require(const std::string& key);
+    void RefuseChoice(const std::string& key, const std::string& text,
+                      const std::vector<std::string>& names);
 
     const toml::value& m_table;
     std::string m_what;

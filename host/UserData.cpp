@@ -10,6 +10,20 @@
 #include "host/data/LunData.h"
 
 namespace moscsi::host {
+namespace {
+
+/// Whether data on the backing is there for the next process.
+bool OutlivesProcess(data::Backing backing) {
+    switch (backing) {
+        case data::Backing::Memory:
+            return false;
+        case data::Backing::File:
+            return true;
+    }
+    return false;
+}
+
+}  // namespace
 
 UserData::UserData() = default;
 UserData::~UserData() = default;
@@ -23,8 +37,7 @@ std::string UserData::Make(const Plan& plan, const std::set<const LunPlan*>& wit
                 continue;
             data::LunDataConfig config;
             config.name = lun.config.name;
-            config.backing =
-                lun.config.backing == Backing::Memory ? data::Backing::Memory : data::Backing::File;
+            config.backing = lun.config.backing;
             config.path = lun.config.path;
             config.sizeBytes = lun.size;
             if (lun.config.faults != nullptr)
@@ -65,7 +78,7 @@ std::set<const LunPlan*> LostMemory(const Plan& plan, const ConfigfsView& before
     std::set<const LunPlan*> lost;
     for (const TargetPlan& target : plan.targets)
         for (const LunPlan& lun : target.luns)
-            if (lun.config.type == LunType::User && lun.config.backing == Backing::Memory &&
+            if (lun.config.type == LunType::User && !OutlivesProcess(lun.config.backing) &&
                 ObjectOf(lun, before) != nullptr)
                 lost.insert(&lun);
     return lost;

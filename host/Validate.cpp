@@ -31,6 +31,31 @@ class Once {
     std::map<std::string, unsigned> m_places;
 };
 
+/// What holds a LUN's data.
+enum class Medium { Memory, File, Device };
+
+Medium MediumOf(data::Backing backing) {
+    switch (backing) {
+        case data::Backing::Memory:
+            return Medium::Memory;
+        case data::Backing::File:
+            return Medium::File;
+    }
+    return {};
+}
+
+Medium MediumOf(const LunConfig& lun) {
+    switch (lun.type) {
+        case LunType::File:
+            return Medium::File;
+        case LunType::Block:
+            return Medium::Device;
+        case LunType::User:
+            return MediumOf(lun.backing);
+    }
+    return {};
+}
+
 class Planner {
   public:
     Planner(const Storage& storage, Problems& problems)
@@ -144,9 +169,12 @@ void Planner::CheckStorage(const LunConfig& config, LunPlan& plan) {
                fmt::format("size {} is no positive multiple of 512: round it", *config.size));
     plan.size = config.size.value_or(0);
 
-    if (config.type == LunType::User && config.backing == Backing::Memory) {
+    const Medium medium = MediumOf(config);
+    if (medium == Medium::Memory) {
         if (!config.size)
-            Refuse(config.places, "size", "a LUN on memory needs size = \"...\"");
+            Refuse(
+                config.places, "size",
+                fmt::format("a LUN on {} needs size = \"...\"", data::BackingName(config.backing)));
     } else {
         const PathFacts facts = m_storage.LookAt(config.path);
         if (facts.error != 0) {
@@ -156,7 +184,7 @@ void Planner::CheckStorage(const LunConfig& config, LunPlan& plan) {
             return;
         }
         plan.identity = facts.identity;
-        if (config.type == LunType::Block)
+        if (medium == Medium::Device)
             CheckDevice(config, facts, plan);
         else
             CheckFile(config, facts, plan);
@@ -202,7 +230,7 @@ LunPlan Planner::PlanLun(const LunConfig& config, const TargetConfig& target) {
               FaultOfSerialPrefix(config.serialPrefix));
     CheckNumber(config, plan);
 
-    if (config.type == LunType::User && config.backing == Backing::Memory && config.path.empty())
+    if (MediumOf(config) == Medium::Memory && config.path.empty())
         plan.config.path = "/memory/" + config.name;  // only a name, from which others are made
     const std::string& path = plan.config.path;
     if (path.empty()) {

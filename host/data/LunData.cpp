@@ -18,8 +18,19 @@
 namespace moscsi::data {
 namespace {
 
-std::unique_ptr<DataEngine> MakeFileEngine(const LunDataConfig& config, BackingFile& file,
-                                           Transfers& transfers, std::string& error) {
+/// Where the data is, for people.
+const char* PlaceOf(const LunDataConfig& config) {
+    switch (config.backing) {
+        case Backing::Memory:
+            return BackingName(config.backing);
+        case Backing::File:
+            return config.path.c_str();
+    }
+    return nullptr;
+}
+
+std::unique_ptr<DataEngine> MakeQueueAndEngine(const LunDataConfig& config, BackingFile& file,
+                                               Transfers& transfers, std::string& error) {
     const bool durable = config.faults.durable;
     if (config.engine != FileEngineChoice::Threads) {
         std::string reason;
@@ -38,6 +49,30 @@ std::unique_ptr<DataEngine> MakeFileEngine(const LunDataConfig& config, BackingF
     return FileEngine::Make(file, durable, transfers, ThreadQueue::Make, error);
 }
 
+std::unique_ptr<DataEngine> MakeFileEngine(const LunDataConfig& config, Transfers& transfers,
+                                           LunDataResult& result) {
+    BackingFile file;
+    if (!file.Open(config.path, config.sizeBytes, result.error))
+        return nullptr;
+    result.madeFile = file.Made();
+    auto engine = MakeQueueAndEngine(config, file, transfers, result.error);
+    if (!engine && result.madeFile)
+        unlink(config.path.c_str());
+    return engine;
+}
+
+/// Returns: the engine, or null with one line in the result's `error`.
+std::unique_ptr<DataEngine> MakeEngine(const LunDataConfig& config, Transfers& transfers,
+                                       LunDataResult& result) {
+    switch (config.backing) {
+        case Backing::Memory:
+            return MemoryEngine::Make(config.name, config.sizeBytes, transfers, result.error);
+        case Backing::File:
+            return MakeFileEngine(config, transfers, result);
+    }
+    return nullptr;
+}
+
 }  // namespace
 
 LunDataResult MakeLunData(const LunDataConfig& config, MoScsiSrvPlatform& platform) {
@@ -48,24 +83,14 @@ LunDataResult MakeLunData(const LunDataConfig& config, MoScsiSrvPlatform& platfo
         return result;
     }
     auto parts = std::make_unique<LunData::Parts>(config, platform);
-    if (config.backing == Backing::Memory) {
-        parts->engine =
-            MemoryEngine::Make(config.name, config.sizeBytes, parts->transfers, result.error);
-    } else if (BackingFile file; file.Open(config.path, config.sizeBytes, result.error)) {
-        result.madeFile = file.Made();
-        parts->engine = MakeFileEngine(config, file, parts->transfers, result.error);
-        if (!parts->engine && result.madeFile)
-            unlink(config.path.c_str());
-    }
+    parts->engine = MakeEngine(config, parts->transfers, result);
     if (!parts->engine)
         return result;
     if (!config.faults.durable)
         MO_LOG(kLogError, "%s: durability is off, a power cut loses acknowledged writes",
                config.name.c_str());
     MO_LOG(kLogConfirm, "%s: %lu bytes in %s, served by %s", config.name.c_str(),
-           static_cast<unsigned long>(config.sizeBytes),
-           config.backing == Backing::Memory ? "memory" : config.path.c_str(),
-           parts->engine->Name());
+           static_cast<unsigned long>(config.sizeBytes), PlaceOf(config), parts->engine->Name());
     result.data = std::make_unique<LunData>(std::move(parts));
     return result;
 }
@@ -94,17 +119,29 @@ CRyError LunData::Begin(MoScsiSrvIO* ioctx, bool write) {
         m_parts->transfers.Open(ioctx, write, m_parts->config.sizeBytes, limit);
     if (transfer == nullptr)
         return CRyError::Success();
-    if (fault != nullptr)
-        m_parts->transfers.CountFault();
-    if (fault == nullptr || fault->kind == FaultKind::Short)
+    if (fault == nullptr)
         m_parts->engine->Start(*transfer);
-    else if (fault->kind == FaultKind::Error)
-        m_parts->transfers.Finish(transfer->ticket, -fault->errorNumber);
-    else if (fault->kind == FaultKind::Delay)
-        m_parts->waitingRoom->Delay(*transfer, std::chrono::milliseconds(fault->delayMs));
     else
-        m_parts->waitingRoom->HoldWhile(*transfer, fault->whileFile);
+        BeginFaulty(*transfer, *fault);
     return CRyError::Success();
+}
+
+void LunData::BeginFaulty(Transfer& transfer, const FaultRule& fault) {
+    m_parts->transfers.CountFault();
+    switch (fault.kind) {
+        case FaultKind::Error:
+            m_parts->transfers.Finish(transfer.ticket, -fault.errorNumber);
+            break;
+        case FaultKind::Short:
+            m_parts->engine->Start(transfer);
+            break;
+        case FaultKind::Delay:
+            m_parts->waitingRoom->Delay(transfer, std::chrono::milliseconds(fault.delayMs));
+            break;
+        case FaultKind::Hold:
+            m_parts->waitingRoom->HoldWhile(transfer, fault.whileFile);
+            break;
+    }
 }
 
 CRyError LunData::Abort(void* /*bstoreCtx*/, MoScsiSrvIO* ioctx) {
@@ -118,8 +155,7 @@ CRyError LunData::Abort(void* /*bstoreCtx*/, MoScsiSrvIO* ioctx) {
 
 LunStatistics LunData::Snapshot() const {
     LunStatistics statistics = m_parts->transfers.Counters();
-    statistics.backing =
-        m_parts->config.backing == Backing::Memory ? "memory" : m_parts->config.path;
+    statistics.backing = PlaceOf(m_parts->config);
     statistics.engine = m_parts->engine->Name();
     return statistics;
 }

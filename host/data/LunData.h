@@ -4,17 +4,14 @@
 #include <memory>
 #include <string>
 
+#include "host/data/Backing.h"
 #include "host/data/FaultPlan.h"
 #include "host/data/LunStatistics.h"
 #include "platform/MoScsiSrvPlatform.h"
 
 namespace moscsi::data {
 
-/// Where a user LUN's data lives.
-enum class Backing {
-    Memory,  ///< zeros at first, gone with the process
-    File,    ///< a regular file of exactly the LUN's size
-};
+struct Transfer;
 
 /// What moves a file's data. Auto takes io_uring, or threads where the kernel refuses a ring (many
 /// containers do); both are equally durable.
@@ -79,6 +76,7 @@ class LunData : public MoScsiBStorOps {
 
   private:
     CRyError Begin(MoScsiSrvIO* ioctx, bool write);
+    void BeginFaulty(Transfer& transfer, const FaultRule& fault);
 
     const std::unique_ptr<Parts> m_parts;
 };

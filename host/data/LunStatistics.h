@@ -8,7 +8,7 @@ namespace moscsi::data {
 
 /// What a LUN's data side has done since it was made.
 struct LunStatistics {
-    std::string backing;  ///< "memory" or the file's path
+    std::string backing;  ///< the file's path, or the backing's name
     std::string engine;   ///< what moves the data: "memory", "io_uring" or "threads"
     uint64_t reads = 0;   ///< transfers begun
     uint64_t writes = 0;

@@ -59,6 +59,19 @@ class Shell {
     }
 
   private:
+    struct Kind {
+        uint32_t type;
+        Backing backing = {};  ///< of BSTOR_USER
+    };
+
+    static const std::map<std::string, Kind>& Kinds() {
+        static const std::map<std::string, Kind> kinds{{"file", {BSTOR_FILE}},
+                                                       {"block", {BSTOR_BLKDEV}},
+                                                       {"memory", {BSTOR_USER, Backing::Memory}},
+                                                       {"served", {BSTOR_USER, Backing::File}}};
+        return kinds;
+    }
+
     static std::string Told(const CRyError& error) {
         if (!error.IsError())
             return "ok";
@@ -68,15 +81,11 @@ class Shell {
     }
 
     static MoScsiSrvLun Lun(std::istringstream& words) {
-        static const std::map<std::string, uint32_t> kinds{{"file", BSTOR_FILE},
-                                                           {"block", BSTOR_BLKDEV},
-                                                           {"memory", BSTOR_USER},
-                                                           {"served", BSTOR_USER}};
         MoScsiSrvLun lun;
         std::string kind;
         std::string number;
         words >> kind >> number >> lun.targetName >> lun.path;
-        lun.bstorType = kinds.at(kind);
+        lun.bstorType = Kinds().at(kind).type;
         lun.lunNum = number == "auto" ? 0xFFFFFFFFU : static_cast<uint32_t>(std::stoul(number));
         lun.serialNum = "shell";
         lun.hostString = kind;
@@ -91,7 +100,7 @@ class Shell {
             if (data == nullptr) {
                 moscsi::data::LunDataConfig config;
                 config.name = lun.path;
-                config.backing = lun.hostString == "memory" ? Backing::Memory : Backing::File;
+                config.backing = Kinds().at(lun.hostString).backing;
                 config.path = lun.path;
                 config.sizeBytes = lun.size;
                 auto made = moscsi::data::MakeLunData(config, m_platform);
