@@ -10,8 +10,8 @@
 #include <sstream>
 
 #include "adapters/framework/SmallFile.h"
+#include "host/FaultPlanReader.h"
 #include "host/TableReader.h"
-#include "host/data/FaultPlanReader.h"
 
 namespace moscsi::host {
 namespace {
@@ -34,12 +34,8 @@ LunConfig ReadLun(const toml::value& table, const std::string& file, Problems& p
         if (const data::Backing* backing =
                 reader.RequiredChoice("backing", data::kBackings, data::BackingName))
             lun.backing = *backing;
-        if (const toml::value* faults = reader.Table("faults")) {
-            auto [plan, error] = data::ParseFaultPlan(*faults);
-            if (!error.empty())
-                problems.Add(error);
-            lun.faults = std::make_shared<const data::FaultPlan>(std::move(plan));
-        }
+        if (const toml::value* faults = reader.Table("faults"))
+            lun.faults = ReadFaultPlan(*faults, file, problems);
     }
     reader.RefuseUnknownKeys();
     return lun;

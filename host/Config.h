@@ -3,17 +3,13 @@
 #include <array>
 #include <cstdint>
 #include <map>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "host/Problems.h"
 #include "host/data/Backing.h"
-
-namespace moscsi::data {
-struct FaultPlan;
-}
+#include "host/data/FaultPlan.h"
 
 /// The configuration file as written: types are checked, meaning is not (host/Plan.h does that).
 /// docs/configuration.md describes the format. Plain data, copied freely.
@@ -55,7 +51,7 @@ struct LunConfig {
     std::string serialPrefix = "lun";
     // Of user LUNs only:
     data::Backing backing = data::Backing::Memory;
-    std::shared_ptr<const data::FaultPlan> faults;  ///< null: none
+    data::FaultPlan faults;
 };
 
 struct InitiatorConfig {

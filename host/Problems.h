@@ -1,7 +1,6 @@
 #pragma once
 
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace moscsi::host {
@@ -21,8 +20,6 @@ class Problems {
         const std::string line = place.line == 0 ? "" : ":" + std::to_string(place.line);
         m_lines.push_back(place.file + line + ": " + text);
     }
-
-    void Add(std::string text) { m_lines.push_back(std::move(text)); }
 
     bool Empty() const { return m_lines.empty(); }
     const std::vector<std::string>& Lines() const { return m_lines; }

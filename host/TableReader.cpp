@@ -90,6 +90,47 @@ std::optional<int64_t> TableReader::Integer(const std::string& key) {
     return value->as_integer();
 }
 
+std::optional<uint64_t> TableReader::WholeNumber(const std::string& key, uint64_t least,
+                                                 uint64_t most) {
+    const toml::value* value = Find(key);
+    if (value == nullptr)
+        return std::nullopt;
+    const int64_t number = value->is_integer() ? value->as_integer() : -1;
+    if (number < 0 || static_cast<uint64_t>(number) < least ||
+        static_cast<uint64_t>(number) > most) {
+        Complain(key, fmt::format("{} must be a whole number from {} to {}", key, least, most));
+        return std::nullopt;
+    }
+    return number;
+}
+
+std::optional<bool> TableReader::Boolean(const std::string& key) {
+    const toml::value* value = Find(key);
+    if (value == nullptr)
+        return std::nullopt;
+    if (!value->is_boolean()) {
+        Complain(key, fmt::format("{} must be true or false", key));
+        return std::nullopt;
+    }
+    return value->as_boolean();
+}
+
+std::optional<double> TableReader::Rate(const std::string& key) {
+    const toml::value* value = Find(key);
+    if (value == nullptr)
+        return std::nullopt;
+    double rate = 0;
+    if (value->is_floating())
+        rate = value->as_floating();
+    else if (value->is_integer())
+        rate = static_cast<double>(value->as_integer());
+    if (!(rate > 0 && rate <= 1)) {  // so that NaN is none, too
+        Complain(key, fmt::format("{} must be a probability above 0 and up to 1", key));
+        return std::nullopt;
+    }
+    return rate;
+}
+
 std::optional<uint64_t> TableReader::Size(const std::string& key) {
     const toml::value* value = Find(key);
     if (value == nullptr)

@@ -21,6 +21,10 @@ class TableReader {
 
     KeyPlaces Places() const { return m_places; }
 
+    bool Has(const std::string& key) { return Find(key) != nullptr; }
+
+    // Each gives nothing when the key is missing, and when its value has been refused.
+
     std::optional<std::string> String(const std::string& key);
     std::string RequiredString(const std::string& key);
 
@@ -51,6 +55,14 @@ class TableReader {
     bool IsString(const std::string& key, const std::string& text);
     std::vector<std::string> RequiredStrings(const std::string& key, const std::string& meaning);
     std::optional<int64_t> Integer(const std::string& key);
+
+    /// From `least` to `most`, both included.
+    std::optional<uint64_t> WholeNumber(const std::string& key, uint64_t least, uint64_t most);
+
+    std::optional<bool> Boolean(const std::string& key);
+
+    /// A probability above 0 and up to 1.
+    std::optional<double> Rate(const std::string& key);
 
     /// An integer number of bytes, or a text with a unit.
     std::optional<uint64_t> Size(const std::string& key);

@@ -40,8 +40,7 @@ std::string UserData::Make(const Plan& plan, const std::set<const LunPlan*>& wit
             config.backing = lun.config.backing;
             config.path = lun.config.path;
             config.sizeBytes = lun.size;
-            if (lun.config.faults != nullptr)
-                config.faults = *lun.config.faults;
+            config.faults = lun.config.faults;
             data::LunDataResult made = data::MakeLunData(config, platform);
             if (made.data == nullptr) {
                 m_luns.clear();

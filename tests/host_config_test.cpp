@@ -6,6 +6,9 @@
 #include "tests/support/PlanFixture.h"
 
 using HostConfigTest = PlanTest;
+using moscsi::data::FaultKind;
+using moscsi::data::FaultPlan;
+using moscsi::data::FaultRule;
 
 TEST_F(HostConfigTest, GoodFileBecomesThePlan) {
     const Plan plan = PlanOf(kTarget + LunText("file", "path='@/good.img'\nnumber=255") +
@@ -41,6 +44,12 @@ TEST_F(HostConfigTest, EachFaultIsOneLineWithItsPlace) {
     fs::create_hard_link(dir / "good.img", dir / "link.img");
     const auto file = [](const std::string& keys) { return kTarget + LunText("file", keys); };
     const auto block = [](const std::string& keys) { return kTarget + LunText("block", keys); };
+    const auto faultPlan = [](const std::string& keys) {
+        return kTarget + Memory("size=512\n[target.lun.faults]\n" + keys);
+    };
+    const auto rule = [&](const std::string& keys) {
+        return faultPlan("[[target.lun.faults.rule]]\n" + keys);
+    };
     const std::string good = file("path='@/good.img'");
     const std::string hex25 = "serial_prefix='" + std::string(25, 'a') + "'";
 
@@ -84,6 +93,26 @@ TEST_F(HostConfigTest, EachFaultIsOneLineWithItsPlace) {
         {file("path='@/good.img'\nserial_prefix='Disk'"), 7, "upper-case"},
         {file("path='@/good.img'\n" + hex25) + Memory("size=512\n" + hex25, "b"), 13,
          "first 25 hexadecimal digits"},
+        {faultPlan("sed=1"), 9, "[target.lun.faults] knows no key \"sed\""},
+        {faultPlan("seed=-1"), 9, "seed must be a whole number from 0 to"},
+        {faultPlan("durable=1"), 9, "true or false"},
+        {faultPlan("rule=3"), 9, "in double brackets"},
+        {faultPlan("rule=[3]"), 9, "[[target.lun.faults.rule]] must be a table"},
+        {rule("kind='error'\nerno=5"), 11, "[[target.lun.faults.rule]] knows no key \"erno\""},
+        {rule("on='read'"), 9, "has no kind"},
+        {rule("kind='eror'"), 10, "none of \"error\", \"short\", \"delay\", \"hold\""},
+        {rule("kind=3"), 10, "kind must be a text in quotes"},
+        {rule("kind='short'"), 9, "needs bytes"},
+        {rule("kind='delay'"), 9, "needs delay_ms"},
+        {rule("kind='hold'"), 9, "needs while_file"},
+        {rule("kind='delay'\ndelay_ms=0"), 11, "from 1 to 3600000"},
+        {rule("kind='error'\nerrno=4096"), 11, "from 1 to 4095"},
+        {rule("kind='error'\nafter='x'"), 11, "after must be a whole number"},
+        {rule("kind='error'\nbytes=1"), 11, "belongs to kind = \"short\", not \"error\""},
+        {rule("kind='error'\nrate=0"), 11, "above 0"},
+        {rule("kind='error'\nrate=1.5"), 11, "up to 1"},
+        {rule("kind='error'\non='both'"), 11, "none of \"read\", \"write\", \"any\""},
+        {rule("kind='error'\nwhile_file='x'"), 11, "absolute path"},
         {"[[target]]\nname='h\xE9'\n", 2, "isn't UTF-8"},
         {"[[target]]\nname='iqn.2026-01.com.Example:t'\n", 2, "upper-case"},
         {"[[target]]\nname='iqn.2026-13.com.example:t'\n", 2, "no iSCSI qualified name"},
@@ -103,6 +132,8 @@ TEST_F(HostConfigTest, EachFaultIsOneLineWithItsPlace) {
     }
     PlanOf(file("path='@/new.img'\nsize=1\nnumber=300") + Memory("size=1", "b"));
     EXPECT_EQ(problems.Lines().size(), 3U) << "all at once";
+    PlanOf(faultPlan("durable=1\n[[target.lun.faults.rule]]\nkind='short'\nerrno=0\nrate=2"));
+    EXPECT_EQ(problems.Lines().size(), 5U) << "all at once";
     problems = {};
     ReadConfig(dir, problems);
     EXPECT_THAT(problems.Lines(), ElementsAre(HasSubstr("can't be read (Is a directory)")));
@@ -110,6 +141,45 @@ TEST_F(HostConfigTest, EachFaultIsOneLineWithItsPlace) {
     Make("empty.toml", 0);
     ReadConfig(dir / "empty.toml", problems);
     EXPECT_THAT(problems.Lines(), ElementsAre(HasSubstr("names no target")));
+}
+
+TEST_F(HostConfigTest, FaultPlanIsWhatTheFileSays) {
+    const Plan plan = PlanOf(kTarget + Memory("size=512") +
+                             Memory(R"(size=512
+[target.lun.faults]
+seed=7
+durable=false
+rule=[{kind='error'},
+      {kind='short', on='read', after=1, count=2, rate=0.5, bytes=3},
+      {kind='delay', on='write', rate=1, delay_ms=4},
+      {kind='hold', on='any', while_file='/f'},
+      {kind='error', errno=28, while_file='/g'}])",
+                                    "b"));
+    ASSERT_THAT(problems.Lines(), ElementsAre());
+    const auto& luns = plan.targets.at(0).luns;
+    EXPECT_TRUE(luns.at(0).config.faults.durable);
+    const FaultPlan& faults = luns.at(1).config.faults;
+    EXPECT_FALSE(faults.durable);
+    EXPECT_EQ(faults.seed, 7U);
+    const auto fields = [](const FaultRule& rule) {
+        return std::tuple(rule.kind, rule.onRead, rule.onWrite, rule.after, rule.count, rule.rate,
+                          rule.whileFile, rule.errorNumber, rule.bytes, rule.delayMs);
+    };
+    const std::vector<FaultRule> expected{
+        {.kind = FaultKind::Error, .errorNumber = EIO},
+        {.kind = FaultKind::Short,
+         .onWrite = false,
+         .after = 1,
+         .count = 2,
+         .rate = 0.5,
+         .bytes = 3},
+        {.kind = FaultKind::Delay, .onRead = false, .delayMs = 4},
+        {.kind = FaultKind::Hold, .whileFile = "/f"},
+        {.kind = FaultKind::Error, .whileFile = "/g", .errorNumber = ENOSPC},
+    };
+    ASSERT_EQ(faults.rules.size(), expected.size());
+    for (size_t i = 0; i < expected.size(); ++i)
+        EXPECT_EQ(fields(faults.rules[i]), fields(expected[i])) << i;
 }
 
 TEST_F(HostConfigTest, BackingFilesThatWereMadeGoWhenALaterLunsDataCannotBeMade) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cerrno>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -19,13 +20,13 @@ struct FaultRule {
     FaultKind kind = FaultKind::Error;
     bool onRead = true;
     bool onWrite = true;
-    uint64_t after = 0;     ///< lets this many matching transfers pass first
-    uint64_t count = 0;     ///< then hits at most this many; 0: no limit
-    double rate = 1.0;      ///< then hits each with this probability
-    std::string whileFile;  ///< acts only while this file exists; empty: always
-    int errorNumber = 0;    ///< Error: the errno reported
-    uint64_t bytes = 0;     ///< Short: bytes moved at most
-    uint64_t delayMs = 0;   ///< Delay: milliseconds
+    uint64_t after = 0;       ///< lets this many matching transfers pass first
+    uint64_t count = 0;       ///< then hits at most this many; 0: no limit
+    double rate = 1.0;        ///< then hits each with this probability
+    std::string whileFile{};  ///< acts only while this file exists; empty: always
+    int errorNumber = EIO;    ///< Error: the errno reported
+    uint64_t bytes = 0;       ///< Short: bytes moved at most
+    uint64_t delayMs = 0;     ///< Delay: milliseconds
 };
 
 /// The faults of one LUN, the first that hits counts. Without rules, and durable, nothing happens.
@@ -33,8 +34,6 @@ struct FaultPlan {
     std::vector<FaultRule> rules;
     uint64_t seed = 1;    ///< the same seed and the same order of transfers give the same hits
     bool durable = true;  ///< false, for tests only: a write is answered before it is on the disk
-
-    bool IsQuiet() const { return rules.empty() && durable; }
 };
 
 }  // namespace moscsi::data
