@@ -13,9 +13,9 @@ using data::FaultKind;
 using data::FaultPlan;
 using data::FaultRule;
 
-constexpr uint64_t kLargeNumber = 1'000'000'000'000;
-constexpr uint64_t kLongestDelayMs = 3'600'000;
-constexpr uint64_t kLargestErrno = 4095;
+constexpr int64_t kLargeNumber = 1'000'000'000'000;
+constexpr int64_t kLongestDelayMs = 3'600'000;
+constexpr int64_t kLargestErrno = 4095;
 
 /// What a kind is called, and the key that is its own.
 struct KindRow {

@@ -90,18 +90,16 @@ std::optional<int64_t> TableReader::Integer(const std::string& key) {
     return value->as_integer();
 }
 
-std::optional<uint64_t> TableReader::WholeNumber(const std::string& key, uint64_t least,
-                                                 uint64_t most) {
+std::optional<uint64_t> TableReader::WholeNumber(const std::string& key, int64_t least,
+                                                 int64_t most) {
     const toml::value* value = Find(key);
     if (value == nullptr)
         return std::nullopt;
-    const int64_t number = value->is_integer() ? value->as_integer() : -1;
-    if (number < 0 || static_cast<uint64_t>(number) < least ||
-        static_cast<uint64_t>(number) > most) {
+    if (!value->is_integer() || value->as_integer() < least || value->as_integer() > most) {
         Complain(key, fmt::format("{} must be a whole number from {} to {}", key, least, most));
         return std::nullopt;
     }
-    return number;
+    return static_cast<uint64_t>(value->as_integer());
 }
 
 std::optional<bool> TableReader::Boolean(const std::string& key) {

@@ -56,8 +56,8 @@ class TableReader {
     std::vector<std::string> RequiredStrings(const std::string& key, const std::string& meaning);
     std::optional<int64_t> Integer(const std::string& key);
 
-    /// From `least` to `most`, both included.
-    std::optional<uint64_t> WholeNumber(const std::string& key, uint64_t least, uint64_t most);
+    /// From `least`, which isn't negative, to `most`, both included.
+    std::optional<uint64_t> WholeNumber(const std::string& key, int64_t least, int64_t most);
 
     std::optional<bool> Boolean(const std::string& key);
 
