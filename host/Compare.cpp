@@ -1,9 +1,12 @@
 #include "host/Compare.h"
 
+#include <algorithm>
+#include <map>
 #include <set>
 
 #include "host/Comparison.h"
 #include "host/Identity.h"
+#include "host/PlanObjects.h"
 
 namespace moscsi::host {
 namespace {
@@ -60,6 +63,52 @@ void Comparison::CheckPortals(const TargetPlan& target, const PortalGroupView& g
             target.name, target.name);
 }
 
+void Comparison::CheckAcl(const TargetPlan& target, const InitiatorPlan& initiator,
+                          const AclView& acl) {
+    const std::string who = fmt::format("initiator {} of target {}", acl.initiator, target.name);
+    std::map<unsigned, std::string> wanted;
+    for (const size_t index : initiator.luns)
+        if (const LunView* lun = LunOf(target.luns[index], m_view))
+            wanted[lun->number] = target.luns[index].Title();
+    for (const MappedLunView& mapped : acl.luns) {
+        const std::string remedy =
+            fmt::format("remove it with: targetcli /iscsi/{}/tpg1/acls/{} delete {}", target.name,
+                        acl.initiator, mapped.number);
+        if (wanted.erase(mapped.number) == 0)
+            Say("{} sees LUN {}, which the file doesn't give it: {}", who, mapped.number, remedy);
+        else if (mapped.lun != mapped.number)
+            Say("{} sees as LUN {} what is LUN {}: {}", who, mapped.number,
+                mapped.lun ? std::to_string(*mapped.lun) : "nowhere", remedy);
+        else if (mapped.writeProtected)
+            Say("{} may only read LUN {}: {}", who, mapped.number, remedy);
+    }
+    if (m_when == When::After)
+        for (const auto& [number, title] : wanted)
+            Say("{} doesn't see {}, number {}", who, title, number);
+}
+
+void Comparison::CheckAcls(const TargetPlan& target, const PortalGroupView& group) {
+    std::set<std::string> seen;
+    for (const AclView& acl : group.acls) {
+        const auto initiator = std::find_if(
+            target.initiators.begin(), target.initiators.end(),
+            [&](const InitiatorPlan& candidate) { return candidate.name == acl.initiator; });
+        if (initiator == target.initiators.end()) {
+            Say("target {} admits the initiator {}, which the file doesn't name: add it there, or "
+                "remove it with: targetcli /iscsi/{}/tpg1/acls delete {}",
+                target.name, acl.initiator, target.name, acl.initiator);
+            continue;
+        }
+        seen.insert(acl.initiator);
+        CheckAcl(target, *initiator, acl);
+    }
+    // An initiator without LUNs needs no ACL, and the platform makes none.
+    if (m_when == When::After)
+        for (const InitiatorPlan& initiator : target.initiators)
+            if (!initiator.luns.empty() && !seen.contains(initiator.name))
+                Say("target {} doesn't admit the initiator {}", target.name, initiator.name);
+}
+
 void Comparison::CheckTarget(const TargetPlan& target) {
     const TargetView* there = m_view.Target(target.name);
     if (there == nullptr) {
@@ -69,7 +118,7 @@ void Comparison::CheckTarget(const TargetPlan& target) {
             CheckNewPortal(target);
     } else {
         for (const PortalGroupView& group : there->groups)
-            if (group.tag != 1)
+            if (group.tag != kPortalGroup)
                 Say("target {} holds portal group {}, which the file doesn't name: remove it with: "
                     "targetcli /iscsi/{} delete {}",
                     target.name, group.tag, target.name, group.tag);
@@ -92,6 +141,11 @@ std::vector<std::string> Comparison::Run() {
     for (std::string& line : NaaClashes(m_plan, m_view))
         m_lines.push_back(std::move(line));
     return std::move(m_lines);
+}
+
+Manner Manner::Of(const std::string& version) {
+    const bool isNew = version >= "2.1.fb43";
+    return {.userByConfigfs = !isNew, .chosenSerials = isNew};
 }
 
 std::vector<std::string> NaaClashes(const Plan& plan, const ConfigfsView& view) {
@@ -121,6 +175,48 @@ std::vector<std::string> ConflictsBefore(const Plan& plan, const ConfigfsView& v
 std::vector<std::string> FaultsAfter(const Plan& plan, const ConfigfsView& view,
                                      const Manner& manner) {
     return Comparison(plan, view, manner, Comparison::When::After).Run();
+}
+
+std::vector<std::string> Unserved(const Plan& plan, const ConfigfsView& view) {
+    std::set<const StorageObject*> named;
+    for (const TargetPlan& target : plan.targets)
+        for (const LunPlan& lun : target.luns)
+            named.insert(ObjectOf(lun, view));
+    std::vector<std::string> lines;
+    for (const StorageObject& object : view.objects)
+        if ((object.config.starts_with("MoScsiSrvTcmu/") ||
+             object.config.starts_with("moscsisrvtcmu/")) &&
+            !named.contains(&object))
+            lines.push_back(fmt::format(
+                "backstore {} isn't named by the file and answers NOT READY; once no LUN carries "
+                "it, remove it with: {}",
+                object.Text(), object.Removal()));
+    return lines;
+}
+
+std::vector<std::string> Leftovers(const Plan& plan, const ConfigfsView& before,
+                                   const ConfigfsView& view) {
+    std::vector<std::string> lines;
+    for (const TargetPlan& target : plan.targets) {
+        if (view.Target(target.name) != nullptr && before.Target(target.name) == nullptr)
+            lines.push_back(
+                fmt::format("target {} is left; remove it with: targetcli /iscsi "
+                            "delete {}",
+                            target.name, target.name));
+        for (const LunPlan& lun : target.luns) {
+            const LunView* left = LunOf(lun, view);
+            if (left != nullptr && LunOf(lun, before) == nullptr)
+                lines.push_back(fmt::format(
+                    "{} of {} is left as number {}; remove it with: targetcli /iscsi/{}/tpg1/luns "
+                    "delete {}",
+                    lun.Title(), target.name, left->number, target.name, left->number));
+            const StorageObject* object = ObjectOf(lun, view);
+            if (object != nullptr && ObjectOf(lun, before) == nullptr)
+                lines.push_back(fmt::format("backstore {} is left; remove it with: {}",
+                                            object->Text(), object->Removal()));
+        }
+    }
+    return lines;
 }
 
 }  // namespace moscsi::host

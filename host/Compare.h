@@ -40,13 +40,4 @@ std::vector<std::string> Leftovers(const Plan& plan, const ConfigfsView& before,
 /// User backstores of the plug-in's handler that the plan doesn't name: nobody serves them.
 std::vector<std::string> Unserved(const Plan& plan, const ConfigfsView& view);
 
-/// The object of a LUN of the plan, linked or not; null when there is none.
-const StorageObject* ObjectOf(const LunPlan& lun, const ConfigfsView& view);
-
-/// The LUN of the plan's portal group that carries the object; null when there is none.
-const LunView* LunOf(const LunPlan& lun, const ConfigfsView& view);
-
-/// The portal group that targetcli makes with a target; null when there is none.
-const PortalGroupView* GroupOf(const std::string& target, const ConfigfsView& view);
-
 }  // namespace moscsi::host

@@ -1,6 +1,7 @@
 #include <algorithm>
 
 #include "host/Comparison.h"
+#include "host/PlanObjects.h"
 #include "host/Storage.h"
 
 namespace moscsi::host {
@@ -67,7 +68,8 @@ void Comparison::CheckForeign(const LunPlan& lun) {
     for (const TargetView& target : m_view.targets)
         for (const PortalGroupView& group : target.groups)
             for (const LunView& other : group.luns)
-                if (other.object == lun.object && (target.name != lun.target || group.tag != 1))
+                if (other.object == lun.object &&
+                    (target.name != lun.target || group.tag != kPortalGroup))
                     Say("{} is exported by target {}, portal group {}, too: remove it with: "
                         "targetcli /iscsi/{}/tpg{}/luns delete {}",
                         lun.Title(), target.name, group.tag, target.name, group.tag, other.number);

@@ -10,8 +10,8 @@
 
 namespace moscsi::host {
 
-/// One comparison of configfs with the plan: Compare.cpp has the targets and their portals,
-/// CompareLuns.cpp the LUNs and their backstores, CompareInitiators.cpp who sees which.
+/// One comparison of configfs with the plan: Compare.cpp has the targets, their portals and
+/// who sees which LUN, CompareLuns.cpp the LUNs and their backstores.
 /// Thread: one. What it is made from outlives it.
 class Comparison {
   public:

@@ -14,6 +14,9 @@
 /// that could be refused later for the file's sake. Plain data.
 namespace moscsi::host {
 
+/// The highest number under which the kernel maps a LUN to an initiator.
+inline constexpr uint32_t kMaxMappedLun = 255;
+
 struct LunPlan {
     LunConfig config;
     std::string target;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -26,6 +27,19 @@ class Problems {
 
   private:
     std::vector<std::string> m_lines;
+};
+
+/// Remembers what must occur once, and where it occurred first.
+class Once {
+  public:
+    /// Returns: empty, or "line N" of the first occurrence.
+    std::string Earlier(const std::string& key, const Place& place) {
+        const auto [entry, fresh] = m_places.emplace(key, place.line);
+        return fresh ? std::string() : "line " + std::to_string(entry->second);
+    }
+
+  private:
+    std::map<std::string, unsigned> m_places;
 };
 
 }  // namespace moscsi::host

@@ -8,11 +8,11 @@
 #include <nlohmann/json.hpp>
 
 #include "adapters/framework/LogWriters.h"
-#include "host/Application.h"
 #include "host/BusWait.h"
 #include "host/EarlierCommands.h"
 #include "host/HostLock.h"
 #include "host/HostStatus.h"
+#include "host/PlanExecutor.h"
 #include "host/Plugin.h"
 #include "host/StatusSocket.h"
 #include "host/StopSignals.h"
@@ -87,7 +87,7 @@ class Service {
     Manner m_manner;
     ConfigfsView m_before;
     UserData m_data;
-    std::unique_ptr<Application> m_application;
+    std::unique_ptr<PlanExecutor> m_executor;
     bool m_clean = true;    // nothing failed, nothing of ours is left
     StatusServer m_server;  // last: its thread reads the others
 };
@@ -171,13 +171,13 @@ bool Service::Apply() {
         return false;
 
     m_status.SetPhase("applying");
-    m_application =
-        std::make_unique<Application>(m_plan, *m_platform, m_console, m_manner,
-                                      [this](const LunPlan& lun) { return m_data.Of(lun); });
-    bool good = m_application->Apply(m_before, [this] { return m_stop.Asked(); });
+    m_executor =
+        std::make_unique<PlanExecutor>(m_plan, *m_platform, m_console, m_manner,
+                                       [this](const LunPlan& lun) { return m_data.Of(lun); });
+    bool good = m_executor->Apply(m_before, [this] { return m_stop.Asked(); });
     for (const TargetPlan& target : m_plan.targets)
         for (const LunPlan& lun : target.luns)
-            if (const auto number = m_application->NumberOf(lun))
+            if (const auto number = m_executor->NumberOf(lun))
                 m_status.SetNumber(lun, *number);
     if (good)
         good = Refuse(FaultsAfter(m_plan, Look(), m_manner),
@@ -191,8 +191,8 @@ void Service::TakeDown(bool all) {
     m_status.SetPhase("stopping");
     m_stop.Begin();
     const auto outOfTime = [this] { return m_stop.OutOfTime(); };
-    const bool done = all ? m_application->TakeDownAll(Look(), outOfTime)
-                          : m_application->TakeDownMade(Look(), outOfTime);
+    const bool done = all ? m_executor->TakeDownAll(Look(), outOfTime)
+                          : m_executor->TakeDownMade(Look(), outOfTime);
     if (!done && m_stop.OutOfTime())
         m_console.Complain("the time for stopping is over");
     m_clean = Refuse(Leftovers(m_plan, all ? ConfigfsView() : m_before, Look()),

@@ -6,7 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <vector>
 
-#include "host/Compare.h"
+#include "host/PlanObjects.h"
 #include "host/data/LunData.h"
 
 namespace moscsi::host {

@@ -30,6 +30,9 @@ enum : uint32_t {
     BSTOR_BLKDEV2 = 4,  ///< treated exactly as BSTOR_BLKDEV
 };
 
+/// A LUN number that asks the system to choose.
+inline constexpr uint32_t kAutomaticLunNumber = 0xFFFFFFFF;
+
 /// The host's data operations of a LUN. The plug-in calls three slots by position: the ninth, tenth
 /// and eleventh; the first eight are the host's own.
 ///
@@ -74,7 +77,7 @@ struct MoScsiSrvLun {
     MoScsiSrvLun() {}
 
     std::string serialNum;   ///< unit serial number; a create appends to it
-    uint32_t lunNum;         ///< 0..65534, or 0xFFFFFFFF: the system chooses and writes it back
+    uint32_t lunNum;         ///< 0..65534, or automatic: the system writes its choice back
     std::string targetName;  ///< name of the target that carries the LUN
     std::string path;        ///< backing file, block device node, or the host's own text
     uint32_t bstorType;      ///< one of the BSTOR_ codes

@@ -8,9 +8,6 @@ struct TargetCliBackstore {
     const char* listedAs;   ///< what "luns ls" prints before an object's name
 };
 
-/// A LUN number that asks the system to choose.
-inline constexpr uint32_t kAutomaticLunNumber = 0xFFFFFFFF;
-
 /// The highest number that a LUN may have.
 inline constexpr int kMaxLunNumber = 65534;
 

@@ -23,7 +23,7 @@ struct LunDataConfig {
     std::string path;        ///< Backing::File: absolute path; made when it doesn't exist
     uint64_t sizeBytes = 0;  ///< a positive multiple of 512
     FaultPlan faults;
-    FileEngineChoice engine = FileEngineChoice::Auto;
+    FileEngineChoice engine = FileEngineChoice::Auto;  ///< others for tests
 };
 
 /// The data operations of one user LUN: the object for MoScsiSrvLun's `bstoreOps`, its Context()

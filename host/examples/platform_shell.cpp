@@ -86,7 +86,8 @@ class Shell {
         std::string number;
         words >> kind >> number >> lun.targetName >> lun.path;
         lun.bstorType = Kinds().at(kind).type;
-        lun.lunNum = number == "auto" ? 0xFFFFFFFFU : static_cast<uint32_t>(std::stoul(number));
+        lun.lunNum =
+            number == "auto" ? kAutomaticLunNumber : static_cast<uint32_t>(std::stoul(number));
         lun.serialNum = "shell";
         lun.hostString = kind;
         return lun;

@@ -1,15 +1,15 @@
-#include "host/Application.h"
+#include "host/PlanExecutor.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <chrono>
 
+#include "host/PlanObjects.h"
+
 namespace moscsi::host {
 namespace {
 
-constexpr uint32_t kAutomatic = 0xFFFFFFFF;
-constexpr uint32_t kMaxMappedLun = 255;
 constexpr std::chrono::seconds kStepAllowance{3};
 
 /// A container seen from its end (std::views need a newer clang).
@@ -65,21 +65,21 @@ std::string ForeignIn(const TargetPlan& target, const ConfigfsView& view) {
 
 }  // namespace
 
-Application::Application(const Plan& plan, MoScsiSrvPlatform& platform, Console& console,
-                         Manner manner, DataOf dataOf)
+PlanExecutor::PlanExecutor(const Plan& plan, MoScsiSrvPlatform& platform, Console& console,
+                           Manner manner, DataOf dataOf)
     : m_plan(plan),
       m_platform(platform),
       m_console(console),
       m_manner(manner),
       m_dataOf(std::move(dataOf)) {}
 
-std::optional<uint32_t> Application::NumberOf(const LunPlan& lun) const {
+std::optional<uint32_t> PlanExecutor::NumberOf(const LunPlan& lun) const {
     const auto found = m_numbers.find(&lun);
     return found == m_numbers.end() ? std::nullopt : std::optional(found->second);
 }
 
 /// A record filled afresh each time, since a create appends to the serial.
-MoScsiSrvLun Application::RecordOf(const LunPlan& lun, uint32_t number) const {
+MoScsiSrvLun PlanExecutor::RecordOf(const LunPlan& lun, uint32_t number) const {
     MoScsiSrvLun record;
     record.serialNum = lun.serial;
     record.lunNum = number;
@@ -95,9 +95,9 @@ MoScsiSrvLun Application::RecordOf(const LunPlan& lun, uint32_t number) const {
     return record;
 }
 
-bool Application::CreateLun(const LunPlan& lun) {
+bool PlanExecutor::CreateLun(const LunPlan& lun) {
     const LunView* there = LunOf(lun, *m_before);
-    uint32_t number = lun.number.value_or(kAutomatic);
+    uint32_t number = lun.number.value_or(kAutomaticLunNumber);
     // Without targetcli an automatic number is the lowest free one, for a LUN that has a number
     // already, too: so that one is asked for.
     if (there != nullptr && m_manner.userByConfigfs && lun.config.type == LunType::User)
@@ -107,17 +107,18 @@ bool Application::CreateLun(const LunPlan& lun) {
 
     MoScsiSrvLun record = RecordOf(lun, number);
     record.serialNum = lun.config.serialPrefix;
-    const std::string asked = number == kAutomatic ? "automatic number" : fmt::format("{}", number);
+    const std::string asked =
+        number == kAutomaticLunNumber ? "automatic number" : fmt::format("{}", number);
     const CRyError result = RunStep(m_console,
                                     fmt::format("{} ({}, {}) on {}", lun.Title(),
                                                 LunTypeName(lun.config.type), asked, lun.target),
                                     [&] { return m_platform.CreateLun(&record); });
-    if (record.lunNum != kAutomatic)
+    if (record.lunNum != kAutomaticLunNumber)
         m_numbers[&lun] = record.lunNum;
     if (result.IsError())
         return false;
     m_registered.insert(&lun);
-    if (number == kAutomatic)
+    if (number == kAutomaticLunNumber)
         m_console.Say(fmt::format("  {} has the number {}", lun.Title(), record.lunNum));
     if (record.lunNum > kMaxMappedLun) {
         m_console.Complain(
@@ -129,7 +130,7 @@ bool Application::CreateLun(const LunPlan& lun) {
     return true;
 }
 
-bool Application::Map(const TargetPlan& target, const StopAsked& stopAsked) {
+bool PlanExecutor::Map(const TargetPlan& target, const StopAsked& stopAsked) {
     for (const InitiatorPlan& initiator : target.initiators) {
         for (const size_t index : initiator.luns) {
             if (stopAsked())
@@ -151,7 +152,7 @@ bool Application::Map(const TargetPlan& target, const StopAsked& stopAsked) {
     return true;
 }
 
-bool Application::ApplyTarget(const TargetPlan& target, const StopAsked& stopAsked) {
+bool PlanExecutor::ApplyTarget(const TargetPlan& target, const StopAsked& stopAsked) {
     if (stopAsked())
         return false;
     if (m_before->Target(target.name) == nullptr)
@@ -172,7 +173,7 @@ bool Application::ApplyTarget(const TargetPlan& target, const StopAsked& stopAsk
     return Map(target, stopAsked);
 }
 
-bool Application::Apply(const ConfigfsView& before, const StopAsked& stopAsked) {
+bool PlanExecutor::Apply(const ConfigfsView& before, const StopAsked& stopAsked) {
     m_before = &before;
     const bool done =
         std::all_of(m_plan.targets.begin(), m_plan.targets.end(),
@@ -183,19 +184,19 @@ bool Application::Apply(const ConfigfsView& before, const StopAsked& stopAsked) 
 
 /// A LUN that configfs carries can't be deleted while it is mapped. One that targetcli carries
 /// takes its mappings along, so that on a machine that is slow the time goes to what must be done.
-bool Application::NeedsUnmap(const LunPlan& lun) const {
+bool PlanExecutor::NeedsUnmap(const LunPlan& lun) const {
     return !m_slow || (m_manner.userByConfigfs && lun.config.type == LunType::User);
 }
 
-bool Application::TakeDownStep(const std::string& what,
-                               const std::function<CRyError()>& operation) {
+bool PlanExecutor::TakeDownStep(const std::string& what,
+                                const std::function<CRyError()>& operation) {
     const auto start = std::chrono::steady_clock::now();
     const CRyError result = RunStep(m_console, what, operation);
     m_slow |= std::chrono::steady_clock::now() - start > kStepAllowance;
     return !result.IsError();
 }
 
-bool Application::Unmap(const TargetPlan& target, Extent extent, const StopAsked& outOfTime) {
+bool PlanExecutor::Unmap(const TargetPlan& target, Extent extent, const StopAsked& outOfTime) {
     bool good = true;
     for (const InitiatorPlan& initiator : Reversed(target.initiators)) {
         for (const size_t index : Reversed(initiator.luns)) {
@@ -216,10 +217,11 @@ bool Application::Unmap(const TargetPlan& target, Extent extent, const StopAsked
     return good;
 }
 
-bool Application::DeleteLun(const LunPlan& lun, const ConfigfsView& now) {
+bool PlanExecutor::DeleteLun(const LunPlan& lun, const ConfigfsView& now) {
     const PortalGroupView* group = GroupOf(lun.target, now);
     const LunView* own = LunOf(lun, now);
-    const uint32_t number = own != nullptr ? own->number : NumberOf(lun).value_or(kAutomatic);
+    const uint32_t number =
+        own != nullptr ? own->number : NumberOf(lun).value_or(kAutomaticLunNumber);
     if (group != nullptr)
         for (const LunView& there : group->luns)
             if (there.number == number && &there != own) {
@@ -237,7 +239,7 @@ bool Application::DeleteLun(const LunPlan& lun, const ConfigfsView& now) {
                         [&] { return m_platform.DeleteLun(&record); });
 }
 
-bool Application::TakeDown(Extent extent, const ConfigfsView& now, const StopAsked& outOfTime) {
+bool PlanExecutor::TakeDown(Extent extent, const ConfigfsView& now, const StopAsked& outOfTime) {
     bool good = true;
     for (const TargetPlan& target : Reversed(m_plan.targets)) {
         good &= Unmap(target, extent, outOfTime);
@@ -267,11 +269,11 @@ bool Application::TakeDown(Extent extent, const ConfigfsView& now, const StopAsk
     return good;
 }
 
-bool Application::TakeDownMade(const ConfigfsView& now, const StopAsked& outOfTime) {
+bool PlanExecutor::TakeDownMade(const ConfigfsView& now, const StopAsked& outOfTime) {
     return TakeDown(Extent::Made, now, outOfTime);
 }
 
-bool Application::TakeDownAll(const ConfigfsView& now, const StopAsked& outOfTime) {
+bool PlanExecutor::TakeDownAll(const ConfigfsView& now, const StopAsked& outOfTime) {
     return TakeDown(Extent::All, now, outOfTime);
 }
 

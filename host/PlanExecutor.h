@@ -18,7 +18,7 @@ namespace moscsi::host {
 /// Carries a plan out through the platform, and takes it down again.
 ///
 /// Thread: one at a time. The plan, the platform and the console outlive it.
-class Application {
+class PlanExecutor {
   public:
     /// A user LUN's operations and context; both null for one that must answer NOT READY.
     using DataOf = std::function<std::pair<MoScsiBStorOps*, void*>(const LunPlan&)>;
@@ -26,8 +26,8 @@ class Application {
     /// True when the work is to end early; looked at between steps.
     using StopAsked = std::function<bool()>;
 
-    Application(const Plan& plan, MoScsiSrvPlatform& platform, Console& console, Manner manner,
-                DataOf dataOf);
+    PlanExecutor(const Plan& plan, MoScsiSrvPlatform& platform, Console& console, Manner manner,
+                 DataOf dataOf);
 
     /// Makes everything that the plan names: targets, LUNs (those with numbers of their own first,
     /// so that automatic ones can't take these), mappings. What is there already is made again,

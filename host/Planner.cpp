@@ -2,73 +2,26 @@
 
 #include <fmt/format.h>
 
-#include <cstring>
-#include <filesystem>
-#include <map>
 #include <set>
 
 #include "host/Identity.h"
 #include "host/Names.h"
 #include "host/Plan.h"
+#include "host/StorageCheck.h"
 
 namespace moscsi::host {
 namespace {
 
-constexpr uint64_t kBlock = 512;
-constexpr int64_t kMaxMappedLun = 255;                  // of the kernel's mapped LUNs
-constexpr uint64_t kMaxUserBlocks = uint64_t{1} << 32;  // WRITE (10) addresses no more
-
-/// Remembers what must occur once, and where it occurred first.
-class Once {
-  public:
-    /// Returns: empty, or "line N" of the first occurrence.
-    std::string Earlier(const std::string& key, const Place& place) {
-        const auto [entry, fresh] = m_places.emplace(key, place.line);
-        return fresh ? std::string() : fmt::format("line {}", entry->second);
-    }
-
-  private:
-    std::map<std::string, unsigned> m_places;
-};
-
-/// What holds a LUN's data.
-enum class Medium { Memory, File, Device };
-
-Medium MediumOf(data::Backing backing) {
-    switch (backing) {
-        case data::Backing::Memory:
-            return Medium::Memory;
-        case data::Backing::File:
-            return Medium::File;
-    }
-    return {};
-}
-
-Medium MediumOf(const LunConfig& lun) {
-    switch (lun.type) {
-        case LunType::File:
-            return Medium::File;
-        case LunType::Block:
-            return Medium::Device;
-        case LunType::User:
-            return MediumOf(lun.backing);
-    }
-    return {};
-}
-
 class Planner {
   public:
     Planner(const Storage& storage, Problems& problems)
-        : m_storage(storage), m_problems(problems) {}
+        : m_problems(problems), m_storageCheck(storage, problems) {}
 
     TargetPlan PlanTarget(const TargetConfig& config);
 
   private:
     LunPlan PlanLun(const LunConfig& config, const TargetConfig& target);
     void CheckNumber(const LunConfig& config, LunPlan& plan);
-    void CheckStorage(const LunConfig& config, LunPlan& plan);
-    void CheckFile(const LunConfig& config, const PathFacts& facts, LunPlan& plan);
-    void CheckDevice(const LunConfig& config, const PathFacts& facts, LunPlan& plan);
     void CheckIdentity(const LunConfig& config, const LunPlan& plan);
     InitiatorPlan PlanInitiator(const InitiatorConfig& config, const TargetPlan& target);
 
@@ -83,10 +36,9 @@ class Planner {
             Refuse(places, key, fmt::format("{} \"{}\" {}", key, text, fault));
     }
 
-    const Storage& m_storage;
     Problems& m_problems;
+    StorageCheck m_storageCheck;
     Once m_targets;
-    Once m_storages;
     Once m_naas;
     Once m_objects;
     Once m_cfgStrings;
@@ -101,103 +53,6 @@ void Planner::CheckNumber(const LunConfig& config, LunPlan& plan) {
                            *config.number));
     else
         plan.number = static_cast<uint32_t>(*config.number);
-}
-
-void Planner::CheckFile(const LunConfig& config, const PathFacts& facts, LunPlan& plan) {
-    if (facts.kind == PathFacts::Kind::Missing) {
-        plan.makesFile = true;
-        const auto parent = m_storage.LookAt(std::filesystem::path(config.path).parent_path());
-        if (parent.kind != PathFacts::Kind::Other)
-            Refuse(config.places, "path",
-                   fmt::format("the directory of {} isn't there: make it", config.path));
-        if (!config.size)
-            Refuse(config.places, "path",
-                   fmt::format("{} isn't there, and no size is given to make it: add "
-                               "size = \"...\"",
-                               config.path));
-        plan.size = config.size.value_or(0);
-    } else if (facts.kind != PathFacts::Kind::File) {
-        Refuse(config.places, "path",
-               fmt::format("{} is no regular file: give a file, or type = \"block\" for a device",
-                           config.path));
-    } else {
-        plan.size = facts.length;
-        if (config.size && *config.size != facts.length)
-            Refuse(config.places, "size",
-                   fmt::format("{} is {} bytes long, and size says {}: leave size out, or change "
-                               "the file",
-                               config.path, facts.length, *config.size));
-        else if (facts.length == 0 || facts.length % kBlock != 0)
-            Refuse(config.places, "path",
-                   fmt::format("{} is {} bytes long, which is no positive multiple of 512: "
-                               "lengthen it with truncate -s",
-                               config.path, facts.length));
-    }
-}
-
-void Planner::CheckDevice(const LunConfig& config, const PathFacts& facts, LunPlan& plan) {
-    if (facts.kind != PathFacts::Kind::BlockDevice) {
-        Refuse(config.places, "path",
-               facts.kind == PathFacts::Kind::Missing
-                   ? fmt::format("the device {} isn't there: give one that is", config.path)
-                   : fmt::format("{} is no block device: give one, or type = \"file\" for a file",
-                                 config.path));
-        return;
-    }
-    plan.device = facts.device;
-    plan.size = m_storage.DeviceSize(facts.device).value_or(0);
-    if (plan.size == 0)
-        Refuse(
-            config.places, "path",
-            fmt::format("the device {} has no size: attach a medium or a file to it", config.path));
-    else if (config.size && *config.size != plan.size)
-        Refuse(config.places, "size",
-               fmt::format("the device {} has {} bytes, and size says {}: leave size out",
-                           config.path, plan.size, *config.size));
-    if (m_storage.DeviceReadOnly(facts.device))
-        Refuse(config.places, "path",
-               fmt::format("the device {} is read-only: make it writable, or give another",
-                           config.path));
-    if (const std::string use = m_storage.DeviceUse(facts.device); !use.empty())
-        Refuse(config.places, "path",
-               fmt::format("the device {} {}: free it, or give another", config.path, use));
-}
-
-void Planner::CheckStorage(const LunConfig& config, LunPlan& plan) {
-    if (config.size && (*config.size == 0 || *config.size % kBlock != 0))
-        Refuse(config.places, "size",
-               fmt::format("size {} is no positive multiple of 512: round it", *config.size));
-    plan.size = config.size.value_or(0);
-
-    const Medium medium = MediumOf(config);
-    if (medium == Medium::Memory) {
-        if (!config.size)
-            Refuse(
-                config.places, "size",
-                fmt::format("a LUN on {} needs size = \"...\"", data::BackingName(config.backing)));
-    } else {
-        const PathFacts facts = m_storage.LookAt(config.path);
-        if (facts.error != 0) {
-            Refuse(config.places, "path",
-                   fmt::format("{} can't be looked at ({}): mend the path", config.path,
-                               strerror(facts.error)));
-            return;
-        }
-        plan.identity = facts.identity;
-        if (medium == Medium::Device)
-            CheckDevice(config, facts, plan);
-        else
-            CheckFile(config, facts, plan);
-        const std::string earlier = m_storages.Earlier(facts.identity, config.places.At("path"));
-        if (!earlier.empty())
-            Refuse(config.places, "path",
-                   fmt::format("{} is used by two LUNs, the other one in {}: give each its own",
-                               config.path, earlier));
-    }
-    if (config.type == LunType::User && plan.size > kMaxUserBlocks * kBlock)
-        Refuse(config.places, "size",
-               fmt::format("{} is more than 2 TiB, which a user LUN can't address: use less",
-                           SizeText(plan.size)));
 }
 
 void Planner::CheckIdentity(const LunConfig& config, const LunPlan& plan) {
@@ -241,7 +96,7 @@ LunPlan Planner::PlanLun(const LunConfig& config, const TargetConfig& target) {
         CheckText(config.places, "path", path, fault);
         return plan;
     }
-    CheckStorage(config, plan);
+    m_storageCheck.Check(plan);
     plan.serial = SerialOf(config.serialPrefix, target.name, path);
     plan.object = ObjectNameOf(target.name, path);
     plan.cfgString = CfgStringOf(target.name, path);
