@@ -108,7 +108,9 @@ TEST_F(HostCompareTest, EachDisagreementIsOneLineWithARemedy) {
          "holds LUN 5, fileio/other (/srv/x), which the file doesn't name"},
         {[&] { fs::create_directories(lun(9)); }, "half-made LUN 9: remove it with: rmdir"},
         {[&] { tree.AddLun(kOther, 4, Lun(0).object); }, "is exported by target " + kOther},
-        {[&] { object("iblock", "other", "/dev/x"); }, "/dev/loop0 is used by backstore iblock/"},
+        {[&] { object("iblock", "other", "/dev/x"); },
+         "/dev/loop0 is used by backstore iblock/other (/dev/x): remove it with: "
+         "targetcli /backstores/block delete other"},
         {[&] { object("iblock", Lun(2).object, "/dev/x"); }, "another backstore, iblock/"},
         {[&] { object("fileio", "other", "/srv/x", NaaDigitsOf(Lun(0).serial) + "ffff"); },
          "first 25 hexadecimal digits"},

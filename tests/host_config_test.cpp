@@ -81,6 +81,7 @@ TEST_F(HostConfigTest, EachFaultIsOneLineWithItsPlace) {
         {block("path='/dev/loop1'"), 6, "is read-only"},
         {block("path='/dev/loop2'"), 6, "is mounted on /srv/data"},
         {block("path='/dev/loop3'"), 6, "is part of dm-0"},
+        {kTarget + Memory(""), 3, "needs size"},
         {kTarget + Memory("size='3TiB'"), 7, "more than 2 TiB"},
         {kTarget + Memory("size=512\npath='/m'") + Memory("size=512\npath='/m'", "b"), 14,
          "would be one object"},

@@ -6,9 +6,7 @@ import json
 import os
 import shutil
 import signal
-import socketserver
 import sys
-import threading
 import unittest
 
 from support.program_test import ProgramTest, wait_until
@@ -25,34 +23,34 @@ class ServeTest(ProgramTest):
                            ("real", "")):
             self.write(name, f"#!/bin/sh\n{text}\n", 0o755)
         self.write("platform.toml", f'home = "{self.dir}"\n')
-        # A bus that ends each connection at once.
-        bus = socketserver.UnixStreamServer(f"{self.dir}/bus", socketserver.BaseRequestHandler)
-        threading.Thread(target=bus.serve_forever, args=(0.01,), daemon=True).start()
-        self.addCleanup(bus.server_close)
-        self.addCleanup(bus.shutdown)
+        bus = self.spawn("/usr/bin/dbus-daemon", "--session", "--nofork", "--nopidfile", "--print-address")
         self.log_file = self.dir / "log"
         self.limit = self.dir / "run/targetcli/limit"
         self.configfs = self.dir / "configfs"
         self.env = dict(os.environ, MOSCSI_RUN_DIR=self.dir / "run", FAKE_LOG=self.log_file,
                         MOSCSI_CONFIGFS_ROOT=self.configfs,
                         MOSCSI_TARGETCLI_REAL=self.dir / "real",
-                        DBUS_SYSTEM_BUS_ADDRESS=f"unix:path={self.dir}/bus")
-        text = f'[[target]]\nname = "{TARGET}"\n'
+                        DBUS_SYSTEM_BUS_ADDRESS=bus.stdout.readline().strip())
+        text = f'[service]\nlog_level = -1\n[[target]]\nname = "{TARGET}"\n'
         # Automatic numbers come first in the file, explicit ones first in the kernel.
-        for name, number in (("one", '"auto"'), ("two", 0), ("three", 2)):
+        for name, number, kind in (("one", '"auto"', "file"), ("two", 0, "file"),
+                                   ("three", 2, 'user"\nbacking = "memory')):
             self.write(name, "x" * 1024)
-            text += (f'[[target.lun]]\nname = "{name}"\ntype = "file"\n'
+            text += (f'[[target.lun]]\nname = "{name}"\ntype = "{kind}"\nsize = 1024\n'
                      f'path = "{self.dir}/{name}"\nnumber = {number}\n')
         for name, seen in ((A, '"all"'), (B, '["two"]')):
             text += f'[[target.initiator]]\nname = "{name}"\nluns = {seen}\n'
         self.write("f.toml", text)
 
-    def start(self, **env):
-        return self.spawn(HOST, "--platform-file", f"{self.dir}/platform.toml", "serve", "--library",
-                          PLUGIN, f"{self.dir}/f.toml", **self.env, **env)
+    def host(self, *arguments, **env):
+        return self.spawn(HOST, "--platform-file", f"{self.dir}/platform.toml", *arguments,
+                          **{**self.env, **env})
 
-    def ready(self, **env):
-        return self.says("ready\n", self.start(**env))
+    def start(self, *options, **env):
+        return self.host("serve", "--library", PLUGIN, f"{self.dir}/f.toml", *options, **env)
+
+    def ready(self, *options, **env):
+        return self.says("ready\n", self.start(*options, **env))
 
     def says(self, text, process):
         while not (line := process.stdout.readline()).startswith(text):
@@ -81,7 +79,7 @@ class ServeTest(ProgramTest):
     def objects(self):
         return self.tree("core/*/*") + self.tree("iscsi/*")
 
-    CREATED = ["Initialize", f"CreateTarget {TARGET}", "CreateLun two 0 lun", "CreateLun three 2 lun",
+    CREATED = ["Initialize", f"CreateTarget {TARGET}", "CreateLun two 0 lun", "CreateLun three 2 lun served",
                "CreateLun one auto lun", f"MapHost {A} 1", f"MapHost {A} 0", f"MapHost {A} 2",
                f"MapHost {B} 0"]
     DELETED = [f"UnMapHost {B} 0", f"UnMapHost {A} 2", f"UnMapHost {A} 0", f"UnMapHost {A} 1",
@@ -137,6 +135,13 @@ class ServeTest(ProgramTest):
         earlier.wait()
         self.says("ready\n", process)
 
+    def test_memory_that_died_with_its_host_is_served_only_when_that_is_asked_for(self):
+        for options, lun in (((), " served"), ((), ""), (("--discard-lost-memory",), " served")):
+            process = self.ready(*options)
+            self.assertIn(f"CreateLun three 2 lun{lun}", self.log())
+            process.kill()
+            process.wait()
+
     def test_run_over_what_a_killed_one_left_takes_down_only_what_it_made(self):
         process = self.ready()
         process.kill()
@@ -173,6 +178,26 @@ class ServeTest(ProgramTest):
         process.terminate()
         self.assertIn("a step of the stop doesn't end", self.ends(process)[1])
         self.assertFalse(self.limit.exists())
+
+    def test_check_says_all_that_is_wrong_or_what_would_be_served(self):
+        good = (self.dir / "f.toml").read_text()
+        port = 'machine = "m"\n[clients.m]\nid = 1\niscsi_port = 3261\n'
+        digits = "a" * 25  # what multipath looks at of a serial
+        self.write("configfs/core/fileio_0/x/wwn/vpd_unit_serial", f"T10 VPD Unit Serial Number: {digits}\n")
+        for text, platform, status, said in (
+                (good, "", 0, r"iSCSI service port: 3260 \(the .*\)\ntarget (?s:.*)f.toml is good"),
+                (good, port, 0, r"iSCSI service port: 3261\ntarget (?s:.*)f.toml is good"),
+                (good, "home =", 1, r"moscsi-host: .*platform.toml.*"),
+                ("", "", 1, "moscsi-host: .*f.toml: names no target.*"),
+                (good.replace("= 0", "= 256").replace("= 2\n", "= 300\n"), "", 1,
+                 "moscsi-host: .*f.toml:16: .*\nmoscsi-host: .*f.toml:23: .*"),
+                (good.replace("= 0", f'= 0\nserial_prefix = "{digits}"'), "", 1,
+                 "moscsi-host: LUN two: its serial and that of backstore fileio/x agree .*")):
+            with self.subTest(said):
+                self.write("platform.toml", platform)
+                result, out, err = self.finish(self.host("check", self.write("f.toml", text)))
+                self.assertRegex(out + err, rf"\A{said}\n\Z")
+                self.assertEqual(result, status)
 
 
 if os.geteuid() != 0:

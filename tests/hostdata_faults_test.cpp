@@ -45,6 +45,7 @@ TEST_F(Faults, WhatIsDelayedOrHeldEndsByAnAbortOrAStop) {
     EXPECT_EQ(Ends(aborted), 0U);
     Abort(aborted);
     EXPECT_EQ(Result(aborted), -ECANCELED);
+    AwaitSleep();
     EXPECT_EQ(Ends(stopped), 0U);  // whoever ended the other has looked at it
     lun->Stop();
     ASSERT_EQ(Ends(stopped), 1U);

@@ -1,12 +1,17 @@
 // The data operations of a user LUN: every backing and engine moves the same bytes.
 
+#include <fcntl.h>
 #include <liburing.h>
 
+#include <array>
 #include <cerrno>
 #include <deque>
 #include <fstream>
 #include <random>
+#include <semaphore>
 
+#include "host/data/ThreadQueue.h"
+#include "host/data/UringQueue.h"
 #include "tests/support/HostData.h"
 
 std::vector<int> g_refusals;  ///< what io_uring_submit answers, last first, before it works again
@@ -108,4 +113,30 @@ TEST_P(Uring, ARequestThatTheKernelsRingRefusesFailsAlone) {
     EXPECT_EQ(Result(delayed), 512);
     EXPECT_EQ(lun->Snapshot().ignoredCompletions, 0U);
     EXPECT_EQ(Content().substr(0, 512), delayed.bytes);
+}
+
+// Else only a power cut would show it: this file can't be synced, and no file knows such a flag.
+TEST(Queues, HandEachFlagAndEachSyncToTheKernel) {
+    const int file = open("/dev/null", O_RDWR | O_CLOEXEC);
+    char byte = 0;
+    const iovec buffer{&byte, 1};
+    for (const FileQueueMaker& make : {FileQueueMaker(UringQueue::Make), {ThreadQueue::Make}}) {
+        std::array<int64_t, 3> ends{};
+        std::counting_semaphore<> ended(0);
+        const auto end = [&](Ticket ticket, int64_t result) {
+            ends.at(ticket) = result;
+            ended.release();
+        };
+        std::string refusal;
+        const auto queue = make(file, end, refusal);
+        if (queue == nullptr)
+            continue;
+        using enum FileRequest::Kind;
+        for (const FileRequest::Kind kind : {Read, Write, Sync}) {
+            queue->Submit({kind, 1 << 30, &buffer, 1, 0, static_cast<Ticket>(kind)});
+            ASSERT_TRUE(ended.try_acquire_for(std::chrono::seconds(10)));
+        }
+        EXPECT_THAT(ends, ElementsAre(-EOPNOTSUPP, -EOPNOTSUPP, -EINVAL)) << queue->Name();
+    }
+    close(file);
 }

@@ -135,9 +135,11 @@ class Relay(WrapperTest):
         self.assertTrue((self.dir / "whole").exists())
 
     def test_a_reader_that_never_reads_is_not_waited_for_beyond_the_limit(self):
-        # The first doesn't get rid of its output, the second does and ends.
-        runs = [(self.start_do(f"{output}; exit 7", MOSCSI_TARGETCLI_TIMEOUT=1), status)
-                for output, status in (("seq 400000", 124), ("head -c 150000 /dev/zero", 7))]
+        # Neither gets rid of its output; the second ends. A stop never lengthens the limit.
+        pieces = "dd if=/dev/zero status=none bs=5000 count="
+        runs = [(self.start_do(f"{pieces}{count}; exit 7", MOSCSI_TARGETCLI_TIMEOUT=1), status)
+                for count, status in ((80, 124), (25, 7))]
+        self.write("run/targetcli/limit", "100\n")
         for process, status in runs:
             self.assertEqual(process.wait(DEADLINE), status)
 

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "adapters/framework/MoStatistics.h"
+#include "adapters/runner/DbusService.h"
 #include "host/Identity.h"
 #include "tests/support/FakeConfigfs.h"
 #include "tests/support/NullPlatform.h"
@@ -23,8 +24,15 @@ static std::string Variable(const char* name, const char* fallback) {
 }
 
 struct FakePlatform final : NullPlatform {
-    CRyError Initialize() override { return Done("Initialize", ""); }
-    CRyError Cleanup() override { return Done("Cleanup", ""); }
+    CRyError Initialize() override {
+        m_service.TakeName();
+        m_service.ExportHandlers({"MoScsiSrvTcmu", "moscsisrvtcmu"});
+        return Done("Initialize", "");
+    }
+    CRyError Cleanup() override {
+        m_service.GiveUpName();
+        return Done("Cleanup", "");
+    }
 
     CRyError CreateTarget(MoScsiSrvTarget_t* target) override {
         m_tree.AddTarget(target->targetName, Variable("FAKE_PORTAL", "0.0.0.0:3260"));
@@ -35,12 +43,17 @@ struct FakePlatform final : NullPlatform {
         return Done("DeleteTarget", " " + target->targetName);
     }
     CRyError CreateLun(MoScsiSrvLun_t* lun) override {
-        const std::string arguments = " " + lun->path + NumberText(*lun) + " " + lun->serialNum;
+        const std::string arguments = " " + lun->path + NumberText(*lun) + " " + lun->serialNum +
+                                      (lun->bstoreOps != nullptr ? " served" : "");
         const std::string object = ObjectOf(*lun);
         const std::string link = object.substr(0, 10);
         lun->serialNum = moscsi::host::SerialOf(lun->serialNum, lun->targetName, lun->path);
         if (m_tree.ObjectDirectory(object).empty())
-            m_tree.AddObject({"fileio", object, lun->path, lun->size, lun->serialNum});
+            m_tree.AddObject(
+                lun->bstorType == BSTOR_USER
+                    ? FakeConfigfs::Object{"user", object, "moscsisrvtcmu/" + CfgStringOf(*lun),
+                                           lun->size, lun->serialNum}
+                    : FakeConfigfs::Object{"fileio", object, lun->path, lun->size, lun->serialNum});
         CRyError result = Done("CreateLun", arguments);
         if (result.IsError())
             return result;
@@ -68,6 +81,9 @@ struct FakePlatform final : NullPlatform {
     }
 
   private:
+    static std::string CfgStringOf(const MoScsiSrvLun& lun) {
+        return moscsi::host::CfgStringOf(lun.targetName, lun.path);
+    }
     static std::string ObjectOf(const MoScsiSrvLun& lun) {
         return moscsi::host::ObjectNameOf(lun.targetName, lun.path);
     }
@@ -92,6 +108,7 @@ struct FakePlatform final : NullPlatform {
         MoStatistics::Register("fake source", [] {
             return MoStatistics::Counters{{"answers", 42}};
         });
+    DbusService m_service;
     FakeConfigfs m_tree{Variable("MOSCSI_CONFIGFS_ROOT", "")};
     std::map<std::string, int> m_calls;
 };

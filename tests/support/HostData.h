@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <fstream>
 #include <map>
 #include <memory>
 #include <stdexcept>
@@ -53,6 +54,9 @@ struct Context {
 
 /// One LUN, driven as its device does it.
 struct LunTest : Test {
+    /// The end of a LUN waits for its transfers, and what failed may have lost one.
+    ~LunTest() override { HasFailure() ? (void)lun.release() : lun.reset(); }
+
     /// Returns: what stands in the way, if anything.
     std::string Make(const LunDataConfig& config) {
         LunDataResult made = MakeLunData(config, platform);
@@ -72,7 +76,7 @@ struct LunTest : Test {
     /// Waits for an end of the context and takes it.
     long Result(Context& context) {
         const MutexGuard guard(platform.mutex);
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
         while (!platform.ends.contains(&context.io))
             if (platform.ended.wait_until(platform.mutex, deadline) == std::cv_status::timeout)
                 throw std::runtime_error("IODone didn't come");
@@ -82,6 +86,20 @@ struct LunTest : Test {
     void Abort(Context& context) {
         const MutexGuard device(platform.deviceMutex);
         lun->Abort(lun->Context(), &context.io);
+    }
+
+    /// Waits until no other thread runs: one that goes round and round never sleeps.
+    static void AwaitSleep() {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        const auto sleeps = [](const std::filesystem::directory_entry& task) {
+            std::string state;
+            std::getline(std::ifstream(task.path() / "stat"), state);
+            return task.path().filename() == std::to_string(gettid()) ||
+                   state.find(") S ") != std::string::npos;
+        };
+        const std::filesystem::path tasks = "/proc/self/task";
+        while (!std::all_of(std::filesystem::directory_iterator(tasks), {}, sleeps))
+            ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "a thread is busy for good";
     }
 
     TempDirectory directory;
