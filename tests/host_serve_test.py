@@ -23,14 +23,14 @@ class ServeTest(ProgramTest):
                            ("real", "")):
             self.write(name, f"#!/bin/sh\n{text}\n", 0o755)
         self.write("platform.toml", f'home = "{self.dir}"\n')
-        bus = self.spawn("/usr/bin/dbus-daemon", "--session", "--nofork", "--nopidfile", "--print-address")
+        self.bus = self.spawn("/usr/bin/dbus-daemon", "--session", "--nofork", "--nopidfile", "--print-address")
         self.log_file = self.dir / "log"
         self.limit = self.dir / "run/targetcli/limit"
         self.configfs = self.dir / "configfs"
         self.env = dict(os.environ, MOSCSI_RUN_DIR=self.dir / "run", FAKE_LOG=self.log_file,
                         MOSCSI_CONFIGFS_ROOT=self.configfs,
                         MOSCSI_TARGETCLI_REAL=self.dir / "real",
-                        DBUS_SYSTEM_BUS_ADDRESS=bus.stdout.readline().strip())
+                        DBUS_SYSTEM_BUS_ADDRESS=self.bus.stdout.readline().strip())
         text = f'[service]\nlog_level = -1\n[[target]]\nname = "{TARGET}"\n'
         # Automatic numbers come first in the file, explicit ones first in the kernel.
         for name, number, kind in (("one", '"auto"', "file"), ("two", 0, "file"),
@@ -80,11 +80,11 @@ class ServeTest(ProgramTest):
         return self.tree("core/*/*") + self.tree("iscsi/*")
 
     CREATED = ["Initialize", f"CreateTarget {TARGET}", "CreateLun two 0 lun", "CreateLun three 2 lun served",
-               "CreateLun one auto lun", f"MapHost {A} 1", f"MapHost {A} 0", f"MapHost {A} 2",
-               f"MapHost {B} 0"]
-    DELETED = [f"UnMapHost {B} 0", f"UnMapHost {A} 2", f"UnMapHost {A} 0", f"UnMapHost {A} 1",
-               "DeleteLun three 2", "DeleteLun two 0", "DeleteLun one 1", f"DeleteTarget {TARGET}",
-               "Cleanup"]
+               "CreateLun one auto lun", f"MapHost {A} one 1", f"MapHost {A} two 0",
+               f"MapHost {A} three 2", f"MapHost {B} two 0"]
+    DELETED = [f"UnMapHost {B} two 0", f"UnMapHost {A} three 2", f"UnMapHost {A} two 0",
+               f"UnMapHost {A} one 1", "DeleteLun three 2", "DeleteLun two 0", "DeleteLun one 1",
+               f"DeleteTarget {TARGET}", "Cleanup"]
 
     def test_serves_and_takes_down_in_reverse(self):
         for stop in (signal.SIGTERM, signal.SIGINT):
@@ -120,17 +120,20 @@ class ServeTest(ProgramTest):
         self.assertEqual(self.log(), self.CREATED + self.DELETED)
 
     def test_automatic_number_must_be_one_that_can_be_mapped(self):
-        process = self.ready(FAKE_FIRST="255")
+        process = self.ready(FAKE_AUTOMATIC="255")
         process.terminate()
         self.ends(process, 0)
-        self.assertIn("got the number 256", self.ends(self.start(FAKE_FIRST="256"))[1])
+        self.assertIn("got the number 256", self.ends(self.start(FAKE_AUTOMATIC="256"))[1])
 
     def test_waits_for_a_command_that_an_earlier_host_left_running(self):
         wrapper = shutil.copy("/bin/sleep", self.dir / "bin/targetcli")
         earlier = self.spawn(wrapper, "1000")
-        process = self.says(f"waiting for a targetcli that an earlier host started (process {earlier.pid})",
-                            self.start())
-        self.assertEqual(self.log(), ["Initialize"])
+        line = f"waiting for a targetcli that an earlier host started (process {earlier.pid})"
+        process = self.says(line, self.start())
+        process.terminate()
+        self.assertIn("stopped before anything was served", self.ends(process)[0])
+        self.assertEqual(self.log(), ["Initialize", "Cleanup"])
+        process = self.says(line, self.start())
         earlier.kill()
         earlier.wait()
         self.says("ready\n", process)
@@ -141,6 +144,15 @@ class ServeTest(ProgramTest):
             self.assertIn(f"CreateLun three 2 lun{lun}", self.log())
             process.kill()
             process.wait()
+
+    def test_a_bus_that_accepts_and_says_nothing_is_not_waited_for(self):
+        process = self.start(FAKE_WAIT="Initialize")
+        wait_until((self.dir / "log.begun").exists)
+        self.bus.send_signal(signal.SIGSTOP)
+        (self.dir / "log.go").touch()
+        self.says("wait for the user backstores' objects on D-Bus: failed", process)
+        self.bus.send_signal(signal.SIGCONT)
+        self.assertIn("says nothing", self.ends(process)[1])
 
     def test_run_over_what_a_killed_one_left_takes_down_only_what_it_made(self):
         process = self.ready()

@@ -49,11 +49,10 @@ struct Scripted : LunTest {
         parts = made.get();
         lun = std::make_unique<LunData>(std::move(made));
     }
-    void End(Ticket ticket, int64_t result) { queue->end(ticket, result); }
 
     ScriptedQueue* queue = nullptr;
     LunData::Parts* parts = nullptr;
-    Context a{0, 512}, b{512, 512}, c{1024, 512}, d{1536, 512};
+    Context stray{0, 512};
 };
 
 /// A transfer as the model sees it.
@@ -61,20 +60,15 @@ struct Seen {
     Seen(uint64_t offset, bool writes) : context(offset, 1024, {512, 512}), write(writes) {}
 
     bool Moved() const { return moved == 1024 || last <= 0; }
-    bool NeedsSync() const { return shares && moved > 0; }
-    bool Over() const { return begun ? Moved() && (synced || !NeedsSync()) : aborted; }
 
     Context context;
     Ticket ticket = 0;
     bool write;
     bool aborted = false;
     bool begun = false;
-    bool alone = false;    ///< carries its own sync
-    bool shares = false;   ///< waits for one that others share
-    bool covered = false;  ///< a sync began after it had moved
-    bool synced = false;
-    int failuresBefore = 0;  ///< the failed syncs when it began
-    int failures = 0;        ///< and when it was over
+    bool alone = false;      ///< carries its own sync
+    int sync = 0;            ///< which one makes it durable, of those that others share
+    int failuresBefore = 0;  ///< the failed syncs when it began, and its own
     int64_t moved = 0;
     int64_t last = 1;  ///< how its last request ended; a retry doesn't count
 };
@@ -90,11 +84,13 @@ TEST_F(Scripted, EachTransferEndsAsAModelOfTheDiskSays) {
         const auto draw = [&](size_t below) { return random() % below; };
         std::list<Seen> all;
         int failures = 0;
+        int syncsBegun = 0;
+        int syncsEnded = 0;
+        bool syncRan = false;    // when the step began
+        bool syncAgain = false;  // the one that was interrupted
         uint64_t aborts = 0;
         uint64_t strays = 0;  // ends and aborts of what isn't on loan
         std::optional<Ticket> stale;
-        bool syncRan = false;    // when the step began
-        bool syncAgain = false;  // the one that was interrupted
         const auto of = [&](const FileRequest& request) {
             const auto* base = static_cast<const char*>(request.iov->iov_base);
             return std::ranges::find_if(all, [&](const Seen& each) {
@@ -104,9 +100,7 @@ TEST_F(Scripted, EachTransferEndsAsAModelOfTheDiskSays) {
         queue->seen = [&](const FileRequest& request) {
             if (request.kind == Kind::Sync) {
                 EXPECT_EQ(queue->Running(Kind::Sync), 0U);
-                for (Seen& each : all)
-                    each.covered =
-                        syncAgain ? each.covered : each.Moved() && each.NeedsSync() && !each.synced;
+                syncsBegun += std::exchange(syncAgain, false) ? 0 : 1;
                 return;
             }
             const auto seen = of(request);
@@ -118,7 +112,6 @@ TEST_F(Scripted, EachTransferEndsAsAModelOfTheDiskSays) {
                 seen->failuresBefore = failures;
                 seen->alone =
                     durable && seen->write && queue->Running(Kind::Write) == 0 && !syncRan;
-                seen->shares = durable && seen->write && !seen->alone;
             }
             EXPECT_EQ(request.kind, seen->write ? Kind::Write : Kind::Read);
             EXPECT_EQ(request.flags, seen->alone ? RWF_DSYNC : 0);
@@ -137,8 +130,8 @@ TEST_F(Scripted, EachTransferEndsAsAModelOfTheDiskSays) {
                 Abort(chosen.context);
                 ++aborts;
             } else if (choice == 5 && stale) {
-                End(*stale, draw(2) == 0 ? 1024 : -EIO);  // its place may be another's by now
-                Abort(a);
+                queue->end(*stale, draw(2) == 0 ? 1024 : -EIO);  // its place may be another's
+                Abort(stray);
                 ++strays;
             } else if (!queue->requests.empty()) {
                 const auto at = queue->requests.begin() + draw(queue->requests.size());
@@ -148,28 +141,30 @@ TEST_F(Scripted, EachTransferEndsAsAModelOfTheDiskSays) {
                 const bool again = result == -EINTR || result == -ECANCELED;
                 if (request.kind == Kind::Sync) {
                     failures += result == -EIO ? 1 : 0;
+                    syncsEnded += again ? 0 : 1;
                     syncAgain = again;
-                    for (Seen& each : all) {
-                        each.synced = each.covered && !again;
-                        each.failures = failures;
-                    }
                 } else {
                     const auto seen = of(request);
                     if (draw(3) > 0)
                         result = 1 + draw(1024 - seen->moved);
                     seen->moved += std::max<int64_t>(result, 0);
                     seen->last = result > 0 || !again ? result : seen->last;
-                    seen->failures = failures;
-                    failures += seen->alone && result == -EIO ? 1 : 0;
+                    const bool ownFailure = seen->alone && result == -EIO;
+                    failures += ownFailure ? 1 : 0;
+                    seen->failuresBefore += ownFailure ? 1 : 0;
+                    if (durable && seen->write && !seen->alone && seen->moved > 0)
+                        seen->sync = syncsBegun + 1;
                 }
-                End(request.ticket, result);
+                queue->end(request.ticket, result);
             }
             size_t unmoved = 0;
             for (auto each = all.begin(); each != all.end();) {
-                unmoved += each->Over() || each->Moved() ? 0 : 1;
-                if (each->Over()) {
-                    const bool lost = (each->alone || each->NeedsSync()) &&
-                                      each->failures != each->failuresBefore;
+                const bool over =
+                    each->begun ? each->Moved() && each->sync <= syncsEnded : each->aborted;
+                unmoved += over || each->Moved() ? 0 : 1;
+                if (over) {
+                    const bool lost =
+                        (each->alone || each->sync > 0) && each->failuresBefore != failures;
                     ASSERT_EQ(Result(each->context), !each->begun      ? -ECANCELED
                                                      : lost            ? -EIO
                                                      : each->moved > 0 ? each->moved
@@ -196,6 +191,7 @@ TEST_F(Scripted, EachTransferEndsAsAModelOfTheDiskSays) {
 
 TEST_F(Scripted, StopWaitsForWhatRunsAndRefusesTheRest) {
     Make();
+    Context a{0, 512}, b{512, 512}, c{1024, 512}, d{1536, 512};
     // The device may ask a transfer back between Read's first step and the engine's.
     Transfer* const early = parts->transfers.Open(&d.io, false, kSize, kSize);
     Abort(d);
@@ -210,7 +206,7 @@ TEST_F(Scripted, StopWaitsForWhatRunsAndRefusesTheRest) {
     EXPECT_EQ(Result(d), -ESHUTDOWN);
     EXPECT_EQ(lun->Snapshot().onLoan, 2U);
     for (const FileRequest& request : std::vector(queue->requests))
-        End(request.ticket, 512);
+        queue->end(request.ticket, 512);
     stopper.join();
     EXPECT_EQ(Result(a) + Result(b), 1024);
 }

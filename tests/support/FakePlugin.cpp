@@ -2,6 +2,7 @@
 // operation to FAKE_LOG, and can be told to misbehave:
 //   FAKE_FAIL=OPERATION:N   the N-th call of the operation fails, its work half done
 //   FAKE_PORTAL=TEXT        targets get this portal; empty: none
+//   FAKE_AUTOMATIC=NUMBER   what an automatic number comes to
 //   FAKE_WAIT=OPERATION     it makes FAKE_LOG.begun when its work is done, and waits for
 //   FAKE_LOG.go
 
@@ -15,6 +16,8 @@
 #include "host/Identity.h"
 #include "tests/support/FakeConfigfs.h"
 #include "tests/support/NullPlatform.h"
+
+using namespace moscsi::host;
 
 constexpr uint32_t kAutomatic = 0xFFFFFFFF;
 
@@ -43,52 +46,42 @@ struct FakePlatform final : NullPlatform {
         return Done("DeleteTarget", " " + target->targetName);
     }
     CRyError CreateLun(MoScsiSrvLun_t* lun) override {
-        const std::string arguments = " " + lun->path + NumberText(*lun) + " " + lun->serialNum +
-                                      (lun->bstoreOps != nullptr ? " served" : "");
-        const std::string object = ObjectOf(*lun);
-        const std::string link = object.substr(0, 10);
-        lun->serialNum = moscsi::host::SerialOf(lun->serialNum, lun->targetName, lun->path);
+        const std::string arguments =
+            Text(*lun) + " " + lun->serialNum + (lun->bstoreOps != nullptr ? " served" : "");
+        const std::string object = ObjectNameOf(lun->targetName, lun->path);
+        const bool user = lun->bstorType == BSTOR_USER;
+        const std::string place =
+            user ? "moscsisrvtcmu/" + CfgStringOf(lun->targetName, lun->path) : lun->path;
+        lun->serialNum = SerialOf(lun->serialNum, lun->targetName, lun->path);
         if (m_tree.ObjectDirectory(object).empty())
-            m_tree.AddObject(
-                lun->bstorType == BSTOR_USER
-                    ? FakeConfigfs::Object{"user", object, "moscsisrvtcmu/" + CfgStringOf(*lun),
-                                           lun->size, lun->serialNum}
-                    : FakeConfigfs::Object{"fileio", object, lun->path, lun->size, lun->serialNum});
+            m_tree.AddObject({user ? "user" : "fileio", object, place, lun->size, lun->serialNum});
         CRyError result = Done("CreateLun", arguments);
         if (result.IsError())
             return result;
-        const auto place = [&] { return m_tree.Lun(lun->targetName, lun->lunNum); };
         if (lun->lunNum == kAutomatic)
-            for (lun->lunNum = std::stoi(Variable("FAKE_FIRST", "0"));
-                 exists(place()) && !exists(place() / link);)
-                ++lun->lunNum;
-        if (!exists(place()))
-            m_tree.AddLun(lun->targetName, lun->lunNum, object, link);
+            lun->lunNum = std::stoi(Variable("FAKE_AUTOMATIC", "1"));
+        if (!exists(m_tree.Lun(lun->targetName, lun->lunNum)))
+            m_tree.AddLun(lun->targetName, lun->lunNum, object);
         return result;
     }
     CRyError DeleteLun(MoScsiSrvLun_t* lun) override {
         remove_all(m_tree.Lun(lun->targetName, lun->lunNum));
-        m_tree.RemoveObject(ObjectOf(*lun));
-        return Done("DeleteLun", " " + lun->path + NumberText(*lun));
+        m_tree.RemoveObject(ObjectNameOf(lun->targetName, lun->path));
+        return Done("DeleteLun", Text(*lun));
     }
     CRyError MapHost(MoScsiSrvLun_t* lun, MoScsiSrvHost_t* host) override {
         m_tree.Map(lun->targetName, host->initiatorName, lun->lunNum);
-        return Done("MapHost", " " + host->initiatorName + NumberText(*lun));
+        return Done("MapHost", " " + host->initiatorName + Text(*lun));
     }
     CRyError UnMapHost(MoScsiSrvLun_t* lun, MoScsiSrvHost_t* host) override {
         remove_all(m_tree.Mapping(lun->targetName, host->initiatorName, lun->lunNum));
-        return Done("UnMapHost", " " + host->initiatorName + NumberText(*lun));
+        return Done("UnMapHost", " " + host->initiatorName + Text(*lun));
     }
 
   private:
-    static std::string CfgStringOf(const MoScsiSrvLun& lun) {
-        return moscsi::host::CfgStringOf(lun.targetName, lun.path);
-    }
-    static std::string ObjectOf(const MoScsiSrvLun& lun) {
-        return moscsi::host::ObjectNameOf(lun.targetName, lun.path);
-    }
-    static std::string NumberText(const MoScsiSrvLun& lun) {
-        return lun.lunNum == kAutomatic ? " auto" : " " + std::to_string(lun.lunNum);
+    static std::string Text(const MoScsiSrvLun& lun) {
+        const auto number = lun.lunNum == kAutomatic ? "auto" : std::to_string(lun.lunNum);
+        return " " + lun.path + " " + number;
     }
     CRyError Done(const std::string& operation, const std::string& arguments) {
         const std::string log = Variable("FAKE_LOG", "/dev/null");
