@@ -78,7 +78,7 @@ class WrapperTest(ProgramTest):
     def start_do(self, script, *args, **env):
         if not self.state.exists():
             self.run_wrapper("ls")
-        return self.start(*(args or ("do",)), FAKE_SCRIPT=script, **env)
+        return self.start(*args, FAKE_SCRIPT=script, **env)
 
     def do(self, script, *args, **env):
         return self.finish(self.start_do(script, *args, **env))
@@ -119,13 +119,11 @@ class Version(WrapperTest):
 
 
 class Relay(WrapperTest):
-    def test_arguments_reach_the_real_one_unchanged(self):
+    def test_arguments_and_both_streams_pass_unchanged_at_any_size(self):
         args = ["/iscsi/iqn.x", "a b", "", "$(id)", "*", "'\"\\", "-x", "ü\n;"]
-        self.assertEqual(self.do("printf '<%s>' \"$@\"; exit", *args), (0, "".join(f"<{arg}>" for arg in args), ""))
-
-    def test_both_streams_come_whole_at_any_size(self):
         lines = "".join(f"{i}\n" for i in range(1, 400001))
-        self.assertEqual(self.do("seq 400000; seq 400000 >&2; seq 3; exit 5"), (5, lines + "1\n2\n3\n", lines))
+        self.assertEqual(self.do("seq 400000; seq 400000 >&2; printf '<%s>' \"$@\"; exit 5", *args),
+                         (5, lines + "".join(f"<{arg}>" for arg in args), lines))
 
     def test_a_reader_that_closes_after_a_line_does_no_harm(self):
         process = self.start_do("echo first >&2; seq 400000 >&2 && touch $D/whole; exit 7")
@@ -258,42 +256,36 @@ class Preferences(WrapperTest):
 
 
 class UserBackstore(WrapperTest):
-    CREATE = ("/backstores/user:moscsisrvtcmu", "create", "cfgstring=c0ffee", "name=vol", "size=8192", "wwn=1")
+    # Runs a command that fails and says this while the kernel has this object. Returns: its standard error.
+    def fail(self, said, args, config="MoScsiSrvTcmu/c0ffee", size="8192", enable="1", place="user_3/vol"):
+        shutil.rmtree(self.dir / "core", ignore_errors=True)
+        self.write(f"core/{place}/enable", enable + "\n")
+        self.write(f"core/{place}/info", "Status: DEACTIVATED  Max Queue Depth: 0  SectorSize: 512\n"
+                                         f"        Config: {config} Size: {size} PageSize: 1\n")
+        status, out, err = self.do(f"echo trying; echo {said} >&2; exit 1", *args, MOSCSI_CONFIGFS_ROOT=self.dir)
+        self.assertEqual((status, out), (1, "trying\n"))
+        return err
 
-    def kernel_object(self, config="MoScsiSrvTcmu/c0ffee", size="8192", enable="1", path="core/user_3/vol"):
-        shutil.rmtree(self.dir / "configfs", ignore_errors=True)
-        self.write(f"configfs/{path}/enable", enable + "\n")
-        self.write(f"configfs/{path}/info", "Status: DEACTIVATED  Max Queue Depth: 0  SectorSize: 512\n"
-                                            f"        Config: {config} Size: {size} PageSize: 1\n")
-
-    def create(self, script="echo trying; echo failed. >&2; exit 1", args=CREATE):
-        return self.do(script, *args, MOSCSI_CONFIGFS_ROOT=self.dir / "configfs")
-
-    def test_a_failure_says_exists_only_of_the_same_object(self):
-        self.assertEqual(self.create(), (1, "trying\n", "failed.\n"))
-        for config in ("MoScsiSrvTcmu/c0ffee", "moscsisrvtcmu/c0ffee"):
-            self.kernel_object(config)
-            self.assertEqual(self.create(), (
-                1, "trying\n", "a user backstore of this name, configuration and size already exists\nfailed.\n"))
-        for other, line in ((dict(size="81920"), "another size (81920 bytes)"), (dict(size="819"), "another size"),
-                            (dict(config="MoScsiSrvTcmu/C0ffee"), "another configuration (MoScsiSrvTcmu/C0ffee)"),
-                            (dict(config="c0ffee"), "another conf"), (dict(config="x/exists"), "differs"),
-                            (dict(enable="0"), "never enabled"),
-                            (dict(path="core/user_3/vol2"), "none is"), (dict(path="core/fileio_3/vol"), "none is")):
-            with self.subTest(other):
-                self.kernel_object(**other)
-                first = self.create("echo it Exists >&2; exit 1")[2].splitlines()[0]
+    def test_a_failed_create_says_exists_only_of_the_same_object(self):
+        path, verb, *rest = create = (
+            "/backstores/user:moscsisrvtcmu", "create", "cfgstring=c0ffee", "name=vol", "size=8192", "wwn=1")
+        same = "a user backstore of this name, configuration and size already exists\n"
+        for kernel, args, line in (
+                ({}, create, same), (dict(config="moscsisrvtcmu/c0ffee"), (path + "/", verb, *rest[::-1]), same),
+                (dict(place="user_3/vol2"), create, ""), ({}, (path, "delete", "name=vol"), ""), ({}, (path,), ""),
+                ({}, ("/backstores/fileio", verb, *rest), "")):
+            self.assertEqual(self.fail("failed.", args, **kernel), line + "failed.\n")
+        for kernel, line in ((dict(size="81920"), "another size (81920 bytes)"), (dict(size="819"), "another size"),
+                             (dict(config="MoScsiSrvTcmu/C0ffee"), "another configuration (MoScsiSrvTcmu/C0ffee)"),
+                             (dict(config="c0ffee"), "another conf"), (dict(config="x/exists"), "differs"),
+                             (dict(size="8192K", args=(*create, "size=8192K")), "another size"),
+                             (dict(enable="0"), "never enabled"), (dict(place="user_3/vol2"), "none is"),
+                             (dict(place="fileio_3/vol"), "none is")):
+            with self.subTest(kernel):
+                first = self.fail("it Exists", **{"args": create, **kernel}).splitlines()[0]
                 self.assertIn(line, first)
                 self.assertIsNone(re.search("[eE]xists", first))
-
-    def test_only_failed_user_creates_with_a_plain_size_are_explained(self):
-        self.kernel_object()
-        self.assertEqual(self.create("echo fine >&2; exit 0"), (0, "", "fine\n"))
-        path, verb, config, name, size, wwn = self.CREATE
-        for args in ((path, "delete", name), ("/backstores/fileio", verb, config, name, size), (path,)):
-            self.assertEqual(self.create(args=args)[2], "failed.\n")
-        self.assertIn("another size", self.create(args=(path, verb, config, name, "size=8192K"))[2])
-        self.assertIn("exists", self.create(args=(path + "/", verb, wwn, size, name, config))[2])
+        self.assertEqual(self.do("echo fine >&2; exit 0", *create), (0, "", "fine\n"))
 
 
 class Finding(WrapperTest):
