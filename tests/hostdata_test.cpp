@@ -3,12 +3,11 @@
 #include <fcntl.h>
 #include <liburing.h>
 
-#include <array>
+#include <atomic>
 #include <cerrno>
 #include <deque>
 #include <fstream>
 #include <random>
-#include <semaphore>
 
 #include "host/data/ThreadQueue.h"
 #include "host/data/UringQueue.h"
@@ -121,22 +120,22 @@ TEST(Queues, HandEachFlagAndEachSyncToTheKernel) {
     char byte = 0;
     const iovec buffer{&byte, 1};
     for (const FileQueueMaker& make : {FileQueueMaker(UringQueue::Make), {ThreadQueue::Make}}) {
-        std::array<int64_t, 3> ends{};
-        std::counting_semaphore<> ended(0);
-        const auto end = [&](Ticket ticket, int64_t result) {
-            ends.at(ticket) = result;
-            ended.release();
+        std::atomic<int64_t> result;
+        const auto ended = [&](Ticket, int64_t end) {
+            result = end;
+            result.notify_all();
         };
         std::string refusal;
-        const auto queue = make(file, end, refusal);
-        if (queue == nullptr)
-            continue;
+        const auto queue = make(file, ended, refusal);
         using enum FileRequest::Kind;
         for (const FileRequest::Kind kind : {Read, Write, Sync}) {
-            queue->Submit({kind, 1 << 30, &buffer, 1, 0, static_cast<Ticket>(kind)});
-            ASSERT_TRUE(ended.try_acquire_for(std::chrono::seconds(10)));
+            if (queue == nullptr)
+                continue;  // io_uring may not be permitted
+            result = INT64_MAX;
+            queue->Submit({kind, 1 << 30, &buffer, 1, 0, 0});
+            result.wait(INT64_MAX);
+            EXPECT_EQ(result, kind == Sync ? -EINVAL : -EOPNOTSUPP) << queue->Name();
         }
-        EXPECT_THAT(ends, ElementsAre(-EOPNOTSUPP, -EOPNOTSUPP, -EINVAL)) << queue->Name();
     }
     close(file);
 }
