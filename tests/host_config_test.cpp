@@ -135,13 +135,6 @@ TEST_F(HostConfigTest, EachFaultIsOneLineWithItsPlace) {
     EXPECT_EQ(problems.Lines().size(), 3U) << "all at once";
     PlanOf(faultPlan("durable=1\n[[target.lun.faults.rule]]\nkind='short'\nerrno=0\nrate=2"));
     EXPECT_EQ(problems.Lines().size(), 5U) << "all at once";
-    problems = {};
-    ReadConfig(dir, problems);
-    EXPECT_THAT(problems.Lines(), ElementsAre(HasSubstr("can't be read (Is a directory)")));
-    problems = {};
-    Make("empty.toml", 0);
-    ReadConfig(dir / "empty.toml", problems);
-    EXPECT_THAT(problems.Lines(), ElementsAre(HasSubstr("names no target")));
 }
 
 TEST_F(HostConfigTest, FaultPlanIsWhatTheFileSays) {

@@ -80,20 +80,20 @@ class ServeTest(ProgramTest):
         return self.tree("core/*/*") + self.tree("iscsi/*")
 
     CREATED = ["Initialize", f"CreateTarget {TARGET}", "CreateLun two 0 lun", "CreateLun three 2 lun served",
-               "CreateLun one auto lun", f"MapHost {A} one 1", f"MapHost {A} two 0",
+               "CreateLun one auto lun", f"MapHost {A} one 255", f"MapHost {A} two 0",
                f"MapHost {A} three 2", f"MapHost {B} two 0"]
     DELETED = [f"UnMapHost {B} two 0", f"UnMapHost {A} three 2", f"UnMapHost {A} two 0",
-               f"UnMapHost {A} one 1", "DeleteLun three 2", "DeleteLun two 0", "DeleteLun one 1",
+               f"UnMapHost {A} one 255", "DeleteLun three 2", "DeleteLun two 0", "DeleteLun one 255",
                f"DeleteTarget {TARGET}", "Cleanup"]
 
     def test_serves_and_takes_down_in_reverse(self):
         for stop in (signal.SIGTERM, signal.SIGINT):
-            process = self.ready()
+            process = self.ready(FAKE_AUTOMATIC=255)
             self.assertEqual(self.log(), self.CREATED)
             status = json.loads(self.status("--json"))
             self.assertEqual([status["phase"], *(lun["number"] for lun in status["targets"][0]["luns"])],
-                             ["ready", 1, 0, 2])
-            self.assertRegex(self.status(), r"(?s)LUN +1 one +file +1 KiB .*fake source\n +answers +42\n")
+                             ["ready", 255, 0, 2])
+            self.assertRegex(self.status(), r"(?s)LUN 255 one +file +1 KiB .*fake source\n +answers +42\n")
             self.assertIn(f"another moscsi-host (process {process.pid})", self.ends(self.start())[1])
             process.send_signal(stop)
             self.assertEqual(self.ends(process, 0)[1], "")
@@ -108,22 +108,16 @@ class ServeTest(ProgramTest):
             self.env["MOSCSI_TARGETCLI_REAL"] = self.dir / real
             self.assertIn(f"{real} is not the real targetcli program", self.ends(self.start())[1])
 
-    def test_every_failing_operation_leaves_nothing_of_this_run(self):
-        for step in ("CreateTarget:1", "CreateLun:1", "CreateLun:3", "MapHost:1", "MapHost:4"):
-            with self.subTest(step):
-                self.assertIn("failed as told", self.ends(self.start(FAKE_FAIL=step))[0])
+    def test_every_failure_leaves_nothing_of_this_run(self):
+        for name, value, line in (
+                *(("FAKE_FAIL", step, "failed as told")
+                  for step in ("CreateTarget:1", "CreateLun:1", "CreateLun:3", "MapHost:1", "MapHost:4")),
+                ("FAKE_AUTOMATIC", 256, "got the number 256"),
+                ("FAKE_PORTAL", "", "has no portal on the service port 3260")):
+            with self.subTest(value):
+                self.assertIn(line, "".join(self.ends(self.start(**{name: value}))))
                 self.assertEqual(self.objects(), [])
                 self.assertEqual(self.log()[-1], "Cleanup")
-
-    def test_second_comparison_that_fails_takes_down(self):
-        self.assertIn("has no portal on the service port 3260", self.ends(self.start(FAKE_PORTAL=""))[1])
-        self.assertEqual(self.log(), self.CREATED + self.DELETED)
-
-    def test_automatic_number_must_be_one_that_can_be_mapped(self):
-        process = self.ready(FAKE_AUTOMATIC="255")
-        process.terminate()
-        self.ends(process, 0)
-        self.assertIn("got the number 256", self.ends(self.start(FAKE_AUTOMATIC="256"))[1])
 
     def test_waits_for_a_command_that_an_earlier_host_left_running(self):
         wrapper = shutil.copy("/bin/sleep", self.dir / "bin/targetcli")
@@ -210,6 +204,7 @@ class ServeTest(ProgramTest):
                 result, out, err = self.finish(self.host("check", self.write("f.toml", text)))
                 self.assertRegex(out + err, rf"\A{said}\n\Z")
                 self.assertEqual(result, status)
+        self.assertIn("can't be read", self.finish(self.host("check", self.dir))[2])
 
 
 if os.geteuid() != 0:
