@@ -62,7 +62,7 @@ struct Scripted : LunTest {
         std::istringstream tokens(script);
         for (std::string token; tokens >> token;) {
             if (token[1] == '=') {
-                queue->end(tickets.at(token[0]), std::stol(token.substr(2)));
+                queue->end(tickets[token[0]], std::stol(token.substr(2)));
             } else {
                 Context& context = all.at(token[1] - '0');
                 token[0] < 'D' ? Abort(context) : Begin(context, token[0] == 'W');
