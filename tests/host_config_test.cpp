@@ -1,4 +1,4 @@
-// What the configuration file is refused for, and what a good one comes to.
+// What the configuration file is refused for (host_serve_test.py has what a good one comes to).
 
 #include "host/UserData.h"
 #include "host/data/LunData.h"
@@ -9,33 +9,6 @@ using HostConfigTest = PlanTest;
 using moscsi::data::FaultKind;
 using moscsi::data::FaultPlan;
 using moscsi::data::FaultRule;
-
-TEST_F(HostConfigTest, GoodFileBecomesThePlan) {
-    const Plan plan = PlanOf(kTarget + LunText("file", "path='@/good.img'\nnumber=255") +
-                             LunText("file", "path='@/new.img'\nsize='3 KiB'\nnumber='auto'", "b") +
-                             LunText("block", "path='/dev/loop0'\nserial_prefix=''", "c") +
-                             Memory("size=512", "d") + Initiator(kHost, "['d', 'a']") +
-                             Initiator("iqn.2026-01.com.example:i", "'all'"));
-    ASSERT_THAT(problems.Lines(), ElementsAre());
-    // Sizes are the file's own, the device's from sysfs, and what was said.
-    EXPECT_THAT(
-        plan.Lines(),
-        ElementsAre(
-            "target iqn.2026-01.com.example:t",
-            StartsWith(Expand("  LUN 255 \"a\": file @/good.img, 1 KiB, serial lun-")),
-            StartsWith(Expand("  LUN automatic \"b\": file @/new.img, 3 KiB (to be made), serial")),
-            StartsWith("  LUN automatic \"c\": block /dev/loop0, 4 KiB, serial -"),
-            // MD5 of target and path.
-            "  LUN automatic \"d\": user on memory /memory/d, 512 bytes, serial "
-            "lun-fff97991d5a2642f3c2fa74ea5fed60b",
-            "  initiator iqn.2026-01.com.example:h: a, d",
-            "  initiator iqn.2026-01.com.example:i: a, b, c, d"));
-    const auto& luns = plan.targets.at(0).luns;
-    EXPECT_EQ(luns[2].device, makedev(7, 0));
-    EXPECT_EQ(luns[3].object, "2f166adba7d5646");  // of "MoScsiSrv-", target, "-" and path
-    EXPECT_EQ(luns[3].cfgString, "fff97991d5a2642f3c2fa74ea5fed60b");
-    EXPECT_EQ(plan.ObjectCount(), 1 + 4 + 2 + 6U);
-}
 
 TEST_F(HostConfigTest, EachFaultIsOneLineWithItsPlace) {
     Make("empty.img", 0);
@@ -57,6 +30,7 @@ TEST_F(HostConfigTest, EachFaultIsOneLineWithItsPlace) {
     const std::tuple<std::string, int, const char*> faults[] = {
         {"", 0, "names no target"},
         {"[service]\nlog_level = 7\n" + good, 2, "log_level is from -1"},
+        {"[service]\nlog = 'file'\n" + good, 2, "log is"},
         {kTarget + LunText("tape", ""), 5, "none of \"file\", \"block\", \"user\""},
         {kTarget + LunText("", "path='@/good.img'"), 5, "type = \"\" is none of"},
         {kTarget + LunText("user", "backing='tape'\nsize=512"), 6,
@@ -122,6 +96,7 @@ TEST_F(HostConfigTest, EachFaultIsOneLineWithItsPlace) {
         {good + Initiator(kHost, "['a']") + Initiator(kHost, "['a']"), 11, "merge the two"},
         {good + Initiator(kHost, "['b']"), 9, "no LUN of that name"},
         {good + Initiator(kHost, "['a', 'a']"), 9, "names a LUN twice"},
+        {good + Initiator(kHost, "'a'"), 9, "an array of LUN names"},
         {good + Initiator("host", "'all'"), 8, "no iSCSI qualified name"},
     };
     for (const auto& [text, line, phrase] : faults) {

@@ -2,8 +2,10 @@
 # The host's life, from outside: order of operations, take-down, signals, status, restart.
 # Runs moscsi-host against a plug-in whose kernel is a directory tree.
 # usage: host_serve_test.py MOSCSI_HOST FAKE_PLUGIN
+import hashlib
 import json
 import os
+import re
 import shutil
 import signal
 import sys
@@ -14,6 +16,11 @@ from support.program_test import ProgramTest, wait_until
 HOST, PLUGIN = sys.argv[1:3]
 TARGET = "iqn.2026-01.com.example:t"
 A, B, C = (f"iqn.2026-01.com.example:{name}" for name in "abc")
+
+
+# The digits that names and serials in the kernel are made of.
+def digest(text):
+    return hashlib.md5(text.encode()).hexdigest()
 
 
 class ServeTest(ProgramTest):
@@ -33,9 +40,9 @@ class ServeTest(ProgramTest):
                         DBUS_SYSTEM_BUS_ADDRESS=self.bus.stdout.readline().strip())
         text = f'[service]\nlog_level = -1\n[[target]]\nname = "{TARGET}"\n'
         # Automatic numbers come first in the file, explicit ones first in the kernel.
+        self.write("two", "x" * 1024)
         for name, number, kind in (("one", '"auto"', "file"), ("two", 0, "file"),
                                    ("three", 2, 'user"\nbacking = "memory')):
-            self.write(name, "x" * 1024)
             text += (f'[[target.lun]]\nname = "{name}"\ntype = "{kind}"\nsize = 1024\n'
                      f'path = "{self.dir}/{name}"\nnumber = {number}\n')
         for name, seen in ((A, '"all"'), (B, '["two"]')):
@@ -91,8 +98,10 @@ class ServeTest(ProgramTest):
             process = self.ready(FAKE_AUTOMATIC=255)
             self.assertEqual(self.log(), self.CREATED)
             status = json.loads(self.status("--json"))
-            self.assertEqual([status["phase"], *(lun["number"] for lun in status["targets"][0]["luns"])],
-                             ["ready", 255, 0, 2])
+            luns = status["targets"][0]["luns"]
+            self.assertEqual([status["phase"], *(lun["number"] for lun in luns)], ["ready", 255, 0, 2])
+            self.assertEqual((luns[2]["object"], luns[2]["cfgstring"]),
+                             (digest(f"MoScsiSrv-{TARGET}-{self.dir}/three")[:15], digest(f"{TARGET}{self.dir}/three")))
             self.assertRegex(self.status(), r"(?s)LUN 255 one +file +1 KiB .*fake source\n +answers +42\n")
             self.assertIn(f"another moscsi-host (process {process.pid})", self.ends(self.start())[1])
             process.send_signal(stop)
@@ -188,11 +197,17 @@ class ServeTest(ProgramTest):
     def test_check_says_all_that_is_wrong_or_what_would_be_served(self):
         good = (self.dir / "f.toml").read_text()
         port = 'machine = "m"\n[clients.m]\nid = 1\niscsi_port = 3261\n'
+        plan = f"target {TARGET}\n"
+        for lun, storage, note in (('automatic "one"', "file", " (to be made)"), ('0 "two"', "file", ""),
+                                   ('2 "three"', "user on memory", "")):
+            path = f"{self.dir}/" + lun.split('"')[1]
+            plan += f"  LUN {lun}: {storage} {path}, 1 KiB{note}, serial lun-{digest(TARGET + path)}\n"
+        plan += f"  initiator {A}: one, two, three\n  initiator {B}: two\n{self.dir}/f.toml is good"
         digits = "a" * 25  # what multipath looks at of a serial
         self.write("configfs/core/fileio_0/x/wwn/vpd_unit_serial", f"T10 VPD Unit Serial Number: {digits}\n")
         for text, platform, status, said in (
-                (good, "", 0, r"iSCSI service port: 3260 \(the .*\)\ntarget (?s:.*)f.toml is good"),
-                (good, port, 0, r"iSCSI service port: 3261\ntarget (?s:.*)f.toml is good"),
+                (good, "", 0, r"iSCSI service port: 3260 \(the .*\)\n" + re.escape(plan)),
+                (good, port, 0, "iSCSI service port: 3261\n" + re.escape(plan)),
                 (good, "home =", 1, r"moscsi-host: .*platform.toml.*"),
                 ("", "", 1, "moscsi-host: .*f.toml: names no target.*"),
                 (good.replace("= 0", "= 256").replace("= 2\n", "= 300\n"), "", 1,
