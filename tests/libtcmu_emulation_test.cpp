@@ -94,6 +94,7 @@ TEST_F(EmulationTest, WhatIsNotSupportedIsRefusedAndModesCannotBeChanged) {
         {select10 + "00 28", "0000 00 00 00 00 0000" + kCaching + kControl, 0},
         {"12 00 80 10 00", "", 0x2400},  // page code without EVPD
         {"12 02 00 10 00", "", 0x2400},
+        {"12 03 00 10 00", "", 0x2400},
         {"12 01 86 10 00", "", 0x2400},
         {"1A 00 01 00 FF", "", 0x2400},
         {"1A 00 08 01 FF", "", 0x2400},
@@ -134,6 +135,7 @@ TEST_F(EmulationTest, CapacityAtItsLimits) {
 TEST_F(EmulationTest, TheSerialIsReadWhenAPageIsAskedFor) {
     lib.serial = "";
     EXPECT_EQ(Answer("12 01 80 10 00"), Hex("00 80 0004") + Text("    "));
+    EXPECT_EQ(Answer("12 01 83 10 00"), Hex("00 83 000C 02 01 00 08") + Text("LIO-ORG "));
     lib.serial = "x-7";
     EXPECT_EQ(Answer("12 01 83 10 00"), Hex("00 83 0023 02 01 00 0B") + Text("LIO-ORG x-7") +
                                             Hex("01 03 00 10 60014057") + Bytes(12));

@@ -1,31 +1,40 @@
 #include "tests/support/RunnerFixture.h"
-#include "tests/support/TestHost.h"
+
+#include <sys/resource.h>
+
+#include "adapters/runner/TcmuFamily.h"
 
 TEST_F(RunnerTest, ServesWhatWasThereAndWhatComesAndStopsInOrder) {
     TestHost host(device.cfgString);
-    FakeDevice& second = Kept<FakeDevice>();
-    Describe(second, device.cfgString + "-2");
+    FakeDevice& second = MakeDevice("-2");
     TestHost secondHost(second.cfgString);
     second.cfgString.replace(0, 13, "moscsisrvtcmu");  // as targetcli lower-cases it
-    api.onInitialize = [this] {
-        EXPECT_TRUE(NameTaken());
+    FakeDevice& late = MakeDevice("-late");
+    const auto nameWithoutObjects = [] {
+        EXPECT_THAT(Lacking(), HasSubstr("/MoScsiSrvTcmu is not there"));
+    };
+    api.onInitialize = [&] {
         EXPECT_EQ(Content(block) + Content(reset), "11");
-        EXPECT_EQ(Objects(), "") << "offered last";
+        nameWithoutObjects();  // these are offered last
         return 0;
     };
     api.onClose = [&] {
-        for (const FakeDevice* dev : {&device, &second}) {
+        nameWithoutObjects();
+        for (const FakeDevice* dev : {&device, &second, &late}) {
             EXPECT_EQ(Content(BlockFile(*dev)), "1");
             FakeConfigfs::Write(BlockFile(*dev), "0");  // as libtcmu leaves it
         }
     };
+    const int before = ReceiveBuffer();
     StartAndWait();
+    EXPECT_GT(ReceiveBuffer(), before);
     EXPECT_EQ(Content(block), "0");
     EXPECT_THAT(api.subTypes, ElementsAre("MoScsiSrvTcmu", "moscsisrvtcmu"));
+    EXPECT_EQ(Lacking(), "");
     for (const char* part : {"/MoScsiSrvTcmu\"", "/moscsisrvtcmu\"", "ConfigDesc"})
         EXPECT_THAT(Objects(), HasSubstr(part));
     api.Announce(second);
-    EXPECT_TRUE(Eventually([&] { return api.answered == 1; }));
+    AwaitAnswers(1);
 
     for (FakeDevice* dev : {&device, &second}) {
         memset(dev->ring.Data(), 0x5A, 512);
@@ -36,48 +45,45 @@ TEST_F(RunnerTest, ServesWhatWasThereAndWhatComesAndStopsInOrder) {
     EXPECT_EQ(secondHost.data[7 * 512], 0x5A);
     // 0xC0 has a CDB of no known length: no other layer may leave it unanswered.
     EXPECT_EQ(device.StatusOf({0xC0, 1, 2, 3, 4, 5}), 2);
+
+    const auto ticket = Hold(host);
+    Interrupt();
+    Await([&] { return Content(BlockFile(device)) == "1"; });
+    api.Announce(late);
+    AwaitAnswers(2);
+    host.Release();
     EXPECT_EQ(Stop(), 0);
+    EXPECT_EQ(device.WaitForAnswer(ticket).status, 0);
     EXPECT_TRUE(api.closed);
-    EXPECT_EQ(Content(BlockFile(device)) + Content(BlockFile(second)), "11");
+    for (const FakeDevice* dev : {&device, &second, &late})
+        EXPECT_EQ(Content(BlockFile(*dev)), "1");
     EXPECT_FALSE(NameTaken());
     EXPECT_THAT(log.Texts(-1), IsEmpty());
 }
 
-TEST_F(RunnerTest, HostWaitsForBothObjectsAtFirstAndTheNameGoneAtLast) {
-    const auto lacking = [] {
-        return WaitForBusObjects(std::chrono::seconds(0), [] { return false; });
-    };
+TEST_F(RunnerTest, HostMissesEachObject) {
     DbusService service;
     ASSERT_TRUE(service.TakeName());
-    EXPECT_TRUE(NameTaken());
-    EXPECT_THAT(lacking(), HasSubstr("/MoScsiSrvTcmu is not there"));
     ASSERT_TRUE(service.ExportHandlers({"MoScsiSrvTcmu"}));
-    EXPECT_THAT(lacking(), HasSubstr("/moscsisrvtcmu is not there"));
-    service.WithdrawHandlers();
-    ASSERT_TRUE(service.ExportHandlers({"MoScsiSrvTcmu", "moscsisrvtcmu"}));
-    EXPECT_EQ(lacking(), "");
-    service.GiveUpName();
-    EXPECT_FALSE(NameTaken());
     int looks = 0;
-    EXPECT_NE(WaitForBusObjects(std::chrono::hours(1), [&] { return ++looks == 2; }), "");
+    EXPECT_THAT(WaitForBusObjects(std::chrono::hours(1), [&] { return ++looks == 2; }),
+                HasSubstr("/moscsisrvtcmu is not there"));
 }
 
 TEST_F(RunnerTest, EachFailingPhaseIsOneLineAndACleanStop) {
     const auto fails = [&](const std::string& line) {
         log.Reset(0);
         Start();
-        runner.join();
-        EXPECT_EQ(result, 1);
+        EXPECT_EQ(Ended(), 1);
         EXPECT_THAT(log.Texts(-1), ElementsAre(HasSubstr(line)));
     };
     {
         DbusService other;
         ASSERT_TRUE(other.TakeName());
-        char comm[16] = "";
-        pthread_getname_np(pthread_self(), comm, sizeof comm);
-        fails("another TCMU daemon has the D-Bus name org.kernel.TCMUService1: " +
-              std::string(comm) + " (process " + std::to_string(getpid()) + ")");
-        other.GiveUpName();
+        fails(
+            "another TCMU daemon has the D-Bus name org.kernel.TCMUService1: runner_test "
+            "(process " +
+            std::to_string(getpid()) + ")");
     }
     const std::string bus = getenv("DBUS_SYSTEM_BUS_ADDRESS");
     setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nowhere", 1);
@@ -99,20 +105,20 @@ TEST_F(RunnerTest, InterruptEndsTheWaitForTheKernel) {
     std::atomic<int> looks{0};
     environment.familyRegistered = [&] { return ++looks < 0; };
     Start();
-    EXPECT_TRUE(Eventually([&] { return looks > 3; }));
+    Await([&] { return looks > 3; });
     EXPECT_TRUE(NameTaken());
     EXPECT_EQ(Stop(), 0);
     EXPECT_THAT(api.subTypes, IsEmpty()) << "initialised";
     EXPECT_THAT(log.Texts(-1), IsEmpty());
+    EXPECT_TRUE(TcmuFamily::Registered("nlctrl"));
+    EXPECT_FALSE(TcmuFamily::Registered("nlctr"));
 }
 
 TEST_F(RunnerTest, StopLeavesOpenWhatTheHostHolds) {
     TestHost host(device.cfgString);
     environment.stopLimit = std::chrono::milliseconds(50);
     StartAndWait();
-    host.hold = true;
-    const auto ticket = device.Submit(Read10(3), {{0, 512}});
-    EXPECT_TRUE(Eventually([&] { return host.given == 1; }));
+    const auto ticket = Hold(host);
     EXPECT_EQ(Stop(), 0);
     EXPECT_THAT(log.Texts(-1),
                 Contains(HasSubstr(device.cfgString + ": the host still holds 1 commands")));
@@ -125,38 +131,84 @@ TEST_F(RunnerTest, StopLeavesOpenWhatTheHostHolds) {
     EXPECT_EQ(device.ring.Data()[0], 0x42);
 }
 
+TEST_F(RunnerTest, StopWaitsForAThreadThatIsOnlySlow) {
+    TestHost host(device.cfgString, false);
+    environment.stopLimit = std::chrono::milliseconds(1);
+    host.inside = [&] {
+        Await([&] { return Content(BlockFile(device)) == "1"; });
+        EXPECT_TRUE(NameTaken());  // which takes longer than the limit
+    };
+    StartAndWait();
+    device.Submit(Read10(3), {{0, 512}});
+    Await([&] { return host.given == 1; });
+    EXPECT_EQ(Stop(), 0);
+    EXPECT_TRUE(api.closed);
+}
+
+TEST_F(RunnerTest, DeviceThatCannotBeServedIsRefusedAndClosed) {
+    struct Handler : NullHandler {
+        explicit Handler(int& closed) : closes(closed) {}
+        void Close() override { ++closes; }
+        int& closes;
+    };
+    int closes = 0;
+    bool made = false;
+    environment.makeHandler = [&](tcmu_device* /*dev*/) {
+        return made ? std::make_unique<Handler>(closes) : throw std::runtime_error("no handler");
+    };
+    api.existing.clear();
+    StartAndWait();
+    api.Announce(device);
+    AwaitAnswers(1);
+    EXPECT_EQ(api.lastAdded, -EAGAIN);
+
+    made = true;
+    rlimit files{};
+    getrlimit(RLIMIT_NOFILE, &files);
+    const rlimit none{3, files.rlim_max};  // a thread has a descriptor
+    setrlimit(RLIMIT_NOFILE, &none);
+    api.Announce(device);
+    AwaitAnswers(2);
+    setrlimit(RLIMIT_NOFILE, &files);
+    EXPECT_EQ(api.lastAdded, -EAGAIN);
+    EXPECT_EQ(closes, 1);
+    EXPECT_THAT(log.Texts(-1), SizeIs(2));
+
+    api.Announce(device);
+    AwaitAnswers(3);
+    EXPECT_EQ(api.lastAdded, 0);
+    EXPECT_EQ(Stop(), 0);
+    EXPECT_EQ(closes, 2);
+}
+
 TEST_F(RunnerTest, RemovalWaitsForTheHostAndOthersGoOn) {
     TestHost host(device.cfgString);
-    FakeDevice& other = Kept<FakeDevice>();
-    Describe(other, device.cfgString + "-other");
+    FakeDevice& other = MakeDevice("-other");
     TestHost otherHost(other.cfgString);
     FakeDevice& stranger = Kept<FakeDevice>();
     api.existing = {&device, &other};
     StartAndWait();
-    const auto answered = [&](int count) {
-        EXPECT_TRUE(Eventually([&] { return api.answered == count; }));
-    };
-    host.hold = true;
-    const auto ticket = device.Submit(Read10(3), {{0, 512}});
-    EXPECT_TRUE(Eventually([&] { return host.given == 1; }));
+    const auto ticket = Hold(host);
     api.Remove(device);
-    EXPECT_TRUE(Eventually([&] { return host.aborts == 1; }));
+    Await([&] { return host.aborts == 1; });
     EXPECT_EQ(other.StatusOf(Read10(3), {{0, 512}}), 0);
+    other.ring.HangUp();
     EXPECT_EQ(api.answered, 0) << "the context still points into the ring";
     host.Release();
     EXPECT_EQ(device.WaitForAnswer(ticket).status, 0);
-    answered(1);
+    AwaitAnswers(1);
     EXPECT_THAT(log.Texts(0), Contains(HasSubstr("close success " + device.cfgString)));
 
     api.Remove(stranger);  // one that isn't served
-    answered(2);
+    AwaitAnswers(2);
     Describe(stranger, other.cfgString);
     api.Announce(stranger);  // a second one of that string
-    answered(3);
+    AwaitAnswers(3);
     EXPECT_EQ(api.lastAdded, -22);
     api.Announce(device);  // the string of a removed one
-    answered(4);
+    AwaitAnswers(4);
     EXPECT_EQ(device.StatusOf(Read10(3), {{0, 512}}), 0);
+    EXPECT_LT(other.looks, 10) << "a descriptor with an error is polled no more";
     EXPECT_EQ(Stop(), 0);  // before the hosts go
     EXPECT_TRUE(api.closed);
 }
@@ -182,25 +234,38 @@ TEST_F(RunnerTest, CompletionsOfSeveralThreadsNeverMixUp) {
             ticket = device.Submit(Read10(lba), {{place, 512}});
         }
     }
+    Await([&] { return device.AnsweredAll(); });
+    for (const auto& [name, counters] : MoStatistics::Read()) {
+        if (name != "device " + device.cfgString)
+            continue;
+        auto counted = Counted(counters);
+        EXPECT_GT(counted.extract("ring: doorbells").mapped(), 0U);
+        EXPECT_THAT(counted, ElementsAre(Pair("I/Os done", 2425), Pair("gate: passed", 2425),
+                                         Pair("opcode 0x00", 607), Pair("opcode 0x28", 2425),
+                                         Pair("opens", 1), Pair("ring: completed", 3032),
+                                         Pair("ring: fetched", 3032)));
+    }
     EXPECT_EQ(Stop(), 0);
-    EXPECT_TRUE(device.AnsweredAll());
     EXPECT_TRUE(api.closed);
 }
 
-TEST_F(RunnerTest, HandlerIsClosedAfterItsThreadHasEnded) {
+TEST_F(RunnerTest, HandlerIsClosedAfterItsThreadHasEndedAndEachRemovalAnswered) {
     TestHost host(device.cfgString);
+    FakeDevice& other = MakeDevice("-other");
+    api.existing = {&device, &other};
     std::atomic<bool> let{false};
-    host.inside = [&] { EXPECT_TRUE(Eventually([&] { return let.load(); })); };
+    host.inside = [&] { Await([&] { return let.load(); }); };
     environment.stopLimit = std::chrono::milliseconds(20);
     StartAndWait();
     device.Submit(Read10(3), {{0, 512}});
-    EXPECT_TRUE(Eventually([&] { return host.given == 1; }));
+    Await([&] { return host.given == 1; });
     api.Remove(device);
+    api.Remove(other);
     EXPECT_EQ(Stop(), 0);  // bounded, though the host hasn't returned
     const auto closed = Contains(HasSubstr("close success " + device.cfgString));
     EXPECT_THAT(log.Texts(0), Not(closed));
     let = true;
-    EXPECT_TRUE(Eventually([&] { return api.answered == 1; }));
+    AwaitAnswers(2);  // the kernel waits for both, told to end or not
     EXPECT_THAT(log.Texts(0), closed);
 }
 
@@ -224,7 +289,7 @@ TEST(InterruptWaitTest, TakesOnlyWhatIsSentToItsThread) {
         EXPECT_TRUE(wait.WaitFor(std::chrono::hours(1)));
         done = true;
     });
-    ASSERT_TRUE(Eventually([&] { return waiting.load(); }));
+    Await([&] { return waiting.load(); });
     for (int i = 0; i < 300; ++i) {
         kill(getpid(), SIGINT);
         std::this_thread::yield();  // the waiter may look while nobody has taken it yet
@@ -233,6 +298,7 @@ TEST(InterruptWaitTest, TakesOnlyWhatIsSentToItsThread) {
     EXPECT_FALSE(done);
     kill(getpid(), SIGINT);  // both pending: only its own is taken
     pthread_kill(waiter.native_handle(), SIGINT);
+    Await([&] { return done.load(); });
     waiter.join();
     EXPECT_TRUE(taken());
 }

@@ -24,11 +24,16 @@ void MasterThread::Start() {
 
 void MasterThread::Serve(int masterFd) {
     pollfd waits[] = {{masterFd, POLLIN, 0}, {m_thread.EndFd(), POLLIN, 0}};
-    while (!m_thread.Ending()) {
-        if (poll(waits, 2, -1) <= 0 || waits[0].revents == 0)
+    // Told to end, it still answers what has come: the kernel, and the user behind it, waits for
+    // each answer. The descriptor for the end stays readable, so nothing is waited for then.
+    bool more = true;
+    while (more || !m_thread.Ending()) {
+        more = poll(waits, 2, -1) > 0 && waits[0].revents != 0;
+        if (!more)
             continue;
         const int result = m_tcmu.MasterFdReady();
         if (result < 0)
             MO_LOG(kLogError, "TCMU runner: netlink error %d", result);
+        more = result >= 0;
     }
 }

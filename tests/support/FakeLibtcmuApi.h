@@ -3,6 +3,7 @@
 #include <chrono>
 #include <functional>
 #include <map>
+#include <stdexcept>
 #include <string>
 #include <thread>
 
@@ -18,15 +19,15 @@ inline Bytes Hex(std::string text) {
     return bytes;
 }
 
-/// Asks until the condition holds. Returns: whether it did within the deadline.
-inline bool Eventually(const std::function<bool()>& condition) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+/// Waits until the condition holds. In vain: the test ends there, or the program when it was
+/// another thread that waited, and says the line.
+inline void Await(const std::function<bool()>& condition, int line = __builtin_LINE()) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     while (!condition()) {
         if (std::chrono::steady_clock::now() > end)
-            return false;
+            throw std::runtime_error("line " + std::to_string(line) + " waited in vain");
         std::this_thread::yield();
     }
-    return true;
 }
 
 /// A device as libtcmu would know it. Thread: the test's.
@@ -35,6 +36,7 @@ struct FakeDevice {
     std::string uioName = "uio0";
     std::string serial = "host1-0f9A0000111122223333444455556666";
     KernelRing ring{256 * 1024, size_t(8) << 20};
+    std::atomic<int> looks{0};  ///< of the tested side at the events
 
     LibDevice* Lib() { return reinterpret_cast<LibDevice*>(this); }
 
@@ -62,13 +64,12 @@ struct FakeDevice {
         return *ticket;
     }
 
-    /// Waits for it; a missing one fails the test.
-    KernelRing::Answer WaitForAnswer(const Ticket& ticket) {
-        EXPECT_TRUE(Eventually([&] { return AnswerOf(ticket).has_value(); }));
-        return ticket->value_or(KernelRing::Answer{});
+    KernelRing::Answer WaitForAnswer(const Ticket& ticket, int line = __builtin_LINE()) {
+        Await([&] { return AnswerOf(ticket).has_value(); }, line);
+        return **ticket;
     }
-    uint8_t StatusOf(const Bytes& cdb, const Extents& data = {}) {
-        return WaitForAnswer(Submit(cdb, data)).status;
+    uint8_t StatusOf(const Bytes& cdb, const Extents& data = {}, int line = __builtin_LINE()) {
+        return WaitForAnswer(Submit(cdb, data), line).status;
     }
 
   private:
@@ -102,13 +103,11 @@ struct FakeLibtcmuApi : LibtcmuApi {
     }
     int MasterFd() override { return m_master.ends[1]; }
     int MasterFdReady() override {
-        for (Event event{}; read(m_master.ends[1], &event, sizeof event) == sizeof event;) {
-            if (event.added)
-                Add(event.device);
-            else
-                Drop(event.device);
-            ++answered;
-        }
+        Event event{};  // one at a time, as the real one
+        if (read(m_master.ends[1], &event, sizeof event) != sizeof event)
+            return -EAGAIN;
+        event.added ? Add(event.device) : Drop(event.device);
+        ++answered;
         return 0;
     }
     void Close() override {
@@ -137,6 +136,7 @@ struct FakeLibtcmuApi : LibtcmuApi {
     }
     std::string UioName(LibDevice* dev) override { return Of(dev).uioName; }
     void ProcessingStart(LibDevice* dev) override {
+        ++Of(dev).looks;
         char events[256];
         while (read(Fd(dev), events, sizeof events) > 0) {
         }
@@ -169,24 +169,13 @@ struct FakeLibtcmuApi : LibtcmuApi {
 
 /// Runs the emulation of the CDB's opcode.
 inline int Emulate(tcmu_device& dev, uint8_t* cdb, iovec* iov, size_t count, uint8_t* sense) {
-    switch (cdb[0]) {
-        case 0x00:
-            return tcmu_emulate_test_unit_ready(cdb, iov, count, sense);
-        case 0x12:
-            return tcmu_emulate_inquiry(&dev, cdb, iov, count, sense);
-        case 0x15:
-        case 0x55:
-            return tcmu_emulate_mode_select(cdb, iov, count, sense);
-        case 0x1A:
-        case 0x5A:
-            return tcmu_emulate_mode_sense(cdb, iov, count, sense);
-        case 0x1B:
-            return tcmu_emulate_start_stop(&dev, cdb, sense);
-        case 0x25:
-            return tcmu_emulate_read_capacity_10(dev.numLbas, dev.blockSize, cdb, iov, count,
-                                                 sense);
-        default:
-            return tcmu_emulate_read_capacity_16(dev.numLbas, dev.blockSize, cdb, iov, count,
-                                                 sense);
-    }
+    const uint8_t code = cdb[0];
+    const auto [blocks, size] = std::pair(dev.numLbas, dev.blockSize);
+    return code == 0x00   ? tcmu_emulate_test_unit_ready(cdb, iov, count, sense)
+           : code == 0x12 ? tcmu_emulate_inquiry(&dev, cdb, iov, count, sense)
+           : code == 0x1B ? tcmu_emulate_start_stop(&dev, cdb, sense)
+           : code == 0x25 ? tcmu_emulate_read_capacity_10(blocks, size, cdb, iov, count, sense)
+           : code == 0x9E ? tcmu_emulate_read_capacity_16(blocks, size, cdb, iov, count, sense)
+           : (code & 0x3F) == 0x1A ? tcmu_emulate_mode_sense(cdb, iov, count, sense)
+                                   : tcmu_emulate_mode_select(cdb, iov, count, sense);
 }

@@ -5,6 +5,22 @@
 #include "tests/support/FakeLibtcmuApi.h"
 #include "tests/support/TestHost.h"
 
+/// Handles everything at once. Tests override what they look at.
+struct NullHandler : DeviceHandler {
+    int Open() override { return 0; }
+    int Handle(tcmulib_cmd* /*cmd*/) override { return TCMU_STATUS_GOOD; }
+    void Close() override {}
+    size_t Pending() override { return 0; }
+    MoStatistics::Counters Counters() override { return {}; }
+};
+
+/// Counters by name, without those that are zero.
+inline std::map<std::string, uint64_t> Counted(const MoStatistics::Counters& counters) {
+    std::map<std::string, uint64_t> counted(counters.begin(), counters.end());
+    std::erase_if(counted, [](const auto& counter) { return counter.second == 0; });
+    return counted;
+}
+
 /// Ring, gate and the plug-in's handler of one LUN, over the model of the kernel. Thread: one.
 struct GateRig {
     static constexpr uint64_t kBlock = 512;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -52,15 +53,21 @@ struct KernelRing {
 
     explicit KernelRing(uint32_t ringSize = 4096, size_t dataSize = 65536,
                         uint16_t flags = ringlayout::kFlagReadLength)
-        : m_memory((kRingOffset + ringSize + dataSize + 63) / 64),
-          m_length(kRingOffset + ringSize + dataSize) {
+        : m_length(kRingOffset + ringSize + dataSize),
+          m_pages((m_length + kPage - 1) & ~(kPage - 1)) {
+        mprotect(m_mapping + m_pages, kPage, PROT_NONE);
         Mailbox().version = ringlayout::kVersion;
         Mailbox().flags = flags;
         Mailbox().ringOffset = kRingOffset;
         Mailbox().ringSize = ringSize;
     }
 
-    uint8_t* Memory() { return m_memory.front().bytes; }
+    ~KernelRing() { munmap(m_mapping, m_pages + kPage); }
+
+    /// A page that nobody may touch follows. With ring and data of whole pages the mailbox has one
+    /// of its own.
+    uint8_t* Memory() { return m_mapping + (m_pages - m_length) / 64 * 64; }
+    void AllowMailbox(int protection) { mprotect(m_mapping, kPage, protection); }
     size_t Length() const { return m_length; }
     uint8_t* Data() { return Ring() + Mailbox().ringSize; }
     ringlayout::Mailbox& Mailbox() { return *reinterpret_cast<ringlayout::Mailbox*>(Memory()); }
@@ -68,6 +75,8 @@ struct KernelRing {
 
     /// What the server takes for its UIO descriptor; Doorbells counts what came.
     int DoorbellFd() const { return m_uio.ends[1]; }
+    /// As when the device is removed: the descriptor has an error, and goes on having it.
+    void HangUp() const { shutdown(m_uio.ends[0], SHUT_RDWR); }
     size_t Doorbells() {
         std::array<uint32_t, 1024> words{};
         const ssize_t bytes = read(m_uio.ends[0], words.data(), sizeof(words));
@@ -142,6 +151,7 @@ struct KernelRing {
 
   private:
     static constexpr uint32_t kRingOffset = 128;
+    static constexpr size_t kPage = 4096;
 
     ringlayout::Header& HeaderAt(uint32_t offset) {
         return *reinterpret_cast<ringlayout::Header*>(Ring() + offset);
@@ -167,11 +177,10 @@ struct KernelRing {
         std::atomic_ref(Mailbox().head).store(m_head, std::memory_order_release);
     }
 
-    struct alignas(64) Line {
-        uint8_t bytes[64];
-    };
-    std::vector<Line> m_memory;
-    size_t m_length;
+    const size_t m_length;
+    const size_t m_pages;
+    uint8_t* const m_mapping = static_cast<uint8_t*>(
+        mmap(nullptr, m_pages + kPage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
     uint32_t m_head = 0;
     uint32_t m_cleaned = 0;
     uint32_t m_last = 0;

@@ -9,37 +9,24 @@
 #include "host/BusWait.h"
 #include "tests/support/CapturingLogWriter.h"
 #include "tests/support/FakeConfigfs.h"
-#include "tests/support/FakeLibtcmuApi.h"
+#include "tests/support/GateRig.h"
 #include "tests/support/TempDirectory.h"
 
 namespace fs = std::filesystem;
 using namespace moscsi::host;
 using namespace testing;  // matchers
 
-/// A message bus of the test's own, which the process takes for the system bus.
-struct PrivateBus {
-    PrivateBus()
-        : m_output(popen("exec setpriv --pdeathsig KILL dbus-daemon --session --nofork "
-                         "--nopidfile --print-address=1 --print-pid=1 2>/dev/null",
-                         "re")) {
-        char address[256];
-        if (fscanf(m_output, "%255s %d", address, &m_process) == 2)
-            setenv("DBUS_SYSTEM_BUS_ADDRESS", address, 1);
-    }
-    ~PrivateBus() {
-        if (Running())
-            kill(m_process, SIGKILL);
-        pclose(m_output);
-    }
-    PrivateBus(const PrivateBus&) = delete;
-
-    /// False when dbus-daemon isn't installed.
-    bool Running() const { return m_process > 0; }
-
-  private:
-    FILE* m_output;
-    pid_t m_process = -1;
-};
+/// Starts a message bus of the test's own, which the process takes for the system bus and which
+/// ends with it. Returns: false when dbus-daemon isn't installed.
+inline bool StartBus() {
+    FILE* const output = popen(
+        "exec setpriv --pdeathsig KILL dbus-daemon --session --nofork "
+        "--nopidfile --print-address=1 2>/dev/null",
+        "re");
+    static char address[256];
+    return fscanf(output, "%255s", address) == 1 &&
+           setenv("DBUS_SYSTEM_BUS_ADDRESS", address, 1) == 0;
+}
 
 /// What a stop may have to leave in use lives to the end of the process.
 template <typename T>
@@ -63,8 +50,8 @@ inline Bytes Read10(uint8_t lba) {
 /// test's own. Objects of a test that a stop may have to leave in use must be Kept.
 struct RunnerTest : Test {
     void SetUp() override {
-        static const PrivateBus bus;
-        if (!bus.Running())
+        static const bool bus = StartBus();
+        if (!bus)
             GTEST_SKIP() << "dbus-daemon is not installed";
         log.Reset(1);
         FakeConfigfs::Write(block, "0");
@@ -75,7 +62,7 @@ struct RunnerTest : Test {
         environment.moduleParameters = block.parent_path();
         environment.backstores = directory.path / "core";
         environment.uioClass = directory.path / "uio";
-        environment.stopLimit = std::chrono::hours(1);  // nothing waits for it in vain
+        environment.stopLimit = std::chrono::seconds(5);  // nothing waits for it in vain
         environment.familyPause = std::chrono::milliseconds(1);
         Describe(device, "MoScsiSrvTcmu/" + directory.path.filename().string());
         api.existing = {&device};
@@ -87,12 +74,16 @@ struct RunnerTest : Test {
 
     // Gives the device its place in sysfs and configfs.
     void Describe(FakeDevice& dev, const std::string& cfgString) {
-        static int number = 0;
         dev.cfgString = cfgString;
-        dev.uioName = "uio" + std::to_string(++number);
+        dev.uioName = "uio" + std::to_string(++devices);
         FakeConfigfs::Write(environment.uioClass / dev.uioName / "name",
-                            "tcm-user/3/lun" + std::to_string(number) + "/" + cfgString);
+                            "tcm-user/3/lun" + std::to_string(devices) + "/" + cfgString);
         FakeConfigfs::Write(BlockFile(dev), "0");
+    }
+    FakeDevice& MakeDevice(const std::string& name) {
+        FakeDevice& dev = Kept<FakeDevice>();
+        Describe(dev, device.cfgString + name);
+        return dev;
     }
     fs::path BlockFile(const FakeDevice& dev) const {
         return environment.backstores / "user_3" / ("lun" + dev.uioName.substr(3)) /
@@ -100,6 +91,7 @@ struct RunnerTest : Test {
     }
 
     void Start() {
+        result = -1;
         runner = std::thread([this] {
             InterruptWait interrupt;
             result = RunRunner(environment, interrupt);
@@ -107,17 +99,43 @@ struct RunnerTest : Test {
     }
     void StartAndWait() {
         Start();
-        EXPECT_TRUE(Eventually(
-            [this] { return PrintToString(log.Texts(1)).find("ready") != std::string::npos; }));
+        Await([this] { return PrintToString(log.Texts(1)).find("ready") != std::string::npos; });
     }
+    void Interrupt() { pthread_kill(runner.native_handle(), SIGINT); }
     int Stop() {
-        pthread_kill(runner.native_handle(), SIGINT);
+        Interrupt();
+        return Ended();
+    }
+    // A runner that doesn't end ends the program: all that it uses is the test's.
+    int Ended() noexcept {
+        Await([this] { return result >= 0; });
         runner.join();
         return result;
     }
 
+    // Has the device's host hold a READ.
+    FakeDevice::Ticket Hold(TestHost& host) {
+        const int given = host.given;
+        host.hold = true;
+        auto ticket = device.Submit(Read10(3), {{0, 512}});
+        Await([&] { return host.given > given; });
+        return ticket;
+    }
+    void AwaitAnswers(int count, int line = __builtin_LINE()) {
+        Await([&] { return api.answered == count; }, line);
+    }
+    int ReceiveBuffer() {
+        int bytes = 0;
+        socklen_t size = sizeof bytes;
+        getsockopt(api.MasterFd(), SOL_SOCKET, SO_RCVBUF, &bytes, &size);
+        return bytes;
+    }
+
     static bool NameTaken() { return !WaitForBusNameGone(std::chrono::seconds(0)); }
-    // What another program on the bus is told.
+    // What another program on the bus finds: what is lacking, and the objects.
+    static std::string Lacking() {
+        return WaitForBusObjects(std::chrono::seconds(0), [] { return false; });
+    }
     static std::string Objects() {
         std::string reply;
         MoProcess::system(
@@ -135,6 +153,7 @@ struct RunnerTest : Test {
     FakeLibtcmuApi& api = Kept<FakeLibtcmuApi>();
     FakeDevice& device = Kept<FakeDevice>();
     RunnerEnvironment environment;
+    int devices = 0;
     std::thread runner;
     std::atomic<int> result{-1};
 };

@@ -34,6 +34,7 @@ struct TestHost : MoScsiBStorOps {
 
     std::vector<uint8_t> data;
     std::atomic<bool> hold{false};
+    std::atomic<bool> fails{false};
     std::function<void()> inside = [] {};  ///< run in Read and Write, on the device's thread
     std::atomic<int> given{0};
     std::atomic<int> aborts{0};
@@ -74,7 +75,7 @@ struct TestHost : MoScsiBStorOps {
                 memcpy(read ? bytes : place, read ? place : bytes, io->iov[i].iov_len);
                 place += io->iov[i].iov_len;
             }
-            MoScsiSrvLIO::Instance()->IODone(io, static_cast<long>(io->length));
+            MoScsiSrvLIO::Instance()->IODone(io, fails ? 0 : static_cast<long>(io->length));
         };
         if (hold)
             m_held.emplace_back(serve);
