@@ -50,11 +50,6 @@ void BouncePool::Return(void* buffer, size_t bytes) {
     m_bytes -= rounded;
 }
 
-size_t BouncePool::InUse() {
-    const MutexGuard guard(m_mutex);
-    return m_buffers;
-}
-
 size_t BouncePool::Rounded(size_t bytes) {
     return std::max(kMaxTransferBytes, (bytes + kPage - 1) / kPage * kPage);
 }

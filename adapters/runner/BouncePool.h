@@ -32,9 +32,6 @@ class BouncePool {
     /// Takes a buffer back. `bytes` is what it was taken for.
     void Return(void* buffer, size_t bytes) MO_EXCLUDES(m_mutex);
 
-    /// Buffers on loan now.
-    size_t InUse() MO_EXCLUDES(m_mutex);
-
   private:
     static size_t Rounded(size_t bytes);
 

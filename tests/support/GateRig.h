@@ -15,8 +15,9 @@ struct NullHandler : DeviceHandler {
 };
 
 /// Counters by name, without those that are zero.
-inline std::map<std::string, uint64_t> Counted(const MoStatistics::Counters& counters) {
-    std::map<std::string, uint64_t> counted(counters.begin(), counters.end());
+using Counts = std::map<std::string, uint64_t>;
+inline Counts Counted(const MoStatistics::Counters& counters) {
+    Counts counted(counters.begin(), counters.end());
     std::erase_if(counted, [](const auto& counter) { return counter.second == 0; });
     return counted;
 }
