@@ -2,14 +2,15 @@
 
 #include <sys/resource.h>
 
+#include "adapters/framework/MoProcess.h"
 #include "adapters/runner/TcmuFamily.h"
 
 TEST_F(RunnerTest, ServesWhatWasThereAndWhatComesAndStopsInOrder) {
     TestHost host(device.cfgString);
-    FakeDevice& second = MakeDevice("-2");
+    FakeDevice& second = Describe(Kept<FakeDevice>(), "-2");
     TestHost secondHost(second.cfgString);
     second.cfgString.replace(0, 13, "moscsisrvtcmu");  // as targetcli lower-cases it
-    FakeDevice& late = MakeDevice("-late");
+    FakeDevice& late = Describe(Kept<FakeDevice>(), "-late");
     const auto nameWithoutObjects = [] {
         EXPECT_THAT(Lacking(), HasSubstr("/MoScsiSrvTcmu is not there"));
     };
@@ -25,16 +26,22 @@ TEST_F(RunnerTest, ServesWhatWasThereAndWhatComesAndStopsInOrder) {
             FakeConfigfs::Write(BlockFile(*dev), "0");  // as libtcmu leaves it
         }
     };
-    const int before = ReceiveBuffer();
     StartAndWait();
-    EXPECT_GT(ReceiveBuffer(), before);
+    int bytes = 0;
+    socklen_t size = sizeof bytes;
+    getsockopt(api.MasterFd(), SOL_SOCKET, SO_RCVBUF, &bytes, &size);
+    EXPECT_GT(bytes, 400'000);  // even without privilege
     EXPECT_EQ(Content(block), "0");
     EXPECT_THAT(api.subTypes, ElementsAre("MoScsiSrvTcmu", "moscsisrvtcmu"));
     EXPECT_EQ(Lacking(), "");
+    std::string objects;
+    MoProcess::system(
+        "dbus-send --system --print-reply --dest=org.kernel.TCMUService1 "
+        "/org/kernel/TCMUService1 org.freedesktop.DBus.ObjectManager.GetManagedObjects",
+        &objects, nullptr, 0, false);
     for (const char* part : {"/MoScsiSrvTcmu\"", "/moscsisrvtcmu\"", "ConfigDesc"})
-        EXPECT_THAT(Objects(), HasSubstr(part));
-    api.Announce(second);
-    AwaitAnswers(1);
+        EXPECT_THAT(objects, HasSubstr(part));
+    EXPECT_EQ(Announce(second), 0);
 
     for (FakeDevice* dev : {&device, &second}) {
         memset(dev->ring.Data(), 0x5A, 512);
@@ -49,8 +56,7 @@ TEST_F(RunnerTest, ServesWhatWasThereAndWhatComesAndStopsInOrder) {
     const auto ticket = Hold(host);
     Interrupt();
     Await([&] { return Content(BlockFile(device)) == "1"; });
-    api.Announce(late);
-    AwaitAnswers(2);
+    EXPECT_EQ(Announce(late), 0);
     host.Release();
     EXPECT_EQ(Stop(), 0);
     EXPECT_EQ(device.WaitForAnswer(ticket).status, 0);
@@ -59,15 +65,6 @@ TEST_F(RunnerTest, ServesWhatWasThereAndWhatComesAndStopsInOrder) {
         EXPECT_EQ(Content(BlockFile(*dev)), "1");
     EXPECT_FALSE(NameTaken());
     EXPECT_THAT(log.Texts(-1), IsEmpty());
-}
-
-TEST_F(RunnerTest, HostMissesEachObject) {
-    DbusService service;
-    ASSERT_TRUE(service.TakeName());
-    ASSERT_TRUE(service.ExportHandlers({"MoScsiSrvTcmu"}));
-    int looks = 0;
-    EXPECT_THAT(WaitForBusObjects(std::chrono::hours(1), [&] { return ++looks == 2; }),
-                HasSubstr("/moscsisrvtcmu is not there"));
 }
 
 TEST_F(RunnerTest, EachFailingPhaseIsOneLineAndACleanStop) {
@@ -84,6 +81,10 @@ TEST_F(RunnerTest, EachFailingPhaseIsOneLineAndACleanStop) {
             "another TCMU daemon has the D-Bus name org.kernel.TCMUService1: runner_test "
             "(process " +
             std::to_string(getpid()) + ")");
+        ASSERT_TRUE(other.ExportHandlers({"MoScsiSrvTcmu"}));
+        int looks = 0;
+        EXPECT_THAT(WaitForBusObjects(std::chrono::hours(1), [&] { return ++looks == 2; }),
+                    HasSubstr("/moscsisrvtcmu is not there"));
     }
     const std::string bus = getenv("DBUS_SYSTEM_BUS_ADDRESS");
     setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nowhere", 1);
@@ -136,7 +137,8 @@ TEST_F(RunnerTest, StopWaitsForAThreadThatIsOnlySlow) {
     environment.stopLimit = std::chrono::milliseconds(1);
     host.inside = [&] {
         Await([&] { return Content(BlockFile(device)) == "1"; });
-        EXPECT_TRUE(NameTaken());  // which takes longer than the limit
+        for (int i = 0; i < 20; ++i)  // it takes longer than the limit, and a moment more
+            EXPECT_TRUE(NameTaken());
     };
     StartAndWait();
     device.Submit(Read10(3), {{0, 512}});
@@ -146,44 +148,33 @@ TEST_F(RunnerTest, StopWaitsForAThreadThatIsOnlySlow) {
 }
 
 TEST_F(RunnerTest, DeviceThatCannotBeServedIsRefusedAndClosed) {
+    static std::atomic<int> closes{0};
     struct Handler : NullHandler {
-        explicit Handler(int& closed) : closes(closed) {}
         void Close() override { ++closes; }
-        int& closes;
     };
-    int closes = 0;
     bool made = false;
     environment.makeHandler = [&](tcmu_device* /*dev*/) {
-        return made ? std::make_unique<Handler>(closes) : throw std::runtime_error("no handler");
+        return made ? std::make_unique<Handler>() : throw std::runtime_error("no handler");
     };
     api.existing.clear();
     StartAndWait();
-    api.Announce(device);
-    AwaitAnswers(1);
-    EXPECT_EQ(api.lastAdded, -EAGAIN);
+    EXPECT_EQ(Announce(device), -EAGAIN);
 
     made = true;
     rlimit files{};
     getrlimit(RLIMIT_NOFILE, &files);
     const rlimit none{3, files.rlim_max};  // a thread has a descriptor
     setrlimit(RLIMIT_NOFILE, &none);
-    api.Announce(device);
-    AwaitAnswers(2);
+    EXPECT_EQ(Announce(device), -EAGAIN);
     setrlimit(RLIMIT_NOFILE, &files);
-    EXPECT_EQ(api.lastAdded, -EAGAIN);
     EXPECT_EQ(closes, 1);
+    EXPECT_EQ(Announce(device), 0);
     EXPECT_THAT(log.Texts(-1), SizeIs(2));
-
-    api.Announce(device);
-    AwaitAnswers(3);
-    EXPECT_EQ(api.lastAdded, 0);
-    EXPECT_EQ(Stop(), 0);
-    EXPECT_EQ(closes, 2);
 }
 
 TEST_F(RunnerTest, RemovalWaitsForTheHostAndOthersGoOn) {
     TestHost host(device.cfgString);
-    FakeDevice& other = MakeDevice("-other");
+    FakeDevice& other = Describe(Kept<FakeDevice>(), "-other");
     TestHost otherHost(other.cfgString);
     FakeDevice& stranger = Kept<FakeDevice>();
     api.existing = {&device, &other};
@@ -196,17 +187,12 @@ TEST_F(RunnerTest, RemovalWaitsForTheHostAndOthersGoOn) {
     EXPECT_EQ(api.answered, 0) << "the context still points into the ring";
     host.Release();
     EXPECT_EQ(device.WaitForAnswer(ticket).status, 0);
-    AwaitAnswers(1);
+    Await([&] { return api.answered == 1; });
     EXPECT_THAT(log.Texts(0), Contains(HasSubstr("close success " + device.cfgString)));
 
-    api.Remove(stranger);  // one that isn't served
-    AwaitAnswers(2);
-    Describe(stranger, other.cfgString);
-    api.Announce(stranger);  // a second one of that string
-    AwaitAnswers(3);
-    EXPECT_EQ(api.lastAdded, -22);
-    api.Announce(device);  // the string of a removed one
-    AwaitAnswers(4);
+    api.Remove(stranger);                                    // one that isn't served
+    EXPECT_EQ(Announce(Describe(stranger, "-other")), -22);  // a second one of that string
+    EXPECT_EQ(Announce(device), 0);                          // the string of a removed one
     EXPECT_EQ(device.StatusOf(Read10(3), {{0, 512}}), 0);
     EXPECT_LT(other.looks, 10) << "a descriptor with an error is polled no more";
     EXPECT_EQ(Stop(), 0);  // before the hosts go
@@ -218,12 +204,11 @@ TEST_F(RunnerTest, CompletionsOfSeveralThreadsNeverMixUp) {
     StartAndWait();
     for (size_t i = 0; i < 256; ++i)
         memset(host.data.data() + i * 512, int(i), 512);
-    constexpr size_t kDepth = 32;
-    std::pair<FakeDevice::Ticket, uint8_t> slots[kDepth];
-    for (size_t i = 0; i < 3000 + kDepth; ++i) {
-        const size_t place = i % kDepth * 4096;
-        auto& [ticket, lba] = slots[i % kDepth];
-        if (i >= kDepth) {
+    std::pair<FakeDevice::Ticket, uint8_t> slots[32];
+    for (size_t i = 0; i < 3000; ++i) {
+        const size_t place = i % std::size(slots) * 4096;
+        auto& [ticket, lba] = slots[i % std::size(slots)];
+        if (ticket != nullptr) {
             ASSERT_EQ(device.WaitForAnswer(ticket).status, 0);
             ASSERT_EQ(device.ring.Data()[place + 511], lba);
         }
@@ -235,23 +220,20 @@ TEST_F(RunnerTest, CompletionsOfSeveralThreadsNeverMixUp) {
         }
     }
     Await([&] { return device.AnsweredAll(); });
-    for (const auto& [name, counters] : MoStatistics::Read()) {
-        if (name != "device " + device.cfgString)
-            continue;
-        auto counted = Counted(counters);
-        EXPECT_GT(counted.extract("ring: doorbells").mapped(), 0U);
-        EXPECT_THAT(counted, ElementsAre(Pair("I/Os done", 2425), Pair("gate: passed", 2425),
-                                         Pair("opcode 0x00", 607), Pair("opcode 0x28", 2425),
-                                         Pair("opens", 1), Pair("ring: completed", 3032),
-                                         Pair("ring: fetched", 3032)));
-    }
+    const auto all = MoStatistics::Read();
+    EXPECT_THAT(
+        Counted(std::map(all.begin(), all.end())["device " + device.cfgString]),
+        UnorderedElementsAre(Pair("opens", 1), Pair("I/Os done", 2400), Pair("opcode 0x00", 600),
+                             Pair("opcode 0x28", 2400), Pair("gate: passed", 2400),
+                             Pair("ring: fetched", 3000), Pair("ring: completed", 3000),
+                             Pair("ring: doorbells", Gt(0))));
     EXPECT_EQ(Stop(), 0);
     EXPECT_TRUE(api.closed);
 }
 
 TEST_F(RunnerTest, HandlerIsClosedAfterItsThreadHasEndedAndEachRemovalAnswered) {
     TestHost host(device.cfgString);
-    FakeDevice& other = MakeDevice("-other");
+    FakeDevice& other = Describe(Kept<FakeDevice>(), "-other");
     api.existing = {&device, &other};
     std::atomic<bool> let{false};
     host.inside = [&] { Await([&] { return let.load(); }); };
@@ -265,40 +247,37 @@ TEST_F(RunnerTest, HandlerIsClosedAfterItsThreadHasEndedAndEachRemovalAnswered) 
     const auto closed = Contains(HasSubstr("close success " + device.cfgString));
     EXPECT_THAT(log.Texts(0), Not(closed));
     let = true;
-    AwaitAnswers(2);  // the kernel waits for both, told to end or not
+    Await([&] { return api.answered == 2; });  // the kernel waits for both, told to end or not
     EXPECT_THAT(log.Texts(0), closed);
 }
 
 // 300 interrupts for the process: the host, which waits for them, gets every one.
 TEST(InterruptWaitTest, TakesOnlyWhatIsSentToItsThread) {
-    sigset_t interrupt;
-    sigemptyset(&interrupt);
+    const ThreadSignals blocked;
+    sigset_t interrupt{};
     sigaddset(&interrupt, SIGINT);
-    pthread_sigmask(SIG_BLOCK, &interrupt, nullptr);
     const auto taken = [&] {
         const timespec limit{5, 0};
         return sigtimedwait(&interrupt, nullptr, &limit) == SIGINT;
     };
-    std::atomic<bool> waiting{false};
-    std::atomic<bool> done{false};
+    std::atomic<int> steps{0};
     std::thread waiter([&] {
         InterruptWait wait;
-        waiting = true;
+        ++steps;
         wait.Wait();
-        EXPECT_TRUE(wait.Interrupted());
-        EXPECT_TRUE(wait.WaitFor(std::chrono::hours(1)));
-        done = true;
+        EXPECT_TRUE(wait.Interrupted() && wait.WaitFor(std::chrono::hours(1)));
+        ++steps;
     });
-    Await([&] { return waiting.load(); });
+    Await([&] { return steps == 1; });
     for (int i = 0; i < 300; ++i) {
         kill(getpid(), SIGINT);
         std::this_thread::yield();  // the waiter may look while nobody has taken it yet
         EXPECT_TRUE(taken()) << i;
     }
-    EXPECT_FALSE(done);
+    EXPECT_EQ(steps, 1);
     kill(getpid(), SIGINT);  // both pending: only its own is taken
     pthread_kill(waiter.native_handle(), SIGINT);
-    Await([&] { return done.load(); });
+    Await([&] { return steps == 2; });
     waiter.join();
     EXPECT_TRUE(taken());
 }

@@ -44,4 +44,10 @@ inline void Check(bool holds, const char* what) {
     abort();
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
+/// The target.
+void Try(Input input);
+
+extern "C" __attribute__((weak)) int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    Try(Input(data, size));
+    return 0;
+}

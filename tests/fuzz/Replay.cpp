@@ -12,7 +12,7 @@
 int main(int argc, char** argv) {
     const auto run = [](const std::string& name, const std::string& bytes) {
         std::cerr << name << std::endl;
-        LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
+        Try(Input(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()));
     };
     size_t count = 0;
     for (const auto& entry : std::filesystem::directory_iterator(argv[1])) {

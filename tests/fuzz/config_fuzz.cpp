@@ -21,14 +21,14 @@ void CheckSafe(const std::string& text) {
     Check(text.size() < 256, "and fits configfs");
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+void Try(Input input) {
     Problems problems;
-    const Config config = ParseConfig(Input(data, size).Rest(), "fuzz.toml", problems);
+    const Config config = ParseConfig(input.Rest(), "fuzz.toml", problems);
     const Plan plan = MakePlan(config, 3260, EmptyStorage(), problems);
     for (const std::string& line : problems.Lines())
         Check(line.find('\n') == std::string::npos, "a problem is one line");
     if (!problems.Empty())
-        return 0;
+        return;
     for (const TargetPlan& target : plan.targets) {
         CheckSafe(target.name);
         for (const LunPlan& lun : target.luns) {
@@ -40,5 +40,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         for (const InitiatorPlan& initiator : target.initiators)
             CheckSafe(initiator.name);
     }
-    return 0;
 }

@@ -47,12 +47,13 @@ struct Model {
         }
         return false;
     }
-    /// The additional sense of its answer, 0 for GOOD; the first rule that applies decides.
-    uint16_t Answer(const Bytes& cdb, uint64_t buffers) const {
+    /// The status, sense key and additional sense of its answer; the first rule that applies
+    /// decides.
+    int Answer(const Bytes& cdb, uint64_t buffers) const {
         if (lba > kBlocks || blocks > kBlocks - lba)
-            return 0x2100;
+            return 0x02052100;
         const bool protection = cdb[0] >= 0x20 && (cdb[1] & 0xE0) != 0;
-        return protection || buffers < blocks * kBlock ? 0x2400 : 0;
+        return protection || buffers < blocks * kBlock ? 0x02052400 : 0;
     }
 };
 
@@ -72,14 +73,16 @@ void Bend(Bytes& cdb, Input& input) {
 void RunOne(Input& input, GateRig& rig, Model& model) {
     static const Bytes noise = [] {
         Bytes bytes(size_t{2} << 20);
-        std::mt19937 random(1);
-        std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<uint8_t>(random()); });
+        std::generate(bytes.begin(), bytes.end(), std::minstd_rand(1));
         return bytes;
     }();
     Bytes cdb = input.Bytes(16);
-    const bool bent = cdb[15] != 0;  // the last byte tells nobody else anything
+    static constexpr uint8_t kOthers[] = {0x00, 0x12, 0x15, 0x1A, 0x1B, 0x25, 0x55, 0x5A, 0x9E};
+    const bool bent = cdb[15] % 8 != 0;  // the last byte tells nobody else anything
     if (bent)
         Bend(cdb, input);
+    else if (cdb[15] != 0)
+        cdb[0] = kOthers[cdb[15] / 8 % std::size(kOthers)];
     Extents pieces;
     size_t at = input.Byte();
     uint64_t total = 0;
@@ -98,41 +101,35 @@ void RunOne(Input& input, GateRig& rig, Model& model) {
 
     const auto answer = rig.Answer(cdb, pieces);
     Check(answer.has_value() && rig.device.ring.Empty(), "every command is answered");
-    const Bytes got = GateRig::Flat(rig.lib.ring.Data(), pieces);
-    Bytes expected = got;
+    const uint8_t* const sense = answer->sense.data();
+    const int outcome = answer->status << 24 | sense[2] << 16 | LoadBe16(&sense[12]);
+    Bytes expected = GateRig::Flat(rig.lib.ring.Data(), pieces);
     if (model.Decode(cdb)) {
-        const uint16_t sense = model.Answer(cdb, total);
+        Check(outcome == model.Answer(cdb, total), "READ and WRITE are answered as the model does");
         expected = GateRig::Flat(memory.data(), pieces);
-        if (sense == 0) {
-            const uint64_t bytes = model.blocks * kBlock;
-            uint8_t* const place = model.disk.data() + model.lba * kBlock;
-            if (model.write)
-                std::copy_n(expected.begin(), bytes, place);
-            if (!model.write || bytes == 0)
-                std::fill(std::copy_n(place, bytes, expected.begin()), expected.end(), 0);
-            // The kernel takes no length of zero.
-            Check(model.write || bytes == 0 || answer->readLength == bytes,
-                  "READ states its true length");
-        }
-        Check(sense == 0 ? answer->status == 0
-                         : answer->status == 2 && answer->sense[2] == 5 &&
-                               LoadBe16(&answer->sense[12]) == sense,
-              "READ and WRITE are answered as the model does");
-    } else if (answer->status == 0) {
+        const uint64_t bytes = model.blocks * kBlock;
+        uint8_t* const place = model.disk.data() + model.lba * kBlock;
+        if (outcome == 0 && model.write)
+            std::copy_n(expected.begin(), bytes, place);
+        if (outcome == 0 && (!model.write || bytes == 0))
+            std::fill(std::copy_n(place, bytes, expected.begin()), expected.end(), 0);
+        // The kernel takes no length of zero.
+        Check(outcome != 0 || model.write || bytes == 0 || answer->readLength == bytes,
+              "READ states its true length");
+    } else if (outcome == 0) {
         std::fill(expected.begin() + answer->readLength.value_or(0), expected.end(), 0);
     } else {
-        Check(answer->status == 2 && (cdb[0] < 0xC0 || LoadBe16(&answer->sense[12]) == 0x2000),
+        Check(answer->status == 2 && (cdb[0] < 0xC0 || outcome == 0x02052000),
               "others are GOOD or CHECK CONDITION, the vendor's unknown");
     }
-    Check(got == expected, "the buffers hold what they must, and nothing of others");
-    for (auto [from, piece] = std::pair(expected.begin(), pieces.begin()); piece != pieces.end();
-         from += static_cast<ptrdiff_t>(piece->length), ++piece)
-        std::copy_n(from, piece->length, memory.begin() + static_cast<ptrdiff_t>(piece->offset));
+    const uint8_t* from = expected.data();
+    for (const auto& [offset, length] : pieces)
+        std::copy_n(std::exchange(from, from + length), length, memory.data() + offset);
     Check(std::memcmp(memory.data(), rig.lib.ring.Data(), memory.size()) == 0,
-          "the rest is untouched");
+          "the buffers hold what they must, and the rest is untouched");
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+void Try(Input input) {
     testing::GTEST_FLAG(throw_on_failure) = true;  // the ring's model checks too
     static GateRig rig;                            // its memory is large
     moscsi::data::LunDataConfig config;
@@ -142,16 +139,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     rig.Open(kBlocks, made.data.get());
 
     Model model;
-    Input input(data, size);
     while (!input.Empty())
         RunOne(input, rig, model);
 
     // What the commands read and wrote was the LUN's whole content.
-    const auto whole = rig.Answer({0x28, 0, 0, 0, 0, 0, 0, kBlocks >> 8, kBlocks & 0xFF, 0},
-                                  {{0, kBlocks * kBlock}});
-    Check(
-        whole.has_value() && std::equal(model.disk.begin(), model.disk.end(), rig.lib.ring.Data()),
-        "the LUN holds what was written and nothing else");
+    const Bytes all = {0x28, 0, 0, 0, 0, 0, 0, kBlocks >> 8, kBlocks & 0xFF, 0};
+    Check(rig.Answer(all, {{0, kBlocks * kBlock}}).has_value() &&
+              std::equal(model.disk.begin(), model.disk.end(), rig.lib.ring.Data()),
+          "the LUN holds what was written and nothing else");
     rig.handler.reset();
-    return 0;
 }

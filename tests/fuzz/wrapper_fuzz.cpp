@@ -13,13 +13,12 @@
 
 namespace fs = std::filesystem;
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+void Try(Input input) {
     static const fs::path root = fs::temp_directory_path() / ("fuzz." + std::to_string(getpid()));
     static const fs::path object = root / "core/user_1/lun";
     static const bool made = fs::create_directories(object);
     Check(made || fs::exists(object), "a place for the object");
 
-    Input input(data, size);
     const bool enabled = input.Byte() % 2 == 0;
     const std::string text = input.Rest();
     const std::string version = VersionIn(text);
@@ -33,7 +32,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         arguments.push_back(line);
     const auto create = UserBackstoreCreate::Parse(arguments);
     if (!create)
-        return 0;
+        return;
     std::ofstream(object / "info")
         << "Status: ACTIVATED SectorSize: 512\n  Config: " << create->handler << '/' << text
         << "\n";
@@ -43,5 +42,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         told.find("exists") != std::string::npos || told.find("Exists") != std::string::npos;
     Check(!success || create->name.empty() || (enabled && create->size.has_value()),
           "only a configured object of the same size exists");
-    return 0;
 }

@@ -35,6 +35,7 @@ struct FakeDevice {
     std::string cfgString = "MoScsiSrvTcmu/0123";
     std::string uioName = "uio0";
     std::string serial = "host1-0f9A0000111122223333444455556666";
+    uint64_t size = 1 << 20;
     KernelRing ring{256 * 1024, size_t(8) << 20};
     std::atomic<int> looks{0};  ///< of the tested side at the events
 
@@ -125,8 +126,8 @@ struct FakeLibtcmuApi : LibtcmuApi {
     int AttrInt(LibDevice* /*dev*/, const char* name) override {
         return std::string(name) == "hw_block_size" ? 512 : -ENOENT;
     }
-    int InfoU64(LibDevice* /*dev*/, const char* name, uint64_t& value) override {
-        value = 1 << 20;
+    int InfoU64(LibDevice* dev, const char* name, uint64_t& value) override {
+        value = Of(dev).size;
         return std::string(name) == "Size" ? 0 : -ENOENT;
     }
     std::string Wwn(LibDevice* dev) override { return Of(dev).serial; }
@@ -166,16 +167,3 @@ struct FakeLibtcmuApi : LibtcmuApi {
     Callbacks m_callbacks;
     std::vector<FakeDevice*> m_known;
 };
-
-/// Runs the emulation of the CDB's opcode.
-inline int Emulate(tcmu_device& dev, uint8_t* cdb, iovec* iov, size_t count, uint8_t* sense) {
-    const uint8_t code = cdb[0];
-    const auto [blocks, size] = std::pair(dev.numLbas, dev.blockSize);
-    return code == 0x00   ? tcmu_emulate_test_unit_ready(cdb, iov, count, sense)
-           : code == 0x12 ? tcmu_emulate_inquiry(&dev, cdb, iov, count, sense)
-           : code == 0x1B ? tcmu_emulate_start_stop(&dev, cdb, sense)
-           : code == 0x25 ? tcmu_emulate_read_capacity_10(blocks, size, cdb, iov, count, sense)
-           : code == 0x9E ? tcmu_emulate_read_capacity_16(blocks, size, cdb, iov, count, sense)
-           : (code & 0x3F) == 0x1A ? tcmu_emulate_mode_sense(cdb, iov, count, sense)
-                                   : tcmu_emulate_mode_select(cdb, iov, count, sense);
-}

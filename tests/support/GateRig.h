@@ -31,25 +31,30 @@ struct GateRig {
     tcmu_device device{api, lib.Lib()};
     std::unique_ptr<DeviceHandler> handler;
     std::unique_ptr<CommandGate> gate;
+    std::optional<tcmulib_cmd> ended;  ///< as its record was left
 
     /// Opens the device, anew if need be; without `host` its LUN isn't known.
     void Open(uint64_t blocks, MoScsiBStorOps* host) {
         MoScsiSrvLIOTest::AddLun(device.cfgString, host);
+        lib.size = blocks * kBlock;
         handler.reset();
         handler = MakePluginHandler(&device);
         EXPECT_EQ(handler->Open(), 0);
-        tcmu_set_dev_block_size(&device, kBlock);
-        tcmu_set_dev_num_lbas(&device, blocks);
         gate = std::make_unique<CommandGate>(device, *handler);
         device.completionHook = [this](RingCommand& command, int& result) {
             gate->Completing(command, result);
+            ended = command;
         };
     }
 
     void Drain() {
         device.ring.BeginDrain();
-        while (RingCommand* command = device.ring.Fetch())
+        while (RingCommand* command = device.ring.Fetch()) {
+            ended.reset();
             gate->Pass(*command);
+            // A completed record is somebody else's.
+            EXPECT_TRUE(!ended || memcmp(command, &*ended, sizeof *ended) == 0);
+        }
         device.ring.EndDrain();
     }
     /// Returns: the answer, which a host that completes at once has given.

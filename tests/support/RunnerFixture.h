@@ -2,7 +2,6 @@
 
 #include <gmock/gmock.h>
 
-#include "adapters/framework/MoProcess.h"
 #include "adapters/runner/DbusService.h"
 #include "adapters/runner/Runner.h"
 #include "adapters/runner/ThreadSignals.h"
@@ -64,7 +63,7 @@ struct RunnerTest : Test {
         environment.uioClass = directory.path / "uio";
         environment.stopLimit = std::chrono::seconds(5);  // nothing waits for it in vain
         environment.familyPause = std::chrono::milliseconds(1);
-        Describe(device, "MoScsiSrvTcmu/" + directory.path.filename().string());
+        Describe(device, "");
         api.existing = {&device};
     }
     void TearDown() override {
@@ -72,22 +71,18 @@ struct RunnerTest : Test {
             Stop();
     }
 
-    // Gives the device its place in sysfs and configfs.
-    void Describe(FakeDevice& dev, const std::string& cfgString) {
-        dev.cfgString = cfgString;
-        dev.uioName = "uio" + std::to_string(++devices);
+    // Gives a device its string, and its place in sysfs and configfs.
+    FakeDevice& Describe(FakeDevice& dev, const std::string& name) {
+        const std::string lun = "lun" + std::to_string(++devices);
+        dev.cfgString = "MoScsiSrvTcmu/" + directory.path.filename().string() + name;
+        dev.uioName = "uio-" + lun;
         FakeConfigfs::Write(environment.uioClass / dev.uioName / "name",
-                            "tcm-user/3/lun" + std::to_string(devices) + "/" + cfgString);
+                            "tcm-user/3/" + lun + "/" + dev.cfgString);
         FakeConfigfs::Write(BlockFile(dev), "0");
-    }
-    FakeDevice& MakeDevice(const std::string& name) {
-        FakeDevice& dev = Kept<FakeDevice>();
-        Describe(dev, device.cfgString + name);
         return dev;
     }
     fs::path BlockFile(const FakeDevice& dev) const {
-        return environment.backstores / "user_3" / ("lun" + dev.uioName.substr(3)) /
-               "action/block_dev";
+        return environment.backstores / "user_3" / dev.uioName.substr(4) / "action/block_dev";
     }
 
     void Start() {
@@ -113,36 +108,26 @@ struct RunnerTest : Test {
         return result;
     }
 
+    // Announces a device. Returns: what `added` says.
+    int Announce(FakeDevice& dev) {
+        const int before = api.answered;
+        api.Announce(dev);
+        Await([&] { return api.answered > before; });
+        return api.lastAdded;
+    }
     // Has the device's host hold a READ.
     FakeDevice::Ticket Hold(TestHost& host) {
-        const int given = host.given;
+        const int before = host.given;
         host.hold = true;
         auto ticket = device.Submit(Read10(3), {{0, 512}});
-        Await([&] { return host.given > given; });
+        Await([&] { return host.given > before; });
         return ticket;
-    }
-    void AwaitAnswers(int count, int line = __builtin_LINE()) {
-        Await([&] { return api.answered == count; }, line);
-    }
-    int ReceiveBuffer() {
-        int bytes = 0;
-        socklen_t size = sizeof bytes;
-        getsockopt(api.MasterFd(), SOL_SOCKET, SO_RCVBUF, &bytes, &size);
-        return bytes;
     }
 
     static bool NameTaken() { return !WaitForBusNameGone(std::chrono::seconds(0)); }
-    // What another program on the bus finds: what is lacking, and the objects.
+    // What another program on the bus misses.
     static std::string Lacking() {
         return WaitForBusObjects(std::chrono::seconds(0), [] { return false; });
-    }
-    static std::string Objects() {
-        std::string reply;
-        MoProcess::system(
-            "dbus-send --system --print-reply --dest=" + std::string(DbusService::kName) + " " +
-                DbusService::kPath + " org.freedesktop.DBus.ObjectManager.GetManagedObjects",
-            &reply, nullptr, 0, false);
-        return reply;
     }
 
     CapturingLogWriter& log = CapturingLogWriter::Installed();
