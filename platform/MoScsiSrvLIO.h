@@ -21,7 +21,7 @@ struct TargetCliBackstore;
 /// One object a process. Its operations stand in files named after their concern:
 /// PlatformEntry, ServiceStartup, CommandRunner, TargetsAndMappings, LunDispatch, TargetCliLun
 /// (what all backstores share), FileBackedLun (file and block variants), UserLun, UserLunConfigFS,
-/// TcmuRegistry.
+/// TcmuRegistry, IODone.
 ///
 /// Lock order: m_cfgMutex and m_tcmuDevMapMutex are never held together. A device's mutex comes
 /// before the I/O context manager's; neither is taken under one of this class's, nor the other way

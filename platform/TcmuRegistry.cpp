@@ -1,7 +1,5 @@
-// The registry, in which a user LUN and the device that serves it meet by configuration string;
-// and the host's way back to a device, by context.
+// The registry, in which a user LUN and the device that serves it meet by configuration string.
 
-#include "ioctx/MoScsiSrvIoctxMgr.h"
 #include "platform/MoScsiSrvLIO.h"
 #include "tcmu/MoScsiSrvTcmuDev.h"
 #include "util/Log.h"
@@ -52,12 +50,5 @@ bool MoScsiSrvLIO::GetBStoreInfo(const std::string& name, std::pair<MoScsiBStorO
 
 CRyError MoScsiSrvLIO::RegisterGetVPDCB(MoScsiSrvGetVPDCb_t /*cb*/) {
     MO_TRACE(kTraceDetail);
-    return CRyError::Success();
-}
-
-CRyError MoScsiSrvLIO::IODone(MoScsiSrvIO* ioctx, long nbytes) {
-    // Never null for a record that the host holds. The device logs and counts what it doesn't know.
-    auto* const dev = static_cast<MoScsiSrvTcmuDev*>(m_ioctxMgr->Ioctx_GetPriv(ioctx));
-    dev->TcmuDevIODone(ioctx, nbytes);
     return CRyError::Success();
 }
