@@ -38,7 +38,8 @@ inline constexpr uint32_t kAutomaticLunNumber = 0xFFFFFFFF;
 ///
 /// Life of one transfer:
 ///  1. The plug-in fills a MoScsiSrvIO and calls Read or Write, no lock held, on the thread that
-///     serves the LUN's device. These only start the transfer; their result is ignored.
+///     serves the LUN's device. These only start the transfer, and don't block; their result is
+///     ignored.
 ///  2. The host moves the data between `iov` and its storage, on any thread.
 ///  3. The host calls MoScsiSrvPlatform::IODone exactly once with the record and the number of
 ///     bytes moved, maybe before Read or Write returns. From then on the record is not the host's.
@@ -56,9 +57,13 @@ class MoScsiBStorOps {
     virtual void HostSlot8() {}
 
     /// Starts to fill the record's buffers from `offset`, `length` bytes. `reserved` is 0.
+    /// Must not block on storage or on another transfer; a copy in memory does not. The device's
+    /// thread calls it while it drains the commands that have come, and until the end of its drain
+    /// the answers of other threads wait, too: one that blocks here holds back the whole LUN.
     virtual CRyError Read(void* bstoreCtx, MoScsiSrvIO* ioctx, int reserved) = 0;
 
     /// Starts to store the record's buffers at `offset`, `length` bytes. `reserved` is 0.
+    /// Must not block, as Read.
     virtual CRyError Write(void* bstoreCtx, MoScsiSrvIO* ioctx, int reserved) = 0;
 
     /// Asks the host to give a transfer back soon, on a device that closes. Called with the

@@ -13,6 +13,9 @@ class DataEngine {
 
     /// Moves `wanted` bytes and ends the transfer, once, with the bytes moved or -errno; inside the
     /// call or later.
+    /// Must not block on storage or on another transfer; a copy in memory does not. The device's
+    /// thread calls it while it drains the commands that have come, and until the end of its drain
+    /// the answers of other threads wait, too.
     /// Thread: any. Requires: the transfer is the engine's until it ended it.
     virtual void Start(Transfer& transfer) = 0;
 
