@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/ErrorCodes.h"
 #include "platform/MoScsiSrvLIO.h"
 #include "util/Log.h"
 
@@ -45,7 +46,8 @@ CRyError MoScsiSrvLIO::TargetCliUpdateObject(
     // Standard error joins the pipe first, then standard output is thrown away.
     const std::string line = LowerCase(cmd + " 2> /dev/stdout 1> /dev/null");
     if (!ReadFirstLine(line, m_outBuf, sizeof m_outBuf))
-        return FXErrorUtil::ErrorErrNo(MO_HERE, 774, "popen error cmd %s failed", cmd.c_str());
+        return FXErrorUtil::ErrorErrNo(MO_HERE, kErrorFailed, "popen error cmd %s failed",
+                                       cmd.c_str());
 
     const std::string output = m_outBuf;
     if (output.empty() || Contains(output, "exists") || Contains(output, "Exists"))
@@ -55,7 +57,7 @@ CRyError MoScsiSrvLIO::TargetCliUpdateObject(
             return CRyError::Success();
     }
     MO_LOG(kLogError, "cmd %s failed. err %s", line.c_str(), output.c_str());
-    return FXErrorUtil::ErrorErrNo(MO_HERE, 774, "cmd %s failed. err %s", line.c_str(),
+    return FXErrorUtil::ErrorErrNo(MO_HERE, kErrorFailed, "cmd %s failed. err %s", line.c_str(),
                                    output.c_str());
 }
 
@@ -65,7 +67,8 @@ CRyError MoScsiSrvLIO::TargetCliReadObject(const std::string& cmd, std::string& 
     memset(m_outBuf, 0, sizeof m_outBuf);
     if (!ReadFirstLine(line, m_outBuf, sizeof m_outBuf)) {
         MO_LOG(kLogError, "popen error cmd  %s failed", line.c_str());  // two blanks, as ever
-        return FXErrorUtil::ErrorErrNo(MO_HERE, 774, "popen error cmd  %s failed", line.c_str());
+        return FXErrorUtil::ErrorErrNo(MO_HERE, kErrorFailed, "popen error cmd  %s failed",
+                                       line.c_str());
     }
     MO_LOG(kLogOutput, "TargetCliReadObject: %s", m_outBuf);
     out = m_outBuf;
@@ -75,7 +78,7 @@ CRyError MoScsiSrvLIO::TargetCliReadObject(const std::string& cmd, std::string& 
 CRyError MoScsiSrvLIO::System(const std::string& cmd) {
     if (std::system(cmd.c_str()) != 0) {
         MO_LOG(kLogError, "cmd: %s failed", cmd.c_str());
-        return FXErrorUtil::ErrorErrNo(MO_HERE, 774, "cmd: %s failed", cmd.c_str());
+        return FXErrorUtil::ErrorErrNo(MO_HERE, kErrorFailed, "cmd: %s failed", cmd.c_str());
     }
     return CRyError::Success();
 }

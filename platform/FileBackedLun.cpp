@@ -6,6 +6,7 @@
 
 #include <cerrno>
 
+#include "platform/ErrorCodes.h"
 #include "platform/MoScsiSrvLIO.h"
 #include "platform/TargetCliLun.h"
 #include "util/Log.h"
@@ -44,8 +45,8 @@ CRyError CreateBackingFile(const char* function, const MoScsiSrvLun_t* lun) {
     const char* const path = lun->path.c_str();
     if (lun->size == 0) {
         MO_LOG_AS(function, kLogError, "bstor file %s size not set", path);
-        return FXErrorUtil::ErrorErrNo(MO_HERE_AS(function), 22, "bstor file size not set %s",
-                                       path);
+        return FXErrorUtil::ErrorErrNo(MO_HERE_AS(function), kErrorInvalid,
+                                       "bstor file size not set %s", path);
     }
     MO_LOG_AS(function, kLogProgress, "creating bstor file %s", path);
     const int fd = open64(path, O_RDWR | O_CREAT, 0640);

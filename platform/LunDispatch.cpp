@@ -1,6 +1,7 @@
 // CreateLun and DeleteLun: which kind of backstore does the work, and the storage objects' names.
 
 #include "adapters/framework/GetGUID.h"
+#include "platform/ErrorCodes.h"
 #include "platform/MoScsiSrvLIO.h"
 #include "util/Log.h"
 
@@ -30,7 +31,7 @@ CRyError MoScsiSrvLIO::DispatchLun(const char* function, MoScsiSrvLun_t* lun,
                       lun->serialNum.c_str(), lun->path.c_str(), static_cast<int>(lun->bstorType));
         return result;
     }
-    return FXErrorUtil::ErrorErrNo(MO_HERE_AS(function), 774, "invalid bstore type %d",
+    return FXErrorUtil::ErrorErrNo(MO_HERE_AS(function), kErrorFailed, "invalid bstore type %d",
                                    static_cast<int>(lun->bstorType));
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/ErrorCodes.h"
 #include "platform/MoScsiSrvObjects.h"
 
 /// The platform, as the host sees it: ten operations in this slot order, no data, no virtual
@@ -7,40 +8,40 @@
 ///
 /// Life: GetMOScsiPlatformObj -> Initialize -> any mix of the others -> Cleanup. The object lives
 /// to the end of the process. Every operation returns success or the error of the first step that
-/// failed; steps done before it are not undone unless said.
+/// failed; steps done before it are not undone unless said. ErrorCodes.h has the errors' numbers.
 class MoScsiSrvPlatform {
   public:
     /// Starts the service script and checks the installed targetcli.
     /// Thread: one at a time, before the others. May be called again.
-    /// Errors: 774.
+    /// Errors: kErrorFailed.
     virtual CRyError Initialize() = 0;
 
     /// Creates an iSCSI target. One that exists already is a success.
     /// Thread: any; configuration operations run one at a time.
-    /// Errors: 774.
+    /// Errors: kErrorFailed.
     virtual CRyError CreateTarget(MoScsiSrvTarget_t* target) = 0;
 
     /// Deletes an iSCSI target. One that doesn't exist is a success.
-    /// Thread: any. Errors: 774.
+    /// Thread: any. Errors: kErrorFailed.
     virtual CRyError DeleteTarget(MoScsiSrvTarget_t* target) = 0;
 
     /// Creates a LUN on an existing target. Writes the serial number, and a number that the system
     /// chose, back into the record. A LUN that exists already is a success.
     /// Thread: any. Requires: all fields that the kind of backstore reads are filled.
-    /// Errors: 774, 22 (a field), 16 (user backstore in use), an errno.
+    /// Errors: kErrorFailed, kErrorInvalid, kErrorInUse, an errno.
     virtual CRyError CreateLun(MoScsiSrvLun_t* lun) = 0;
 
     /// Deletes a LUN; its data stays. For a user LUN it returns when the LUN's device has closed,
     /// which takes as long as the host holds contexts of it.
-    /// Thread: any, but none that completes I/O of this LUN. Errors: 774.
+    /// Thread: any, but none that completes I/O of this LUN. Errors: kErrorFailed.
     virtual CRyError DeleteLun(MoScsiSrvLun_t* lun) = 0;
 
     /// Lets an initiator see a LUN, under the LUN's own number.
-    /// Thread: any. Errors: 774.
+    /// Thread: any. Errors: kErrorFailed.
     virtual CRyError MapHost(MoScsiSrvLun_t* lun, MoScsiSrvHost_t* host) = 0;
 
     /// Takes a LUN from an initiator. The initiator's node ACL stays.
-    /// Thread: any. Errors: 774.
+    /// Thread: any. Errors: kErrorFailed.
     virtual CRyError UnMapHost(MoScsiSrvLun_t* lun, MoScsiSrvHost_t* host) = 0;
 
     /// Ends a transfer that Read or Write began. `nbytes` is the number of bytes moved: any value

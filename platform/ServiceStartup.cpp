@@ -4,6 +4,7 @@
 
 #include "adapters/framework/MOPI_Base.h"
 #include "adapters/framework/MoProcess.h"
+#include "platform/ErrorCodes.h"
 #include "platform/MoScsiSrvLIO.h"
 #include "util/Log.h"
 
@@ -17,7 +18,7 @@ CRyError MoScsiSrvLIO::Initialize() {
     MO_LOG(kLogProgress, "Excecuting %s", start.c_str());
     if (MoProcess::system(start, &out, &err, 0, false) != 0) {
         MO_LOG(kLogError, "cmd %s failed", start.c_str());
-        return FXErrorUtil::ErrorErrNo(MO_HERE, 774, "cmd %s failed", start.c_str());
+        return FXErrorUtil::ErrorErrNo(MO_HERE, kErrorFailed, "cmd %s failed", start.c_str());
     }
 
     out.clear();
@@ -26,7 +27,7 @@ CRyError MoScsiSrvLIO::Initialize() {
     const std::string version = "targetcli --version 2>&1  | cut -d' ' -f3";
     if (MoProcess::system(version, &out, &err, 0, false) != 0) {
         MO_LOG(kLogError, "cmd %s failed, install targetcli package", version.c_str());
-        return FXErrorUtil::ErrorErrNo(MO_HERE, 774, "cmd %s failed", version.c_str());
+        return FXErrorUtil::ErrorErrNo(MO_HERE, kErrorFailed, "cmd %s failed", version.c_str());
     }
     MO_LOG(kLogProgress, "targetcli version %s", out.c_str());
     if (!out.empty())  // no answer at all is older than any version
@@ -35,7 +36,8 @@ CRyError MoScsiSrvLIO::Initialize() {
     // As text, on purpose, here and wherever versions are compared: 2.1.fb5 is newer than 2.1.fb43.
     if (out < g_TargetCliVerFB41) {
         MO_LOG(kLogError, "targetcli version %s", out.c_str());
-        return FXErrorUtil::ErrorErrNo(MO_HERE, 774, "upgrade to targetcli version %s or higher",
+        return FXErrorUtil::ErrorErrNo(MO_HERE, kErrorFailed,
+                                       "upgrade to targetcli version %s or higher",
                                        g_TargetCliVerFB41.c_str());
     }
     m_targetCliVersion = out;

@@ -2,6 +2,7 @@
 
 #include "platform/TargetCliLun.h"
 
+#include "platform/ErrorCodes.h"
 #include "platform/MoScsiSrvLIO.h"
 #include "util/Log.h"
 #include "util/Platform_Util.h"
@@ -11,7 +12,8 @@ CRyError CheckLunNumber(const char* function, const MoScsiSrvLun_t* lun) {
     if (lun->lunNum == kAutomaticLunNumber || (number >= 0 && number <= kMaxLunNumber))
         return CRyError::Success();
     MO_LOG_AS(function, kLogError, "invalid lun number %d", number);
-    return FXErrorUtil::ErrorErrNo(MO_HERE_AS(function), 22, "invalid lun number %d", number);
+    return FXErrorUtil::ErrorErrNo(MO_HERE_AS(function), kErrorInvalid, "invalid lun number %d",
+                                   number);
 }
 
 CRyError MoScsiSrvLIO::CreateByTargetCli(const char* function, const TargetCliBackstore& backstore,
@@ -48,7 +50,7 @@ CRyError MoScsiSrvLIO::CreateByTargetCli(const char* function, const TargetCliBa
     if (result.IsError())
         return result;
     if (output.empty())
-        return FXErrorUtil::ErrorErrNo(MO_HERE_AS(function), 774,
+        return FXErrorUtil::ErrorErrNo(MO_HERE_AS(function), kErrorFailed,
                                        "cmd %s completed without any output", readNumber.c_str());
     // Throws when it isn't a number, and the configuration stays locked: nobody can tell what the
     // LUN's number is.

@@ -18,5 +18,5 @@ inline int SignedLunNumber(const MoScsiSrvLun_t* lun) {
 
 /// Checks that the LUN's number is automatic or between 0 and kMaxLunNumber.
 /// `function`: the signature of the entry that checks.
-/// Errors: 22 (logged).
+/// Errors: kErrorInvalid (logged).
 CRyError CheckLunNumber(const char* function, const MoScsiSrvLun_t* lun);

@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "adapters/framework/GetGUID.h"
+#include "platform/ErrorCodes.h"
 #include "platform/MoScsiSrvLIO.h"
 #include "platform/TargetCliLun.h"
 #include "util/Log.h"
@@ -57,7 +58,8 @@ CRyError MoScsiSrvLIO::DeleteLun_BStorUser(MoScsiSrvLun_t* lun) {
     const bool known = m_tcmuDevMap.count(key) != 0;
     m_tcmuDevMapMutex.unlock();
     if (!known)
-        return FXErrorUtil::ErrorErrNo(MO_HERE, 774, "%s lun not found", lun->path.c_str());
+        return FXErrorUtil::ErrorErrNo(MO_HERE, kErrorFailed, "%s lun not found",
+                                       lun->path.c_str());
 
     CRyError result = CRyError::Success();
     if (m_targetCliVersion >= g_TargetCliVerFB43) {

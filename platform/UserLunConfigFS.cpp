@@ -7,6 +7,7 @@
 #include <cerrno>
 
 #include "adapters/framework/MocHash.h"
+#include "platform/ErrorCodes.h"
 #include "platform/MoScsiSrvLIO.h"
 #include "platform/TargetCliLun.h"
 #include "util/Log.h"
@@ -84,7 +85,7 @@ CRyError MoScsiSrvLIO::CreateLun_BStorUser_ConfigFS(MoScsiSrvLun_t* lun) {
     if (lun->lunNum == kAutomaticLunNumber && !GetNextAvailableLunNum(lun)) {
         m_cfgMutex.unlock();
         MO_LOG(kLogError, "No lun number available");
-        return FXErrorUtil::ErrorErrNo(MO_HERE, 22, "No lun number available");
+        return FXErrorUtil::ErrorErrNo(MO_HERE, kErrorInvalid, "No lun number available");
     }
     Platform_Util::GetSerialNumber(lun->serialNum, lun->targetName + lun->path, lun->serialNum);
     const ConfigFSPaths paths = GetConfigFSPaths(lun);
@@ -107,7 +108,7 @@ CRyError MoScsiSrvLIO::CreateLun_BStorUser_ConfigFS(MoScsiSrvLun_t* lun) {
     if (error == 0) {
         MO_LOG(kLogError, "tcmu backstore is in use %s", paths.backstore.c_str());
         m_cfgMutex.unlock();
-        return FXErrorUtil::ErrorErrNo(MO_HERE, 16, "tcmu backstore is in use %s",
+        return FXErrorUtil::ErrorErrNo(MO_HERE, kErrorInUse, "tcmu backstore is in use %s",
                                        paths.backstore.c_str());
     }
     if (error != ENOENT) {

@@ -42,7 +42,8 @@ class MO_EXPORT CRyError {
     /// number 0 is still an error.
     int32_t Code() const { return m_code; }
 
-    /// The number that the error was made with (774, 22, an errno); 0 on success.
+    /// The number that the error was made with (one of the plug-in's own, or an errno); 0 on
+    /// success.
     int32_t Number() const;
 
     /// The formatted text; empty on success.
