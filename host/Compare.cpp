@@ -18,6 +18,15 @@ bool IsWildcard(const std::string& portal) {
            portal.starts_with("[::]:");
 }
 
+/// The objects of all LUNs of the plan.
+std::set<const StorageObject*> ObjectsOf(const Plan& plan, const ConfigfsView& view) {
+    std::set<const StorageObject*> objects;
+    for (const TargetPlan& target : plan.targets)
+        for (const LunPlan& lun : target.luns)
+            objects.insert(ObjectOf(lun, view));
+    return objects;
+}
+
 }  // namespace
 
 void Comparison::CheckNewPortal(const TargetPlan& target) {
@@ -149,10 +158,7 @@ Manner Manner::Of(const std::string& version) {
 }
 
 std::vector<std::string> NaaClashes(const Plan& plan, const ConfigfsView& view) {
-    std::set<const StorageObject*> own;
-    for (const TargetPlan& target : plan.targets)
-        for (const LunPlan& lun : target.luns)
-            own.insert(ObjectOf(lun, view));
+    const std::set<const StorageObject*> own = ObjectsOf(plan, view);
     std::vector<std::string> lines;
     for (const TargetPlan& target : plan.targets)
         for (const LunPlan& lun : target.luns)
@@ -178,10 +184,7 @@ std::vector<std::string> FaultsAfter(const Plan& plan, const ConfigfsView& view,
 }
 
 std::vector<std::string> Unserved(const Plan& plan, const ConfigfsView& view) {
-    std::set<const StorageObject*> named;
-    for (const TargetPlan& target : plan.targets)
-        for (const LunPlan& lun : target.luns)
-            named.insert(ObjectOf(lun, view));
+    const std::set<const StorageObject*> named = ObjectsOf(plan, view);
     std::vector<std::string> lines;
     for (const StorageObject& object : view.objects)
         if ((object.config.starts_with("MoScsiSrvTcmu/") ||

@@ -29,15 +29,22 @@ void TableReader::Complain(const std::string& key, const std::string& text) {
     m_problems.Add(m_places.At(key), text);
 }
 
+template <typename Value, typename Conversion>
+std::optional<Value> TableReader::Convert(const std::string& key, const std::string& wanted,
+                                          Conversion conversion) {
+    const toml::value* found = Find(key);
+    if (found == nullptr)
+        return std::nullopt;
+    std::optional<Value> value = conversion(*found);
+    if (!value)
+        Complain(key, fmt::format("{} must be {}", key, wanted));
+    return value;
+}
+
 std::optional<std::string> TableReader::String(const std::string& key) {
-    const toml::value* value = Find(key);
-    if (value == nullptr)
-        return std::nullopt;
-    if (!value->is_string()) {
-        Complain(key, fmt::format("{} must be a text in quotes", key));
-        return std::nullopt;
-    }
-    return value->as_string().str;
+    return Convert<std::string>(key, "a text in quotes", [](const toml::value& value) {
+        return value.is_string() ? std::optional(value.as_string().str) : std::nullopt;
+    });
 }
 
 void TableReader::Require(const std::string& key) {
@@ -80,69 +87,49 @@ std::vector<std::string> TableReader::RequiredStrings(const std::string& key,
 }
 
 std::optional<int64_t> TableReader::Integer(const std::string& key) {
-    const toml::value* value = Find(key);
-    if (value == nullptr)
-        return std::nullopt;
-    if (!value->is_integer()) {
-        Complain(key, fmt::format("{} must be a whole number", key));
-        return std::nullopt;
-    }
-    return value->as_integer();
+    return Convert<int64_t>(key, "a whole number", [](const toml::value& value) {
+        return value.is_integer() ? std::optional(value.as_integer()) : std::nullopt;
+    });
 }
 
 std::optional<uint64_t> TableReader::WholeNumber(const std::string& key, int64_t least,
                                                  int64_t most) {
-    const toml::value* value = Find(key);
-    if (value == nullptr)
-        return std::nullopt;
-    if (!value->is_integer() || value->as_integer() < least || value->as_integer() > most) {
-        Complain(key, fmt::format("{} must be a whole number from {} to {}", key, least, most));
-        return std::nullopt;
-    }
-    return static_cast<uint64_t>(value->as_integer());
+    const std::string wanted = fmt::format("a whole number from {} to {}", least, most);
+    return Convert<uint64_t>(key, wanted, [&](const toml::value& value) {
+        return value.is_integer() && value.as_integer() >= least && value.as_integer() <= most
+                   ? std::optional<uint64_t>(value.as_integer())
+                   : std::nullopt;
+    });
 }
 
 std::optional<bool> TableReader::Boolean(const std::string& key) {
-    const toml::value* value = Find(key);
-    if (value == nullptr)
-        return std::nullopt;
-    if (!value->is_boolean()) {
-        Complain(key, fmt::format("{} must be true or false", key));
-        return std::nullopt;
-    }
-    return value->as_boolean();
+    return Convert<bool>(key, "true or false", [](const toml::value& value) {
+        return value.is_boolean() ? std::optional(value.as_boolean()) : std::nullopt;
+    });
 }
 
 std::optional<double> TableReader::Rate(const std::string& key) {
-    const toml::value* value = Find(key);
-    if (value == nullptr)
-        return std::nullopt;
-    double rate = 0;
-    if (value->is_floating())
-        rate = value->as_floating();
-    else if (value->is_integer())
-        rate = static_cast<double>(value->as_integer());
-    if (!(rate > 0 && rate <= 1)) {  // so that NaN is none, too
-        Complain(key, fmt::format("{} must be a probability above 0 and up to 1", key));
-        return std::nullopt;
-    }
-    return rate;
+    const auto convert = [](const toml::value& value) -> std::optional<double> {
+        double rate = 0;
+        if (value.is_floating())
+            rate = value.as_floating();
+        else if (value.is_integer())
+            rate = static_cast<double>(value.as_integer());
+        return rate > 0 && rate <= 1 ? std::optional(rate) : std::nullopt;
+    };
+    return Convert<double>(key, "a probability above 0 and up to 1", convert);
 }
 
 std::optional<uint64_t> TableReader::Size(const std::string& key) {
-    const toml::value* value = Find(key);
-    if (value == nullptr)
-        return std::nullopt;
-    std::optional<uint64_t> size;
-    if (value->is_string())
-        size = ParseSize(value->as_string().str);
-    else if (value->is_integer() && value->as_integer() >= 0)
-        size = static_cast<uint64_t>(value->as_integer());
-    if (!size)
-        Complain(key, fmt::format("{} must be a number of bytes, or a text such as \"64MiB\" "
-                                  "(B, KiB, MiB, GiB, TiB)",
-                                  key));
-    return size;
+    const auto convert = [](const toml::value& value) -> std::optional<uint64_t> {
+        if (value.is_string())
+            return ParseSize(value.as_string().str);
+        return value.is_integer() && value.as_integer() >= 0
+                   ? std::optional<uint64_t>(value.as_integer())
+                   : std::nullopt;
+    };
+    return Convert<uint64_t>(
+        key, "a number of bytes, or a text such as \"64MiB\" (B, KiB, MiB, GiB, TiB)", convert);
 }
 
 std::optional<int64_t> TableReader::NumberOrAuto(const std::string& key) {

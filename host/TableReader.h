@@ -82,6 +82,13 @@ class TableReader {
 
   private:
     const toml::value* Find(const std::string& key);
+
+    /// The value as `conversion` gives it; what that gives nothing for is refused: "must be
+    /// WANTED".
+    template <typename Value, typename Conversion>
+    std::optional<Value> Convert(const std::string& key, const std::string& wanted,
+                                 Conversion conversion);
+
     void Require(const std::string& key);
     void RefuseChoice(const std::string& key, const std::string& text,
                       const std::vector<std::string>& names);
