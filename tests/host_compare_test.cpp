@@ -94,6 +94,7 @@ TEST_F(HostCompareTest, EachDisagreementIsOneLineWithARemedy) {
     auto& luns = plan.targets[0].luns;
 
     const std::string size = "has 8192 bytes and should have 4096";
+    const std::string file = "has not the path " + Expand("@/file.img") + ": remove it with: ";
     const std::string serial = "wwn/vpd_unit_serial";
     const std::string written = "T10 VPD Unit Serial Number: ";
     const struct {
@@ -104,8 +105,7 @@ TEST_F(HostCompareTest, EachDisagreementIsOneLineWithARemedy) {
         {[&] { swap(0, "Size: 4096", "Size: 8192"); }, size},
         {[&] { write(dir / "sys/7:0/size", "16"); }, size},
         {[&] { write(Object(0) / "udev_path", "/srv/b.img"); },
-         "has not the path " + Expand("@/file.img") +
-             ": remove it with: targetcli /backstores/fileio delete"},
+         file + "targetcli /backstores/fileio delete"},
         {[&] { luns[1].device = makedev(7, 1); }, "over another device"},
         {[&] { swap(2, "tcmu/", "tcmu/x"); }, "has the configuration \"moscsisrvtcmu/x"},
         {[&] { swap(1, "readonly: 0", "readonly: 1"); }, "is read-only"},

@@ -21,11 +21,8 @@ extern "C" int __wrap_fsync(int fd) {  // NOLINT(bugprone-reserved-identifier)
     fstat(fd, &found);
     g_steps.push_back((S_ISDIR(found.st_mode) ? "directory" : std::to_string(found.st_size)) +
                       (std::filesystem::exists(g_path) ? ", named" : ""));
-    if (g_failingSync > 0 && --g_failingSync == 0) {
-        errno = EIO;
-        return -1;
-    }
-    return __real_fsync(fd);
+    errno = EIO;
+    return g_failingSync-- == 1 ? -1 : __real_fsync(fd);
 }
 
 constexpr uint64_t kSize = 64 * 1024;
@@ -71,20 +68,20 @@ TEST_F(Files, RefusesWhatIsNotTheLunsFile) {
         const int fd = open((path + ".new").c_str(), O_CREAT | O_RDWR, 0600);
         EXPECT_EQ(flock(fd, LOCK_EX), 0);  // kept: another host is making it
     };
+    LunDataConfig config{"a", Backing::File, path, kSize, {}, {}};
     const std::vector<std::pair<std::function<void()>, std::string>> cases = {
         {[&] { Touch(path); }, "has 1 bytes, the LUN 65536"},
         {[&] { mkfifo(path.c_str(), 0600); }, "not a regular file"},
         {[&] { std::filesystem::create_symlink("/nowhere/x", path); }, "can't open"},
         {makeElsewhere, ".new is in use"},
-        {[&] { path = directory.path / "no/such"; }, "can't make"},
+        {[&] { config.path = directory.path / "no/such"; }, "can't make"},
+        {[&] { config.sizeBytes = 0; }, "multiple of 512"},
+        {[&] { config.sizeBytes = 1000; }, "multiple of 512"},
+        {[&] { config = {"a", Backing::Memory, "", uint64_t{1} << 62U, {}, {}}; }, "LUN smaller"},
     };
     for (const auto& [make, error] : cases) {
         make();
-        EXPECT_THAT(Make({"a", Backing::File, path, kSize, {}, {}}), HasSubstr(error));
+        EXPECT_THAT(Make(config), HasSubstr(error));
         std::filesystem::remove(path);
     }
-    for (const uint64_t size : {uint64_t{0}, uint64_t{1000}})
-        EXPECT_THAT(Make({"a", Backing::File, path, size, {}, {}}), HasSubstr("multiple of 512"));
-    EXPECT_THAT(Make({"a", Backing::Memory, "", uint64_t{1} << 62U, {}, {}}),
-                HasSubstr("make the LUN smaller"));
 }

@@ -96,7 +96,8 @@ TEST_F(Scripted, EachTransferEndsOnceAndWhenItIsDurable) {
         // A write alone carries its sync, whatever is read; others share one, begun once they
         // moved.
         {"R0 W1 0=512 1=512", " r0 D1 0:512 1:512"},
-        {"W0 W1 0=512 1=512 W2 W3 2=512 3=512 S=0 S=0", " D0 w1 0:512 S w2 w3 S 1:512 2:512 3:512"},
+        {"W0 W1 0=512 1=512 W2 W3 2=512 3=512 S=0 W1 1=512 S=0 S=0",
+         " D0 w1 0:512 S w2 w3 S 1:512 w1 S 2:512 3:512 1:512"},
         {"W0 W1 0=512 1=512", " w0 w1 0:512 1:512", false},
         // What was under way when a sync failed may be lost.
         {"W0 W1 0=512 1=512 W2 2=512 S=-5 S=0 W3 3=512", " D0 w1 0:512 S w2 S 1:-5 2:-5 D3 3:512"},
