@@ -141,12 +141,15 @@ class ServeTest(ProgramTest):
         earlier.wait()
         self.says("ready\n", process)
 
-    def test_memory_that_died_with_its_host_is_served_only_when_that_is_asked_for(self):
+    def test_a_killed_host_loses_the_memory_and_the_next_one_takes_down_only_what_it_made(self):
         for options, lun in (((), " served"), ((), ""), (("--discard-lost-memory",), " served")):
             process = self.ready(*options)
             self.assertIn(f"CreateLun three 2 lun{lun}", self.log())
             process.kill()
             process.wait()
+        before = self.tree()
+        self.ends(self.start(FAKE_FAIL="MapHost:2"))
+        self.assertEqual(self.tree(), before)
 
     def test_a_bus_that_accepts_and_says_nothing_is_not_waited_for(self):
         process = self.start(FAKE_WAIT="Initialize")
@@ -156,14 +159,6 @@ class ServeTest(ProgramTest):
         self.says("wait for the user backstores' objects on D-Bus: failed", process)
         self.bus.send_signal(signal.SIGCONT)
         self.assertIn("says nothing", self.ends(process)[1])
-
-    def test_run_over_what_a_killed_one_left_takes_down_only_what_it_made(self):
-        process = self.ready()
-        process.kill()
-        process.wait()
-        before = self.tree()
-        self.ends(self.start(FAKE_FAIL="MapHost:2"))
-        self.assertEqual(self.tree(), before)
 
     def test_others_work_in_our_target_stays(self):
         process = self.ready()

@@ -75,10 +75,8 @@ struct Scripted : LunTest {
 
     ScriptedQueue* queue = nullptr;
     LunData::Parts* parts = nullptr;
-    std::array<Context, 4> all{{{0, 512, {256, 256}},
-                                {1024, 512, {256, 256}},
-                                {2048, 512, {256, 256}},
-                                {3072, 512, {256, 256}}}};
+    static Context At(uint64_t offset) { return {offset, 512, {256, 256}}; }
+    std::array<Context, 4> all{At(0), At(1024), At(2048), At(3072)};
     std::map<char, Ticket> tickets;
     std::string trace;
 };
