@@ -221,12 +221,10 @@ TEST_F(RunnerTest, CompletionsOfSeveralThreadsNeverMixUp) {
     }
     Await([&] { return device.AnsweredAll(); });
     const auto all = MoStatistics::Read();
-    EXPECT_THAT(
-        Counted(std::map(all.begin(), all.end())["device " + device.cfgString]),
-        UnorderedElementsAre(Pair("opens", 1), Pair("I/Os done", 2400), Pair("opcode 0x00", 600),
-                             Pair("opcode 0x28", 2400), Pair("gate: passed", 2400),
-                             Pair("ring: fetched", 3000), Pair("ring: completed", 3000),
-                             Pair("ring: doorbells", Gt(0))));
+    EXPECT_THAT(Counted(std::map(all.begin(), all.end())["device " + device.cfgString]),
+                MatchesRegex(", I/Os done 2400, gate: passed 2400, opcode 0x00 600"
+                             ", opcode 0x28 2400, opens 1, ring: completed 3000"
+                             ", ring: doorbells [0-9]+, ring: fetched 3000"));
     EXPECT_EQ(Stop(), 0);
     EXPECT_TRUE(api.closed);
 }

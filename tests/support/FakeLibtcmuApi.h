@@ -84,7 +84,8 @@ struct FakeLibtcmuApi : LibtcmuApi {
     std::function<void()> onClose = [] {};
 
     std::atomic<bool> closed{false};
-    std::atomic<int> answered{0};  // netlink events
+    int asked = 0;                 // netlink events
+    std::atomic<int> answered{0};  // of these
     std::atomic<int> lastAdded{1};
     std::vector<std::string> subTypes;
 
@@ -113,9 +114,8 @@ struct FakeLibtcmuApi : LibtcmuApi {
     }
     void Close() override {
         for (FakeDevice* device : std::vector(m_known)) {
-            ringlayout::Mailbox& mailbox = device->ring.Mailbox();
-            EXPECT_EQ(mailbox.head, std::atomic_ref(mailbox.tail).load())
-                << "the real one would wait for ever";
+            const ringlayout::Mailbox& mailbox = device->ring.Mailbox();
+            EXPECT_EQ(mailbox.head, mailbox.tail) << "the real one would wait for ever";
             Drop(device);
         }
         onClose();
@@ -151,6 +151,7 @@ struct FakeLibtcmuApi : LibtcmuApi {
 
     static FakeDevice& Of(LibDevice* dev) { return *reinterpret_cast<FakeDevice*>(dev); }
     void Push(const Event& event) {
+        ++asked;
         EXPECT_EQ(write(m_master.ends[0], &event, sizeof event), ssize_t{sizeof event});
     }
     void Add(FakeDevice* device) {

@@ -14,12 +14,14 @@ struct NullHandler : DeviceHandler {
     MoStatistics::Counters Counters() override { return {}; }
 };
 
-/// Counters by name, without those that are zero.
-using Counts = std::map<std::string, uint64_t>;
-inline Counts Counted(const MoStatistics::Counters& counters) {
-    Counts counted(counters.begin(), counters.end());
-    std::erase_if(counted, [](const auto& counter) { return counter.second == 0; });
-    return counted;
+/// ", NAME VALUE" of each counter that isn't zero, by name.
+inline std::string Counted(MoStatistics::Counters counters) {
+    std::sort(counters.begin(), counters.end());
+    std::string text;
+    for (const auto& [name, value] : counters)
+        if (value != 0)
+            text += ", " + name + " " + std::to_string(value);
+    return text;
 }
 
 /// Ring, gate and the plug-in's handler of one LUN, over the model of the kernel. Thread: one.

@@ -129,8 +129,7 @@ struct KernelRing {
         const uint32_t tail = std::atomic_ref(Mailbox().tail).load(std::memory_order_acquire);
         while (m_cleaned != tail && !testing::Test::HasFailure()) {
             ringlayout::Response response{};
-            std::memcpy(&response, Ring() + m_cleaned,
-                        std::min<size_t>(sizeof(response), Mailbox().ringSize - m_cleaned));
+            std::memcpy(&response, Ring() + m_cleaned, sizeof(response));
             const ringlayout::Header& header = response.header;
             const uint32_t operation = header.lengthAndOperation & ringlayout::kOperationMask;
             if (operation == ringlayout::kCommand) {
