@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -97,6 +98,26 @@ struct MoScsiSrvLun {
     uint64_t hostQword3;
 };
 typedef MoScsiSrvLun MoScsiSrvLun_t;
+
+// As hosts were built with them, on a 64-bit machine. The sizes are of fields that have room behind
+// them, which an offset doesn't tell.
+static_assert(offsetof(MoScsiSrvTarget, targetName) == 0 &&
+              offsetof(MoScsiSrvHost, initiatorName) == 0);
+static_assert(offsetof(MoScsiSrvLun, serialNum) == 0);
+static_assert(offsetof(MoScsiSrvLun, lunNum) == 32 && sizeof(MoScsiSrvLun::lunNum) == 4);
+static_assert(offsetof(MoScsiSrvLun, targetName) == 40);
+static_assert(offsetof(MoScsiSrvLun, path) == 72);
+static_assert(offsetof(MoScsiSrvLun, bstorType) == 104 && sizeof(MoScsiSrvLun::bstorType) == 4);
+static_assert(offsetof(MoScsiSrvLun, size) == 112);
+static_assert(offsetof(MoScsiSrvLun, hostWord) == 120 && sizeof(MoScsiSrvLun::hostWord) == 4);
+static_assert(offsetof(MoScsiSrvLun, hostQword1) == 128 && sizeof(MoScsiSrvLun::hostQword1) == 8);
+static_assert(offsetof(MoScsiSrvLun, hostString) == 136);
+static_assert(offsetof(MoScsiSrvLun, bstoreCtx) == 168);
+static_assert(offsetof(MoScsiSrvLun, bstoreOps) == 176);
+static_assert(offsetof(MoScsiSrvLun, hostQword2) == 184);
+static_assert(offsetof(MoScsiSrvLun, hostFlag) == 192 && sizeof(MoScsiSrvLun::hostFlag) == 1);
+static_assert(offsetof(MoScsiSrvLun, hostQword3) == 200 && sizeof(MoScsiSrvLun::hostQword3) == 8);
+static_assert(sizeof(MoScsiSrvLun) == 208);
 
 /// The host's supplier of VPD pages: LUN, page code, output buffer, its length in bytes.
 typedef CRyError (*MoScsiSrvGetVPDCb_t)(MoScsiSrvLun* lun, uint32_t page, char* buffer,
