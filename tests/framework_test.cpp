@@ -6,7 +6,6 @@
 #include <fstream>
 
 #include "adapters/framework/CRyError.h"
-#include "adapters/framework/FXString.h"
 #include "adapters/framework/GetGUID.h"
 #include "adapters/framework/MOPI_Base.h"
 #include "adapters/framework/MOPlatformInfo.h"
@@ -23,12 +22,6 @@ TEST(CRyErrorTest, NumberZeroIsAnErrorToo) {
         EXPECT_EQ(error.Code(), static_cast<int32_t>(0x80000000U | static_cast<uint32_t>(number)));
         EXPECT_EQ(error.Number(), number);
     }
-}
-
-TEST(FXStringTest, AFormatMayReadItsOwnOutput) {
-    std::string text(10000, 'x');
-    FXString::Format(text, "%s-%s", text.c_str(), "y");
-    EXPECT_EQ(text, std::string(10000, 'x') + "-y");
 }
 
 TEST(HashTest, AgreesWithPublishedVectorsInAnyPieces) {

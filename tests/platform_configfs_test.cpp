@@ -65,13 +65,15 @@ TEST_F(PlatformConfigFSTest, CreateRunsItsStepsOnceAndDeleteTakesTheTreeAway) {
     EXPECT_EQ(Registry().size(), 0U);
 }
 
-TEST_F(PlatformConfigFSTest, FailedStepIsUndoneAsFarAsTheUndoGets) {
+TEST_F(PlatformConfigFSTest, FailedStepOfACreateIsUndoneAsFarAsTheUndoGets) {
+    for (int number = 0; number < 3; ++number)  // so that 3 is the one that the create chooses
+        std::filesystem::create_directories(LunDir(number));
     for (size_t step = 1; step <= create.size(); ++step) {
         const std::string failing = create[step - 1].substr(2);
         SCOPED_TRACE(failing);
-        lun.serialNum = "Ser";
+        lun = Lun(BSTOR_USER, 0xFFFFFFFF);
         journal.Reset(-1);
-        g_os.fail[OsSeams::kSystem] = {static_cast<int>(step), 0};
+        g_os.fail[OsSeams::kSystem] = {static_cast<int>(step), step % 2 == 0 ? SIGKILL : 1 << 8};
         const CRyError error = Platform().CreateLun(&lun);
         ExpectError(error, 774, "cmd: " + failing + " failed");
         Strings expected{"+cfg"};
@@ -90,6 +92,23 @@ TEST_F(PlatformConfigFSTest, FailedStepIsUndoneAsFarAsTheUndoGets) {
         EXPECT_FALSE(std::filesystem::exists(lunDir));
         EXPECT_EQ(Registry().size(), 0U);
         std::filesystem::remove_all(hba);
+    }
+}
+
+TEST_F(PlatformConfigFSTest, FailedStepOfADeleteIsItsErrorAndTheLunStaysKnown) {
+    for (int step = 1; step <= 4; ++step) {
+        ASSERT_FALSE(Platform().CreateLun(&lun).IsError());
+        journal.Reset(-1);
+        g_os.fail[OsSeams::kSystem] = {step, 1 << 8};
+        const CRyError error = Platform().DeleteLun(&lun);
+        ExpectError(error, 774, "cmd: " + remove[step - 1].substr(2) + " failed");
+        Strings expected{"+map", "-map", "+cfg"};
+        Append(expected, {remove.begin(), remove.begin() + step});
+        Append(expected, {"[-1] " + error.Message(),
+                          "[-1] DeleteLun_BStorUser_ConfigF error iqn.Ab 3\n", "-cfg"});
+        EXPECT_EQ(journal.Events(), expected);
+        std::filesystem::remove_all(hba);
+        std::filesystem::remove_all(lunDir);
     }
 }
 

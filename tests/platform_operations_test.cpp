@@ -1,9 +1,7 @@
 // Every operation that targetcli carries out: its commands in order, the lock around them, what it
-// confirms, and what a step that fails leads to.
+// confirms, how a command's output is judged, and what a step that fails leads to.
 
 #include <sys/stat.h>
-
-#include <thread>
 
 #include "tests/support/PlatformFixture.h"
 
@@ -39,11 +37,11 @@ struct PlatformOperationsTest : MoScsiSrvLIOTest {
     MoScsiSrvLun lun = Lun(BSTOR_FILE);
 
     PlatformOperationsTest() {
-        // Whatever the path, it is what the kind of LUN wants.
+        // What a create finds is what the kind of LUN wants. What a delete would find has died.
         g_os.onStat = [this](const std::string& path, mode_t& mode) {
             EXPECT_EQ(path, "/Path");
             mode = (lun.bstorType == BSTOR_FILE ? S_IFREG : S_IFBLK) | 0644;
-            return 0;
+            return lun.lunNum == 3 ? 0 : EIO;
         };
     }
 
@@ -82,17 +80,18 @@ struct PlatformOperationsTest : MoScsiSrvLIOTest {
         for (const auto& [type, directory, source, extra] : kinds) {
             const bool user = type == BSTOR_USER;
             const std::string backstore = "/backstores/" + directory;
-            Strings after = user ? Strings{"-cfg", "+map", "-map"} : Strings{"-cfg"};
-            after.push_back("[0] Target iqn.Ab Lun 3 SerialNum Ser-" + guid +
-                            " Path /Path BStorType " + std::to_string(type));
-            // The record of the delete is the one that the create left.
+            const auto after = [&, type = type](const std::string& numberAndSerial) {
+                Strings events = user ? Strings{"-cfg", "+map", "-map"} : Strings{"-cfg"};
+                events.push_back("[0] Target iqn.Ab Lun " + numberAndSerial +
+                                 " Path /Path BStorType " + std::to_string(type));
+                return events;
+            };
             const auto create = [this, type = type] {
                 lun = Lun(type);
                 return Platform().CreateLun(&lun);
             };
-            const auto remove = [this, type = type, guid] {
-                lun = Lun(type);
-                lun.serialNum = "Ser-" + guid;
+            const auto remove = [this, type = type] {  // nothing is wrong with any number
+                lun = Lun(type, 70000);
                 Registry()[CfgString(lun)];
                 return Platform().DeleteLun(&lun);
             };
@@ -102,13 +101,13 @@ struct PlatformOperationsTest : MoScsiSrvLIOTest {
                  {{"targetcli " + backstore + " create " + source + " name=" + name + extra +
                    " wwn=Ser-" + guid},
                   {target + "luns create storage_object=" + backstore + "/" + name + " lun=3"}},
-                 after});
+                 after("3 SerialNum Ser-" + guid)});
             all.push_back(
                 {"DeleteLun(MoScsiSrvLun_t*)",
                  remove,
-                 {{target + "luns delete lun=3", {"Invalid LUN"}},
+                 {{target + "luns delete lun=70000", {"Invalid LUN"}},
                   {"targetcli " + backstore + " delete name=" + name, {"No storage object named"}}},
-                 after,
+                 after("70000 SerialNum Ser"),
                  user ? Strings{"+map", "-map", "+cfg"} : Strings{"+cfg"}});
         }
         return all;
@@ -171,22 +170,24 @@ TEST_F(PlatformOperationsTest, GoesOnWhereItIsDoneAlreadyAndStopsWhereAStepFails
     }
 }
 
-TEST_F(PlatformOperationsTest, TwoThreadsNeverMixTheirCommands) {
-    std::vector<std::jthread> threads;
-    for (const char* name : {"iqn.a", "iqn.b"}) {
-        threads.emplace_back([this, name] {
-            MoScsiSrvHost mine{name};
-            for (int i = 0; i < 5; ++i)
-                EXPECT_FALSE(Platform().MapHost(&lun, &mine).IsError());
-        });
-    }
-    threads.clear();  // waits
-    const Strings calls = Lines("calls");
-    ASSERT_EQ(calls.size(), 40U);
-    for (size_t i = 0; i < calls.size(); i += 4) {
-        const std::string name = calls[i].substr(calls[i].size() - 5);
-        EXPECT_EQ("end" + calls[i].substr(5), calls[i + 1]);
-        EXPECT_EQ("end" + calls[i + 2].substr(5), calls[i + 3]);
-        EXPECT_THAT(calls[i + 2], HasSubstr("acls/" + name + " create"));
+TEST_F(PlatformOperationsTest, FirstLineOfStandardErrorIsJudgedAndNothingElse) {
+    const Operation create = Operations().front();
+    const Step& step = create.steps[0];
+    const std::string longText(4089, 'a');
+    // Standard output and error, and what the message shows of an error.
+    const std::tuple<std::string, std::string, std::string> cases[] = {
+        {"an error\\n", "", ""},  // and a bad status
+        {"", "no line feed", "no line feed"},
+        {"", "\\nexists\\n", "\n"},
+        {"", longText + "existsmore\\n", ""},  // at the end of the line's limit, and beyond
+        {"", longText + "bexists\\n", longText + "bexist"},
+        {"", "", ""}};  // nothing of a long answer is left for the next command
+    for (const auto& [out, err, seen] : cases) {
+        SCOPED_TRACE(err);
+        Answer(step.Arguments(), err, out);
+        if (seen.empty())
+            Check(create);
+        else
+            Check(create, &step, "cmd " + Updating(step.command) + " failed. err " + seen, true);
     }
 }

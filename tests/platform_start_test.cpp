@@ -21,7 +21,7 @@ struct PlatformStartTest : MoScsiSrvLIOTest {
 
     PlatformStartTest() {
         SetFacts("/base");
-        Script("exit 0");
+        Script("echo made /etc/target; echo such things come first >&2");
     }
     ~PlatformStartTest() override { MOPlatformInfo::setFacts({}); }
 
@@ -38,22 +38,40 @@ struct PlatformStartTest : MoScsiSrvLIOTest {
     }
 };
 
-TEST_F(PlatformStartTest, RunnerStartsWithItsArgumentsAndSaysWhenItFailed) {
+TEST_F(PlatformStartTest, RunnerGetsItsArgumentsAndTheInterruptWhateverFails) {
     sigset_t before;
     pthread_sigmask(SIG_SETMASK, nullptr, &before);
-    for (const char* base : {"/base", static_cast<const char*>(nullptr)}) {
-        SetFacts(base);
-        runner.result = base != nullptr ? 0 : 1;
+    const std::string command = script + " -stop";
+    for (const bool fails : {false, true}) {
+        SetFacts(fails ? nullptr : "/base");
+        Script(fails ? "exit 5" : "exit 0");
+        runner = {.result = fails ? 1 : 0, .waitForInterrupt = true};
         journal.Reset(1);
         MakePlatform();
-        const std::string option = std::string("--handler-path=") + (base != nullptr ? base : "");
+        EXPECT_FALSE(Platform().Cleanup().IsError());
+        JoinRunner(Platform());
+        EXPECT_TRUE(runner.interrupted);
+        const std::string option = std::string("--handler-path=") + (fails ? "" : "/base");
         EXPECT_THAT(runner.arguments, ElementsAre("tcmu_runner_main", option));
-        const Strings failed = {"couldn't get MOPI_BASEHOME", "tcmu not initialized " + option};
-        EXPECT_EQ(Errors(), base != nullptr ? Strings() : failed);
-        EXPECT_THAT(journal.Texts(1), Contains("starting tcmu_runner main " + option));
+        Strings events = journal.Events();
+        EXPECT_THAT(events, Contains("[1] starting tcmu_runner main " + option));
+        events.erase(events.begin(), std::ranges::find(events, "[1] Excecuting " + command));
+        std::erase_if(events, [](const std::string& event) {  // of the runner's thread
+            return event.ends_with("MOPI_BASEHOME") || event.find("tcmu") != event.npos;
+        });
+        Strings expected{"[1] Excecuting " + command, "signal 2", "[1] leave"};
+        Strings errors;
+        if (fails) {
+            errors = {"cmd " + command + " failed", "couldn't get MOPI_BASEHOME",
+                      "tcmu not initialized " + option};
+            expected.insert(expected.begin() + 1, "[-1] " + errors[0]);
+        }
+        EXPECT_EQ(events, expected);
+        EXPECT_THAT(Errors(), UnorderedElementsAreArray(errors));
         EXPECT_EQ(std::ranges::count(journal.Functions(), "void* TcmuRunerThread(void*)"),
-                  base != nullptr ? 1 : 3);
+                  fails ? 3 : 1);
     }
+    EXPECT_THAT(Lines("ran"), ElementsAre("-stop", "-stop"));
     sigset_t after;
     pthread_sigmask(SIG_SETMASK, nullptr, &after);
     EXPECT_EQ(sigismember(&after, SIGINT), sigismember(&before, SIGINT));
@@ -85,7 +103,7 @@ TEST_F(PlatformStartTest, FactoryMakesOnePlatformWithOneRunnerUnderItsLock) {
 
 TEST_F(PlatformStartTest, InitializeRunsTheScriptAndAcceptsVersionsByTheirText) {
     const auto initialize = [&](const std::string& message, const Strings& events) {
-        Version() = "";
+        Version() = "known";
         journal.Reset(1);
         const CRyError error = Platform().Initialize();
         EXPECT_EQ(error.Message(), message);
@@ -94,6 +112,7 @@ TEST_F(PlatformStartTest, InitializeRunsTheScriptAndAcceptsVersionsByTheirText) 
         Append(expected, events);
         expected.emplace_back("[1] leave");
         EXPECT_EQ(journal.Events(), expected);
+        EXPECT_TRUE(message.empty() || Version() == "known");
     };
     // The third word of targetcli's answer, whether on standard error, whether accepted.
     const std::tuple<std::string, bool, bool> rows[] = {
@@ -107,7 +126,7 @@ TEST_F(PlatformStartTest, InitializeRunsTheScriptAndAcceptsVersionsByTheirText) 
         if (!accepted)
             events.push_back("[-1] targetcli version " + version);
         initialize(accepted ? "" : "upgrade to targetcli version 2.1.fb41 or higher", events);
-        EXPECT_EQ(Version(), accepted ? version : "");
+        EXPECT_EQ(Version(), accepted ? version : "known");
     }
     Script("exit 3");
     const std::string start = "cmd " + script + " -start failed";
@@ -115,38 +134,22 @@ TEST_F(PlatformStartTest, InitializeRunsTheScriptAndAcceptsVersionsByTheirText) 
     EXPECT_EQ(Lines("calls").size(), 2 * std::size(rows));
 
     Script("exit 0");
-    setenv("PATH", kFakeTargetCli, 1);  // no cut: the pipeline fails
+    setenv("PATH", FAKE_TARGETCLI_PATH, 1);  // no cut: the pipeline fails
     const std::string ask = "cmd targetcli --version 2>&1  | cut -d' ' -f3 failed";
     initialize(ask, {"[-1] " + ask + ", install targetcli package"});
     EXPECT_EQ(Lines("ran"), Strings(std::size(rows) + 2, "-start"));
 }
 
-TEST_F(PlatformStartTest, CleanupInterruptsTheRunnerEvenWhenTheScriptFails) {
-    const std::string command = script + " -stop";
-    for (const bool fails : {false, true}) {
-        runner = {.waitForInterrupt = true};
-        Script(fails ? "exit 5" : "exit 0");
-        MakePlatform();
-        journal.Reset(1);
-        EXPECT_FALSE(Platform().Cleanup().IsError());
-        JoinRunner(Platform());
-        EXPECT_TRUE(runner.interrupted);
-        Strings expected{"[1] enter", "[1] Excecuting " + command};
-        if (fails)
-            expected.push_back("[-1] cmd " + command + " failed");
-        Append(expected, {"signal 2", "[1] leave"});
-        Strings events = journal.Events();  // the runner's thread logs beside us
-        std::erase_if(events, [](const std::string& e) { return e.starts_with("[1] starting"); });
-        EXPECT_EQ(events, expected);
-    }
-    EXPECT_THAT(Lines("ran"), ElementsAre("-stop", "-stop"));
-}
-
-TEST_F(PlatformStartTest, SlotsOfThePlatformStandInOrderAndTrace) {
+TEST_F(PlatformStartTest, SlotsOfThePlatformStandInOrderSucceedAndTrace) {
     tcmu_device library;
     MoScsiSrvTcmuDev device(&library);
     MoScsiSrvIO* const ioctx = MoIoctxMgr::Instance()->Ioctx_Alloc(1, &device);
-    MoScsiSrvLun lun = Lun(0);
+    MoScsiSrvLun lun = Lun(BSTOR_FILE);
+    g_os.onStat = [](const std::string&, mode_t& mode) {
+        mode = S_IFREG;
+        return 0;
+    };
+    Answer("--version", "targetcli version 3.0\\n");
     const std::string ours = "virtual CRyError MoScsiSrvLIO::";
     // A slot's operation, what it is given, and the first event, from there.
     const std::tuple<std::string, void*, const char*> slots[] = {
@@ -165,11 +168,37 @@ TEST_F(PlatformStartTest, SlotsOfThePlatformStandInOrderAndTrace) {
     int number = 0;
     for (const auto& [signature, argument, event] : slots) {
         journal.Reset(6, false);
-        Slot<CRyError(void*, void*, void*)>(platform, ++number)(platform, argument, &initiator);
+        const CRyError result =
+            Slot<CRyError(void*, void*, void*)>(platform, ++number)(platform, argument, &initiator);
+        EXPECT_EQ(result.Message(), "");
         EXPECT_EQ(journal.Functions().at(0), signature);
         EXPECT_THAT(journal.Events().at(0), StartsWith(event));
     }
     MoIoctxMgr::Instance()->Ioctx_Free(ioctx);
+}
+
+TEST_F(PlatformStartTest, WhatElseIsTracedIsTracedOnceAtItsLevel) {
+    tcmu_device library;
+    g_os.onStat = [](const std::string&, mode_t&) { return EACCES; };
+    journal.Reset(6, false);
+    MakePlatform();
+    GetMOScsiPlatformObj();
+    // Of level 6: the runner's thread, the instance for the factory and the device, and seven of
+    // the device and the registry; of each LUN two operations twice, with their commands.
+    EXPECT_EQ(MoScsiSrvTcmuDev(&library).TcmuDevOpen(), 0);
+    for (const char* version : {kNew, kOld}) {
+        Version() = version;
+        for (const uint32_t type : {BSTOR_FILE, BSTOR_BLKDEV, BSTOR_USER}) {
+            MoScsiSrvLun lun = Lun(type, 0xFFFFFFFF);
+            EXPECT_TRUE(Platform().CreateLun(&lun).IsError());
+            Registry()[CfgString(lun)];
+            Platform().DeleteLun(&lun);
+        }
+    }
+    const Strings events = journal.Events();
+    EXPECT_EQ(std::ranges::count(events, "[1] enter"), 3);  // the platforms and the factory
+    EXPECT_EQ(std::ranges::count(events, "[6] enter"), 10 + 4 * 6 + 9 + 6)
+        << PrintToString(journal.Functions());
 }
 
 TEST_F(PlatformStartTest, SlotsOfTheHostsInterfacesStandInOrder) {

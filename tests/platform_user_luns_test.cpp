@@ -1,7 +1,5 @@
 // User LUNs: the registry in which LUN and device meet, and deletes that wait for the device.
 
-#include <thread>
-
 #include "tests/support/TcmuDevFixture.h"
 
 struct PlatformUserLunsTest : MoScsiSrvTcmuDevTest {
@@ -87,24 +85,4 @@ TEST_F(PlatformUserLunsTest, DeleteSucceedsWhenAnotherOneHasTakenTheLunAwayMeanw
     EXPECT_FALSE(Platform().DeleteLun(&lun).IsError());
     EXPECT_EQ(Registry().size(), 0U);
     EXPECT_THAT(journal.Texts(1), ElementsAre(waiting));
-}
-
-TEST_F(PlatformUserLunsTest, DeletesOfOneLunNeverDisturbAnotherLunsDevices) {
-    lib.cfgString = "MoScsiSrvTcmu/other";
-    journal.Reset(-1, false);
-    std::thread devices([&] {
-        for (int i = 0; i < 200; ++i) {
-            MoScsiSrvTcmuDev dev(&lib);
-            EXPECT_EQ(dev.TcmuDevOpen(), 0);
-            std::pair<MoScsiBStorOps*, void*> out;
-            EXPECT_FALSE(Platform().GetBStoreInfo(lib.cfgString, out));
-        }
-    });
-    for (int i = 0; i < 5; ++i) {
-        EXPECT_FALSE(Platform().CreateLun(&lun).IsError());
-        EXPECT_FALSE(Platform().DeleteLun(&lun).IsError());
-    }
-    devices.join();
-    EXPECT_TRUE(Registry().contains(lib.cfgString));
-    EXPECT_EQ(Registry().size(), 1U);
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <array>
 #include <atomic>
 #include <cstdarg>
@@ -84,9 +86,9 @@ struct CapturingLogWriter : CLogWriterInterface {
     }
 
     __attribute__((format(printf, 7, 8))) void WriteMessage(int level, const char* function,
-                                                            int /*line*/, int /*reserved1*/,
-                                                            int /*reserved2*/, const char* format,
-                                                            ...) override {
+                                                            int line, int reserved1, int reserved2,
+                                                            const char* format, ...) override {
+        EXPECT_TRUE(line > 0 && reserved1 == 0 && reserved2 == 0) << function << ':' << line;
         char text[8192];
         va_list args;
         va_start(args, format);

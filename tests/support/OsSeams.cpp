@@ -7,8 +7,6 @@
 #include "adapters/runner/tcmu_runner.h"
 #include "tests/support/PlatformFixture.h"
 
-const char* const kFakeTargetCli = FAKE_TARGETCLI_PATH;
-
 static bool Fails(OsSeams::Call call) {
     auto& plan = g_os.fail[call];
     if (plan.nth == 0 || --plan.nth != 0)
@@ -71,7 +69,7 @@ int __real_system(const char* command);
 int __wrap_system(const char* command) {
     Note(std::string("$ ") + command);
     if (Fails(OsSeams::kSystem))
-        return 1 << 8;
+        return errno;
     if (g_os.beforeSystem)
         g_os.beforeSystem(command);
     return __real_system(command);
@@ -79,12 +77,18 @@ int __wrap_system(const char* command) {
 
 int __wrap_nanosleep(const timespec* time, timespec* /*rest*/) {
     Note("sleep " + std::to_string(time->tv_sec) + "." + std::to_string(time->tv_nsec));
-    if (!g_os.onSleep) {
-        std::fputs("a sleep that no test expects\n", stderr);
-        std::abort();
-    }
     g_os.onSleep();
     return 0;
+}
+
+// The constructor of a trace, by its linker's name: the writer is passed by its address.
+using MakeTrace = void(void* trace, void* writer, int kind, const char* function, int line,
+                       int level, int reserved, unsigned mask, const char* text);
+MakeTrace MO_REAL_TRACE;
+void MO_WRAP_TRACE(void* trace, void* writer, int kind, const char* function, int line, int level,
+                   int reserved, unsigned mask, const char* text) {
+    EXPECT_TRUE(kind == 2 && line > 0 && reserved == 0 && mask == 0xFFFFFFFF && text == nullptr);
+    MO_REAL_TRACE(trace, writer, kind, function, line, level, reserved, mask, text);
 }
 
 decltype(pthread_create) __real_pthread_create;

@@ -22,8 +22,8 @@ using namespace testing;  // matchers
 struct OsSeams {
     enum Call { kPopen, kClose, kSystem, kThreadCreate, kCalls };
 
-    /// Lets the `nth` call from now on fail with `error`. A close that fails has closed all the
-    /// same.
+    /// Lets the `nth` call from now on fail with `error`, of kSystem with this status. A close that
+    /// fails has closed all the same.
     struct {
         int nth = 0;
         int error = 0;
@@ -32,12 +32,10 @@ struct OsSeams {
     /// Answers stat64: below 0 asks the real one, 0 finds something of type `mode`, else an errno.
     std::function<int(const std::string& path, mode_t& mode)> onStat;
     std::function<void(const std::string& command)> beforeSystem;
-    /// Instead of sleeping. A sleep without it ends the program.
+    /// Instead of sleeping, which throws without it.
     std::function<void()> onSleep;
 };
 inline OsSeams g_os;
-
-extern const char* const kFakeTargetCli;  ///< the directory of the fake targetcli
 
 /// Stands in for the TCMU runner's main loop, which also checks what is the same for every run.
 struct FakeRunner {
@@ -82,7 +80,7 @@ struct HeldTransfers : MoScsiBStorOps {
 /// A platform of its own for each test, with a fake targetcli first on PATH, a temporary directory
 /// for configfs and for the service script, and a journal at level 5 (traces left out) that watches
 /// both of the platform's mutexes as "cfg" and "map". At its end every file
-/// that was opened must be closed, and the configuration free.
+/// that was opened must be closed.
 struct MoScsiSrvLIOTest : Test {
     using Strings = std::vector<std::string>;
     static constexpr const char* kNew = "2.1.fb43";  ///< the oldest version of the newer forms
@@ -98,7 +96,7 @@ struct MoScsiSrvLIOTest : Test {
         static const std::string real = ConfigFSRoot();  // as it is before the first test
         EXPECT_EQ(real, "/sys/kernel/config/target/");
         static const std::string path = getenv("PATH");
-        setenv("PATH", (kFakeTargetCli + (":" + path)).c_str(), 1);
+        setenv("PATH", (FAKE_TARGETCLI_PATH ":" + path).c_str(), 1);
         setenv("FAKE_TARGETCLI", dir.c_str(), 1);
         ConfigFSRoot() = dir + "/";
         MakePlatform();
@@ -110,13 +108,6 @@ struct MoScsiSrvLIOTest : Test {
         g_os = {};
         for (const char* name : CapturingLogWriter::kWatched)
             journal.Watch(name, nullptr);
-        // Another thread tries: a thread must not try to lock what it holds.
-        EXPECT_TRUE(std::async(std::launch::async, [this] {
-                        if (!ConfigurationMutex().try_lock())
-                            return false;
-                        ConfigurationMutex().unlock();
-                        return true;
-                    }).get());
         JoinRunner(Platform());
         SetInstance(nullptr);
     }
@@ -199,15 +190,6 @@ struct MoScsiSrvLIOTest : Test {
     static Mutex& InstanceMutex() { return MoScsiSrvLIO::g_InstanceMutex; }
     /// Null: the next Instance() makes one.
     static void SetInstance(MoScsiSrvLIO* platform) { MoScsiSrvLIO::g_LioPlatform = platform; }
-    CRyError Update(const std::string& command, Strings tolerated) {
-        MutexGuard guard(ConfigurationMutex());
-        return Platform().TargetCliUpdateObject(command, std::move(tolerated));
-    }
-    CRyError Read(const std::string& command, std::string& out) {
-        MutexGuard guard(ConfigurationMutex());
-        return Platform().TargetCliReadObject(command, out);
-    }
-    CRyError System(const std::string& command) { return Platform().System(command); }
     std::string Name(const MoScsiSrvLun& lun) { return Platform().StorageObjectName(&lun); }
     std::string CfgString(MoScsiSrvLun lun) { return Platform().GetCfgString(&lun, true); }
     auto& Registry() { return Platform().m_tcmuDevMap; }

@@ -87,21 +87,20 @@ struct MoScsiSrvTcmuDevTest : MoScsiSrvLIOTest {
     static std::string Counters(const MoScsiSrvTcmuDev& dev, bool opcodes = false) {
         static const char* const after[] = {"notReady", "notHandled", "illegal",     "iosDone",
                                             "failed",   "unknown",    "mediumErrors"};
-        const MoScsiSrvTcmuDev::Stats& stats = dev.GetStats();
+        const MoScsiSrvTcmuDev::Stats& s = dev.GetStats();
+        std::vector<std::pair<std::string, uint64_t>> all = {{"opens", s.opens},
+                                                             {"openErrors", s.openErrors},
+                                                             {"closes", s.closes},
+                                                             {"closeErrors", s.closeErrors},
+                                                             {"aborted", s.abortedAtClose},
+                                                             {"waits", s.waitsAtClose}};
+        for (size_t i = opcodes ? 0 : s.kOpcodes; i < s.kCount; ++i)
+            all.emplace_back(i < s.kOpcodes ? std::to_string(i) : after[i - s.kOpcodes],
+                             s.commands[i]);
         std::string text;
-        const auto add = [&text](const std::string& name, uint64_t value) {
+        for (const auto& [name, value] : all)
             if (value != 0)
                 text += name + ":" + std::to_string(value) + " ";
-        };
-        add("opens", stats.opens);
-        add("openErrors", stats.openErrors);
-        add("closes", stats.closes);
-        add("closeErrors", stats.closeErrors);
-        add("aborted", stats.abortedAtClose);
-        add("waits", stats.waitsAtClose);
-        for (size_t i = opcodes ? 0 : stats.kOpcodes; i < stats.commands.size(); ++i)
-            add(i < stats.kOpcodes ? std::to_string(i) : after[i - stats.kOpcodes],
-                stats.commands[i]);
         return text;
     }
 
