@@ -9,7 +9,7 @@
 #include <memory>
 #include <thread>
 
-#include "adapters/framework/SmallFile.h"
+#include "framework/SmallFile.h"
 
 namespace moscsi::host {
 namespace {

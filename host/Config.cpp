@@ -9,7 +9,7 @@
 #include <cstring>
 #include <sstream>
 
-#include "adapters/framework/SmallFile.h"
+#include "framework/SmallFile.h"
 #include "host/FaultPlanReader.h"
 #include "host/TableReader.h"
 

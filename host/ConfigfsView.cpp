@@ -7,7 +7,7 @@
 #include <charconv>
 #include <sstream>
 
-#include "adapters/framework/SmallFile.h"
+#include "framework/SmallFile.h"
 #include "host/Storage.h"
 
 namespace moscsi::host {

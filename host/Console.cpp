@@ -7,7 +7,7 @@
 #include <condition_variable>
 #include <thread>
 
-#include "util/Mutex.h"
+#include "framework/Mutex.h"
 
 namespace moscsi::host {
 namespace {

@@ -3,7 +3,7 @@
 #include <functional>
 #include <string>
 
-#include "adapters/framework/CRyError.h"
+#include "framework/CRyError.h"
 
 /// What `moscsi-host` prints: one line a step on standard output, at once, and what went wrong on
 /// standard error.

@@ -9,11 +9,11 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "adapters/framework/EnvironmentVariable.h"
-#include "adapters/framework/FindTargetcli.h"
-#include "adapters/framework/MOPlatformInfo.h"
-#include "adapters/framework/MoProcess.h"
-#include "adapters/framework/UniqueFd.h"
+#include "framework/EnvironmentVariable.h"
+#include "framework/FindTargetcli.h"
+#include "framework/MOPlatformInfo.h"
+#include "framework/MoProcess.h"
+#include "framework/UniqueFd.h"
 #include "util/Platform_Util.h"
 
 namespace moscsi::host {

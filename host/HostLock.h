@@ -3,7 +3,7 @@
 #include <filesystem>
 #include <string>
 
-#include "adapters/framework/UniqueFd.h"
+#include "framework/UniqueFd.h"
 
 namespace moscsi::host {
 

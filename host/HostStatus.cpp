@@ -5,7 +5,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "adapters/framework/MoStatistics.h"
+#include "framework/MoStatistics.h"
 #include "host/Identity.h"
 
 namespace moscsi::host {

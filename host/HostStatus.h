@@ -5,8 +5,8 @@
 #include <nlohmann/json_fwd.hpp>
 #include <string>
 
+#include "framework/Mutex.h"
 #include "host/Plan.h"
-#include "util/Mutex.h"
 
 namespace moscsi::host {
 

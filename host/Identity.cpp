@@ -5,7 +5,7 @@
 #include <array>
 #include <cctype>
 
-#include "adapters/framework/GetGUID.h"
+#include "framework/GetGUID.h"
 #include "util/Platform_Util.h"
 
 namespace moscsi::host {

@@ -7,7 +7,7 @@
 #include <csignal>
 #include <nlohmann/json.hpp>
 
-#include "adapters/framework/LogWriters.h"
+#include "framework/LogWriters.h"
 #include "host/BusWait.h"
 #include "host/EarlierCommands.h"
 #include "host/HostLock.h"

@@ -5,7 +5,7 @@
 #include <string>
 #include <thread>
 
-#include "adapters/framework/UniqueFd.h"
+#include "framework/UniqueFd.h"
 
 /// The local socket over which a running host tells its status: whoever connects is sent one JSON
 /// text, and the connection ends.

@@ -7,7 +7,7 @@
 #include <functional>
 #include <thread>
 
-#include "util/Mutex.h"
+#include "framework/Mutex.h"
 
 /// SIGINT, SIGTERM and SIGHUP, and the time that is left once one has come.
 namespace moscsi::host {

@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <sstream>
 
-#include "adapters/framework/SmallFile.h"
+#include "framework/SmallFile.h"
 
 namespace moscsi::host {
 namespace {

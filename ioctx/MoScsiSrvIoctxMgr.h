@@ -7,8 +7,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "framework/Mutex.h"
 #include "ioctx/MoScsiSrvIO.h"
-#include "util/Mutex.h"
 #include "util/NodePool.h"
 
 /// The memory behind the manager's list and maps. A base, so that it is made before the members

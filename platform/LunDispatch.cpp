@@ -1,6 +1,6 @@
 // CreateLun and DeleteLun: which kind of backstore does the work, and the storage objects' names.
 
-#include "adapters/framework/GetGUID.h"
+#include "framework/GetGUID.h"
 #include "platform/ErrorCodes.h"
 #include "platform/MoScsiSrvLIO.h"
 #include "util/Log.h"

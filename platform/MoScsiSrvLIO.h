@@ -7,8 +7,8 @@
 #include <utility>
 #include <vector>
 
+#include "framework/Mutex.h"
 #include "platform/MoScsiSrvPlatform.h"
-#include "util/Mutex.h"
 
 class MoIoctxMgr;
 class MoScsiSrvTcmuDev;

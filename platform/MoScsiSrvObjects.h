@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string>
 
-#include "adapters/framework/CRyError.h"
+#include "framework/CRyError.h"
 #include "ioctx/MoScsiSrvIO.h"
 
 /// The records that the host passes. They are shared field for field with the host: order and

@@ -2,7 +2,7 @@
 
 #include <cerrno>
 
-#include "adapters/framework/Export.h"
+#include "framework/Export.h"
 #include "ioctx/MoScsiSrvIoctxMgr.h"
 #include "platform/MoScsiSrvLIO.h"
 #include "platform/RunnerThread.h"

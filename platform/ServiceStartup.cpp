@@ -2,8 +2,8 @@
 
 #include <csignal>
 
-#include "adapters/framework/MOPI_Base.h"
-#include "adapters/framework/MoProcess.h"
+#include "framework/MOPI_Base.h"
+#include "framework/MoProcess.h"
 #include "platform/ErrorCodes.h"
 #include "platform/MoScsiSrvLIO.h"
 #include "util/Log.h"

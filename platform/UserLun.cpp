@@ -4,7 +4,7 @@
 #include <chrono>
 #include <thread>
 
-#include "adapters/framework/GetGUID.h"
+#include "framework/GetGUID.h"
 #include "platform/ErrorCodes.h"
 #include "platform/MoScsiSrvLIO.h"
 #include "platform/TargetCliLun.h"

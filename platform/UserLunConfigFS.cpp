@@ -6,7 +6,7 @@
 #include <array>
 #include <cerrno>
 
-#include "adapters/framework/MocHash.h"
+#include "framework/MocHash.h"
 #include "platform/ErrorCodes.h"
 #include "platform/MoScsiSrvLIO.h"
 #include "platform/TargetCliLun.h"

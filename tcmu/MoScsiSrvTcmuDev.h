@@ -8,9 +8,9 @@
 #include <utility>
 
 #include "adapters/libtcmu/libtcmu.h"
+#include "framework/Mutex.h"
 #include "ioctx/MoScsiSrvIO.h"
 #include "platform/MoScsiSrvObjects.h"
-#include "util/Mutex.h"
 #include "util/NodePool.h"
 
 class MoIoctxMgr;

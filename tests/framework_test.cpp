@@ -5,12 +5,12 @@
 
 #include <fstream>
 
-#include "adapters/framework/CRyError.h"
-#include "adapters/framework/GetGUID.h"
-#include "adapters/framework/MOPI_Base.h"
-#include "adapters/framework/MOPlatformInfo.h"
-#include "adapters/framework/MoProcess.h"
-#include "adapters/framework/MocHash.h"
+#include "framework/CRyError.h"
+#include "framework/GetGUID.h"
+#include "framework/MOPI_Base.h"
+#include "framework/MOPlatformInfo.h"
+#include "framework/MoProcess.h"
+#include "framework/MocHash.h"
 #include "tests/support/TempDirectory.h"
 #include "util/Platform_Util.h"
 

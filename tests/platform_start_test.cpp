@@ -3,7 +3,7 @@
 
 #include <sys/stat.h>
 
-#include "adapters/framework/MOPlatformInfo.h"
+#include "framework/MOPlatformInfo.h"
 #include "tests/support/TcmuDevFixture.h"
 
 namespace {

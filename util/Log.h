@@ -2,9 +2,9 @@
 
 #include <memory>
 
-#include "adapters/framework/CLogWriterInterface.h"
-#include "adapters/framework/CRyError.h"
-#include "adapters/framework/MODebugFunction.h"
+#include "framework/CLogWriterInterface.h"
+#include "framework/CRyError.h"
+#include "framework/MODebugFunction.h"
 
 /// The levels at which the plug-in logs. A message is written when the writer's level is at least
 /// its own.

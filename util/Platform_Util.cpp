@@ -1,9 +1,9 @@
 #include "util/Platform_Util.h"
 
-#include "adapters/framework/FXString.h"
-#include "adapters/framework/GetGUID.h"
-#include "adapters/framework/MOClient.h"
-#include "adapters/framework/MOPlatformInfo.h"
+#include "framework/FXString.h"
+#include "framework/GetGUID.h"
+#include "framework/MOClient.h"
+#include "framework/MOPlatformInfo.h"
 
 int Platform_Util::GetScsiServicePort() {
     MOClient client(MOPlatformInfo::getPhysicalMachine(), false, 0);

@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <vector>
 
-#include "util/Mutex.h"
+#include "framework/Mutex.h"
 
 /// Flat buffers for transfers whose pieces are too many for the handler: bounded in number and in
 /// bytes, one pool a device, so that a LUN whose host holds its contexts can't starve another.

@@ -9,7 +9,7 @@
 #include <exception>
 #include <tuple>
 
-#include "adapters/framework/SmallFile.h"
+#include "framework/SmallFile.h"
 #include "util/Log.h"
 
 DbusService::DbusService() = default;

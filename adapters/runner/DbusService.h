@@ -5,7 +5,7 @@
 #include <thread>
 #include <vector>
 
-#include "adapters/framework/UniqueFd.h"
+#include "framework/UniqueFd.h"
 
 namespace sdbus {
 class IConnection;

@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <memory>
 
-#include "adapters/framework/MoStatistics.h"
+#include "framework/MoStatistics.h"
 
 struct tcmu_device;
 struct tcmulib_cmd;

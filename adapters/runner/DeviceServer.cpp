@@ -4,7 +4,7 @@
 
 #include <sstream>
 
-#include "adapters/framework/SmallFile.h"
+#include "framework/SmallFile.h"
 #include "util/Log.h"
 
 namespace {

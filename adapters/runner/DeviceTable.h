@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "adapters/runner/DeviceServer.h"
-#include "util/Mutex.h"
+#include "framework/Mutex.h"
 
 /// The devices that are served now; what libtcmu's callbacks work on.
 ///

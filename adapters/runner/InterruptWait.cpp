@@ -9,7 +9,7 @@
 #include <ctime>
 #include <string_view>
 
-#include "adapters/framework/SmallFile.h"
+#include "framework/SmallFile.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 
 #include <chrono>
 
-#include "adapters/framework/UniqueFd.h"
+#include "framework/UniqueFd.h"
 
 /// Waits for a SIGINT that is sent to the calling thread (pthread_kill), and never takes one that
 /// is sent to the process: that one is the host's.

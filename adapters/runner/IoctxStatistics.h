@@ -2,7 +2,7 @@
 
 #include <memory>
 
-#include "adapters/framework/MoStatistics.h"
+#include "framework/MoStatistics.h"
 
 /// Lets the process see the I/O context manager's counters, as "ioctx manager".
 std::unique_ptr<MoStatistics::Registration> RegisterIoctxStatistics();

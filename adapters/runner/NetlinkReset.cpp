@@ -3,7 +3,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "adapters/framework/SmallFile.h"
+#include "framework/SmallFile.h"
 #include "util/Log.h"
 
 NetlinkReset::NetlinkReset(std::filesystem::path parameters)

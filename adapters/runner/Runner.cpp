@@ -13,8 +13,8 @@
 #include "adapters/runner/MasterThread.h"
 #include "adapters/runner/NetlinkReset.h"
 #include "adapters/runner/StopSequence.h"
+#include "framework/Mutex.h"
 #include "util/Log.h"
-#include "util/Mutex.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <future>
 #include <thread>
 
-#include "adapters/framework/UniqueFd.h"
+#include "framework/UniqueFd.h"
 
 /// A thread that sleeps in poll and can be told to end: one descriptor of its own becomes readable.
 ///

@@ -6,8 +6,8 @@
 #include <set>
 #include <thread>
 
-#include "adapters/framework/SmallFile.h"
 #include "adapters/libtcmu/LibtcmuApi.h"
+#include "framework/SmallFile.h"
 #include "util/Log.h"
 
 namespace {

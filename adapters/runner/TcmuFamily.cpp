@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "adapters/framework/UniqueFd.h"
+#include "framework/UniqueFd.h"
 
 namespace {
 

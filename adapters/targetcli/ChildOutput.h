@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "adapters/framework/UniqueFd.h"
+#include "framework/UniqueFd.h"
 
 /// One output stream of a child: a pipe whose content is relayed to a descriptor of the wrapper's
 /// while it comes, or kept for a later look. Memory is bounded either way: a relayed stream is read

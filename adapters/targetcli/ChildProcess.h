@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "adapters/framework/UniqueFd.h"
+#include "framework/UniqueFd.h"
 
 struct Command {
     std::string program;                 ///< path

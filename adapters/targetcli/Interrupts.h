@@ -1,6 +1,6 @@
 #pragma once
 
-#include "adapters/framework/UniqueFd.h"
+#include "framework/UniqueFd.h"
 
 /// The signals that ask the wrapper to end (SIGINT, SIGTERM, SIGHUP), taken from a descriptor, so
 /// that the child can be ended first. One that the caller had blocked or ignored stays so: a host

@@ -13,8 +13,8 @@
 #include <utility>
 #include <vector>
 
-#include "adapters/framework/UniqueFd.h"
 #include "adapters/targetcli/Proc.h"
+#include "framework/UniqueFd.h"
 
 namespace {
 

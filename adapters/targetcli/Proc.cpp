@@ -9,7 +9,7 @@
 #include <sstream>
 #include <vector>
 
-#include "adapters/framework/SmallFile.h"
+#include "framework/SmallFile.h"
 
 namespace {
 

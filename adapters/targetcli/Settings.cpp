@@ -2,7 +2,7 @@
 
 #include <charconv>
 
-#include "adapters/framework/EnvironmentVariable.h"
+#include "framework/EnvironmentVariable.h"
 
 namespace {
 

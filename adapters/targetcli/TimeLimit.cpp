@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <sstream>
 
-#include "adapters/framework/SmallFile.h"
+#include "framework/SmallFile.h"
 
 std::chrono::seconds TimeLimit::Limit() const {
     std::istringstream text(ReadSmallFile(m_limitFile).value_or(""));

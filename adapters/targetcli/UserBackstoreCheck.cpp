@@ -5,7 +5,7 @@
 #include <charconv>
 #include <string_view>
 
-#include "adapters/framework/SmallFile.h"
+#include "framework/SmallFile.h"
 
 namespace {
 

@@ -7,12 +7,12 @@
 #include <climits>
 #include <exception>
 
-#include "adapters/framework/FindTargetcli.h"
 #include "adapters/targetcli/Preferences.h"
 #include "adapters/targetcli/Settings.h"
 #include "adapters/targetcli/SupervisedRun.h"
 #include "adapters/targetcli/UserBackstoreCheck.h"
 #include "adapters/targetcli/Version.h"
+#include "framework/FindTargetcli.h"
 
 namespace {
 

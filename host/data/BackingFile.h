@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string>
 
-#include "adapters/framework/UniqueFd.h"
+#include "framework/UniqueFd.h"
 
 namespace moscsi::data {
 

@@ -3,8 +3,8 @@
 #include <random>
 #include <vector>
 
+#include "framework/Mutex.h"
 #include "host/data/FaultPlan.h"
-#include "util/Mutex.h"
 
 namespace moscsi::data {
 

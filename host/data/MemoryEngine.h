@@ -4,7 +4,7 @@
 #include <string>
 #include <utility>
 
-#include "adapters/framework/UniqueFd.h"
+#include "framework/UniqueFd.h"
 #include "host/data/DataEngine.h"
 
 namespace moscsi::data {

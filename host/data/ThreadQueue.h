@@ -5,8 +5,8 @@
 #include <thread>
 #include <vector>
 
+#include "framework/Mutex.h"
 #include "host/data/FileQueue.h"
-#include "util/Mutex.h"
 
 namespace moscsi::data {
 

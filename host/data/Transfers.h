@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
+#include "framework/Mutex.h"
 #include "host/data/LunStatistics.h"
 #include "platform/MoScsiSrvPlatform.h"
-#include "util/Mutex.h"
 
 namespace moscsi::data {
 

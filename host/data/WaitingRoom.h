@@ -6,8 +6,8 @@
 #include <thread>
 #include <vector>
 
+#include "framework/Mutex.h"
 #include "host/data/DataEngine.h"
-#include "util/Mutex.h"
 
 namespace moscsi::data {
 

@@ -15,7 +15,7 @@
 #include <map>
 #include <sstream>
 
-#include "adapters/framework/LogWriters.h"
+#include "framework/LogWriters.h"
 #include "host/Plugin.h"
 #include "host/StopSignals.h"
 #include "host/data/LunData.h"

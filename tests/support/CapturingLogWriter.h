@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "adapters/framework/CLogWriterInterface.h"
-#include "util/Mutex.h"
+#include "framework/CLogWriterInterface.h"
+#include "framework/Mutex.h"
 
 /// As printf's "%p".
 inline std::string PointerText(const void* p) {

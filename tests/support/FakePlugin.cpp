@@ -11,8 +11,8 @@
 #include <map>
 #include <thread>
 
-#include "adapters/framework/MoStatistics.h"
 #include "adapters/runner/DbusService.h"
+#include "framework/MoStatistics.h"
 #include "host/Identity.h"
 #include "tests/support/FakeConfigfs.h"
 #include "tests/support/NullPlatform.h"

@@ -10,10 +10,10 @@
 #include <stdexcept>
 #include <vector>
 
+#include "framework/Mutex.h"
 #include "host/data/LunData.h"
 #include "tests/support/NullPlatform.h"
 #include "tests/support/TempDirectory.h"
-#include "util/Mutex.h"
 
 using namespace moscsi::data;
 using namespace testing;  // matchers

@@ -6,7 +6,7 @@
 #include <fstream>
 #include <future>
 
-#include "adapters/framework/GetGUID.h"
+#include "framework/GetGUID.h"
 #include "platform/MoScsiSrvLIO.h"
 #include "tests/support/CapturingLogWriter.h"
 #include "tests/support/TempDirectory.h"

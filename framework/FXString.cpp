@@ -1,4 +1,4 @@
-#include "adapters/framework/FXString.h"
+#include "framework/FXString.h"
 
 #include <cstdio>
 

@@ -2,7 +2,7 @@
 
 #include <memory>
 
-#include "adapters/framework/CLogWriterInterface.h"
+#include "framework/CLogWriterInterface.h"
 
 /// Ready-made log writers. Each writes one line a message (a trailing line feed of the format is
 /// not doubled, embedded ones become blanks), in one system call, so that lines of different

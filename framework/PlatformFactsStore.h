@@ -2,7 +2,7 @@
 
 #include <memory>
 
-#include "adapters/framework/MOPlatformInfo.h"
+#include "framework/MOPlatformInfo.h"
 
 /// The facts in force now; never null. The snapshot stays as it is when they are set anew.
 /// Thread: any.

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "adapters/framework/Export.h"
+#include "framework/Export.h"
 
 /// Runs shell commands for host and plug-in.
 class MO_EXPORT MoProcess {

@@ -4,7 +4,7 @@
 #include <map>
 #include <string>
 
-#include "adapters/framework/Export.h"
+#include "framework/Export.h"
 
 /// The facts of this installation, as the platform file holds them or a host sets them.
 struct PlatformFacts {

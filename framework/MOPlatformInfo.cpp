@@ -1,13 +1,13 @@
-#include "adapters/framework/MOPlatformInfo.h"
+#include "framework/MOPlatformInfo.h"
 
 #include <unistd.h>
 
 #include <array>
 #include <toml.hpp>
 
-#include "adapters/framework/CLogWriterInterface.h"
-#include "adapters/framework/PlatformFactsStore.h"
-#include "util/Mutex.h"
+#include "framework/CLogWriterInterface.h"
+#include "framework/Mutex.h"
+#include "framework/PlatformFactsStore.h"
 
 namespace {
 

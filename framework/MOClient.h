@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string>
 
-#include "adapters/framework/Export.h"
+#include "framework/Export.h"
 
 /// A machine as a client of the server.
 class MO_EXPORT MOClient {

@@ -1,4 +1,4 @@
-#include "adapters/framework/MocHash.h"
+#include "framework/MocHash.h"
 
 #include <openssl/evp.h>
 #include <zlib.h>

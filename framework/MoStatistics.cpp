@@ -1,8 +1,8 @@
-#include "adapters/framework/MoStatistics.h"
+#include "framework/MoStatistics.h"
 
 #include <map>
 
-#include "util/Mutex.h"
+#include "framework/Mutex.h"
 
 namespace {
 

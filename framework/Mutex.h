@@ -2,7 +2,7 @@
 
 #include <mutex>
 
-#include "util/ThreadAnnotations.h"
+#include "framework/ThreadAnnotations.h"
 
 /// std::mutex with the annotations that libstdc++'s lacks. Not recursive.
 ///

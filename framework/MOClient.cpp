@@ -1,6 +1,6 @@
-#include "adapters/framework/MOClient.h"
+#include "framework/MOClient.h"
 
-#include "adapters/framework/PlatformFactsStore.h"
+#include "framework/PlatformFactsStore.h"
 
 MOClient::MOClient(const char* machine, bool /*reservedFlag*/, int /*reserved*/)
     : m_machine(machine) {}

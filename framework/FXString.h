@@ -3,7 +3,7 @@
 #include <cstdarg>
 #include <string>
 
-#include "adapters/framework/Export.h"
+#include "framework/Export.h"
 
 /// printf-style formatting into a std::string of any length.
 class MO_EXPORT FXString {

@@ -4,7 +4,7 @@
 #include <memory>
 #include <string>
 
-#include "adapters/framework/Export.h"
+#include "framework/Export.h"
 
 /// Where in the source an error was made. Holds copies, so it may outlive the caller's strings.
 class MO_EXPORT FXCodeLocation {

@@ -1,4 +1,4 @@
-#include "adapters/framework/LogWriters.h"
+#include "framework/LogWriters.h"
 
 #include <syslog.h>
 #include <unistd.h>
@@ -6,7 +6,7 @@
 #include <cstdarg>
 #include <string>
 
-#include "adapters/framework/FXString.h"
+#include "framework/FXString.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "adapters/framework/MODebugFunction.h"
+#include "framework/MODebugFunction.h"
 
 #include <utility>
 

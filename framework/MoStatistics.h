@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "adapters/framework/Export.h"
+#include "framework/Export.h"
 
 /// The process's counters, for whoever shows them: the plug-in's layers register sources, the host
 /// reads them all. The plug-in exports one symbol only, so this meeting point is the framework's.

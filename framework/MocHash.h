@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "adapters/framework/Export.h"
+#include "framework/Export.h"
 
 /// A running hash. One object serves one thread at a time.
 class MO_EXPORT MocHash {

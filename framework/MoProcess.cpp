@@ -1,4 +1,4 @@
-#include "adapters/framework/MoProcess.h"
+#include "framework/MoProcess.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -10,7 +10,7 @@
 #include <cerrno>
 #include <csignal>
 
-#include "adapters/framework/UniqueFd.h"
+#include "framework/UniqueFd.h"
 
 namespace {
 

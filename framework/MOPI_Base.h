@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "adapters/framework/Export.h"
+#include "framework/Export.h"
 
 /// Directories of this installation.
 class MO_EXPORT MOPI_Base {

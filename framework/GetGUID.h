@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string>
 
-#include "adapters/framework/Export.h"
+#include "framework/Export.h"
 
 /// Writes the identifier of `length` bytes at `bytes` into `out`: 32 lower-case hexadecimal digits,
 /// the same for the same bytes in every process. Lower case, because names travel through command

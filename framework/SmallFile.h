@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "adapters/framework/UniqueFd.h"
+#include "framework/UniqueFd.h"
 
 /// Files of a few lines: /proc, sysfs, configfs, and those that our programs leave each other.
 /// Header only, for programs that link nothing of the framework. Thread: any.

@@ -1,8 +1,8 @@
-#include "adapters/framework/GetGUID.h"
+#include "framework/GetGUID.h"
 
 #include <array>
 
-#include "adapters/framework/MocHash.h"
+#include "framework/MocHash.h"
 
 bool GetGUID(const void* bytes, uint32_t length, std::string& out) {
     std::array<unsigned char, 16> digest{};

@@ -3,7 +3,7 @@
 #include <memory>
 #include <string>
 
-#include "adapters/framework/CLogWriterInterface.h"
+#include "framework/CLogWriterInterface.h"
 
 /// A function's trace: writes a line when made and one when destroyed, at the trace's level.
 class MO_EXPORT MODebugFunction {

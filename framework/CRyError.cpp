@@ -1,8 +1,8 @@
-#include "adapters/framework/CRyError.h"
+#include "framework/CRyError.h"
 
 #include <cstdarg>
 
-#include "adapters/framework/FXString.h"
+#include "framework/FXString.h"
 
 struct CRyErrorDetail {
     int32_t number;

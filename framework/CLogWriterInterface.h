@@ -2,7 +2,7 @@
 
 #include <memory>
 
-#include "adapters/framework/Export.h"
+#include "framework/Export.h"
 
 /// The host's log writer. The plug-in calls two slots, by position: the sixth writes, the ninth
 /// tells the level. The order of the slots is part of the binary contract; the others are the
