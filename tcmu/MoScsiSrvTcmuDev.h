@@ -7,9 +7,9 @@
 #include <unordered_map>
 #include <utility>
 
-#include "adapters/libtcmu/libtcmu.h"
 #include "framework/Mutex.h"
 #include "ioctx/MoScsiSrvIO.h"
+#include "libtcmu/libtcmu.h"
 #include "platform/MoScsiSrvObjects.h"
 #include "util/NodePool.h"
 

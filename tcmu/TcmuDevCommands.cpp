@@ -1,13 +1,13 @@
 // SCSI commands: how each is handled, and the data path of READ and WRITE. Which are handled stands
-// in adapters/libtcmu/Opcodes.h.
+// in libtcmu/Opcodes.h.
 
 #include <algorithm>
 #include <climits>
 #include <new>
 
-#include "adapters/libtcmu/Opcodes.h"
-#include "adapters/libtcmu/Sense.h"
 #include "ioctx/MoScsiSrvIoctxMgr.h"
+#include "libtcmu/Opcodes.h"
+#include "libtcmu/Sense.h"
 #include "platform/MoScsiSrvLIO.h"
 #include "tcmu/MoScsiSrvTcmuDev.h"
 #include "util/Log.h"

@@ -1,7 +1,7 @@
 // The end of a READ or WRITE: from the host's IODone to the kernel.
 
-#include "adapters/libtcmu/Sense.h"
 #include "ioctx/MoScsiSrvIoctxMgr.h"
+#include "libtcmu/Sense.h"
 #include "tcmu/MoScsiSrvTcmuDev.h"
 #include "util/Log.h"
 

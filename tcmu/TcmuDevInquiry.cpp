@@ -5,7 +5,7 @@
 #include <memory>
 #include <new>
 
-#include "adapters/libtcmu/Sense.h"
+#include "libtcmu/Sense.h"
 #include "tcmu/MoScsiSrvTcmuDev.h"
 #include "util/Log.h"
 

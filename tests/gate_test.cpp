@@ -1,7 +1,7 @@
 // The gate's rules, where the random commands of tests/fuzz/gate_fuzz.cpp don't come: large LUNs, a
 // host that holds or isn't there, how buffers are reshaped, limits.
 
-#include "adapters/libtcmu/Cdb.h"
+#include "libtcmu/Cdb.h"
 #include "tests/support/CapturingLogWriter.h"
 #include "tests/support/GateRig.h"
 

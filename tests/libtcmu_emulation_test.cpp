@@ -1,7 +1,7 @@
 // What the emulation answers through the ring, to the byte, in buffers of any cut and length. Any
 // other CDB comes from tests/fuzz/gate_fuzz.cpp.
 
-#include "adapters/libtcmu/Cdb.h"
+#include "libtcmu/Cdb.h"
 #include "tests/support/GateRig.h"
 
 Bytes Text(std::string_view text) {

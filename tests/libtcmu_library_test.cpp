@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "adapters/libtcmu/LibtcmuApi.h"
+#include "libtcmu/LibtcmuApi.h"
 
 /// The library's record of a handler.
 struct Handler {

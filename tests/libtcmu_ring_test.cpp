@@ -2,8 +2,8 @@
 #include <functional>
 #include <random>
 
-#include "adapters/libtcmu/Cdb.h"
-#include "adapters/libtcmu/CommandRing.h"
+#include "libtcmu/Cdb.h"
+#include "libtcmu/CommandRing.h"
 #include "tests/support/KernelRing.h"
 
 using namespace ringlayout;

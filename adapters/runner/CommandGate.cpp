@@ -4,11 +4,11 @@
 #include <chrono>
 #include <limits>
 
-#include "adapters/libtcmu/Device.h"
-#include "adapters/libtcmu/Iovec.h"
-#include "adapters/libtcmu/Opcodes.h"
-#include "adapters/libtcmu/Sense.h"
 #include "adapters/runner/DeviceHandler.h"
+#include "libtcmu/Device.h"
+#include "libtcmu/Iovec.h"
+#include "libtcmu/Opcodes.h"
+#include "libtcmu/Sense.h"
 #include "util/Log.h"
 
 namespace {

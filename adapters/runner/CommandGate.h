@@ -9,10 +9,10 @@
 #include <optional>
 #include <vector>
 
-#include "adapters/libtcmu/libtcmu.h"
 #include "adapters/runner/BouncePool.h"
 #include "adapters/runner/DataCommand.h"
 #include "framework/MoStatistics.h"
+#include "libtcmu/libtcmu.h"
 
 class DeviceHandler;
 struct RingCommand;

@@ -2,8 +2,8 @@
 
 #include <cstring>
 
-#include "adapters/libtcmu/Cdb.h"
-#include "adapters/libtcmu/libtcmu.h"
+#include "libtcmu/Cdb.h"
+#include "libtcmu/libtcmu.h"
 
 namespace {
 

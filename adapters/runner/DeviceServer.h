@@ -4,11 +4,11 @@
 #include <memory>
 #include <string>
 
-#include "adapters/libtcmu/Device.h"
 #include "adapters/runner/CommandGate.h"
 #include "adapters/runner/RunnerEnvironment.h"
 #include "adapters/runner/ServiceThread.h"
 #include "framework/MoStatistics.h"
+#include "libtcmu/Device.h"
 
 /// Serves one TCMU device: its record, handler, gate, and the thread that takes commands from the
 /// ring.

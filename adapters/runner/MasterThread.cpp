@@ -3,7 +3,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 
-#include "adapters/libtcmu/LibtcmuApi.h"
+#include "libtcmu/LibtcmuApi.h"
 #include "util/Log.h"
 
 namespace {

@@ -6,14 +6,14 @@
 #include <string>
 #include <vector>
 
-#include "adapters/libtcmu/Device.h"
-#include "adapters/libtcmu/LibtcmuApi.h"
 #include "adapters/runner/DbusService.h"
 #include "adapters/runner/DeviceTable.h"
 #include "adapters/runner/MasterThread.h"
 #include "adapters/runner/NetlinkReset.h"
 #include "adapters/runner/StopSequence.h"
 #include "framework/Mutex.h"
+#include "libtcmu/Device.h"
+#include "libtcmu/LibtcmuApi.h"
 #include "util/Log.h"
 
 namespace {

@@ -6,8 +6,8 @@
 #include <set>
 #include <thread>
 
-#include "adapters/libtcmu/LibtcmuApi.h"
 #include "framework/SmallFile.h"
+#include "libtcmu/LibtcmuApi.h"
 #include "util/Log.h"
 
 namespace {

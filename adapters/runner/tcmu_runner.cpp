@@ -6,11 +6,11 @@
 #include <filesystem>
 #include <system_error>
 
-#include "adapters/libtcmu/LibtcmuApi.h"
 #include "adapters/runner/IoctxStatistics.h"
 #include "adapters/runner/Runner.h"
 #include "adapters/runner/TcmuFamily.h"
 #include "adapters/runner/ThreadSignals.h"
+#include "libtcmu/LibtcmuApi.h"
 #include "util/Log.h"
 
 namespace {

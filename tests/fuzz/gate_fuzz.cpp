@@ -3,8 +3,8 @@
 
 #include <random>
 
-#include "adapters/libtcmu/Cdb.h"
 #include "host/data/LunData.h"
+#include "libtcmu/Cdb.h"
 #include "tests/fuzz/Input.h"
 #include "tests/support/GateRig.h"
 

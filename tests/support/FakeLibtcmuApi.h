@@ -7,7 +7,7 @@
 #include <string>
 #include <thread>
 
-#include "adapters/libtcmu/Device.h"
+#include "libtcmu/Device.h"
 #include "tests/support/KernelRing.h"
 
 /// Bytes from hexadecimal digits, blanks allowed.

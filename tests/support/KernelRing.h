@@ -13,7 +13,7 @@
 #include <set>
 #include <vector>
 
-#include "adapters/libtcmu/RingLayout.h"
+#include "libtcmu/RingLayout.h"
 
 using Bytes = std::vector<uint8_t>;
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "adapters/libtcmu/libtcmu.h"
 #include "ioctx/MoScsiSrvIoctxMgr.h"
+#include "libtcmu/libtcmu.h"
 #include "tcmu/MoScsiSrvTcmuDev.h"
 #include "tests/support/PlatformFixture.h"
 

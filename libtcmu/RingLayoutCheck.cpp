@@ -6,7 +6,7 @@
 #include <linux/target_core_user.h>
 #undef tcmu_hdr_get_op
 
-#include "adapters/libtcmu/RingLayout.h"
+#include "libtcmu/RingLayout.h"
 
 namespace {
 

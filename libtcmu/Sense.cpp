@@ -1,8 +1,8 @@
-#include "adapters/libtcmu/Sense.h"
+#include "libtcmu/Sense.h"
 
 #include <cstring>
 
-#include "adapters/libtcmu/libtcmu.h"
+#include "libtcmu/libtcmu.h"
 
 int tcmu_set_sense_data(uint8_t* sense, uint8_t key, uint16_t ascAscq) {
     constexpr size_t kLength = 18;  // SPC-4, 4.5.3

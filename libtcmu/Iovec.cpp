@@ -1,4 +1,4 @@
-#include "adapters/libtcmu/Iovec.h"
+#include "libtcmu/Iovec.h"
 
 #include <algorithm>
 #include <cstring>

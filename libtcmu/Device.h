@@ -5,9 +5,9 @@
 #include <string>
 #include <string_view>
 
-#include "adapters/libtcmu/CommandRing.h"
-#include "adapters/libtcmu/LibtcmuApi.h"
-#include "adapters/libtcmu/libtcmu.h"
+#include "libtcmu/CommandRing.h"
+#include "libtcmu/LibtcmuApi.h"
+#include "libtcmu/libtcmu.h"
 
 /// The sub-type of our backstores in its canonical letter case.
 inline constexpr std::string_view kCanonicalSubType = "MoScsiSrvTcmu";

@@ -3,11 +3,11 @@
 #include <array>
 #include <cstring>
 
-#include "adapters/libtcmu/Answer.h"
-#include "adapters/libtcmu/Cdb.h"
-#include "adapters/libtcmu/Iovec.h"
-#include "adapters/libtcmu/Sense.h"
-#include "adapters/libtcmu/libtcmu.h"
+#include "libtcmu/Answer.h"
+#include "libtcmu/Cdb.h"
+#include "libtcmu/Iovec.h"
+#include "libtcmu/Sense.h"
+#include "libtcmu/libtcmu.h"
 
 namespace {
 

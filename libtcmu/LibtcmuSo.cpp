@@ -7,7 +7,7 @@
 #include <cstring>
 #include <utility>
 
-#include "adapters/libtcmu/LibtcmuApi.h"
+#include "libtcmu/LibtcmuApi.h"
 
 extern "C" {
 

@@ -10,10 +10,10 @@
 #include <optional>
 #include <vector>
 
-#include "adapters/libtcmu/Doorbell.h"
-#include "adapters/libtcmu/RingLayout.h"
-#include "adapters/libtcmu/libtcmu.h"
 #include "framework/Mutex.h"
+#include "libtcmu/Doorbell.h"
+#include "libtcmu/RingLayout.h"
+#include "libtcmu/libtcmu.h"
 
 /// One command, copied out of the ring when fetched: the kernel's slot may be overwritten by any
 /// other command's completion. Records belong to the ring, one for each number that the kernel has

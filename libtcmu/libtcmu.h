@@ -9,7 +9,7 @@
 /// newer names and no SCSI emulation; this layer has both, over a device record and a ring walk of
 /// its own (Device.h, CommandRing.h).
 
-/// A TCMU device. Opaque to the plug-in; see adapters/libtcmu/Device.h.
+/// A TCMU device. Opaque to the plug-in; see libtcmu/Device.h.
 struct tcmu_device;
 
 /// One SCSI command. The record belongs to the device's ring: it is valid from fetch until

@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "adapters/libtcmu/Opcodes.h"
+#include "libtcmu/Opcodes.h"
 
 /// Command descriptor blocks: lengths, and big-endian fields (SPC-4, 4.2; SBC-3, 5).
 

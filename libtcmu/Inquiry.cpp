@@ -1,13 +1,13 @@
-#include "adapters/libtcmu/Inquiry.h"
+#include "libtcmu/Inquiry.h"
 
 #include <algorithm>
 #include <array>
 #include <string_view>
 
-#include "adapters/libtcmu/Answer.h"
-#include "adapters/libtcmu/Cdb.h"
-#include "adapters/libtcmu/Sense.h"
-#include "adapters/libtcmu/libtcmu.h"
+#include "libtcmu/Answer.h"
+#include "libtcmu/Cdb.h"
+#include "libtcmu/Sense.h"
+#include "libtcmu/libtcmu.h"
 
 namespace {
 

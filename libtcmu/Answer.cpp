@@ -1,6 +1,6 @@
-#include "adapters/libtcmu/Answer.h"
+#include "libtcmu/Answer.h"
 
-#include "adapters/libtcmu/libtcmu.h"
+#include "libtcmu/libtcmu.h"
 
 int SendAnswer(const Answer& answer, size_t allocationLength, iovec* iov, size_t iovCnt) {
     const uint8_t* from = answer.Data();

@@ -1,6 +1,6 @@
-#include "adapters/libtcmu/Cdb.h"
+#include "libtcmu/Cdb.h"
 
-#include "adapters/libtcmu/libtcmu.h"
+#include "libtcmu/libtcmu.h"
 
 namespace {
 

@@ -1,10 +1,10 @@
-#include "adapters/libtcmu/CommandRing.h"
+#include "libtcmu/CommandRing.h"
 
 #include <algorithm>
 #include <cstring>
 
-#include "adapters/libtcmu/Cdb.h"
-#include "adapters/libtcmu/Sense.h"
+#include "libtcmu/Cdb.h"
+#include "libtcmu/Sense.h"
 
 using ringlayout::Header;
 using ringlayout::Mailbox;

@@ -1,10 +1,10 @@
 // TEST UNIT READY (SPC-4, 6.47), START STOP UNIT (SBC-3, 5.25), READ CAPACITY (SBC-3, 5.15, 5.16).
 #include <algorithm>
 
-#include "adapters/libtcmu/Answer.h"
-#include "adapters/libtcmu/Cdb.h"
-#include "adapters/libtcmu/Sense.h"
-#include "adapters/libtcmu/libtcmu.h"
+#include "libtcmu/Answer.h"
+#include "libtcmu/Cdb.h"
+#include "libtcmu/Sense.h"
+#include "libtcmu/libtcmu.h"
 
 int tcmu_emulate_test_unit_ready(uint8_t* /*cdb*/, iovec* /*iov*/, size_t /*iovCnt*/,
                                  uint8_t* /*sense*/) {

@@ -1,11 +1,11 @@
-#include "adapters/libtcmu/Device.h"
+#include "libtcmu/Device.h"
 
 #include <strings.h>
 
 #include <cerrno>
 #include <limits>
 
-#include "adapters/libtcmu/Inquiry.h"
+#include "libtcmu/Inquiry.h"
 
 std::string CanonicalCfgString(std::string_view cfgString) {
     const size_t n = kCanonicalSubType.size();

@@ -1,4 +1,4 @@
-#include "adapters/libtcmu/Doorbell.h"
+#include "libtcmu/Doorbell.h"
 
 #include <unistd.h>
 
