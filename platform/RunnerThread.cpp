@@ -5,8 +5,8 @@
 #include <cstring>
 #include <string>
 
-#include "adapters/runner/tcmu_runner.h"
 #include "framework/MOPlatformInfo.h"
+#include "runner/tcmu_runner.h"
 #include "util/Log.h"
 
 void* TcmuRunerThread(void* /*arg*/) {

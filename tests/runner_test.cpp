@@ -2,8 +2,8 @@
 
 #include <sys/resource.h>
 
-#include "adapters/runner/TcmuFamily.h"
 #include "framework/MoProcess.h"
+#include "runner/TcmuFamily.h"
 
 TEST_F(RunnerTest, ServesWhatWasThereAndWhatComesAndStopsInOrder) {
     TestHost host(device.cfgString);

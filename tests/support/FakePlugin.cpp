@@ -11,9 +11,9 @@
 #include <map>
 #include <thread>
 
-#include "adapters/runner/DbusService.h"
 #include "framework/MoStatistics.h"
 #include "host/Identity.h"
+#include "runner/DbusService.h"
 #include "tests/support/FakeConfigfs.h"
 #include "tests/support/NullPlatform.h"
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "adapters/runner/CommandGate.h"
-#include "adapters/runner/DeviceHandler.h"
+#include "runner/CommandGate.h"
+#include "runner/DeviceHandler.h"
 #include "tests/support/FakeLibtcmuApi.h"
 #include "tests/support/TestHost.h"
 

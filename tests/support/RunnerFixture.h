@@ -2,10 +2,10 @@
 
 #include <gmock/gmock.h>
 
-#include "adapters/runner/DbusService.h"
-#include "adapters/runner/Runner.h"
-#include "adapters/runner/ThreadSignals.h"
 #include "host/BusWait.h"
+#include "runner/DbusService.h"
+#include "runner/Runner.h"
+#include "runner/ThreadSignals.h"
 #include "tests/support/CapturingLogWriter.h"
 #include "tests/support/FakeConfigfs.h"
 #include "tests/support/GateRig.h"

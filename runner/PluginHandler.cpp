@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <string>
 
-#include "adapters/runner/DeviceHandler.h"
+#include "runner/DeviceHandler.h"
 #include "tcmu/MoScsiSrvTcmuDev.h"
 
 namespace {

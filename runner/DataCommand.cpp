@@ -1,4 +1,4 @@
-#include "adapters/runner/DataCommand.h"
+#include "runner/DataCommand.h"
 
 #include <cstring>
 

@@ -1,4 +1,4 @@
-#include "adapters/runner/Runner.h"
+#include "runner/Runner.h"
 
 #include <cstring>
 #include <exception>
@@ -6,14 +6,14 @@
 #include <string>
 #include <vector>
 
-#include "adapters/runner/DbusService.h"
-#include "adapters/runner/DeviceTable.h"
-#include "adapters/runner/MasterThread.h"
-#include "adapters/runner/NetlinkReset.h"
-#include "adapters/runner/StopSequence.h"
 #include "framework/Mutex.h"
 #include "libtcmu/Device.h"
 #include "libtcmu/LibtcmuApi.h"
+#include "runner/DbusService.h"
+#include "runner/DeviceTable.h"
+#include "runner/MasterThread.h"
+#include "runner/NetlinkReset.h"
+#include "runner/StopSequence.h"
 #include "util/Log.h"
 
 namespace {

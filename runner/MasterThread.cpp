@@ -1,4 +1,4 @@
-#include "adapters/runner/MasterThread.h"
+#include "runner/MasterThread.h"
 
 #include <poll.h>
 #include <sys/socket.h>

@@ -1,4 +1,4 @@
-#include "adapters/runner/IoctxStatistics.h"
+#include "runner/IoctxStatistics.h"
 
 #include "ioctx/MoScsiSrvIoctxMgr.h"
 

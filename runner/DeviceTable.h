@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "adapters/runner/DeviceServer.h"
 #include "framework/Mutex.h"
+#include "runner/DeviceServer.h"
 
 /// The devices that are served now; what libtcmu's callbacks work on.
 ///

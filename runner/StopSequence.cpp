@@ -1,4 +1,4 @@
-#include "adapters/runner/StopSequence.h"
+#include "runner/StopSequence.h"
 
 #include <poll.h>
 

@@ -9,10 +9,10 @@
 #include <optional>
 #include <vector>
 
-#include "adapters/runner/BouncePool.h"
-#include "adapters/runner/DataCommand.h"
 #include "framework/MoStatistics.h"
 #include "libtcmu/libtcmu.h"
+#include "runner/BouncePool.h"
+#include "runner/DataCommand.h"
 
 class DeviceHandler;
 struct RingCommand;

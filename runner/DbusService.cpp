@@ -1,4 +1,4 @@
-#include "adapters/runner/DbusService.h"
+#include "runner/DbusService.h"
 
 #include <poll.h>
 #include <pthread.h>

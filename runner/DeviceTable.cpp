@@ -1,4 +1,4 @@
-#include "adapters/runner/DeviceTable.h"
+#include "runner/DeviceTable.h"
 
 #include <cerrno>
 #include <exception>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "adapters/runner/ServiceThread.h"
+#include "runner/ServiceThread.h"
 
 class LibtcmuApi;
 

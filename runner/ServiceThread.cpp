@@ -1,4 +1,4 @@
-#include "adapters/runner/ServiceThread.h"
+#include "runner/ServiceThread.h"
 
 #include <pthread.h>
 #include <sys/eventfd.h>

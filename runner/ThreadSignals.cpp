@@ -1,4 +1,4 @@
-#include "adapters/runner/ThreadSignals.h"
+#include "runner/ThreadSignals.h"
 
 #include <initializer_list>
 

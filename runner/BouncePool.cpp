@@ -1,4 +1,4 @@
-#include "adapters/runner/BouncePool.h"
+#include "runner/BouncePool.h"
 
 #include <algorithm>
 #include <cstdlib>

@@ -1,4 +1,4 @@
-#include "adapters/runner/InterruptWait.h"
+#include "runner/InterruptWait.h"
 
 #include <poll.h>
 #include <sys/signalfd.h>

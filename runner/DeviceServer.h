@@ -4,11 +4,11 @@
 #include <memory>
 #include <string>
 
-#include "adapters/runner/CommandGate.h"
-#include "adapters/runner/RunnerEnvironment.h"
-#include "adapters/runner/ServiceThread.h"
 #include "framework/MoStatistics.h"
 #include "libtcmu/Device.h"
+#include "runner/CommandGate.h"
+#include "runner/RunnerEnvironment.h"
+#include "runner/ServiceThread.h"
 
 /// Serves one TCMU device: its record, handler, gate, and the thread that takes commands from the
 /// ring.

@@ -1,4 +1,4 @@
-#include "adapters/runner/TcmuFamily.h"
+#include "runner/TcmuFamily.h"
 
 #include <linux/genetlink.h>
 #include <linux/netlink.h>

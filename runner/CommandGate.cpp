@@ -1,14 +1,14 @@
-#include "adapters/runner/CommandGate.h"
+#include "runner/CommandGate.h"
 
 #include <algorithm>
 #include <chrono>
 #include <limits>
 
-#include "adapters/runner/DeviceHandler.h"
 #include "libtcmu/Device.h"
 #include "libtcmu/Iovec.h"
 #include "libtcmu/Opcodes.h"
 #include "libtcmu/Sense.h"
+#include "runner/DeviceHandler.h"
 #include "util/Log.h"
 
 namespace {

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "adapters/runner/DeviceTable.h"
-#include "adapters/runner/MasterThread.h"
-#include "adapters/runner/RunnerEnvironment.h"
+#include "runner/DeviceTable.h"
+#include "runner/MasterThread.h"
+#include "runner/RunnerEnvironment.h"
 
 /// The orderly end: each device is blocked (the kernel keeps its new commands), drained, its thread
 /// ended and its handler closed, and at last libtcmu's context closed. The kernel keeps the devices

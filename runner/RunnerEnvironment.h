@@ -5,7 +5,7 @@
 #include <functional>
 #include <memory>
 
-#include "adapters/runner/DeviceHandler.h"
+#include "runner/DeviceHandler.h"
 
 class LibtcmuApi;
 

@@ -1,4 +1,4 @@
-#include "adapters/runner/tcmu_runner.h"
+#include "runner/tcmu_runner.h"
 
 #include <pthread.h>
 
@@ -6,11 +6,11 @@
 #include <filesystem>
 #include <system_error>
 
-#include "adapters/runner/IoctxStatistics.h"
-#include "adapters/runner/Runner.h"
-#include "adapters/runner/TcmuFamily.h"
-#include "adapters/runner/ThreadSignals.h"
 #include "libtcmu/LibtcmuApi.h"
+#include "runner/IoctxStatistics.h"
+#include "runner/Runner.h"
+#include "runner/TcmuFamily.h"
+#include "runner/ThreadSignals.h"
 #include "util/Log.h"
 
 namespace {

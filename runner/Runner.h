@@ -1,7 +1,7 @@
 #pragma once
 
-#include "adapters/runner/InterruptWait.h"
-#include "adapters/runner/RunnerEnvironment.h"
+#include "runner/InterruptWait.h"
+#include "runner/RunnerEnvironment.h"
 
 /// Runs the TCMU runner until the interrupt: takes the D-Bus name, waits for the kernel's TCM-USER,
 /// frees what waits in the kernel for a process that died, opens libtcmu's context and serves its

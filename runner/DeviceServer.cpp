@@ -1,4 +1,4 @@
-#include "adapters/runner/DeviceServer.h"
+#include "runner/DeviceServer.h"
 
 #include <poll.h>
 

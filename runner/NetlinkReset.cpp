@@ -1,4 +1,4 @@
-#include "adapters/runner/NetlinkReset.h"
+#include "runner/NetlinkReset.h"
 
 #include <cerrno>
 #include <cstring>
