@@ -7,9 +7,9 @@
 #include <fstream>
 #include <sstream>
 
-#include "adapters/targetcli/UserBackstoreCheck.h"
-#include "adapters/targetcli/Version.h"
 #include "tests/fuzz/Input.h"
+#include "tools/targetcli/UserBackstoreCheck.h"
+#include "tools/targetcli/Version.h"
 
 namespace fs = std::filesystem;
 

@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "adapters/targetcli/Interrupts.h"
+#include "tools/targetcli/Interrupts.h"
 
 constexpr int kStatusNotFound = 127;
 constexpr int kStatusUsage = 2;

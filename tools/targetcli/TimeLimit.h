@@ -3,7 +3,7 @@
 #include <chrono>
 #include <filesystem>
 
-#include "adapters/targetcli/Settings.h"
+#include "tools/targetcli/Settings.h"
 
 /// How long one run of the wrapper may take: counted from the wrapper's start, over everything that
 /// it runs. The host can shorten it for wrappers that are running already (when it stops): a number

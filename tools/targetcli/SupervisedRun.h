@@ -4,10 +4,10 @@
 
 #include <string>
 
-#include "adapters/targetcli/ChildOutput.h"
-#include "adapters/targetcli/ChildProcess.h"
-#include "adapters/targetcli/Interrupts.h"
-#include "adapters/targetcli/TimeLimit.h"
+#include "tools/targetcli/ChildOutput.h"
+#include "tools/targetcli/ChildProcess.h"
+#include "tools/targetcli/Interrupts.h"
+#include "tools/targetcli/TimeLimit.h"
 
 /// Runs one program to its end and passes on what it prints, within the wrapper's limits. A program
 /// that waits for targetcli's lock is told from one that works, and one that can't be ended because

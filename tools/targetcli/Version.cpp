@@ -1,4 +1,4 @@
-#include "adapters/targetcli/Version.h"
+#include "tools/targetcli/Version.h"
 
 #include <array>
 #include <charconv>

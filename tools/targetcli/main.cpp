@@ -2,8 +2,8 @@
 
 #include <csignal>
 
-#include "adapters/targetcli/Interrupts.h"
-#include "adapters/targetcli/Wrapper.h"
+#include "tools/targetcli/Interrupts.h"
+#include "tools/targetcli/Wrapper.h"
 
 int main(int argc, char** argv) {
     // A pipe must never be given the number of a standard stream that the caller closed.

@@ -1,4 +1,4 @@
-#include "adapters/targetcli/Wrapper.h"
+#include "tools/targetcli/Wrapper.h"
 
 #include <poll.h>
 #include <unistd.h>
@@ -7,12 +7,12 @@
 #include <climits>
 #include <exception>
 
-#include "adapters/targetcli/Preferences.h"
-#include "adapters/targetcli/Settings.h"
-#include "adapters/targetcli/SupervisedRun.h"
-#include "adapters/targetcli/UserBackstoreCheck.h"
-#include "adapters/targetcli/Version.h"
 #include "framework/FindTargetcli.h"
+#include "tools/targetcli/Preferences.h"
+#include "tools/targetcli/Settings.h"
+#include "tools/targetcli/SupervisedRun.h"
+#include "tools/targetcli/UserBackstoreCheck.h"
+#include "tools/targetcli/Version.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "adapters/targetcli/Proc.h"
+#include "tools/targetcli/Proc.h"
 
 #include <sys/stat.h>
 #include <sys/sysmacros.h>

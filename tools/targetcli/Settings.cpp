@@ -1,4 +1,4 @@
-#include "adapters/targetcli/Settings.h"
+#include "tools/targetcli/Settings.h"
 
 #include <charconv>
 

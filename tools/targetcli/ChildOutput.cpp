@@ -1,4 +1,4 @@
-#include "adapters/targetcli/ChildOutput.h"
+#include "tools/targetcli/ChildOutput.h"
 
 #include <fcntl.h>
 #include <unistd.h>

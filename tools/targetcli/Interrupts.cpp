@@ -1,4 +1,4 @@
-#include "adapters/targetcli/Interrupts.h"
+#include "tools/targetcli/Interrupts.h"
 
 #include <sys/signalfd.h>
 

@@ -1,4 +1,4 @@
-#include "adapters/targetcli/TemporaryDirectory.h"
+#include "tools/targetcli/TemporaryDirectory.h"
 
 #include <unistd.h>
 

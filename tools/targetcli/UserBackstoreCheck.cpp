@@ -1,4 +1,4 @@
-#include "adapters/targetcli/UserBackstoreCheck.h"
+#include "tools/targetcli/UserBackstoreCheck.h"
 
 #include <strings.h>
 

@@ -1,4 +1,4 @@
-#include "adapters/targetcli/TimeLimit.h"
+#include "tools/targetcli/TimeLimit.h"
 
 #include <algorithm>
 #include <sstream>

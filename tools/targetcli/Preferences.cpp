@@ -1,4 +1,4 @@
-#include "adapters/targetcli/Preferences.h"
+#include "tools/targetcli/Preferences.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -13,8 +13,8 @@
 #include <utility>
 #include <vector>
 
-#include "adapters/targetcli/Proc.h"
 #include "framework/UniqueFd.h"
+#include "tools/targetcli/Proc.h"
 
 namespace {
 

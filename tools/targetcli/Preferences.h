@@ -2,11 +2,11 @@
 
 #include <string>
 
-#include "adapters/targetcli/Interrupts.h"
-#include "adapters/targetcli/Settings.h"
-#include "adapters/targetcli/SupervisedRun.h"
-#include "adapters/targetcli/TemporaryDirectory.h"
-#include "adapters/targetcli/TimeLimit.h"
+#include "tools/targetcli/Interrupts.h"
+#include "tools/targetcli/Settings.h"
+#include "tools/targetcli/SupervisedRun.h"
+#include "tools/targetcli/TemporaryDirectory.h"
+#include "tools/targetcli/TimeLimit.h"
 
 /// The preferences that targetcli runs with here. Two of its defaults are wrong for the plug-in:
 /// auto_add_mapped_luns would show a new LUN to every initiator that the target knows, and

@@ -1,4 +1,4 @@
-#include "adapters/targetcli/SupervisedRun.h"
+#include "tools/targetcli/SupervisedRun.h"
 
 #include <poll.h>
 #include <sys/wait.h>
@@ -8,7 +8,7 @@
 #include <cstring>
 #include <optional>
 
-#include "adapters/targetcli/Proc.h"
+#include "tools/targetcli/Proc.h"
 
 namespace {
 

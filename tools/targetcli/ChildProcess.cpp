@@ -1,4 +1,4 @@
-#include "adapters/targetcli/ChildProcess.h"
+#include "tools/targetcli/ChildProcess.h"
 
 #include <fcntl.h>
 #include <poll.h>
