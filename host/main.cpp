@@ -6,10 +6,10 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
-#include "host/Compare.h"
-#include "host/HostStatus.h"
-#include "host/Serve.h"
-#include "host/StatusSocket.h"
+#include "host/kernel/Compare.h"
+#include "host/service/Serve.h"
+#include "host/status/HostStatus.h"
+#include "host/status/StatusSocket.h"
 
 namespace {
 

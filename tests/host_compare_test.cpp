@@ -1,7 +1,7 @@
 // What configfs is compared for, against a tree that can be bent into every wrong state.
 
-#include "host/Compare.h"
-#include "host/Identity.h"
+#include "host/kernel/Compare.h"
+#include "host/plan/Identity.h"
 #include "tests/support/PlanFixture.h"
 
 const std::string kName = "iqn.2026-01.com.example:t";

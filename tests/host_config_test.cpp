@@ -1,7 +1,7 @@
 // What the configuration file is refused for (host_serve_test.py has what a good one comes to).
 
-#include "host/UserData.h"
 #include "host/data/LunData.h"
+#include "host/service/UserData.h"
 #include "tests/support/NullPlatform.h"
 #include "tests/support/PlanFixture.h"
 

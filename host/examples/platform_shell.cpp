@@ -16,9 +16,9 @@
 #include <sstream>
 
 #include "framework/LogWriters.h"
-#include "host/Plugin.h"
-#include "host/StopSignals.h"
 #include "host/data/LunData.h"
+#include "host/service/Plugin.h"
+#include "host/service/StopSignals.h"
 
 using moscsi::data::Backing;
 using moscsi::data::LunData;

@@ -1,7 +1,7 @@
 // Any text as the host's configuration: a plan, or lines that say what is wrong; and what comes
 // through may reach a shell.
 
-#include "host/Plan.h"
+#include "host/plan/Plan.h"
 #include "tests/fuzz/Input.h"
 
 using namespace moscsi::host;

@@ -12,7 +12,7 @@
 #include <thread>
 
 #include "framework/MoStatistics.h"
-#include "host/Identity.h"
+#include "host/plan/Identity.h"
 #include "runner/DbusService.h"
 #include "tests/support/FakeConfigfs.h"
 #include "tests/support/NullPlatform.h"

@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 #include <sys/sysmacros.h>
 
-#include "host/Plan.h"
+#include "host/plan/Plan.h"
 #include "tests/support/FakeConfigfs.h"
 #include "tests/support/TempDirectory.h"
 

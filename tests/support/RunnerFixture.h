@@ -2,7 +2,7 @@
 
 #include <gmock/gmock.h>
 
-#include "host/BusWait.h"
+#include "host/service/BusWait.h"
 #include "runner/DbusService.h"
 #include "runner/Runner.h"
 #include "runner/ThreadSignals.h"

@@ -1,0 +1,51 @@
+#include "host/plan/Plan.h"
+
+#include <fmt/format.h>
+
+#include "host/plan/Identity.h"
+
+namespace moscsi::host {
+
+bool Plan::HasUserLuns() const {
+    for (const TargetPlan& target : targets)
+        for (const LunPlan& lun : target.luns)
+            if (lun.config.type == LunType::User)
+                return true;
+    return false;
+}
+
+size_t Plan::ObjectCount() const {
+    size_t count = targets.size();
+    for (const TargetPlan& target : targets) {
+        count += target.luns.size() + target.initiators.size();
+        for (const InitiatorPlan& initiator : target.initiators)
+            count += initiator.luns.size();
+    }
+    return count;
+}
+
+std::vector<std::string> Plan::Lines() const {
+    std::vector<std::string> lines;
+    for (const TargetPlan& target : targets) {
+        lines.push_back(fmt::format("target {}", target.name));
+        for (const LunPlan& lun : target.luns) {
+            std::string kind = LunTypeName(lun.config.type);
+            if (lun.config.type == LunType::User)
+                kind += std::string(" on ") + data::BackingName(lun.config.backing);
+            lines.push_back(fmt::format("  LUN {} \"{}\": {} {}, {}{}, serial {}",
+                                        lun.number ? std::to_string(*lun.number) : "automatic",
+                                        lun.config.name, kind, lun.config.path, SizeText(lun.size),
+                                        lun.makesFile ? " (to be made)" : "", lun.serial));
+        }
+        for (const InitiatorPlan& initiator : target.initiators) {
+            std::string names;
+            for (const size_t lun : initiator.luns)
+                names += (names.empty() ? "" : ", ") + target.luns[lun].config.name;
+            lines.push_back(fmt::format("  initiator {}: {}", initiator.name,
+                                        names.empty() ? "no LUN" : names));
+        }
+    }
+    return lines;
+}
+
+}  // namespace moscsi::host

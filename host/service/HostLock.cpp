@@ -1,0 +1,36 @@
+#include "host/service/HostLock.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+namespace moscsi::host {
+
+std::string HostLock::Take(const std::filesystem::path& runDirectory) {
+    std::error_code error;
+    std::filesystem::create_directories(runDirectory, error);
+    const std::filesystem::path path = runDirectory / "host.lock";
+    m_file = UniqueFd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    if (!m_file.Valid())
+        return fmt::format("can't open {} ({}): make {} writable for root", path.string(),
+                           strerror(errno), runDirectory.string());
+    if (flock(m_file.Get(), LOCK_EX | LOCK_NB) != 0) {
+        std::array<char, 32> holder{};
+        [[maybe_unused]] const ssize_t got = read(m_file.Get(), holder.data(), holder.size() - 1);
+        return fmt::format(
+            "another moscsi-host (process {}) serves this machine: stop that one "
+            "first",
+            std::string(holder.data(), strcspn(holder.data(), "\n")));
+    }
+    const std::string pid = std::to_string(getpid()) + "\n";
+    if (ftruncate(m_file.Get(), 0) != 0 || pwrite(m_file.Get(), pid.data(), pid.size(), 0) < 0)
+        return fmt::format("can't write {} ({})", path.string(), strerror(errno));
+    return {};
+}
+
+}  // namespace moscsi::host

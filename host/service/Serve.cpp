@@ -1,0 +1,270 @@
+#include "host/service/Serve.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <nlohmann/json.hpp>
+
+#include "framework/LogWriters.h"
+#include "host/service/BusWait.h"
+#include "host/service/EarlierCommands.h"
+#include "host/service/HostLock.h"
+#include "host/service/PlanExecutor.h"
+#include "host/service/Plugin.h"
+#include "host/service/StopSignals.h"
+#include "host/service/UserData.h"
+#include "host/status/HostStatus.h"
+#include "host/status/StatusSocket.h"
+
+namespace moscsi::host {
+namespace {
+
+constexpr std::chrono::seconds kBusLimit{20};
+constexpr std::chrono::seconds kCommandLimit{150};  // the wrapper gives up after 20 s and 120 s
+constexpr std::chrono::seconds kStopBase{30};
+constexpr std::chrono::seconds kStopPerObject{3};
+constexpr std::chrono::seconds kRunnerLimit{15};  // the runner itself gives up after 10 s
+
+/// A reader of standard output that goes away must not end the service. A handler, unlike ignoring,
+/// isn't inherited by the programs that the plug-in starts.
+void SurviveBrokenPipes() {
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    action.sa_flags = SA_RESTART;
+    sigaction(SIGPIPE, &action, nullptr);
+}
+
+class Service {
+  public:
+    Service(const Plan& plan, const Environment& environment, const ServeOptions& options,
+            Console& console)
+        : m_plan(plan),
+          m_environment(environment),
+          m_options(options),
+          m_console(console),
+          m_stop(environment.runDirectory,
+                 kStopBase + kStopPerObject * static_cast<int>(plan.ObjectCount()),
+                 [this] { GiveUp(); }),
+          m_status(plan),
+          m_server(environment.runDirectory / "host.sock",
+                   [this] { return m_status.Json().dump(); }) {}
+
+    int Run();
+
+  private:
+    bool Load();
+    bool Start();
+    bool WaitForBus();
+    bool WaitForEarlier();
+    bool PrepareData();
+    bool Apply();
+    void TakeDown(bool all);
+    bool CleanUp();
+    [[noreturn]] void GiveUp();
+
+    ConfigfsView Look() const { return ReadConfigfs(m_environment.configfs); }
+
+    bool Fail(const std::string& line) {
+        m_console.Complain(line);
+        return false;
+    }
+
+    bool Refuse(const std::vector<std::string>& lines, const std::string& summary) {
+        for (const std::string& line : lines)
+            m_console.Complain(line);
+        return lines.empty() || Fail(summary);
+    }
+
+    const Plan& m_plan;
+    const Environment& m_environment;
+    const ServeOptions& m_options;
+    Console& m_console;
+    StopSignals m_stop;
+    HostStatus m_status;
+    MoScsiSrvPlatform* m_platform = nullptr;
+    Manner m_manner;
+    ConfigfsView m_before;
+    UserData m_data;
+    std::unique_ptr<PlanExecutor> m_executor;
+    bool m_clean = true;    // nothing failed, nothing of ours is left
+    StatusServer m_server;  // last: its thread reads the others
+};
+
+bool Service::Load() {
+    if (const std::string fault = m_server.Start(); !fault.empty())
+        return Fail(fault);
+    std::string error;
+    m_platform = LoadPlugin(m_environment.library, error);
+    return m_platform != nullptr || Fail(error);
+}
+
+bool Service::Start() {
+    const CRyError result =
+        RunStep(m_console, "initialise the platform", [&] { return m_platform->Initialize(); });
+    if (!result.IsError()) {
+        const std::string version = TargetcliVersion();
+        m_manner = Manner::Of(version);
+        m_console.Say(fmt::format("targetcli {}: user LUNs are made through {}", version,
+                                  m_manner.userByConfigfs ? "configfs" : "targetcli"));
+        return true;
+    }
+    if (const std::string words = StartComplaint(m_environment); !words.empty())
+        m_console.Complain(words);
+    return Fail(result.Message());
+}
+
+bool Service::WaitForBus() {
+    if (!m_plan.HasUserLuns())
+        return true;
+    const CRyError result =
+        RunStep(m_console, "wait for the user backstores' objects on D-Bus", [this] {
+            const std::string lacking =
+                WaitForBusObjects(kBusLimit, [this] { return m_stop.Asked(); });
+            return lacking.empty() ? CRyError::Success()
+                                   : FXErrorUtil::ErrorErrNo(
+                                         FXCodeLocation(__FILE__, __PRETTY_FUNCTION__, __LINE__),
+                                         ENODEV, "%s", lacking.c_str());
+        });
+    return !result.IsError() || Fail(result.Message());
+}
+
+// After the runner's start: that frees a command which waits in the kernel for the earlier host.
+bool Service::WaitForEarlier() {
+    const std::filesystem::path wrapper = m_environment.home / "bin/targetcli";
+    const pid_t running = EarlierCommand(wrapper);
+    if (running == 0)
+        return true;
+    m_console.Say(
+        fmt::format("waiting for a targetcli that an earlier host started (process {})", running));
+    const pid_t left =
+        WaitForEarlierCommands(wrapper, kCommandLimit, [this] { return m_stop.Asked(); });
+    return left == 0 || m_stop.Asked() ||
+           Fail(fmt::format("process {} still runs {}: end it", left, wrapper.string()));
+}
+
+bool Service::PrepareData() {
+    std::set<const LunPlan*> lost = LostMemory(m_plan, m_before);
+    for (const LunPlan* lun : lost)
+        m_console.Say(fmt::format(
+            "{} of {}: the data went with the process that held it; {}", lun->Title(), lun->target,
+            m_options.discardLostMemory
+                ? "it is served empty, as --discard-lost-memory says"
+                : "it answers NOT READY; --discard-lost-memory serves it empty"));
+    if (m_options.discardLostMemory)
+        lost.clear();
+    for (const std::string& line : Unserved(m_plan, m_before))
+        m_console.Say(line);
+    const std::string fault = m_data.Make(m_plan, lost, *m_platform);
+    if (!fault.empty())
+        return Fail(fault);
+    m_status.SetDataSource([this](const LunPlan& lun) { return m_data.Statistics(lun); });
+    return true;
+}
+
+bool Service::Apply() {
+    m_before = Look();
+    if (!Refuse(ConflictsBefore(m_plan, m_before, m_manner),
+                "the kernel's target disagrees with " + m_plan.file + "; nothing was changed") ||
+        !PrepareData())
+        return false;
+
+    m_status.SetPhase("applying");
+    m_executor =
+        std::make_unique<PlanExecutor>(m_plan, *m_platform, m_console, m_manner,
+                                       [this](const LunPlan& lun) { return m_data.Of(lun); });
+    bool good = m_executor->Apply(m_before, [this] { return m_stop.Asked(); });
+    for (const TargetPlan& target : m_plan.targets)
+        for (const LunPlan& lun : target.luns)
+            if (const auto number = m_executor->NumberOf(lun))
+                m_status.SetNumber(lun, *number);
+    if (good)
+        good = Refuse(FaultsAfter(m_plan, Look(), m_manner),
+                      "what was made is not what " + m_plan.file + " says; it is taken down again");
+    if (!good)
+        TakeDown(false);
+    return good;
+}
+
+void Service::TakeDown(bool all) {
+    m_status.SetPhase("stopping");
+    m_stop.Begin();
+    const auto outOfTime = [this] { return m_stop.OutOfTime(); };
+    const bool done = all ? m_executor->TakeDownAll(Look(), outOfTime)
+                          : m_executor->TakeDownMade(Look(), outOfTime);
+    if (!done && m_stop.OutOfTime())
+        m_console.Complain("the time for stopping is over");
+    m_clean = Refuse(Leftovers(m_plan, all ? ConfigfsView() : m_before, Look()),
+                     "not everything could be taken down") &&
+              m_clean;
+}
+
+bool Service::CleanUp() {
+    m_stop.Begin();
+    RunStep(m_console, "clean up the platform", [&] { return m_platform->Cleanup(); });
+    return WaitForBusNameGone(kRunnerLimit) ||
+           Fail("the plug-in's runner didn't end: see its log lines");
+}
+
+/// A step that doesn't end can't be ended from outside; the process can.
+void Service::GiveUp() {
+    m_console.Complain(
+        "a step of the stop doesn't end, and the time for it is over: what is still "
+        "in the kernel's target stays until the next start with the same file");
+    // Neither thread is joined here: the one that hangs may be anywhere.
+    std::error_code ignored;
+    std::filesystem::remove(m_environment.runDirectory / "host.sock", ignored);
+    m_stop.EndLimit();
+    _exit(1);
+}
+
+int Service::Run() {
+    if (!Load())
+        return 1;
+    const bool served = Start() && WaitForBus() && WaitForEarlier() && Apply();
+    if (served) {
+        m_status.SetPhase("ready");
+        m_console.Say(fmt::format("serving {} target(s), port {}; stop with SIGINT or SIGTERM",
+                                  m_plan.targets.size(), m_plan.port));
+        m_console.Say("ready");
+        m_stop.Wait();
+        m_console.Say("stopping");
+        TakeDown(true);
+    }
+    const bool ended = CleanUp();
+    if (ended && m_clean)
+        m_data.Stop();
+    if (!served && m_stop.Asked())
+        m_console.Say("stopped before anything was served");
+    m_server.Stop();
+    m_stop.End();
+    return ended && m_clean && served ? 0 : 1;
+}
+
+}  // namespace
+
+int Serve(const Plan& plan, const Config& config, const Environment& environment,
+          const ServeOptions& options, Console& console) {
+    StopSignals::Block();
+    SurviveBrokenPipes();
+    PrepareSearchPath(environment);
+    const int level = options.logLevel.value_or(config.logLevel.value_or(0));
+    g_ptrLogWriter =
+        config.logToSyslog ? MakeSyslogLogWriter("moscsi-host", level) : MakeStderrLogWriter(level);
+
+    HostLock lock;
+    std::string fault = MissingPrerequisite(environment);
+    if (fault.empty())
+        fault = lock.Take(environment.runDirectory);
+    if (!fault.empty()) {
+        console.Complain(fault);
+        return 1;
+    }
+    // Never destroyed: threads of the plug-in, and with contexts still out those of the LUNs, may
+    // use it until the process ends.
+    auto* service = new Service(plan, environment, options, console);
+    return service->Run();
+}
+
+}  // namespace moscsi::host

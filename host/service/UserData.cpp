@@ -1,0 +1,86 @@
+#include "host/service/UserData.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <nlohmann/json.hpp>
+#include <vector>
+
+#include "host/data/LunData.h"
+#include "host/kernel/PlanObjects.h"
+
+namespace moscsi::host {
+namespace {
+
+/// Whether data on the backing is there for the next process.
+bool OutlivesProcess(data::Backing backing) {
+    switch (backing) {
+        case data::Backing::Memory:
+            return false;
+        case data::Backing::File:
+            return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+UserData::UserData() = default;
+UserData::~UserData() = default;
+
+std::string UserData::Make(const Plan& plan, const std::set<const LunPlan*>& without,
+                           MoScsiSrvPlatform& platform) {
+    std::vector<std::string> madeFiles;
+    for (const TargetPlan& target : plan.targets) {
+        for (const LunPlan& lun : target.luns) {
+            if (lun.config.type != LunType::User || without.contains(&lun))
+                continue;
+            data::LunDataConfig config;
+            config.name = lun.config.name;
+            config.backing = lun.config.backing;
+            config.path = lun.config.path;
+            config.sizeBytes = lun.size;
+            config.faults = lun.config.faults;
+            data::LunDataResult made = data::MakeLunData(config, platform);
+            if (made.data == nullptr) {
+                m_luns.clear();
+                for (const std::string& path : madeFiles)
+                    unlink(path.c_str());
+                return fmt::format("{}: {}", lun.Title(), made.error);
+            }
+            if (made.madeFile)
+                madeFiles.push_back(config.path);
+            m_luns[&lun] = std::move(made.data);
+        }
+    }
+    return {};
+}
+
+std::pair<MoScsiBStorOps*, void*> UserData::Of(const LunPlan& lun) const {
+    const auto found = m_luns.find(&lun);
+    if (found == m_luns.end())
+        return {nullptr, nullptr};
+    return {found->second.get(), found->second->Context()};
+}
+
+nlohmann::json UserData::Statistics(const LunPlan& lun) const {
+    const auto found = m_luns.find(&lun);
+    return found == m_luns.end() ? nlohmann::json() : data::ToJson(found->second->Snapshot());
+}
+
+void UserData::Stop() {
+    for (const auto& [lun, data] : m_luns)
+        data->Stop();
+}
+
+std::set<const LunPlan*> LostMemory(const Plan& plan, const ConfigfsView& before) {
+    std::set<const LunPlan*> lost;
+    for (const TargetPlan& target : plan.targets)
+        for (const LunPlan& lun : target.luns)
+            if (lun.config.type == LunType::User && !OutlivesProcess(lun.config.backing) &&
+                ObjectOf(lun, before) != nullptr)
+                lost.insert(&lun);
+    return lost;
+}
+
+}  // namespace moscsi::host
