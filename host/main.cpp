@@ -13,8 +13,6 @@
 
 namespace {
 
-using namespace moscsi::host;
-
 constexpr int kOk = 0;
 constexpr int kFailed = 1;
 

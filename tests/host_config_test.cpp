@@ -6,9 +6,6 @@
 #include "tests/support/PlanFixture.h"
 
 using HostConfigTest = PlanTest;
-using moscsi::data::FaultKind;
-using moscsi::data::FaultPlan;
-using moscsi::data::FaultRule;
 
 TEST_F(HostConfigTest, EachFaultIsOneLineWithItsPlace) {
     Make("empty.img", 0);

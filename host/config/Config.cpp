@@ -13,7 +13,6 @@
 #include "host/config/FaultPlanReader.h"
 #include "host/config/TableReader.h"
 
-namespace moscsi::host {
 namespace {
 
 constexpr size_t kMaxFileBytes = 1 << 20;
@@ -31,8 +30,7 @@ LunConfig ReadLun(const toml::value& table, const std::string& file, Problems& p
     lun.number = reader.NumberOrAuto("number");
     lun.serialPrefix = reader.String("serial_prefix").value_or(lun.serialPrefix);
     if (lun.type == LunType::User) {
-        if (const data::Backing* backing =
-                reader.RequiredChoice("backing", data::kBackings, data::BackingName))
+        if (const Backing* backing = reader.RequiredChoice("backing", kBackings, BackingName))
             lun.backing = *backing;
         if (const toml::value* faults = reader.Table("faults"))
             lun.faults = ReadFaultPlan(*faults, file, problems);
@@ -169,5 +167,3 @@ std::optional<uint64_t> ParseSize(const std::string& text) {
     }
     return std::nullopt;
 }
-
-}  // namespace moscsi::host

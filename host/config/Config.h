@@ -13,7 +13,6 @@
 
 /// The configuration file as written: types are checked, meaning is not (host/plan/Plan.h does
 /// that). docs/configuration.md describes the format. Plain data, copied freely.
-namespace moscsi::host {
 
 enum class LunType { File, Block, User };
 
@@ -50,8 +49,8 @@ struct LunConfig {
     std::optional<int64_t> number;  ///< absent: automatic
     std::string serialPrefix = "lun";
     // Of user LUNs only:
-    data::Backing backing = data::Backing::Memory;
-    data::FaultPlan faults;
+    Backing backing = Backing::Memory;
+    FaultPlan faults;
 };
 
 struct InitiatorConfig {
@@ -85,5 +84,3 @@ Config ReadConfig(const std::string& file, Problems& problems);
 /// Reads "4096", "64KiB", "10 GiB" (B, KiB, MiB, GiB, TiB).
 /// Returns: the bytes; nothing when the text is no such size or is beyond 2^63 - 1.
 std::optional<uint64_t> ParseSize(const std::string& text);
-
-}  // namespace moscsi::host

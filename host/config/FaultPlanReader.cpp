@@ -6,12 +6,7 @@
 
 #include "host/config/TableReader.h"
 
-namespace moscsi::host {
 namespace {
-
-using data::FaultKind;
-using data::FaultPlan;
-using data::FaultRule;
 
 constexpr int64_t kLargeNumber = 1'000'000'000'000;
 constexpr int64_t kLongestDelayMs = 3'600'000;
@@ -96,5 +91,3 @@ FaultPlan ReadFaultPlan(const toml::value& table, const std::string& file, Probl
     reader.RefuseUnknownKeys();
     return plan;
 }
-
-}  // namespace moscsi::host

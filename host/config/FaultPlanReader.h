@@ -6,11 +6,6 @@
 #include "host/config/Problems.h"
 #include "host/data/FaultPlan.h"
 
-namespace moscsi::host {
-
 /// Reads a LUN's `faults` table (docs/fault-injection.md); `file` is its file's name in messages.
 /// Returns: what could be read; it is complete only when `problems` got nothing.
-data::FaultPlan ReadFaultPlan(const toml::value& table, const std::string& file,
-                              Problems& problems);
-
-}  // namespace moscsi::host
+FaultPlan ReadFaultPlan(const toml::value& table, const std::string& file, Problems& problems);

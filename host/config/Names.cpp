@@ -6,7 +6,6 @@
 #include <cctype>
 #include <regex>
 
-namespace moscsi::host {
 namespace {
 
 constexpr size_t kMaxIqnLength = 223;   // RFC 7143, 4.2.7.1
@@ -67,5 +66,3 @@ std::string FaultOfLunName(const std::string& name) {
         fault = "can't name a LUN: use another text";
     return fault;
 }
-
-}  // namespace moscsi::host

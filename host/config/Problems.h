@@ -4,8 +4,6 @@
 #include <string>
 #include <vector>
 
-namespace moscsi::host {
-
 /// A place in the configuration file.
 struct Place {
     std::string file;
@@ -41,5 +39,3 @@ class Once {
   private:
     std::map<std::string, unsigned> m_places;
 };
-
-}  // namespace moscsi::host

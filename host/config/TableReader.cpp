@@ -3,8 +3,6 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
-namespace moscsi::host {
-
 TableReader::TableReader(const toml::value& table, std::string file, std::string what,
                          Problems& problems)
     : m_table(table), m_what(std::move(what)), m_problems(problems) {
@@ -184,5 +182,3 @@ std::string SyntaxText(const std::exception& fault) {
     const size_t reason = origin == std::string::npos ? std::string::npos : text.find(": ", origin);
     return reason == std::string::npos ? text : text.substr(reason + 2);
 }
-
-}  // namespace moscsi::host

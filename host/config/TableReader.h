@@ -10,8 +10,6 @@
 
 #include "host/config/Config.h"
 
-namespace moscsi::host {
-
 /// Reads one TOML table key by key: a value of the wrong type, a required key that is missing and a
 /// key that nobody asked for each become one line with the place.
 /// Thread: one at a time. The table must outlive the reader.
@@ -104,5 +102,3 @@ class TableReader {
 /// of the source.
 Place SyntaxPlace(const std::exception& fault, const std::string& file);
 std::string SyntaxText(const std::exception& fault);
-
-}  // namespace moscsi::host

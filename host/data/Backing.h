@@ -2,8 +2,6 @@
 
 #include <array>
 
-namespace moscsi::data {
-
 /// Where a user LUN's data lives. Whoever treats one differently from another switches over all of
 /// them and has no default, so that a new one compiles only when each place has decided. The return
 /// behind such a switch is never reached.
@@ -27,5 +25,3 @@ constexpr const char* BackingName(Backing backing) {
 
 static_assert(BackingName(static_cast<Backing>(kBackings.size())) == nullptr,
               "kBackings has every backing");
-
-}  // namespace moscsi::data

@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <cstring>
 
-namespace moscsi::data {
 namespace {
 
 std::string Failed(const char* what, const std::string& path) {
@@ -107,5 +106,3 @@ bool BackingFile::Lock(const std::string& path, std::string& error) {
                 : Failed("can't lock", path);
     return false;
 }
-
-}  // namespace moscsi::data

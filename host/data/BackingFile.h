@@ -5,8 +5,6 @@
 
 #include "framework/UniqueFd.h"
 
-namespace moscsi::data {
-
 /// The open and locked file behind a LUN.
 class BackingFile {
   public:
@@ -29,5 +27,3 @@ class BackingFile {
     UniqueFd m_file;
     bool m_made = false;
 };
-
-}  // namespace moscsi::data

@@ -2,8 +2,6 @@
 
 #include "host/data/Transfers.h"
 
-namespace moscsi::data {
-
 /// Moves a transfer's bytes between its buffers and one kind of backing.
 class DataEngine {
   public:
@@ -26,5 +24,3 @@ class DataEngine {
     /// Ends the engine's threads. Requires: no transfer is with the engine, and none will come.
     virtual void Stop() {}
 };
-
-}  // namespace moscsi::data

@@ -2,8 +2,6 @@
 
 #include <unistd.h>
 
-namespace moscsi::data {
-
 bool FileExists(const std::string& path) {
     return access(path.c_str(), F_OK) == 0;
 }
@@ -41,5 +39,3 @@ bool FaultInjector::Hits(const FaultRule& rule, Progress& progress) {
     ++progress.hits;
     return true;
 }
-
-}  // namespace moscsi::data

@@ -6,8 +6,6 @@
 #include "framework/Mutex.h"
 #include "host/data/FaultPlan.h"
 
-namespace moscsi::data {
-
 /// True while something exists at `path`.
 bool FileExists(const std::string& path);
 
@@ -32,5 +30,3 @@ class FaultInjector {
     Mutex m_mutex;
     std::vector<Progress> m_progress MO_GUARDED_BY(m_mutex);
 };
-
-}  // namespace moscsi::data

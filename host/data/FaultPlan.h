@@ -5,8 +5,6 @@
 #include <string>
 #include <vector>
 
-namespace moscsi::data {
-
 /// What happens to a transfer that a fault hits.
 enum class FaultKind {
     Error,  ///< moves nothing and reports -errno: the initiator sees MEDIUM ERROR
@@ -35,5 +33,3 @@ struct FaultPlan {
     uint64_t seed = 1;    ///< the same seed and the same order of transfers give the same hits
     bool durable = true;  ///< false, for tests only: a write is answered before it is on the disk
 };
-
-}  // namespace moscsi::data

@@ -4,8 +4,6 @@
 #include <cerrno>
 #include <climits>
 
-namespace moscsi::data {
-
 std::unique_ptr<FileEngine> FileEngine::Make(BackingFile& file, bool durable, Transfers& transfers,
                                              const FileQueueMaker& makeQueue, std::string& error) {
     std::unique_ptr<FileEngine> engine(new FileEngine(durable, transfers));
@@ -158,5 +156,3 @@ void FileEngine::CancelAborted() {
     for (const Ticket ticket : cancelled)
         m_transfers.Finish(ticket, -ECANCELED);
 }
-
-}  // namespace moscsi::data

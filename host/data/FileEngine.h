@@ -9,8 +9,6 @@
 #include "host/data/DataEngine.h"
 #include "host/data/FileQueue.h"
 
-namespace moscsi::data {
-
 /// A LUN in a file. Resumes what the kernel did in part, ends at the file's end with the bytes that
 /// were, and keeps the queue within its depth.
 ///
@@ -69,5 +67,3 @@ class FileEngine : public DataEngine {
     BackingFile m_file;
     std::unique_ptr<FileQueue> m_queue;  ///< last: its threads use everything above
 };
-
-}  // namespace moscsi::data

@@ -10,8 +10,6 @@
 
 #include "host/data/Transfers.h"
 
-namespace moscsi::data {
-
 /// One call to the kernel. `iov` stays valid until the request ended.
 struct FileRequest {
     enum class Kind { Read, Write, Sync };  ///< preadv2(2), pwritev2(2), fdatasync(2)
@@ -50,5 +48,3 @@ class FileQueue {
 /// Makes a queue for an open file. Returns: null with a reason in `error` when it isn't possible.
 using FileQueueMaker =
     std::function<std::unique_ptr<FileQueue>(int fd, FileQueue::Ended ended, std::string& error)>;
-
-}  // namespace moscsi::data

@@ -15,7 +15,6 @@
 #include "host/data/UringQueue.h"
 #include "util/Log.h"
 
-namespace moscsi::data {
 namespace {
 
 /// Where the data is, for people.
@@ -167,5 +166,3 @@ void LunData::Stop() {
     m_parts->waitingRoom->Stop();
     m_parts->engine->Stop();
 }
-
-}  // namespace moscsi::data

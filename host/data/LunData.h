@@ -9,8 +9,6 @@
 #include "host/data/LunStatistics.h"
 #include "platform/MoScsiSrvPlatform.h"
 
-namespace moscsi::data {
-
 struct Transfer;
 
 /// What moves a file's data. Auto takes io_uring, or threads where the kernel refuses a ring (many
@@ -94,5 +92,3 @@ struct LunDataResult {
 /// `platform` takes the IODone calls and outlives the object.
 /// Thread: any; may block on the file system.
 LunDataResult MakeLunData(const LunDataConfig& config, MoScsiSrvPlatform& platform);
-
-}  // namespace moscsi::data

@@ -9,8 +9,6 @@
 #include "host/data/Transfers.h"
 #include "host/data/WaitingRoom.h"
 
-namespace moscsi::data {
-
 /// What a LunData is made of, in the order of making. MakeLunData fills it; so can a test, with an
 /// engine of its own.
 struct LunData::Parts {
@@ -23,5 +21,3 @@ struct LunData::Parts {
     std::unique_ptr<DataEngine> engine;
     std::unique_ptr<WaitingRoom> waitingRoom;
 };
-
-}  // namespace moscsi::data

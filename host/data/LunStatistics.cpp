@@ -2,8 +2,6 @@
 
 #include <nlohmann/json.hpp>
 
-namespace moscsi::data {
-
 nlohmann::json ToJson(const LunStatistics& statistics) {
     return {
         {"backing", statistics.backing},
@@ -20,5 +18,3 @@ nlohmann::json ToJson(const LunStatistics& statistics) {
         {"ignored_completions", statistics.ignoredCompletions},
     };
 }
-
-}  // namespace moscsi::data

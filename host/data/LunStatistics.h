@@ -4,8 +4,6 @@
 #include <nlohmann/json_fwd.hpp>
 #include <string>
 
-namespace moscsi::data {
-
 /// What a LUN's data side has done since it was made.
 struct LunStatistics {
     std::string backing;  ///< the file's path, or the backing's name
@@ -24,5 +22,3 @@ struct LunStatistics {
 
 /// The same by name, for the status.
 nlohmann::json ToJson(const LunStatistics& statistics);
-
-}  // namespace moscsi::data

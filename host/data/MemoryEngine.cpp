@@ -8,8 +8,6 @@
 #include <cstring>
 #include <utility>
 
-namespace moscsi::data {
-
 std::unique_ptr<MemoryEngine> MemoryEngine::Make(const std::string& name, uint64_t size,
                                                  Transfers& transfers, std::string& error) {
     // A nameless file in memory, whose pages come when they are first touched. Its descriptor stays
@@ -43,5 +41,3 @@ void MemoryEngine::Start(Transfer& transfer) {
     }
     m_transfers.Finish(transfer.ticket, static_cast<int64_t>(transfer.wanted));
 }
-
-}  // namespace moscsi::data

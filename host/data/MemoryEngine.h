@@ -7,8 +7,6 @@
 #include "framework/UniqueFd.h"
 #include "host/data/DataEngine.h"
 
-namespace moscsi::data {
-
 /// A LUN in memory, zeros at first. A transfer ends inside Start: a copy costs less than
 /// waking another thread for it.
 class MemoryEngine : public DataEngine {
@@ -33,5 +31,3 @@ class MemoryEngine : public DataEngine {
     const uint64_t m_size;
     Transfers& m_transfers;
 };
-
-}  // namespace moscsi::data

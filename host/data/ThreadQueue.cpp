@@ -4,7 +4,6 @@
 
 #include <cerrno>
 
-namespace moscsi::data {
 namespace {
 
 int64_t Carry(int fd, const FileRequest& request) {
@@ -65,5 +64,3 @@ void ThreadQueue::Run() {
     }
     m_mutex.unlock();
 }
-
-}  // namespace moscsi::data

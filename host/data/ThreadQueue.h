@@ -8,8 +8,6 @@
 #include "framework/Mutex.h"
 #include "host/data/FileQueue.h"
 
-namespace moscsi::data {
-
 /// A few threads that block in the kernel, for where io_uring isn't allowed.
 class ThreadQueue : public FileQueue {
   public:
@@ -39,5 +37,3 @@ class ThreadQueue : public FileQueue {
 
     std::vector<std::thread> m_threads;
 };
-
-}  // namespace moscsi::data

@@ -5,7 +5,6 @@
 
 #include "util/Log.h"
 
-namespace moscsi::data {
 namespace {
 
 constexpr size_t kBuffersReserved = 16;  // the most that a context carries
@@ -150,5 +149,3 @@ LunStatistics Transfers::Counters() const {
     const MutexGuard guard(m_mutex);
     return m_counters;
 }
-
-}  // namespace moscsi::data

@@ -13,8 +13,6 @@
 #include "host/data/LunStatistics.h"
 #include "platform/MoScsiSrvPlatform.h"
 
-namespace moscsi::data {
-
 /// Names one transfer for ever: a place in the table and how often the place was used before. A
 /// ticket that is kept after the transfer's end fits nothing any more.
 using Ticket = uint64_t;
@@ -90,5 +88,3 @@ class Transfers {
     LunStatistics m_counters MO_GUARDED_BY(m_mutex);
     bool m_shut MO_GUARDED_BY(m_mutex) = false;
 };
-
-}  // namespace moscsi::data

@@ -5,7 +5,6 @@
 
 #include "util/Log.h"
 
-namespace moscsi::data {
 namespace {
 
 // Tickets that no request has, like kSyncTicket.
@@ -110,5 +109,3 @@ void UringQueue::Run() {
             m_ended(mark, moved);
     }
 }
-
-}  // namespace moscsi::data

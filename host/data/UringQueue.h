@@ -8,8 +8,6 @@
 #include "framework/Mutex.h"
 #include "host/data/FileQueue.h"
 
-namespace moscsi::data {
-
 /// One io_uring for one file. The thread that calls Submit enters the kernel itself; one thread of
 /// the queue's own takes what ended. Without a kernel polling thread: it costs a core.
 class UringQueue : public FileQueue {
@@ -41,5 +39,3 @@ class UringQueue : public FileQueue {
     bool m_made = false;
     std::thread m_thread;
 };
-
-}  // namespace moscsi::data

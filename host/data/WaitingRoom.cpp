@@ -5,7 +5,6 @@
 
 #include "host/data/FaultInjector.h"
 
-namespace moscsi::data {
 namespace {
 
 // Held transfers look for their file this often; only while some are held.
@@ -95,5 +94,3 @@ void WaitingRoom::Run() {
     }
     m_mutex.unlock();
 }
-
-}  // namespace moscsi::data

@@ -9,8 +9,6 @@
 #include "framework/Mutex.h"
 #include "host/data/DataEngine.h"
 
-namespace moscsi::data {
-
 /// Where delayed and held transfers wait for their begin, and the thread from which aborted ones
 /// end: Abort itself may not call IODone.
 class WaitingRoom {
@@ -58,5 +56,3 @@ class WaitingRoom {
 
     std::thread m_thread;  ///< last: it uses everything above
 };
-
-}  // namespace moscsi::data

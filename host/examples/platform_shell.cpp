@@ -20,9 +20,6 @@
 #include "host/service/Plugin.h"
 #include "host/service/StopSignals.h"
 
-using moscsi::data::Backing;
-using moscsi::data::LunData;
-
 namespace {
 
 constexpr char kLibrary[] = "/usr/local/lib/moscsi/libMoScsiSrvLIO.so";
@@ -99,12 +96,12 @@ class Shell {
         if (lun.bstorType == BSTOR_USER) {
             auto& data = m_data[lun.targetName + lun.path];
             if (data == nullptr) {
-                moscsi::data::LunDataConfig config;
+                LunDataConfig config;
                 config.name = lun.path;
                 config.backing = Kinds().at(lun.hostString).backing;
                 config.path = lun.path;
                 config.sizeBytes = lun.size;
-                auto made = moscsi::data::MakeLunData(config, m_platform);
+                auto made = MakeLunData(config, m_platform);
                 if (made.data == nullptr)
                     return "error 0 " + made.error;
                 data = std::move(made.data);
@@ -123,10 +120,10 @@ class Shell {
 }  // namespace
 
 int main() {
-    moscsi::host::StopSignals::Block();
+    StopSignals::Block();
     g_ptrLogWriter = MakeStderrLogWriter(1);
     std::string error;
-    MoScsiSrvPlatform* platform = moscsi::host::LoadPlugin(kLibrary, error);
+    MoScsiSrvPlatform* platform = LoadPlugin(kLibrary, error);
     if (platform == nullptr) {
         std::cerr << error << std::endl;
         return 1;

@@ -8,7 +8,6 @@
 #include "host/kernel/PlanObjects.h"
 #include "host/plan/Identity.h"
 
-namespace moscsi::host {
 namespace {
 
 constexpr int kDefaultPort = 3260;  // where targetcli makes a new target's portal
@@ -221,5 +220,3 @@ std::vector<std::string> Leftovers(const Plan& plan, const ConfigfsView& before,
     }
     return lines;
 }
-
-}  // namespace moscsi::host

@@ -8,7 +8,6 @@
 
 /// Compares configfs with the plan. Every line that comes back names one disagreement and what to
 /// do about it. Pure functions; thread: any.
-namespace moscsi::host {
 
 /// How the plug-in configures this machine, which decides what configfs has to look like.
 struct Manner {
@@ -39,5 +38,3 @@ std::vector<std::string> Leftovers(const Plan& plan, const ConfigfsView& before,
 
 /// User backstores of the plug-in's handler that the plan doesn't name: nobody serves them.
 std::vector<std::string> Unserved(const Plan& plan, const ConfigfsView& view);
-
-}  // namespace moscsi::host

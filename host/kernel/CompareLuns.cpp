@@ -4,7 +4,6 @@
 #include "host/kernel/PlanObjects.h"
 #include "host/plan/Storage.h"
 
-namespace moscsi::host {
 namespace {
 
 std::string Lower(std::string text) {
@@ -124,5 +123,3 @@ void Comparison::CheckLunsThere(const TargetPlan& target, const PortalGroupView&
                     there.number, target.name, text);
     }
 }
-
-}  // namespace moscsi::host

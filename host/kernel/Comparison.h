@@ -8,8 +8,6 @@
 
 #include "host/kernel/Compare.h"
 
-namespace moscsi::host {
-
 /// One comparison of configfs with the plan: Compare.cpp has the targets, their portals and
 /// who sees which LUN, CompareLuns.cpp the LUNs and their backstores.
 /// Thread: one. What it is made from outlives it.
@@ -46,5 +44,3 @@ class Comparison {
     const When m_when;
     std::vector<std::string> m_lines;
 };
-
-}  // namespace moscsi::host

@@ -10,7 +10,6 @@
 #include "framework/SmallFile.h"
 #include "host/plan/Storage.h"
 
-namespace moscsi::host {
 namespace {
 
 namespace fs = std::filesystem;
@@ -211,5 +210,3 @@ ConfigfsView ReadConfigfs(const fs::path& root, const fs::path& sysBlock) {
     }
     return view;
 }
-
-}  // namespace moscsi::host

@@ -14,7 +14,6 @@
 /// Layout as the kernel makes it (Documentation/target/tcm_mod_builder.rst, and seen on Linux 6.1):
 /// storage objects at core/HBA/NAME, LUNs at iscsi/TARGET/tpgt_TAG/lun/lun_N with one link to their
 /// object, node ACLs at acls/INITIATOR with one directory a mapped LUN that links to the LUN.
-namespace moscsi::host {
 
 struct StorageObject {
     std::string hba;   ///< "fileio_0"; its number isn't stable
@@ -83,5 +82,3 @@ struct ConfigfsView {
 /// Thread: any. Only reads.
 ConfigfsView ReadConfigfs(const std::filesystem::path& root,
                           const std::filesystem::path& sysBlock = "/sys/dev/block");
-
-}  // namespace moscsi::host

@@ -1,6 +1,5 @@
 #include "host/kernel/PlanObjects.h"
 
-namespace moscsi::host {
 namespace {
 
 const char* KindOf(LunType type) {
@@ -42,5 +41,3 @@ const LunView* LunOf(const LunPlan& lun, const ConfigfsView& view) {
                 return &candidate;
     return nullptr;
 }
-
-}  // namespace moscsi::host

@@ -7,7 +7,6 @@
 
 /// Finds what a plan names in configfs. Each returns null when there is none. Pure functions;
 /// thread: any.
-namespace moscsi::host {
 
 /// The tag of the portal group that targetcli makes with a target.
 inline constexpr unsigned kPortalGroup = 1;
@@ -20,5 +19,3 @@ const StorageObject* ObjectOf(const LunPlan& lun, const ConfigfsView& view);
 
 /// The LUN of the plan's portal group that carries the object.
 const LunView* LunOf(const LunPlan& lun, const ConfigfsView& view);
-
-}  // namespace moscsi::host

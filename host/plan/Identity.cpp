@@ -8,7 +8,6 @@
 #include "framework/GetGUID.h"
 #include "util/Platform_Util.h"
 
-namespace moscsi::host {
 namespace {
 
 constexpr size_t kObjectNameLength = 15;
@@ -55,5 +54,3 @@ std::string SizeText(uint64_t bytes) {
     }
     return fmt::format("{} {}", bytes, kUnits[unit]);
 }
-
-}  // namespace moscsi::host

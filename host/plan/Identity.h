@@ -5,7 +5,6 @@
 
 /// The names under which the plug-in makes a LUN's objects, computed beforehand so that they can be
 /// compared with what configfs shows. Pure functions; thread: any.
-namespace moscsi::host {
 
 /// The unit serial number that a create gives a LUN whose record holds `prefix`.
 std::string SerialOf(const std::string& prefix, const std::string& target, const std::string& path);
@@ -23,5 +22,3 @@ std::string NaaDigitsOf(const std::string& serial);
 
 /// A size for people: "64 MiB", "1536 bytes".
 std::string SizeText(uint64_t bytes);
-
-}  // namespace moscsi::host

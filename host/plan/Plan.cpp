@@ -4,8 +4,6 @@
 
 #include "host/plan/Identity.h"
 
-namespace moscsi::host {
-
 bool Plan::HasUserLuns() const {
     for (const TargetPlan& target : targets)
         for (const LunPlan& lun : target.luns)
@@ -31,7 +29,7 @@ std::vector<std::string> Plan::Lines() const {
         for (const LunPlan& lun : target.luns) {
             std::string kind = LunTypeName(lun.config.type);
             if (lun.config.type == LunType::User)
-                kind += std::string(" on ") + data::BackingName(lun.config.backing);
+                kind += std::string(" on ") + BackingName(lun.config.backing);
             lines.push_back(fmt::format("  LUN {} \"{}\": {} {}, {}{}, serial {}",
                                         lun.number ? std::to_string(*lun.number) : "automatic",
                                         lun.config.name, kind, lun.config.path, SizeText(lun.size),
@@ -47,5 +45,3 @@ std::vector<std::string> Plan::Lines() const {
     }
     return lines;
 }
-
-}  // namespace moscsi::host

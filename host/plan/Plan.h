@@ -12,7 +12,6 @@
 
 /// What the configuration file comes to: every value filled in, every name computed, nothing left
 /// that could be refused later for the file's sake. Plain data.
-namespace moscsi::host {
 
 /// The highest number under which the kernel maps a LUN to an initiator.
 inline constexpr uint32_t kMaxMappedLun = 255;
@@ -62,5 +61,3 @@ struct Plan {
 /// Returns: the plan; it may be used only when `problems` stayed empty.
 /// Thread: any.
 Plan MakePlan(const Config& config, int port, const Storage& storage, Problems& problems);
-
-}  // namespace moscsi::host

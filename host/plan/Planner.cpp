@@ -9,7 +9,6 @@
 #include "host/plan/Plan.h"
 #include "host/plan/StorageCheck.h"
 
-namespace moscsi::host {
 namespace {
 
 class Planner {
@@ -176,5 +175,3 @@ Plan MakePlan(const Config& config, int port, const Storage& storage, Problems& 
         plan.targets.push_back(planner.PlanTarget(target));
     return plan;
 }
-
-}  // namespace moscsi::host

@@ -8,7 +8,6 @@
 
 #include "framework/SmallFile.h"
 
-namespace moscsi::host {
 namespace {
 
 namespace fs = std::filesystem;
@@ -118,5 +117,3 @@ std::string Storage::DeviceUse(dev_t device) const {
     }
     return {};
 }
-
-}  // namespace moscsi::host

@@ -8,7 +8,6 @@
 #include <string>
 
 /// What the machine says about files and block devices.
-namespace moscsi::host {
 
 /// Where the machine's facts are read; tests give trees of their own.
 struct StorageRoots {
@@ -52,5 +51,3 @@ class Storage {
 
     StorageRoots m_roots;
 };
-
-}  // namespace moscsi::host

@@ -7,17 +7,16 @@
 
 #include "host/plan/Identity.h"
 
-namespace moscsi::host {
 namespace {
 
 constexpr uint64_t kBlock = 512;
 constexpr uint64_t kMaxUserBlocks = uint64_t{1} << 32;  // WRITE (10) addresses no more
 
-Medium MediumOf(data::Backing backing) {
+Medium MediumOf(Backing backing) {
     switch (backing) {
-        case data::Backing::Memory:
+        case Backing::Memory:
             return Medium::Memory;
-        case data::Backing::File:
+        case Backing::File:
             return Medium::File;
     }
     return {};
@@ -109,9 +108,8 @@ void StorageCheck::Check(LunPlan& plan) {
     const Medium medium = MediumOf(config);
     if (medium == Medium::Memory) {
         if (!config.size)
-            Refuse(
-                plan, "size",
-                fmt::format("a LUN on {} needs size = \"...\"", data::BackingName(config.backing)));
+            Refuse(plan, "size",
+                   fmt::format("a LUN on {} needs size = \"...\"", BackingName(config.backing)));
     } else {
         const PathFacts facts = m_storage.LookAt(config.path);
         if (facts.error != 0) {
@@ -136,5 +134,3 @@ void StorageCheck::Check(LunPlan& plan) {
                fmt::format("{} is more than 2 TiB, which a user LUN can't address: use less",
                            SizeText(plan.size)));
 }
-
-}  // namespace moscsi::host

@@ -4,8 +4,6 @@
 
 #include "host/plan/Plan.h"
 
-namespace moscsi::host {
-
 /// What holds a LUN's data.
 enum class Medium { Memory, File, Device };
 
@@ -35,5 +33,3 @@ class StorageCheck {
     Problems& m_problems;
     Once m_used;
 };
-
-}  // namespace moscsi::host

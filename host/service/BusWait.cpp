@@ -11,7 +11,6 @@
 
 #include "framework/SmallFile.h"
 
-namespace moscsi::host {
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -146,5 +145,3 @@ bool WaitForBusNameGone(std::chrono::seconds limit) {
         return true;  // without a bus nobody owns anything; an owner that left between two calls
     }
 }
-
-}  // namespace moscsi::host

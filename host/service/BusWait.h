@@ -4,8 +4,6 @@
 #include <functional>
 #include <string>
 
-namespace moscsi::host {
-
 /// Waits until the system bus shows both objects of the user backstores' handler, owned by this
 /// process: only then can targetcli make user LUNs, and does the kernel find who serves them. The
 /// bus never starts another program for the asking.
@@ -17,5 +15,3 @@ std::string WaitForBusObjects(std::chrono::seconds limit, const std::function<bo
 /// Waits until this process doesn't own the name any more: the plug-in's runner gives it up last,
 /// when all devices are closed. Returns: false when the limit passed first.
 bool WaitForBusNameGone(std::chrono::seconds limit);
-
-}  // namespace moscsi::host

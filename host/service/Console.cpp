@@ -9,7 +9,6 @@
 
 #include "framework/Mutex.h"
 
-namespace moscsi::host {
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -89,5 +88,3 @@ CRyError RunStep(Console& console, const std::string& what,
     console.Say(fmt::format("{}: {}, {:.1f} s", what, end, SecondsSince(start)));
     return result;
 }
-
-}  // namespace moscsi::host

@@ -7,7 +7,6 @@
 
 /// What `moscsi-host` prints: one line a step on standard output, at once, and what went wrong on
 /// standard error.
-namespace moscsi::host {
 
 class Console {
   public:
@@ -30,5 +29,3 @@ class StandardConsole final : public Console {
 /// Returns: the operation's result. Thread: any; the operation runs on the caller's.
 CRyError RunStep(Console& console, const std::string& what,
                  const std::function<CRyError()>& operation);
-
-}  // namespace moscsi::host

@@ -4,8 +4,6 @@
 #include <string>
 #include <thread>
 
-namespace moscsi::host {
-
 pid_t EarlierCommand(const std::filesystem::path& wrapper) {
     std::error_code ignored;
     for (const auto& entry : std::filesystem::directory_iterator("/proc", ignored)) {
@@ -27,5 +25,3 @@ pid_t WaitForEarlierCommands(const std::filesystem::path& wrapper, std::chrono::
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
 }
-
-}  // namespace moscsi::host

@@ -16,7 +16,6 @@
 #include "framework/UniqueFd.h"
 #include "util/Platform_Util.h"
 
-namespace moscsi::host {
 namespace {
 
 namespace fs = std::filesystem;
@@ -135,5 +134,3 @@ std::string TargetcliVersion() {
         version.pop_back();
     return version;
 }
-
-}  // namespace moscsi::host

@@ -4,7 +4,6 @@
 #include <string>
 
 /// Where this installation is, and what the machine must have before the plug-in is loaded.
-namespace moscsi::host {
 
 struct Environment {
     std::filesystem::path home;          ///< holds moscsi_server.sh, and bin/targetcli
@@ -36,5 +35,3 @@ std::string StartComplaint(const Environment& environment);
 /// The version by which the plug-in chose its manner, read as it reads it. Requires: Initialize
 /// succeeded.
 std::string TargetcliVersion();
-
-}  // namespace moscsi::host

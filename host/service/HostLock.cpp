@@ -9,8 +9,6 @@
 #include <cerrno>
 #include <cstring>
 
-namespace moscsi::host {
-
 std::string HostLock::Take(const std::filesystem::path& runDirectory) {
     std::error_code error;
     std::filesystem::create_directories(runDirectory, error);
@@ -32,5 +30,3 @@ std::string HostLock::Take(const std::filesystem::path& runDirectory) {
         return fmt::format("can't write {} ({})", path.string(), strerror(errno));
     return {};
 }
-
-}  // namespace moscsi::host

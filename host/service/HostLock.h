@@ -5,8 +5,6 @@
 
 #include "framework/UniqueFd.h"
 
-namespace moscsi::host {
-
 /// One host a machine: two would undo each other's work, and the second one's start would destroy
 /// the rings of the first one's devices. Held until destruction or the process's end.
 class HostLock {
@@ -18,5 +16,3 @@ class HostLock {
   private:
     UniqueFd m_file;
 };
-
-}  // namespace moscsi::host

@@ -7,7 +7,6 @@
 
 #include "host/kernel/PlanObjects.h"
 
-namespace moscsi::host {
 namespace {
 
 constexpr std::chrono::seconds kStepAllowance{3};
@@ -276,5 +275,3 @@ bool PlanExecutor::TakeDownMade(const ConfigfsView& now, const StopAsked& outOfT
 bool PlanExecutor::TakeDownAll(const ConfigfsView& now, const StopAsked& outOfTime) {
     return TakeDown(Extent::All, now, outOfTime);
 }
-
-}  // namespace moscsi::host

@@ -13,8 +13,6 @@
 #include "host/service/Console.h"
 #include "platform/MoScsiSrvPlatform.h"
 
-namespace moscsi::host {
-
 /// Carries a plan out through the platform, and takes it down again.
 ///
 /// Thread: one at a time. The plan, the platform and the console outlive it.
@@ -75,5 +73,3 @@ class PlanExecutor {
     std::set<std::pair<const InitiatorPlan*, size_t>> m_madeMappings;
     bool m_slow = false;  // a take-down step took longer than a stop allows for one
 };
-
-}  // namespace moscsi::host

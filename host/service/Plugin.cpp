@@ -3,8 +3,6 @@
 #include <dlfcn.h>
 #include <fmt/format.h>
 
-namespace moscsi::host {
-
 MoScsiSrvPlatform* LoadPlugin(const std::filesystem::path& library, std::string& error) {
     void* handle = dlopen(library.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (handle == nullptr) {
@@ -25,5 +23,3 @@ MoScsiSrvPlatform* LoadPlugin(const std::filesystem::path& library, std::string&
     }
     return static_cast<MoScsiSrvPlatform*>(factory());
 }
-
-}  // namespace moscsi::host

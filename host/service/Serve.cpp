@@ -18,7 +18,6 @@
 #include "host/status/HostStatus.h"
 #include "host/status/StatusSocket.h"
 
-namespace moscsi::host {
 namespace {
 
 constexpr std::chrono::seconds kBusLimit{20};
@@ -266,5 +265,3 @@ int Serve(const Plan& plan, const Config& config, const Environment& environment
     auto* service = new Service(plan, environment, options, console);
     return service->Run();
 }
-
-}  // namespace moscsi::host

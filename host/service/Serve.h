@@ -7,8 +7,6 @@
 #include "host/service/Console.h"
 #include "host/service/Environment.h"
 
-namespace moscsi::host {
-
 struct ServeOptions {
     std::optional<int> logLevel;     ///< over the file's
     bool discardLostMemory = false;  ///< serve a memory LUN empty whose device outlived its data
@@ -21,5 +19,3 @@ struct ServeOptions {
 /// only thread is the caller's.
 int Serve(const Plan& plan, const Config& config, const Environment& environment,
           const ServeOptions& options, Console& console);
-
-}  // namespace moscsi::host

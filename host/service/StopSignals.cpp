@@ -6,7 +6,6 @@
 #include <csignal>
 #include <fstream>
 
-namespace moscsi::host {
 namespace {
 
 using std::chrono::seconds;
@@ -129,5 +128,3 @@ bool StopSignals::OutOfTime() {
     LimitTargetcli(std::clamp(left, kLeastLimit, kStepLimit));
     return false;
 }
-
-}  // namespace moscsi::host

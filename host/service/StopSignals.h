@@ -10,7 +10,6 @@
 #include "framework/Mutex.h"
 
 /// SIGINT, SIGTERM and SIGHUP, and the time that is left once one has come.
-namespace moscsi::host {
 
 /// Takes the three signals from the process's queue on a thread of its own, so that one that comes
 /// while a configuration step runs is acted on at once: the step's targetcli gets a time limit
@@ -72,5 +71,3 @@ class StopSignals {
     Clock::time_point m_end MO_GUARDED_BY(m_mutex);       // of the process
     std::thread m_thread;                                 // last: it uses the others
 };
-
-}  // namespace moscsi::host

@@ -9,15 +9,14 @@
 #include "host/data/LunData.h"
 #include "host/kernel/PlanObjects.h"
 
-namespace moscsi::host {
 namespace {
 
 /// Whether data on the backing is there for the next process.
-bool OutlivesProcess(data::Backing backing) {
+bool OutlivesProcess(Backing backing) {
     switch (backing) {
-        case data::Backing::Memory:
+        case Backing::Memory:
             return false;
-        case data::Backing::File:
+        case Backing::File:
             return true;
     }
     return false;
@@ -35,13 +34,13 @@ std::string UserData::Make(const Plan& plan, const std::set<const LunPlan*>& wit
         for (const LunPlan& lun : target.luns) {
             if (lun.config.type != LunType::User || without.contains(&lun))
                 continue;
-            data::LunDataConfig config;
+            LunDataConfig config;
             config.name = lun.config.name;
             config.backing = lun.config.backing;
             config.path = lun.config.path;
             config.sizeBytes = lun.size;
             config.faults = lun.config.faults;
-            data::LunDataResult made = data::MakeLunData(config, platform);
+            LunDataResult made = MakeLunData(config, platform);
             if (made.data == nullptr) {
                 m_luns.clear();
                 for (const std::string& path : madeFiles)
@@ -65,7 +64,7 @@ std::pair<MoScsiBStorOps*, void*> UserData::Of(const LunPlan& lun) const {
 
 nlohmann::json UserData::Statistics(const LunPlan& lun) const {
     const auto found = m_luns.find(&lun);
-    return found == m_luns.end() ? nlohmann::json() : data::ToJson(found->second->Snapshot());
+    return found == m_luns.end() ? nlohmann::json() : ToJson(found->second->Snapshot());
 }
 
 void UserData::Stop() {
@@ -82,5 +81,3 @@ std::set<const LunPlan*> LostMemory(const Plan& plan, const ConfigfsView& before
                 lost.insert(&lun);
     return lost;
 }
-
-}  // namespace moscsi::host

@@ -11,11 +11,8 @@
 #include "host/plan/Plan.h"
 #include "platform/MoScsiSrvPlatform.h"
 
-namespace moscsi::data {
 class LunData;
 }
-
-namespace moscsi::host {
 
 /// The data sides of the plan's user LUNs.
 ///
@@ -43,11 +40,9 @@ class UserData {
     void Stop();
 
   private:
-    std::map<const LunPlan*, std::unique_ptr<data::LunData>> m_luns;
+    std::map<const LunPlan*, std::unique_ptr<LunData>> m_luns;
 };
 
 /// The memory LUNs whose devices are in the kernel already: their data died with the process that
 /// served them.
 std::set<const LunPlan*> LostMemory(const Plan& plan, const ConfigfsView& before);
-
-}  // namespace moscsi::host

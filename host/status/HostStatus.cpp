@@ -8,8 +8,6 @@
 #include "framework/MoStatistics.h"
 #include "host/plan/Identity.h"
 
-namespace moscsi::host {
-
 using json = nlohmann::ordered_json;  // counters in the order of their source
 
 void HostStatus::SetPhase(const std::string& phase) {
@@ -98,5 +96,3 @@ std::string StatusTable(const json& status) {
     }
     return text;
 }
-
-}  // namespace moscsi::host

@@ -8,8 +8,6 @@
 #include "framework/Mutex.h"
 #include "host/plan/Plan.h"
 
-namespace moscsi::host {
-
 /// What `moscsi-host status` shows: what the host is doing, its targets and LUNs, and every counter
 /// that is registered in the process.
 ///
@@ -42,5 +40,3 @@ class HostStatus {
 
 /// The status for people.
 std::string StatusTable(const nlohmann::ordered_json& status);
-
-}  // namespace moscsi::host

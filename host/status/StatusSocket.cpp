@@ -13,7 +13,6 @@
 #include <cerrno>
 #include <cstring>
 
-namespace moscsi::host {
 namespace {
 
 constexpr timeval kPatience{.tv_sec = 5, .tv_usec = 0};  // with a peer that doesn't read, or answer
@@ -118,5 +117,3 @@ std::string AskStatus(const std::filesystem::path& socket, std::string& error) {
     }
     return text;
 }
-
-}  // namespace moscsi::host

@@ -9,7 +9,6 @@
 
 /// The local socket over which a running host tells its status: whoever connects is sent one JSON
 /// text, and the connection ends.
-namespace moscsi::host {
 
 /// Answers on a thread of its own, so that the host answers whatever else it waits for.
 class StatusServer {
@@ -43,5 +42,3 @@ class StatusServer {
 
 /// Asks the running host. Returns: its answer, or nothing and one line in `error`.
 std::string AskStatus(const std::filesystem::path& socket, std::string& error);
-
-}  // namespace moscsi::host

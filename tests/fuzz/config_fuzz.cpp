@@ -4,8 +4,6 @@
 #include "host/plan/Plan.h"
 #include "tests/fuzz/Input.h"
 
-using namespace moscsi::host;
-
 /// A machine on which every path is a new file.
 struct EmptyStorage : Storage {
     PathFacts LookAt(const std::string& path) const override {

@@ -132,10 +132,10 @@ void RunOne(Input& input, GateRig& rig, Model& model) {
 void Try(Input input) {
     testing::GTEST_FLAG(throw_on_failure) = true;  // the ring's model checks too
     static GateRig rig;                            // its memory is large
-    moscsi::data::LunDataConfig config;
+    LunDataConfig config;
     config.name = "fuzz";
     config.sizeBytes = kBlocks * kBlock;
-    const auto made = moscsi::data::MakeLunData(config, *MoScsiSrvLIO::Instance());
+    const auto made = MakeLunData(config, *MoScsiSrvLIO::Instance());
     rig.Open(kBlocks, made.data.get());
 
     Model model;

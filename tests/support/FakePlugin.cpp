@@ -17,8 +17,6 @@
 #include "tests/support/FakeConfigfs.h"
 #include "tests/support/NullPlatform.h"
 
-using namespace moscsi::host;
-
 constexpr uint32_t kAutomatic = 0xFFFFFFFF;
 
 static std::string Variable(const char* name, const char* fallback) {

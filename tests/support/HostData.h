@@ -15,7 +15,6 @@
 #include "tests/support/NullPlatform.h"
 #include "tests/support/TempDirectory.h"
 
-using namespace moscsi::data;
 using namespace testing;  // matchers
 
 /// Takes IODone as the plug-in does: under the device's mutex, under which it also calls Abort.

@@ -7,7 +7,6 @@
 #include "tests/support/FakeConfigfs.h"
 #include "tests/support/TempDirectory.h"
 
-using namespace moscsi::host;
 using namespace testing;  // matchers
 
 namespace fs = std::filesystem;

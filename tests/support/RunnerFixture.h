@@ -12,7 +12,6 @@
 #include "tests/support/TempDirectory.h"
 
 namespace fs = std::filesystem;
-using namespace moscsi::host;
 using namespace testing;  // matchers
 
 /// Starts a message bus of the test's own, which the process takes for the system bus and which
