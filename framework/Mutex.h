@@ -12,6 +12,8 @@ class MO_CAPABILITY("mutex") Mutex {
   public:
     void lock() MO_ACQUIRE() { m_mutex.lock(); }
     void unlock() MO_RELEASE() { m_mutex.unlock(); }
+
+    // ---- For tests only
     bool try_lock() MO_TRY_ACQUIRE(true) { return m_mutex.try_lock(); }
 
   private:

@@ -96,20 +96,22 @@ class CommandRing {  // NOLINT(clang-analyzer-optin.performance.Padding)
     /// takes records back. Thread: any.
     const char* Broken() const { return m_broken.load(std::memory_order_acquire); }
 
-    /// True when the kernel takes the length of an answer (RingCommand::readLength).
-    bool TakesReadLength() const { return m_takesReadLength; }
-
     /// Counters, each raised by one, atomically.
     struct Stats {
         std::atomic<uint64_t> fetched{0};
         std::atomic<uint64_t> completed{0};
         std::atomic<uint64_t> doorbells{0};
-        std::atomic<uint64_t> doorbellErrors{0};
-        std::atomic<uint64_t> completedTwice{0};  ///< ignored
         std::atomic<uint64_t> badEntries{0};  ///< answered here: buffers or CDB out of the mapping
-        std::atomic<uint64_t> otherEntries{0};  ///< skipped: padding, notices, unknown operations
+
+        // ---- For tests only
+        std::atomic<uint64_t> otherEntries{0};    ///< skipped: padding, notices, unknown operations
+        std::atomic<uint64_t> completedTwice{0};  ///< ignored
     };
     const Stats& GetStats() const { return m_stats; }
+
+    // ---- For tests only
+    /// True when the kernel takes the length of an answer (RingCommand::readLength).
+    bool TakesReadLength() const { return m_takesReadLength; }
 
   private:
     const char* CheckMailbox() const;

@@ -62,10 +62,6 @@ void tcmu_set_dev_private(tcmu_device* dev, void* priv) {
     dev->priv = priv;
 }
 
-void* tcmu_get_dev_private(tcmu_device* dev) {
-    return dev->priv;
-}
-
 int tcmu_emulate_inquiry(tcmu_device* dev, uint8_t* cdb, iovec* iov, size_t iovCnt,
                          uint8_t* sense) {
     InquiryFacts facts;

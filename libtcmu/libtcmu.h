@@ -42,7 +42,6 @@ void tcmu_set_dev_block_size(tcmu_device* dev, uint32_t bytes);
 uint64_t tcmu_get_dev_num_lbas(tcmu_device* dev);
 void tcmu_set_dev_num_lbas(tcmu_device* dev, uint64_t blocks);
 void tcmu_set_dev_private(tcmu_device* dev, void* priv);
-void* tcmu_get_dev_private(tcmu_device* dev);
 
 // ---- CDB decoding (SBC-3; block commands of 6, 10, 12 and 16 bytes)
 // --------------------------------

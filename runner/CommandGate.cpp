@@ -69,12 +69,11 @@ void CommandGate::Pass(RingCommand& command) {
 }
 
 void CommandGate::PassData(RingCommand& command, const DataCommand& data) {
-    const uint64_t buffers = Iovec::Length(command.iovec, command.iov_cnt);
-    Verdict verdict = Judge(data, buffers);
+    Verdict verdict = Judge(data, command.dataLength);
     if (verdict == Verdict::kPassed && !HostKnown())
         verdict = Verdict::kNotReady;
     if (verdict == Verdict::kPassed)
-        verdict = FitBuffers(command, data, buffers);
+        verdict = FitBuffers(command, data);
     if (verdict != Verdict::kPassed) {
         Answer(command, verdict);
         return;
@@ -107,10 +106,9 @@ CommandGate::Verdict CommandGate::Judge(const DataCommand& data, uint64_t buffer
     return Verdict::kPassed;
 }
 
-CommandGate::Verdict CommandGate::FitBuffers(RingCommand& command, const DataCommand& data,
-                                             uint64_t buffers) {
+CommandGate::Verdict CommandGate::FitBuffers(RingCommand& command, const DataCommand& data) {
     const uint64_t bytes = data.blocks * m_blockSize;
-    if (buffers > bytes) {
+    if (command.dataLength > bytes) {
         if (!data.write)
             Iovec::ClearFrom(command.iovec, command.iov_cnt, bytes);
         command.iov_cnt = Iovec::Clip(command.iovec, command.iov_cnt, bytes);
@@ -156,7 +154,6 @@ CommandGate::Verdict CommandGate::Bounce(RingCommand& command, const DataCommand
 
 void CommandGate::PassOther(RingCommand& command) {
     const CommandKind kind = KindOf(command.cdb[0]);
-    const uint64_t buffers = Iovec::Length(command.iovec, command.iov_cnt);
     const int result = m_handler.Handle(&command);
     if (result == kCompletesLater)
         return;
@@ -166,7 +163,7 @@ void CommandGate::PassOther(RingCommand& command) {
             m_hostKnown = true;
         const uint64_t left = Iovec::Length(command.iovec, command.iov_cnt);
         Iovec::ClearFrom(command.iovec, command.iov_cnt, 0);
-        command.readLength = static_cast<uint32_t>(buffers - left);
+        command.readLength = static_cast<uint32_t>(command.dataLength - left);
     }
     tcmulib_command_complete(&m_device, &command, result);
 }

@@ -102,7 +102,7 @@ class CommandGate {
     void PassData(RingCommand& command, const DataCommand& data);
     void PassOther(RingCommand& command);
     Verdict Judge(const DataCommand& data, uint64_t buffers) const;
-    Verdict FitBuffers(RingCommand& command, const DataCommand& data, uint64_t buffers);
+    Verdict FitBuffers(RingCommand& command, const DataCommand& data);
     Verdict Bounce(RingCommand& command, const DataCommand& data, uint64_t bytes);
     bool HostKnown();
     void Answer(RingCommand& command, Verdict verdict);

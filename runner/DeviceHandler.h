@@ -11,7 +11,7 @@ struct tcmulib_cmd;
 /// What serves the commands of one TCMU device, as the runner sees it: the plug-in's
 /// MoScsiSrvTcmuDev, whose contract this repeats, or a test's stand-in.
 ///
-/// Thread: Open, Handle and Close never two at once for one device; Pending and Counters any.
+/// Thread: Open, Handle and Close never two at once for one device; Counters any.
 class DeviceHandler {
   public:
     virtual ~DeviceHandler() = default;
@@ -25,9 +25,6 @@ class DeviceHandler {
 
     /// Asks the host for what it holds, and waits for it without limit.
     virtual void Close() = 0;
-
-    /// Commands that the host holds now.
-    virtual size_t Pending() = 0;
 
     virtual MoStatistics::Counters Counters() = 0;
 };

@@ -1,5 +1,6 @@
 #include "runner/DeviceTable.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <exception>
 
@@ -38,13 +39,9 @@ void DeviceTable::Removed(LibDevice* device) {
     server->Close();
 }
 
-std::vector<DeviceTable::Held> DeviceTable::NotDrained() {
+bool DeviceTable::Drained() {
     const MutexGuard guard(m_mutex);
-    std::vector<Held> held;
-    for (const auto& [device, server] : m_servers)
-        if (!server->Drained())
-            held.push_back({server->CfgString(), server->InFlight()});
-    return held;
+    return std::ranges::all_of(m_servers, [](const auto& one) { return one.second->Drained(); });
 }
 
 std::vector<std::filesystem::path> DeviceTable::Backstores() {

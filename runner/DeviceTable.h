@@ -1,10 +1,8 @@
 #pragma once
 
-#include <cstdint>
 #include <filesystem>
 #include <map>
 #include <memory>
-#include <string>
 #include <vector>
 
 #include "framework/Mutex.h"
@@ -27,14 +25,8 @@ class DeviceTable {
     /// that isn't served is ignored, so that the kernel gets its answer in every case.
     void Removed(LibDevice* device) MO_EXCLUDES(m_mutex);
 
-    /// What still has to come back before the devices can be closed.
-    struct Held {
-        std::string cfgString;
-        uint32_t commands;  ///< taken from the ring and not answered
-    };
-
-    /// The devices that are not drained. Looks into the rings, so it excludes `removed`.
-    std::vector<Held> NotDrained() MO_EXCLUDES(m_mutex);
+    /// Whether all devices are drained. Looks into the rings, so it excludes `removed`.
+    bool Drained() MO_EXCLUDES(m_mutex);
 
     /// The devices' directories in configfs.
     std::vector<std::filesystem::path> Backstores() MO_EXCLUDES(m_mutex);

@@ -23,7 +23,6 @@ class PluginHandler : public DeviceHandler {
     int Open() override { return m_device.TcmuDevOpen(); }
     int Handle(tcmulib_cmd* cmd) override { return m_device.TcmuDevCmdHandler(cmd); }
     void Close() override { m_device.TcmuDevClose(); }
-    size_t Pending() override { return m_device.Pending(); }
     MoStatistics::Counters Counters() override;
 
   private:

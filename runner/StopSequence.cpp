@@ -28,7 +28,7 @@ class Stop {
         for (const std::filesystem::path& backstore : m_table.Backstores())
             if (m_blocked.insert(backstore).second)
                 Block(backstore);
-        while (!m_table.NotDrained().empty() && Clock::now() < m_deadline)
+        while (!m_table.Drained() && Clock::now() < m_deadline)
             std::this_thread::sleep_for(kLookAgain);
     }
 

@@ -13,6 +13,7 @@
 
 namespace {
 
+constexpr const char* kFamily = "TCM-USER";
 constexpr int kAnswerLimitMs = 1000;
 
 // One GETFAMILY request with the name as its only attribute.
@@ -25,13 +26,13 @@ struct Request {
 
 }  // namespace
 
-bool TcmuFamily::Registered(const char* name) {
+bool TcmuFamilyRegistered() {
     const UniqueFd netlink(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_GENERIC));
     if (!netlink.Valid())
         return false;
 
     Request request{};
-    strncpy(request.name, name, sizeof request.name - 1);
+    strncpy(request.name, kFamily, sizeof request.name - 1);
     request.message.nlmsg_type = GENL_ID_CTRL;
     request.message.nlmsg_flags = NLM_F_REQUEST;
     request.controller.cmd = CTRL_CMD_GETFAMILY;

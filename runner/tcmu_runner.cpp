@@ -46,7 +46,7 @@ RunnerEnvironment RunnerEnvironment::Real() {
     // The module first: asked for a family that it hasn't got, the kernel runs modprobe each time.
     environment.familyRegistered = [module = environment.moduleParameters] {
         std::error_code ignored;
-        return std::filesystem::exists(module, ignored) && TcmuFamily::Registered();
+        return std::filesystem::exists(module, ignored) && TcmuFamilyRegistered();
     };
     environment.makeHandler = MakePluginHandler;
     return environment;
