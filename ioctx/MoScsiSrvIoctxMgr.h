@@ -88,7 +88,6 @@ class MoIoctxMgr : private MoIoctxMemory {
 
     static constexpr int kFirstSlabs = 8;
 
-    // ---- IoctxSlabs.cpp ----------------------------------------------------------------------
     /// Adds 64 free records. Returns: the first, or null (no memory; logged and counted).
     MoScsiSrvIO* create_slab() MO_REQUIRES(m_mutex);
     /// Frees a slab of which no record is on loan. Its entry in m_slabs stays.
