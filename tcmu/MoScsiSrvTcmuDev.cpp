@@ -1,5 +1,5 @@
 // The life of a TCMU device's handler: construction, open, close. Commands stand in
-// TcmuDevCommands.cpp, their completion in TcmuDevCompletion.cpp, INQUIRY in TcmuDevInquiry.cpp.
+// TcmuDevCommands.cpp, INQUIRY in TcmuDevInquiry.cpp.
 
 #include "tcmu/MoScsiSrvTcmuDev.h"
 
