@@ -1,11 +1,18 @@
-// The exported factory, the singleton and its life.
+// The exported factory, the singleton and its life, and the runner's thread that it starts.
 
+#include <pthread.h>
+
+#include <array>
 #include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <string>
 
 #include "framework/Export.h"
+#include "framework/MOPlatformInfo.h"
 #include "ioctx/MoScsiSrvIoctxMgr.h"
 #include "platform/MoScsiSrvLIO.h"
-#include "platform/RunnerThread.h"
+#include "runner/Runner.h"
 #include "util/Log.h"
 
 MoScsiSrvLIO* MoScsiSrvLIO::g_LioPlatform = nullptr;
@@ -28,6 +35,39 @@ MoScsiSrvLIO* MoScsiSrvLIO::Instance() {
         g_LioPlatform = new MoScsiSrvLIO();
     g_InstanceMutex.unlock();
     return g_LioPlatform;
+}
+
+/// The runner's thread: runs the TCMU runner's main loop until it is interrupted.
+/// Returns: null. There is no retry and no restart.
+// In no namespace: its log lines show its signature.
+static void* TcmuRunerThread(void* /*arg*/) {
+    MO_TRACE(kTraceDetail);
+    std::string baseDirectory;
+    if (MOPlatformInfo::getString("Base", "dBASEHOME", &baseDirectory) == 0)
+        MO_LOG(kLogError, "couldn't get MOPI_BASEHOME");  // the runner gets an empty path
+
+    const std::string option = "--handler-path=" + baseDirectory;
+    // Copies that are never freed: the runner keeps them.
+    std::array<char*, 3> argv{strdup("tcmu_runner_main"), strdup(option.c_str()), nullptr};
+    MO_LOG(kLogProgress, "starting tcmu_runner main %s", option.c_str());
+    // NOLINTNEXTLINE(clang-analyzer-unix.Malloc): kept, see above
+    if (tcmu_runner_main(2, argv.data()) != 0)
+        MO_LOG(kLogError, "tcmu not initialized %s", option.c_str());
+    return nullptr;
+}
+
+/// Starts TcmuRunerThread with SIGINT blocked from its first instruction on (the mask is
+/// inherited), so that an interrupt sent right away can't end the process. The caller's own mask is
+/// unchanged. Returns: false when the thread could not be made; `thread` is then undefined.
+static bool StartRunnerThread(pthread_t& thread) {
+    sigset_t interrupt;
+    sigset_t callers;
+    sigemptyset(&interrupt);
+    sigaddset(&interrupt, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &interrupt, &callers);
+    const int result = pthread_create(&thread, nullptr, TcmuRunerThread, nullptr);
+    pthread_sigmask(SIG_SETMASK, &callers, nullptr);
+    return result == 0;
 }
 
 MoScsiSrvLIO::MoScsiSrvLIO() {

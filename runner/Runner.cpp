@@ -6,13 +6,14 @@
 #include <string>
 #include <vector>
 
-#include "framework/Mutex.h"
 #include "libtcmu/Device.h"
 #include "libtcmu/LibtcmuApi.h"
 #include "runner/DbusService.h"
 #include "runner/DeviceTable.h"
+#include "runner/InterruptWait.h"
 #include "runner/MasterThread.h"
 #include "runner/NetlinkReset.h"
+#include "runner/RunnerEnvironment.h"
 #include "runner/StopSequence.h"
 #include "util/Log.h"
 

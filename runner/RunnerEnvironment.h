@@ -21,7 +21,4 @@ struct RunnerEnvironment {
 
     std::chrono::milliseconds familyPause{100};  ///< between two looks for the family
     std::chrono::milliseconds stopLimit{10000};  ///< for the host to give back what it holds
-
-    /// libtcmu, the kernel and the plug-in's handler.
-    static RunnerEnvironment Real();
 };

@@ -1,4 +1,4 @@
-#include "runner/tcmu_runner.h"
+// The runner's start on the real machine.
 
 #include <pthread.h>
 
@@ -7,8 +7,10 @@
 #include <system_error>
 
 #include "libtcmu/LibtcmuApi.h"
+#include "runner/InterruptWait.h"
 #include "runner/IoctxStatistics.h"
 #include "runner/Runner.h"
+#include "runner/RunnerEnvironment.h"
 #include "runner/TcmuFamily.h"
 #include "runner/ThreadSignals.h"
 #include "util/Log.h"
@@ -38,9 +40,8 @@ bool ParseArguments(int argc, char** argv) {
     return true;
 }
 
-}  // namespace
-
-RunnerEnvironment RunnerEnvironment::Real() {
+// libtcmu, the kernel and the plug-in's handler.
+RunnerEnvironment RealEnvironment() {
     RunnerEnvironment environment;
     environment.tcmu = &RealLibtcmuApi();
     // The module first: asked for a family that it hasn't got, the kernel runs modprobe each time.
@@ -52,6 +53,8 @@ RunnerEnvironment RunnerEnvironment::Real() {
     return environment;
 }
 
+}  // namespace
+
 int tcmu_runner_main(int argc, char** argv) {
     if (!ParseArguments(argc, argv))
         return 1;
@@ -59,5 +62,5 @@ int tcmu_runner_main(int argc, char** argv) {
     const ThreadSignals signals;
     InterruptWait interrupt;
     const auto statistics = RegisterIoctxStatistics();
-    return RunRunner(RunnerEnvironment::Real(), interrupt);
+    return RunRunner(RealEnvironment(), interrupt);
 }

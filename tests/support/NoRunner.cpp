@@ -2,7 +2,7 @@
 
 #include <vector>
 
-#include "runner/tcmu_runner.h"
+#include "runner/Runner.h"
 
 int tcmu_runner_main(int argc, char** argv) {
     static auto* kept = new std::vector<char*>;  // the runner may keep its arguments

@@ -4,7 +4,7 @@
 
 #include <csignal>
 
-#include "runner/tcmu_runner.h"
+#include "runner/Runner.h"
 #include "tests/support/PlatformFixture.h"
 
 static bool Fails(OsSeams::Call call) {

@@ -2,9 +2,12 @@
 
 #include <gmock/gmock.h>
 
-#include "host/service/BusWait.h"
+#include "framework/MoProcess.h"
+#include "host/BusWait.h"
 #include "runner/DbusService.h"
+#include "runner/InterruptWait.h"
 #include "runner/Runner.h"
+#include "runner/RunnerEnvironment.h"
 #include "runner/ThreadSignals.h"
 #include "tests/support/CapturingLogWriter.h"
 #include "tests/support/FakeConfigfs.h"
