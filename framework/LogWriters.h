@@ -8,8 +8,10 @@
 /// not doubled, embedded ones become blanks), in one system call, so that lines of different
 /// threads never mix.
 
-/// Makes a writer on standard error: "LEVEL function:line message".
+/// Makes a writer on standard error: "[LEVEL] message", and for errors and traces (levels below 0
+/// and from 6 on) "[LEVEL] message (function:line)".
 MO_EXPORT std::shared_ptr<CLogWriterInterface> MakeStderrLogWriter(int level);
 
-/// Makes a writer to syslog, which the journal collects too; `ident` names the program.
+/// Makes a writer to syslog, which the journal collects too: "message (function:line)". `ident`
+/// names the program.
 MO_EXPORT std::shared_ptr<CLogWriterInterface> MakeSyslogLogWriter(const char* ident, int level);

@@ -28,7 +28,6 @@ inline constexpr int TCMU_STATUS_GOOD = 0;
 inline constexpr int TCMU_STATUS_CHECK_CONDITION = 2;
 
 // ---- Device attributes. Thread: any, between the device's open and close.
-// ------------------------
 
 /// The configuration string "SUBTYPE/REST", the sub-type in its canonical letter case. Valid as
 /// long as the device.
@@ -44,7 +43,6 @@ void tcmu_set_dev_num_lbas(tcmu_device* dev, uint64_t blocks);
 void tcmu_set_dev_private(tcmu_device* dev, void* priv);
 
 // ---- CDB decoding (SBC-3; block commands of 6, 10, 12 and 16 bytes)
-// --------------------------------
 
 /// The logical block address of a READ or WRITE.
 uint64_t tcmu_get_lba(const uint8_t* cdb);
@@ -52,7 +50,6 @@ uint64_t tcmu_get_lba(const uint8_t* cdb);
 uint32_t tcmu_get_xfer_length(const uint8_t* cdb);
 
 // ---- Sense data
-// -----------------------------------------------------------------------------------
 
 /// Writes fixed-format sense data (SPC-4, 4.5.3) of 18 bytes.
 /// Returns: TCMU_STATUS_CHECK_CONDITION.
@@ -67,7 +64,6 @@ int tcmu_set_sense_data(uint8_t* sense, uint8_t key, uint16_t ascAscq);
 // afterwards walks a copy of the entries.
 //
 // Thread: any. `cdb` holds the CDB's whole length.
-// -------------------------------------------------------------
 
 int tcmu_emulate_test_unit_ready(uint8_t* cdb, iovec* iov, size_t iovCnt, uint8_t* sense);
 int tcmu_emulate_inquiry(tcmu_device* dev, uint8_t* cdb, iovec* iov, size_t iovCnt, uint8_t* sense);
@@ -80,7 +76,6 @@ int tcmu_emulate_read_capacity_16(uint64_t numLbas, uint32_t blockSize, uint8_t*
                                   size_t iovCnt, uint8_t* sense);
 
 // ---- Completion
-// -----------------------------------------------------------------------------------
 
 /// Completes a command to the kernel: 0, CHECK CONDITION (with the record's sense), or -1 (not
 /// handled: ILLEGAL REQUEST, invalid command operation code). The device's completionHook runs
