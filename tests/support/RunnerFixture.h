@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 
 #include "framework/MoProcess.h"
-#include "host/BusWait.h"
+#include "host/service/BusWait.h"
 #include "runner/DbusService.h"
 #include "runner/InterruptWait.h"
 #include "runner/Runner.h"
