@@ -10,6 +10,7 @@
 
 #include "framework/Export.h"
 #include "framework/MOPlatformInfo.h"
+#include "ioctx/IoctxStatistics.h"
 #include "ioctx/MoScsiSrvIoctxMgr.h"
 #include "platform/MoScsiSrvLIO.h"
 #include "runner/Runner.h"
@@ -49,6 +50,7 @@ static void* TcmuRunerThread(void* /*arg*/) {
     const std::string option = "--handler-path=" + baseDirectory;
     // Copies that are never freed: the runner keeps them.
     std::array<char*, 3> argv{strdup("tcmu_runner_main"), strdup(option.c_str()), nullptr};
+    const auto statistics = RegisterIoctxStatistics();  // seen as long as the runner runs
     MO_LOG(kLogProgress, "starting tcmu_runner main %s", option.c_str());
     // NOLINTNEXTLINE(clang-analyzer-unix.Malloc): kept, see above
     if (tcmu_runner_main(2, argv.data()) != 0)

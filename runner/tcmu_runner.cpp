@@ -8,10 +8,9 @@
 
 #include "libtcmu/LibtcmuApi.h"
 #include "runner/InterruptWait.h"
-#include "runner/IoctxStatistics.h"
+#include "runner/NetlinkFamily.h"
 #include "runner/Runner.h"
 #include "runner/RunnerEnvironment.h"
-#include "runner/TcmuFamily.h"
 #include "runner/ThreadSignals.h"
 #include "util/Log.h"
 
@@ -47,7 +46,7 @@ RunnerEnvironment RealEnvironment() {
     // The module first: asked for a family that it hasn't got, the kernel runs modprobe each time.
     environment.familyRegistered = [module = environment.moduleParameters] {
         std::error_code ignored;
-        return std::filesystem::exists(module, ignored) && TcmuFamilyRegistered();
+        return std::filesystem::exists(module, ignored) && NetlinkFamilyRegistered(kTcmuFamily);
     };
     environment.makeHandler = MakePluginHandler;
     return environment;
@@ -61,6 +60,5 @@ int tcmu_runner_main(int argc, char** argv) {
     pthread_setname_np(pthread_self(), "moscsi-runner");
     const ThreadSignals signals;
     InterruptWait interrupt;
-    const auto statistics = RegisterIoctxStatistics();
     return RunRunner(RealEnvironment(), interrupt);
 }

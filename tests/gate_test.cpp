@@ -1,6 +1,8 @@
 // The gate's rules, where the random commands of tests/fuzz/gate_fuzz.cpp don't come: large LUNs, a
 // host that holds or isn't there, how buffers are reshaped, limits.
 
+#include <gmock/gmock.h>
+
 #include "libtcmu/Cdb.h"
 #include "tests/support/CapturingLogWriter.h"
 #include "tests/support/GateRig.h"

@@ -3,7 +3,7 @@
 #include <sys/resource.h>
 
 #include "framework/MoProcess.h"
-#include "runner/TcmuFamily.h"
+#include "runner/NetlinkFamily.h"
 
 TEST_F(RunnerTest, ServesWhatWasThereAndWhatComesAndStopsInOrder) {
     TestHost host(device.cfgString);
@@ -111,8 +111,8 @@ TEST_F(RunnerTest, InterruptEndsTheWaitForTheKernel) {
     EXPECT_EQ(Stop(), 0);
     EXPECT_THAT(api.subTypes, IsEmpty()) << "initialised";
     EXPECT_THAT(log.Texts(-1), IsEmpty());
-    EXPECT_TRUE(TcmuFamily::Registered("nlctrl"));
-    EXPECT_FALSE(TcmuFamily::Registered("nlctr"));
+    EXPECT_TRUE(NetlinkFamilyRegistered("nlctrl"));
+    EXPECT_FALSE(NetlinkFamilyRegistered("nlctr"));
 }
 
 TEST_F(RunnerTest, StopLeavesOpenWhatTheHostHolds) {

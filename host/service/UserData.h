@@ -12,7 +12,6 @@
 #include "platform/MoScsiSrvPlatform.h"
 
 class LunData;
-}
 
 /// The data sides of the plan's user LUNs.
 ///

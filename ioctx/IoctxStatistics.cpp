@@ -1,4 +1,4 @@
-#include "runner/IoctxStatistics.h"
+#include "ioctx/IoctxStatistics.h"
 
 #include "ioctx/MoScsiSrvIoctxMgr.h"
 

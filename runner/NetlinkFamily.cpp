@@ -1,4 +1,4 @@
-#include "runner/TcmuFamily.h"
+#include "runner/NetlinkFamily.h"
 
 #include <linux/genetlink.h>
 #include <linux/netlink.h>
@@ -13,7 +13,6 @@
 
 namespace {
 
-constexpr const char* kFamily = "TCM-USER";
 constexpr int kAnswerLimitMs = 1000;
 
 // One GETFAMILY request with the name as its only attribute.
@@ -26,13 +25,13 @@ struct Request {
 
 }  // namespace
 
-bool TcmuFamilyRegistered() {
+bool NetlinkFamilyRegistered(const char* name) {
     const UniqueFd netlink(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_GENERIC));
     if (!netlink.Valid())
         return false;
 
     Request request{};
-    strncpy(request.name, kFamily, sizeof request.name - 1);
+    strncpy(request.name, name, sizeof request.name - 1);
     request.message.nlmsg_type = GENL_ID_CTRL;
     request.message.nlmsg_flags = NLM_F_REQUEST;
     request.controller.cmd = CTRL_CMD_GETFAMILY;
