@@ -95,6 +95,9 @@ TEST_F(EmulationTest, WhatIsNotSupportedIsRefusedAndModesCannotBeChanged) {
         {"1A 00 01 00 FF", "", "2400"},
         {"1A 00 08 01 FF", "", "2400"},
         {"1A 00 C8 00 FF", "", "3900"},  // saved values
+        {"25 00 00 00 00 01", "", "2400"},
+        {"9E 10 00 00 00 00 00 00 00 01 00 00 10 00", "", "2400"},
+        {"1B 00 00 01 01", "", "2400"},
         {"1B 00 00 00 00", "", "2400"},  // stop
         {"1B 00 00 00 03", "", "2400"},  // load
         {"1B 00 00 00 11", "", "2400"},  // ACTIVE
@@ -103,6 +106,8 @@ TEST_F(EmulationTest, WhatIsNotSupportedIsRefusedAndModesCannotBeChanged) {
         {"15 11 00 00 04", "00 00 00 00", "2400"},  // save pages
         {"15 00 00 00 04", "00 00 00 00", "2400"},  // no page format
         {select6 + "03", "00 00 00", "1A00"},
+        {select6 + "05", "00 00 00 00 08", "1A00"},
+        {select10 + "04 00", std::string(2048, '0'), "2600"},
         {select6 + "18", "00 00 00 00 08 12", "1A00"},  // fewer bytes sent than announced
         {select6 + "0C", "00 00 00 08 00 00 00 00 00 00 02 00", "2600"},
         {select10 + "00 10", "0000 00 00 00 00 0008 00 00 00 00 00 00 02 00", "2600"},
@@ -124,6 +129,10 @@ TEST_F(EmulationTest, CapacityAtItsLimits) {
         Bytes sense(18);
         EXPECT_EQ(emulate(0, kBlock, cdb.data(), nullptr, 0, sense.data()), 2);
         EXPECT_EQ(sense[2] << 8 | sense[12], 0x023A);  // MEDIUM NOT PRESENT
+        Bytes data(40, 0xEE);
+        iovec entry{data.data(), data.size()};
+        EXPECT_EQ(emulate(1, kBlock, cdb.data(), &entry, 1, sense.data()), 0);
+        EXPECT_EQ(data.back(), 0);
     }
 }
 

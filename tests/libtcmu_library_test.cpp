@@ -12,7 +12,8 @@ struct Handler {
     int (*reconfigure)(LibDevice* dev, void* change);
     void* updateLogDirectory;
     int (*added)(LibDevice* dev);
-    void *removed, *own, *connection;
+    void (*removed)(LibDevice* dev);
+    void *own, *connection;
 };
 static std::vector<Handler> g_handlers;
 
@@ -24,6 +25,8 @@ extern "C" void* tcmulib_initialize(const Handler* handlers, size_t count) {
 TEST(LibraryTest, EachHandlerAsksTheCallbacksAndTakesNoNewSize) {
     LibtcmuApi::Callbacks callbacks;
     callbacks.added = [](LibDevice* dev) { return dev == nullptr ? -7 : 0; };
+    size_t removed = 0;
+    callbacks.removed = [&](LibDevice* /*dev*/) { ++removed; };
     callbacks.checkConfig = [](const std::string& config, std::string& reason) {
         reason = "because";
         return config == "good";
@@ -38,6 +41,8 @@ TEST(LibraryTest, EachHandlerAsksTheCallbacksAndTakesNoNewSize) {
         EXPECT_STREQ(reason, "because");
         free(reason);
         EXPECT_EQ(handler.added(nullptr), -7);
+        handler.removed(nullptr);
         EXPECT_EQ(handler.reconfigure(nullptr, nullptr), -EOPNOTSUPP) << "nobody would do it";
     }
+    EXPECT_EQ(removed, g_handlers.size());
 }

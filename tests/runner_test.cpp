@@ -83,8 +83,9 @@ TEST_F(RunnerTest, EachFailingPhaseIsOneLineAndACleanStop) {
             std::to_string(getpid()) + ")");
         ASSERT_TRUE(other.ExportHandlers({"MoScsiSrvTcmu"}));
         int looks = 0;
-        EXPECT_THAT(WaitForBusObjects(std::chrono::hours(1), [&] { return ++looks == 2; }),
+        EXPECT_THAT(WaitForBusObjects(std::chrono::seconds(5), [&] { return ++looks == 2; }),
                     HasSubstr("/moscsisrvtcmu is not there"));
+        EXPECT_EQ(looks, 2);
     }
     const std::string bus = getenv("DBUS_SYSTEM_BUS_ADDRESS");
     setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nowhere", 1);
@@ -149,8 +150,12 @@ TEST_F(RunnerTest, StopWaitsForAThreadThatIsOnlySlow) {
 
 TEST_F(RunnerTest, DeviceThatCannotBeServedIsRefusedAndClosed) {
     static std::atomic<int> closes{0};
-    struct Handler : NullHandler {
+    struct Handler : DeviceHandler {
+        int Open() override { return 0; }
+        int Handle(tcmulib_cmd* /*cmd*/) override { return 0; }
         void Close() override { ++closes; }
+        size_t Pending() override { return 0; }
+        MoStatistics::Counters Counters() override { return {}; }
     };
     bool made = false;
     environment.makeHandler = [&](tcmu_device* /*dev*/) {

@@ -5,14 +5,6 @@
 #include "tests/support/FakeLibtcmuApi.h"
 #include "tests/support/TestHost.h"
 
-/// Handles everything at once. Tests override what they look at.
-struct NullHandler : DeviceHandler {
-    int Open() override { return 0; }
-    int Handle(tcmulib_cmd* /*cmd*/) override { return TCMU_STATUS_GOOD; }
-    void Close() override {}
-    MoStatistics::Counters Counters() override { return {}; }
-};
-
 /// ", NAME VALUE" of each counter that isn't zero, by name.
 inline std::string Counted(MoStatistics::Counters counters) {
     std::sort(counters.begin(), counters.end());

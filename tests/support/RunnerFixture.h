@@ -37,10 +37,9 @@ T& Kept() {
 }
 
 inline std::string Content(const fs::path& file) {
-    std::string line;
-    std::ifstream stream(file);
-    std::getline(stream, line);
-    return line;
+    std::string word;
+    std::ifstream(file) >> word;
+    return word;
 }
 
 inline Bytes Read10(uint8_t lba) {
