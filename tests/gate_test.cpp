@@ -78,7 +78,7 @@ TEST_F(GateTest, UsedUpPoolIsBusyUntilBuffersComeBack) {
     };
     Extents adjacent;
     for (size_t i = 0; i < 17; ++i)
-        adjacent.push_back({(100 + i) * kBlock, kBlock});
+        adjacent.insert(adjacent.end(), {{(100 + i) * kBlock, kBlock}, {0, 0}});
     constexpr size_t kAll = BouncePool::kMaxBytes / kBlock;
     host.hold = true;
     for (size_t i = 0; i < BouncePool::kMaxBuffers; ++i)

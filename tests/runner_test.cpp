@@ -110,6 +110,11 @@ TEST_F(RunnerTest, InterruptEndsTheWaitForTheKernel) {
     Await([&] { return looks > 3; });
     EXPECT_TRUE(NameTaken());
     EXPECT_EQ(Stop(), 0);
+
+    environment.familyRegistered = [] { return true; };
+    pthread_kill(pthread_self(), SIGINT);  // told before it begins
+    InterruptWait interrupt;
+    EXPECT_EQ(RunRunner(environment, interrupt), 0);
     EXPECT_THAT(api.subTypes, IsEmpty()) << "initialised";
     EXPECT_THAT(log.Texts(-1), IsEmpty());
     EXPECT_TRUE(NetlinkFamilyRegistered("nlctrl"));
@@ -199,6 +204,7 @@ TEST_F(RunnerTest, RemovalWaitsForTheHostAndOthersGoOn) {
     EXPECT_EQ(Announce(Describe(stranger, "-other")), -22);  // a second one of that string
     EXPECT_EQ(Announce(device), 0);                          // the string of a removed one
     EXPECT_EQ(device.StatusOf(Read10(3), {{0, 512}}), 0);
+    api.Remove(device);
     EXPECT_LT(other.looks, 10) << "a descriptor with an error is polled no more";
     EXPECT_EQ(Stop(), 0);  // before the hosts go
     EXPECT_TRUE(api.closed);
@@ -244,6 +250,11 @@ TEST_F(RunnerTest, HandlerIsClosedAfterItsThreadHasEndedAndEachRemovalAnswered) 
     StartAndWait();
     device.Submit(Read10(3), {{0, 512}});
     Await([&] { return host.given == 1; });
+    std::atomic_ref(other.ring.Mailbox().head) = 1 << 30;
+    for (int looks = other.looks; looks + 2 > other.looks;) {
+        other.ring.RaiseEvent();
+        std::this_thread::yield();
+    }
     api.Remove(device);
     api.Remove(other);
     EXPECT_EQ(Stop(), 0);  // bounded, though the host hasn't returned
@@ -252,6 +263,7 @@ TEST_F(RunnerTest, HandlerIsClosedAfterItsThreadHasEndedAndEachRemovalAnswered) 
     let = true;
     Await([&] { return api.answered == 2; });  // the kernel waits for both, told to end or not
     EXPECT_THAT(log.Texts(0), closed);
+    EXPECT_THAT(log.Texts(-1), Contains(HasSubstr("can't be served any more")).Times(1));
 }
 
 // 300 interrupts for the process: the host, which waits for them, gets every one.

@@ -62,7 +62,7 @@ struct RunnerTest : Test {
         environment.moduleParameters = block.parent_path();
         environment.backstores = directory.path / "core";
         environment.uioClass = directory.path / "uio";
-        environment.stopLimit = std::chrono::seconds(5);  // nothing waits for it in vain
+        environment.stopLimit = std::chrono::seconds(20);  // longer than any wait of a test
         environment.familyPause = std::chrono::milliseconds(1);
         Describe(device, "");
         api.existing = {&device};
