@@ -77,10 +77,9 @@ TEST_F(RunnerTest, EachFailingPhaseIsOneLineAndACleanStop) {
     {
         DbusService other;
         ASSERT_TRUE(other.TakeName());
-        fails(
-            "another TCMU daemon has the D-Bus name org.kernel.TCMUService1: runner_test "
-            "(process " +
-            std::to_string(getpid()) + ")");
+        fails("another TCMU daemon has the D-Bus name org.kernel.TCMUService1: " +
+              std::string(program_invocation_short_name).substr(0, 15) + " (process " +
+              std::to_string(getpid()) + ")");
         ASSERT_TRUE(other.ExportHandlers({"MoScsiSrvTcmu"}));
         int looks = 0;
         EXPECT_THAT(WaitForBusObjects(std::chrono::seconds(5), [&] { return ++looks == 2; }),
