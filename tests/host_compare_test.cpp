@@ -124,7 +124,7 @@ TEST_F(HostCompareTest, EachDisagreementIsOneLineWithARemedy) {
         {[&] { object("fileio", "other", "/srv/x", NaaDigitsOf(Lun(0).serial) + "ffff"); },
          "first 25 hexadecimal digits"},
         {[&] { tree.Map(kName, kOther, 0); }, "admits the initiator " + kOther},
-        {[&] { tree.Map(kName, kHostB, 7); }, "sees LUN 7, which the file"},
+        {[&] { tree.Map(kName, kHostB, 7); }, "/acls/" + kHostB + " delete 7"},
         {[&] { fs::rename(seen(1) / "d4e5f6", seen(7) / "d4e5f6"); },
          "sees as LUN 7 what is LUN 1"},
         {[&] { gone(seen(7) / "d4e5f6"); }, "is LUN nowhere"},

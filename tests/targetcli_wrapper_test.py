@@ -135,11 +135,12 @@ class Relay(WrapperTest):
     def test_a_reader_that_never_reads_is_not_waited_for_beyond_the_limit(self):
         # Neither gets rid of its output; the second ends. A stop never lengthens the limit.
         pieces = "dd if=/dev/zero status=none bs=5000 count="
-        runs = [(self.start_do(f"{pieces}{count}; exit 7", MOSCSI_TARGETCLI_TIMEOUT=1), status)
-                for count, status in ((80, 124), (25, 7))]
+        runs = [(self.start_do(f"{pieces}{count}; exit 7", MOSCSI_TARGETCLI_TIMEOUT=1), status, line)
+                for count, status, line in ((80, 124, "did not end within 1 s"), (25, 7, ""))]
         self.write("run/targetcli/limit", "100\n")
-        for process, status in runs:
+        for process, status, line in runs:
             self.assertEqual(process.wait(DEADLINE), status)
+            self.assertIn(line, process.stderr.read())
 
     def test_what_outlives_the_real_one_does_not_hold_the_wrapper(self):
         script = "sleep 1000 & echo $! >$D/a; setsid sh -c 'echo $$ >$D/b; exec sleep 1000' &" \
@@ -257,7 +258,7 @@ class Preferences(WrapperTest):
 
 class UserBackstore(WrapperTest):
     # Runs a command that fails and says this while the kernel has this object. Returns: its standard error.
-    def fail(self, said, args, config="MoScsiSrvTcmu/c0ffee", size="8192", enable="1", place="user_3/vol"):
+    def failed(self, said, args, config="MoScsiSrvTcmu/c0ffee", size="8192", enable="1", place="user_3/vol"):
         shutil.rmtree(self.dir / "core", ignore_errors=True)
         self.write(f"core/{place}/enable", enable + "\n")
         self.write(f"core/{place}/info", "Status: DEACTIVATED  Max Queue Depth: 0  SectorSize: 512\n"
@@ -274,7 +275,7 @@ class UserBackstore(WrapperTest):
                 ({}, create, same), (dict(config="moscsisrvtcmu/c0ffee"), (path + "/", verb, *rest[::-1]), same),
                 (dict(place="user_3/vol2"), create, ""), ({}, (path, "delete", "name=vol"), ""), ({}, (path,), ""),
                 ({}, ("/backstores/fileio", verb, *rest), "")):
-            self.assertEqual(self.fail("failed.", args, **kernel), line + "failed.\n")
+            self.assertEqual(self.failed("failed.", args, **kernel), line + "failed.\n")
         for kernel, line in ((dict(size="81920"), "another size (81920 bytes)"), (dict(size="819"), "another size"),
                              (dict(config="MoScsiSrvTcmu/C0ffee"), "another configuration (MoScsiSrvTcmu/C0ffee)"),
                              (dict(config="c0ffee"), "another conf"), (dict(config="x/exists"), "differs"),
@@ -282,7 +283,7 @@ class UserBackstore(WrapperTest):
                              (dict(enable="0"), "never enabled"), (dict(place="user_3/vol2"), "none is"),
                              (dict(place="fileio_3/vol"), "none is")):
             with self.subTest(kernel):
-                first = self.fail("it Exists", **{"args": create, **kernel}).splitlines()[0]
+                first = self.failed("it Exists", **{"args": create, **kernel}).splitlines()[0]
                 self.assertIn(line, first)
                 self.assertIsNone(re.search("[eE]xists", first))
         self.assertEqual(self.do("echo fine >&2; exit 0", *create), (0, "", "fine\n"))
