@@ -1,6 +1,7 @@
 // A file LUN's transfers in their order: the queue ends each request when the test says so.
 #include <array>
 #include <cerrno>
+#include <semaphore>
 #include <sstream>
 #include <thread>
 
@@ -131,10 +132,12 @@ TEST_F(Scripted, StopWaitsForWhatRunsAndRefusesTheRest) {
     parts->engine->Start(*early);
     EXPECT_EQ(Result(all[3]), -ECANCELED);
     Play("R0 R1 R2");
-    std::thread stopper([&] { lun->Stop(); });
+    std::binary_semaphore stopped(0);
+    std::thread stopper([&] { lun->Stop(), stopped.release(); });
     EXPECT_EQ(Result(all[2]), -ECANCELED) << "beyond the depth";
     EXPECT_EQ(lun->Snapshot().onLoan, 2U);
     Play("R3 0=512 1=512");
-    stopper.join();
     EXPECT_EQ(trace, " r0 r1 3:-108 0:512 1:512");
+    ASSERT_TRUE(stopped.try_acquire_for(std::chrono::seconds(10))) << "it never ends";
+    stopper.join();
 }
