@@ -158,7 +158,6 @@ TEST_F(RunnerTest, DeviceThatCannotBeServedIsRefusedAndClosed) {
         int Open() override { return 0; }
         int Handle(tcmulib_cmd* /*cmd*/) override { return 0; }
         void Close() override { ++closes; }
-        size_t Pending() override { return 0; }
         MoStatistics::Counters Counters() override { return {}; }
     };
     bool made = false;
