@@ -1,4 +1,4 @@
-// Stands in for adapters/libtcmu; TcmuDevFixture.h has its device.
+// Stands in for libtcmu/; TcmuDevFixture.h has its device.
 
 #include "tests/support/TcmuDevFixture.h"
 

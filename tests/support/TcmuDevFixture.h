@@ -5,7 +5,7 @@
 #include "tcmu/MoScsiSrvTcmuDev.h"
 #include "tests/support/PlatformFixture.h"
 
-/// The TCMU library's device as tests script it; FakeLibtcmu.cpp stands in for adapters/libtcmu,
+/// The TCMU library's device as tests script it; FakeLibtcmu.cpp stands in for libtcmu/,
 /// and notes emulations, completions ("done RESULT/SENSE") and doorbells in the journal.
 struct tcmu_device {
     std::string cfgString = "MoScsiSrvTcmu/fake";
