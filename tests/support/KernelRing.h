@@ -77,6 +77,7 @@ struct KernelRing {
     int DoorbellFd() const { return m_uio.ends[1]; }
     /// As when the device is removed: the descriptor has an error, and goes on having it.
     void HangUp() const { shutdown(m_uio.ends[0], SHUT_RDWR); }
+    int KernelFd() const { return m_uio.ends[0]; }  ///< readable when doorbells are there
     size_t Doorbells() {
         std::array<uint32_t, 1024> words{};
         const ssize_t bytes = read(m_uio.ends[0], words.data(), sizeof(words));
@@ -95,10 +96,7 @@ struct KernelRing {
             std::max<uint32_t>((fixed + cdb.size() + 7) / 8 * 8, sizeof(ringlayout::Response));
         if (!Reserve(length))
             return std::nullopt;
-        uint16_t number = 1;
-        while (m_inFlight.contains(number))
-            number++;
-        m_inFlight.insert(number);
+        const uint16_t number = m_free.empty() ? ++m_used : m_free.extract(m_free.begin()).value();
 
         uint8_t* const at = Ring() + m_last;
         auto& request = *reinterpret_cast<ringlayout::Request*>(at);
@@ -133,7 +131,8 @@ struct KernelRing {
             const ringlayout::Header& header = response.header;
             const uint32_t operation = header.lengthAndOperation & ringlayout::kOperationMask;
             if (operation == ringlayout::kCommand) {
-                EXPECT_EQ(m_inFlight.erase(header.number), 1U) << "number " << header.number;
+                EXPECT_TRUE(header.number <= m_used && m_free.insert(header.number).second)
+                    << "number " << header.number;
                 Answer& answer = answers.emplace_back();
                 answer.number = header.number;
                 answer.status = response.status;
@@ -146,7 +145,7 @@ struct KernelRing {
         }
         return answers;
     }
-    size_t InFlight() const { return m_inFlight.size(); }
+    size_t InFlight() const { return m_used - m_free.size(); }
 
   private:
     static constexpr uint32_t kRingOffset = 128;
@@ -183,6 +182,7 @@ struct KernelRing {
     uint32_t m_head = 0;
     uint32_t m_cleaned = 0;
     uint32_t m_last = 0;
-    std::set<uint16_t> m_inFlight;
+    uint16_t m_used = 0;        // the highest number yet
+    std::set<uint16_t> m_free;  // those up to it that aren't in flight
     SocketPair m_uio;
 };
