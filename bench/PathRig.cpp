@@ -81,10 +81,7 @@ std::unique_ptr<MoScsiBStorOps> MakeEngine(Stage stage) {
     if (stage != Stage::Memory) {
         config.backing = Backing::File;
         config.path = kFile;
-        config.engine =
-            stage == Stage::Uring ? FileEngineChoice::Uring : FileEngineChoice::Threads;
-        // Its syncs cost what the disk below costs, which isn't the subject here.
-        config.faults.durable = false;
+        config.engine = stage == Stage::Uring ? FileEngineChoice::Uring : FileEngineChoice::Threads;
     }
     auto made = moscsi::data::MakeLunData(config, *MoScsiSrvLIO::Instance());
     if (made.data == nullptr)
@@ -163,8 +160,8 @@ PathRig::~PathRig() {
 
 void PathRig::Put(size_t count, bool write) {
     for (size_t i = 0; i < count; ++i) {
-        const auto lba = static_cast<uint32_t>(i * 7919 % (kLunBytes / kTransfer) *
-                                               (kTransfer / kBlock));
+        const auto lba =
+            static_cast<uint32_t>(i * 7919 % (kLunBytes / kTransfer) * (kTransfer / kBlock));
         const Bytes cdb = {static_cast<uint8_t>(write ? 0x2A : 0x28),
                            0,
                            static_cast<uint8_t>(lba >> 24U),

@@ -24,7 +24,7 @@ enum class Stage {
     Handler,     ///< through the plug-in's handler to a host that answers at once, without data
     OtherHost,   ///< the same, but the host answers on a thread of its own
     Memory,      ///< moscsi-host's engines
-    Uring,       ///< a file on tmpfs
+    Uring,       ///< a file on tmpfs, where a sync costs nothing
     FileThreads  ///< the same file, without io_uring
 };
 
@@ -56,7 +56,7 @@ class PathRig {
 
     void OpenPlugin(MoScsiBStorOps* host);
 
-    KernelRing m_kernel{1 << 20, kMost * kTransfer};
+    KernelRing m_kernel{1 << 20, kMost* kTransfer};
     const std::unique_ptr<Lib> m_lib;
     tcmu_device m_device;
     std::unique_ptr<MoScsiBStorOps> m_host;

@@ -1,9 +1,10 @@
-// The floor of a user backstore: takes each READ and WRITE from the ring and answers it at once, GOOD
-// and without a byte moved. What a LUN costs beyond this is the product's; what this costs beyond the
-// kernel's own ramdisk is the kernel's half.
+// The floor of a user backstore: takes each READ and WRITE from the ring and answers it at once,
+// GOOD and without a byte moved. What a LUN costs beyond this is the product's; what this costs
+// beyond the kernel's own ramdisk is the kernel's half.
 //
-// Serves every user backstore of the sub-type "empty" until SIGTERM; prints "ready". Only one process
-// of a machine may talk to the kernel about user backstores, so moscsi-host mustn't run beside it.
+// Serves every user backstore of the sub-type "empty" until SIGTERM; prints "ready". Only one
+// process of a machine may talk to the kernel about user backstores, so moscsi-host mustn't run
+// beside it.
 
 #include <poll.h>
 
@@ -54,7 +55,8 @@ class EmptyDevice {
 
   private:
     void Serve() {
-        pollfd waits[] = {{m_device.api.Fd(m_device.lib), POLLIN, 0}, {m_thread.EndFd(), POLLIN, 0}};
+        pollfd waits[] = {{m_device.api.Fd(m_device.lib), POLLIN, 0},
+                          {m_thread.EndFd(), POLLIN, 0}};
         while (!m_thread.Ending()) {
             m_device.api.ProcessingStart(m_device.lib);
             m_device.ring.BeginDrain();

@@ -40,7 +40,7 @@ template <typename Source>
 void Burst(benchmark::State& state) {
     Source source;
     std::vector<MoScsiSrvIO*> lent(static_cast<size_t>(state.range(0)));
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         for (MoScsiSrvIO*& ioctx : lent)
             benchmark::DoNotOptimize(ioctx = source.Take());
         for (MoScsiSrvIO* ioctx : lent)
@@ -67,7 +67,7 @@ void GiveBackOnAnotherThread(benchmark::State& state) {
         }
     });
     size_t i = 0;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         MoScsiSrvIO* ioctx = source.Take();
         while (ring[i].load() != nullptr)
             std::this_thread::yield();
