@@ -5,9 +5,6 @@
 
 #include "tests/support/TestHost.h"
 
-using moscsi::data::Backing;
-using moscsi::data::FileEngineChoice;
-
 namespace {
 
 constexpr uint32_t kBlock = 512;
@@ -75,7 +72,7 @@ class NothingHost : public MoScsiBStorOps {
 };
 
 std::unique_ptr<MoScsiBStorOps> MakeEngine(Stage stage) {
-    moscsi::data::LunDataConfig config;
+    LunDataConfig config;
     config.name = "bench";
     config.sizeBytes = kLunBytes;
     if (stage != Stage::Memory) {
@@ -83,7 +80,7 @@ std::unique_ptr<MoScsiBStorOps> MakeEngine(Stage stage) {
         config.path = kFile;
         config.engine = stage == Stage::Uring ? FileEngineChoice::Uring : FileEngineChoice::Threads;
     }
-    auto made = moscsi::data::MakeLunData(config, *MoScsiSrvLIO::Instance());
+    auto made = MakeLunData(config, *MoScsiSrvLIO::Instance());
     if (made.data == nullptr)
         throw std::runtime_error(made.error);
     return std::move(made.data);

@@ -10,12 +10,12 @@
 #include <thread>
 #include <vector>
 
-#include "adapters/libtcmu/Device.h"
-#include "adapters/runner/CommandGate.h"
-#include "adapters/runner/DeviceHandler.h"
+#include "framework/Mutex.h"
 #include "host/data/LunData.h"
+#include "libtcmu/Device.h"
+#include "runner/CommandGate.h"
+#include "runner/DeviceHandler.h"
 #include "tests/support/KernelRing.h"
-#include "util/Mutex.h"
 
 /// How far a command goes on its way; each stage has all of those before it.
 enum class Stage {

@@ -13,10 +13,10 @@
 #include <map>
 #include <memory>
 
-#include "adapters/libtcmu/Device.h"
-#include "adapters/runner/DataCommand.h"
-#include "adapters/runner/MasterThread.h"
-#include "adapters/runner/ServiceThread.h"
+#include "libtcmu/Device.h"
+#include "runner/DataCommand.h"
+#include "runner/MasterThread.h"
+#include "runner/ServiceThread.h"
 
 namespace {
 
