@@ -124,7 +124,6 @@ struct PathRig::GateOnly : DeviceHandler {
     int Open() override { return 0; }
     int Handle(tcmulib_cmd* /*cmd*/) override { return TCMU_STATUS_GOOD; }
     void Close() override {}
-    size_t Pending() override { return 0; }
     MoStatistics::Counters Counters() override { return {}; }
 };
 
