@@ -35,10 +35,8 @@ std::vector<char*> Pointers(std::vector<std::string>& texts) {
     return result;
 }
 
-// The child's part between fork and exec: system calls only. Ends in exec or with errno written to
-// `failureFd`, which a successful exec closes.
-[[noreturn]] void BecomeProgram(const char* program, char** arguments, char** variables, int outFd,
-                                int errFd, int failureFd, pid_t parent) {
+// The child's surroundings: system calls only.
+void BecomeChild(int outFd, int errFd, pid_t parent) {
     setpgid(0, 0);
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getppid() != parent)
@@ -50,12 +48,17 @@ std::vector<char*> Pointers(std::vector<std::string>& texts) {
     }
     dup2(outFd, STDOUT_FILENO);
     dup2(errFd, STDERR_FILENO);
-    // Marked rather than closed: the descriptor that reports a failing exec is among them.
-    close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
     signal(SIGPIPE, SIG_DFL);
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
+// Ends in exec or with errno written to `failureFd`, which a successful exec closes.
+[[noreturn]] void BecomeProgram(const char* program, char** arguments, char** variables,
+                                int failureFd) {
+    // Marked rather than closed: the descriptor that reports a failing exec is among them.
+    close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
     execve(program, arguments, variables);
     const int error = errno;
     [[maybe_unused]] const ssize_t written = write(failureFd, &error, sizeof error);
@@ -82,9 +85,13 @@ int ChildProcess::Start(const Command& command, int outFd, int errFd) {
     const pid_t parent = getpid();
     const pid_t pid = fork();
     if (pid == 0) {
+        BecomeChild(outFd, errFd, parent);
+        if (command.work) {
+            close_range(STDERR_FILENO + 1, ~0U, 0);
+            _exit(command.work());
+        }
         BecomeProgram(command.program.c_str(), const_cast<char**>(argumentVector.data()),
-                      const_cast<char**>(variableVector.data()), outFd, errFd, childFailure.Get(),
-                      parent);
+                      const_cast<char**>(variableVector.data()), childFailure.Get());
     }
     int error = pid < 0 ? errno : 0;
     childFailure.Close();

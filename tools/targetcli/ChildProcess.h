@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -12,13 +13,15 @@ struct Command {
     std::string program;                 ///< path
     std::vector<std::string> arguments;  ///< without the program's own name
     std::string home;                    ///< TARGETCLI_HOME for it
+    /// What the child does itself instead of becoming a program; returns its exit status.
+    std::function<int()> work = {};
 };
 
-/// One started program and its way to an end. It leads a process group of its own, so that whatever
-/// it started ends with it; it has no descriptor but 0, 1 and 2, no blocked signals, SIGPIPE as by
-/// default, a C locale and no Python warnings (targetcli's first line of standard error decides
-/// about success, so a warning there would be read as a failure). It is killed when the wrapper
-/// dies, since it would go on holding targetcli's lock.
+/// One started program, or work done in a fork, and its way to an end. It leads a process group of
+/// its own, so that whatever it started ends with it; it has no descriptor but 0, 1 and 2, no
+/// blocked signals, SIGPIPE as by default, a C locale and no Python warnings (targetcli's first
+/// line of standard error decides about success, so a warning there would be read as a failure). It
+/// is killed when the wrapper dies, since it would go on holding targetcli's lock.
 ///
 /// Threads: used by one thread. Start it from the thread that outlives it.
 /// Ownership: the destructor kills a process that is still running, and waits for it no more.

@@ -22,6 +22,14 @@ bool ReadSeconds(const char* name, const char* fallback, std::chrono::seconds& r
     return true;
 }
 
+bool ReadSwitch(const char* name, const char* fallback, bool& result, std::string& error) {
+    const std::string text = EnvironmentVariable(name, fallback);
+    result = text == "1";
+    if (!result && text != "0")
+        error = std::string(name) + "=" + text + " is neither 0 nor 1";
+    return error.empty();
+}
+
 }  // namespace
 
 bool ReadSettings(Settings& settings, std::string& error) {
@@ -31,6 +39,7 @@ bool ReadSettings(Settings& settings, std::string& error) {
         EnvironmentVariable("MOSCSI_CONFIGFS_ROOT", "/sys/kernel/config/target");
     settings.real = EnvironmentVariable("MOSCSI_TARGETCLI_REAL", "");
     settings.version = EnvironmentVariable("MOSCSI_TARGETCLI_VERSION", "");
-    return ReadSeconds("MOSCSI_TARGETCLI_TIMEOUT", "120", settings.timeLimit, error) &&
+    return ReadSwitch("MOSCSI_TARGETCLI_FAST_ROAD", "1", settings.fastRoad, error) &&
+           ReadSeconds("MOSCSI_TARGETCLI_TIMEOUT", "120", settings.timeLimit, error) &&
            ReadSeconds("MOSCSI_TARGETCLI_LOCK_WAIT", "20", settings.lockWait, error);
 }

@@ -16,6 +16,7 @@
 ///                                long as the real one answers at all; for tests and for operators
 ///                                who want user backstores configured without targetcli
 ///                                ("2.1.fb41")
+///   MOSCSI_TARGETCLI_FAST_ROAD   0: the real targetcli carries out every command (1)
 ///   MOSCSI_CONFIGFS_ROOT         the kernel target's tree (/sys/kernel/config/target)
 ///
 /// Threads: plain data, copied freely.
@@ -24,6 +25,7 @@ struct Settings {
     std::filesystem::path configfsRoot;
     std::string real;     ///< empty: look on PATH
     std::string version;  ///< empty: what the real one answers
+    bool fastRoad = true;
     std::chrono::seconds timeLimit;
     std::chrono::seconds lockWait;
 };

@@ -8,6 +8,7 @@
 #include <exception>
 
 #include "framework/FindTargetcli.h"
+#include "tools/targetcli/FastRoad.h"
 #include "tools/targetcli/Preferences.h"
 #include "tools/targetcli/Settings.h"
 #include "tools/targetcli/SupervisedRun.h"
@@ -42,21 +43,32 @@ int Complain(const std::string& line, int status) {
     return status;
 }
 
-// Nothing may be printed unless it is the version: both streams reach the gate, which takes the
-// third word of whatever comes for one.
-int AnswerVersion(const Settings& settings, const std::string& real, TimeLimit& limit,
-                  const Interrupts& interrupts) {
+bool AskVersion(const Settings& settings, const std::string& real, TimeLimit& limit,
+                const Interrupts& interrupts, FastRun& run) {
     TemporaryDirectory home;  // targetcli makes preferences even now
     std::string error;
     if (!home.Make(settings.stateDir, error))
-        return kStatusNotStarted;
+        return false;
     ChildOutput out;
     ChildOutput err;
     const Outcome outcome =
         RunSupervised({real, {"--version"}, home.Path()}, out, err, limit, interrupts);
-    if (!outcome.Succeeded())
-        return outcome.status;
-    std::string version = VersionIn(out.Kept() + "\n" + err.Kept());
+    run = {outcome, out.Kept(), err.Kept()};
+    return true;
+}
+
+// Nothing may be printed unless it is the version: both streams reach the gate, which takes the
+// third word of whatever comes for one.
+int AnswerVersion(const Settings& settings, const std::string& real, TimeLimit& limit,
+                  const Interrupts& interrupts) {
+    FastRun run;
+    if (auto fast = TakeFastRoad({"--version"}, settings, real, limit, interrupts))
+        run = *fast;
+    else if (!AskVersion(settings, real, limit, interrupts, run))
+        return kStatusNotStarted;
+    if (!run.outcome.Succeeded())
+        return run.outcome.status;
+    std::string version = VersionIn(run.out + "\n" + run.err);
     if (!version.empty() && !settings.version.empty())
         version = settings.version;
     const std::string answer = OlderVersionForm(version);
@@ -95,6 +107,14 @@ int RelayUserCreate(const UserBackstoreCreate& create, const Settings& settings,
     return outcome.status;
 }
 
+int Report(const FastRun& run) {
+    if (!run.outcome.complaint.empty())
+        PrintLine(STDERR_FILENO, run.outcome.complaint);
+    Print(STDOUT_FILENO, run.out);
+    Print(STDERR_FILENO, run.err);
+    return run.outcome.status;
+}
+
 int RunOnce(const std::vector<std::string>& arguments, bool version, const Interrupts& interrupts) {
     Settings settings;
     std::string error;
@@ -106,6 +126,9 @@ int RunOnce(const std::vector<std::string>& arguments, bool version, const Inter
     TimeLimit limit(settings);
     if (version)
         return AnswerVersion(settings, real, limit, interrupts);
+
+    if (const auto fast = TakeFastRoad(arguments, settings, real, limit, interrupts))
+        return Report(*fast);
 
     TemporaryDirectory home;
     Preferences preferences(settings, real, limit, interrupts);

@@ -1,0 +1,288 @@
+#!/usr/bin/env python3
+"""Carries command lines out by the real targetcli and by the wrapper's own road, and compares.
+
+Two passes over one list of steps, from the same state: the first with the fast road switched off,
+the second with it. After every step of both passes: status, both streams, and the kernel target's
+whole tree, of which only the names of links and the statistics are left out. A step that should be
+fast fails also when the second pass took the slow road, and the other way round.
+
+The real targetcli is forked from a process that has its modules, which is several times faster than
+a fresh Python; --cold starts it each time. usage: fast_road.py [--cold] WRAPPER WORK_DIR
+"""
+import fcntl
+import os
+import runpy
+import shutil
+import subprocess
+import sys
+import time
+from pathlib import Path
+
+ROOT = Path("/sys/kernel/config/target")
+REAL = "/usr/bin/targetcli"
+CLIENT = r"""#!/bin/bash
+mkfifo "@/$$"
+printf '%s\0' $$ "$TARGETCLI_HOME" "$@" >@/requests
+read -r status <"@/$$"
+exit "$status"
+"""
+
+# fast, slow, none (a line of no known form) COMMAND LINE; sh COMMAND; held COMMAND LINE (somebody
+# has targetcli's lock); quick COMMAND LINE (fast in both passes, to come to a state; not compared).
+STEPS = r"""
+fast --version
+none ls /iscsi
+slow /iscsi/{T}/tpg1/luns ls
+slow /iscsi delete {T}
+slow /backstores/fileio delete name=f
+slow /iscsi/{T}/tpg1/acls create add_mapped_luns=false wwn={A}
+fast /iscsi create {T}
+fast /iscsi create {T}
+held /iscsi create {T}
+fast /iscsi/{T}/tpg1/luns ls
+
+fast /backstores/fileio create file_or_dev={W}/f name=f wwn=0123-f
+fast /backstores/fileio create file_or_dev={W}/f name=f wwn=0123-f
+slow /backstores/fileio create file_or_dev={W}/f name=f wwn=0123-g
+slow /backstores/fileio create file_or_dev={W}/g name=f wwn=0123-f
+slow /backstores/fileio create file_or_dev={W}/f name=g wwn=0123-f
+slow /backstores/fileio create file_or_dev={W}/hard name=g wwn=0123-f
+slow /backstores/fileio create file_or_dev={W}/missing name=g wwn=0123-f
+none /backstores/fileio create name=g file_or_dev={W}/g wwn=0123-g
+sh   truncate -s 8M {W}/f
+slow /backstores/fileio create file_or_dev={W}/f name=f wwn=0123-f
+sh   truncate -s 4M {W}/f
+slow /iscsi/{T}/tpg1/luns create storage_object=/backstores/fileio/missing
+fast /iscsi/{T}/tpg1/luns create storage_object=/backstores/fileio/f lun=3
+fast /iscsi/{T}/tpg1/luns create storage_object=/backstores/fileio/f lun=3
+fast /iscsi/{T}/tpg1/luns create storage_object=/backstores/fileio/f
+slow /iscsi/{T}/tpg1/luns create storage_object=/backstores/fileio/f lun=4
+slow /iscsi/{T}/tpg1/luns create storage_object=/backstores/fileio/g lun=3
+fast /iscsi/{T}/tpg1/luns create storage_object=/backstores/fileio/g
+fast /iscsi/{T}/tpg1/luns ls
+
+fast /iscsi/{T}/tpg1/acls create add_mapped_luns=false wwn={A}
+fast /iscsi/{T}/tpg1/acls create add_mapped_luns=false wwn={A}
+fast /iscsi/{T}/tpg1/acls/{A} create tpg_lun_or_backstore=3 mapped_lun=3
+fast /iscsi/{T}/tpg1/acls/{A} create tpg_lun_or_backstore=3 mapped_lun=3
+slow /iscsi/{T}/tpg1/acls/{A} create tpg_lun_or_backstore=7 mapped_lun=7
+slow /iscsi/{T}/tpg1/acls/{B} create tpg_lun_or_backstore=3 mapped_lun=3
+sh   echo 1 >{G}/acls/{A}/lun_3/write_protect
+slow /iscsi/{T}/tpg1/acls/{A} create tpg_lun_or_backstore=3 mapped_lun=3
+fast /iscsi/{T}/tpg1/acls/{A} delete mapped_lun=3
+slow /iscsi/{T}/tpg1/acls/{A} delete mapped_lun=3
+slow /iscsi/{T}/tpg1/acls/{B} delete mapped_lun=3
+sh   mkdir {G}/acls/{A}/lun_9; ln -s {G}/lun/lun_3 {G}/acls/{A}/lun_9/x
+slow /iscsi/{T}/tpg1/acls/{A} create tpg_lun_or_backstore=3 mapped_lun=3
+fast /iscsi/{T}/tpg1/luns delete lun=3
+slow /iscsi/{T}/tpg1/luns delete lun=3
+fast /backstores/fileio delete name=f
+slow /backstores/fileio delete name=g
+slow /iscsi/{T}/tpg1/luns delete lun=0
+
+fast /backstores/block create dev={L} name=b wwn=b-1
+fast /backstores/block create dev={L} name=b wwn=b-1
+slow /backstores/block create dev={L} name=c wwn=b-1
+slow /backstores/block create dev={R} name=r wwn=r-1
+fast /iscsi/{T}/tpg1/luns create storage_object=/backstores/block/b lun=255
+fast /iscsi/{T}/tpg1/luns create storage_object=/backstores/block/r
+slow /iscsi/{T}/tpg1/acls/{A} create tpg_lun_or_backstore=0 mapped_lun=0
+fast /iscsi/{T}/tpg1/luns ls
+sh   mkdir {G}/lun/lun_77
+slow /iscsi/{T}/tpg1/luns ls
+sh   rmdir {G}/lun/lun_77
+
+fast /backstores/user:{H} create cfgstring=c0ffee name=u size=1048576 wwn=u-1
+fast /backstores/user:{H} create cfgstring=c0ffee name=u size=1048576 wwn=u-1
+slow /backstores/user:{H} create cfgstring=c0ffee name=u size=2097152 wwn=u-1
+slow /backstores/user:{H} create cfgstring=c0ffee name=v size=1048576 wwn=v-1
+slow /backstores/user:nobody create cfgstring=c0ffee name=v size=1048576 wwn=v-1
+slow /backstores/user:MoScsiSrvTcmu delete name=u
+slow /iscsi/{T}/tpg1/luns create storage_object=/backstores/user:nobody/u
+fast /iscsi/{T}/tpg1/luns create storage_object=/backstores/user:{H}/u lun=10
+fast /iscsi/{T}/tpg1/luns create storage_object=/backstores/user:{H}/u lun=10
+fast /iscsi/{T}/tpg1/acls/{A} create tpg_lun_or_backstore=10 mapped_lun=10
+sh   printf '{APTPL}' >/etc/rtslib-fb-target/pr/aptpl_v-1
+slow /backstores/user:{H} create cfgstring=cafe name=v size=1048576 wwn=v-1
+sh   cat {C}/user_*/v/pr/res_aptpl_active
+fast /backstores/user:{H} delete name=v
+sh   rm /etc/rtslib-fb-target/pr/aptpl_v-1
+slow /backstores/user:{H} delete name=u
+
+quick /iscsi/{T}/tpg1/acls create add_mapped_luns=false wwn={B}
+sh   echo team >{G}/acls/{B}/tag
+slow /iscsi/{T}/tpg1/acls/{B} create tpg_lun_or_backstore=0 mapped_lun=0
+slow /iscsi/{T}/tpg1/luns delete lun=0
+slow /iscsi/{T}/tpg1/acls create add_mapped_luns=false wwn={B}
+sh   rmdir {G}/acls/{B}
+sh   mkdir {C}/fileio_900
+slow /backstores/fileio create file_or_dev={W}/f name=f wwn=0123-f
+sh   rmdir {C}/fileio_900
+sh   mkdir -p {I}/iqn.2003-01.org.example:foreign/tpgt_1/np/127.0.0.1:3260
+slow /iscsi create {T}2
+slow /iscsi delete {T}2
+sh   mkdir {I}/iqn.2003-01.org.example:foreign/tpgt_2
+slow /iscsi/iqn.2003-01.org.example:foreign/tpg1/luns ls
+sh   cd {I}; rmdir iqn.2003-01.org.example:foreign/tpgt_1/np/* iqn.2003-01.org.example:foreign/tpgt_* iqn.2003-01.org.example:foreign
+fast /iscsi delete {T}
+fast /backstores/block delete name=b
+"""
+
+NAMES = {
+    "T": "iqn.2026-01.com.example:fast-road", "A": "iqn.2026-01.com.example:host-a",
+    "B": "iqn.2026-01.com.example:host-b", "H": "moscsisrvtcmu", "I": ROOT / "iscsi", "C": ROOT / "core",
+}
+NAMES["G"] = ROOT / "iscsi" / NAMES["T"] / "tpgt_1"
+# One registration that outlives a power cut, as the kernel writes it.
+NAMES["APTPL"] = "".join(f"{line}\\n" for line in (
+    "PR_REG_START: 0", "initiator_fabric=iSCSI", f"initiator_node={NAMES['A']}", "initiator_sid=0x00",
+    "sa_res_key=291", "res_holder=0", "res_type=00", "res_scope=00", "res_all_tg_pt=1", "mapped_lun=10",
+    "target_fabric=iSCSI", f"target_node={NAMES['T']}", "tpgt=1", "port_rtpi=1", "target_lun=10", "PR_REG_END: 0"))
+
+
+class Machine:
+    def __init__(self, wrapper, work, cold):
+        self.wrapper, self.work, self.cold, self.client = wrapper, Path(work), cold, Path(work) / "client"
+        self.client.write_text(CLIENT.replace("@", work))
+        self.client.chmod(0o755)
+        os.mkfifo(self.work / "requests")
+        self.requests = os.open(self.work / "requests", os.O_RDWR | os.O_NONBLOCK)
+        self.roads = Path(os.environ["MOSCSI_RUN_DIR"]) / "targetcli/roads"
+
+    def targetcli(self, line, fast, held=False):
+        """Returns: (status, standard output, standard error), road, seconds."""
+        env = dict(os.environ, MOSCSI_TARGETCLI_FAST_ROAD=str(int(fast)))
+        if not fast and not self.cold:
+            env["MOSCSI_TARGETCLI_REAL"] = str(self.client)
+        if held:
+            env["MOSCSI_TARGETCLI_LOCK_WAIT"] = "1"
+        noted = len(self.roads.read_text().splitlines()) if self.roads.exists() else 0
+        begin = time.monotonic()
+        with open("/run/targetcli.lock", "w") as lock, open(self.work / "out", "w+") as out, \
+                open(self.work / "err", "w+") as err:
+            if held:
+                fcntl.flock(lock, fcntl.LOCK_EX)
+            process = subprocess.Popen([self.wrapper, *line.split()], stdout=out, stderr=err, env=env)
+            while process.poll() is None:
+                self.serve()
+            seconds = time.monotonic() - begin
+            out.seek(0), err.seek(0)
+            result = process.returncode, out.read(), err.read()
+        road = " ".join(note.partition(" ")[2] for note in self.roads.read_text().splitlines()[noted:])
+        return result, road or "none", seconds
+
+    def serve(self):
+        """Becomes the real targetcli for a client that asks, in a fork with the client's streams."""
+        try:
+            client, home, *arguments = os.read(self.requests, 65536).decode().split("\0")[:-1]
+        except BlockingIOError:
+            time.sleep(0.002)
+            return
+        child = os.fork()
+        if child == 0:
+            os.setpgid(0, os.getpgid(int(client)))
+            for fd in (1, 2):
+                os.dup2(os.open(f"/proc/{client}/fd/{fd}", os.O_WRONLY), fd)
+            os.environ["TARGETCLI_HOME"], sys.argv = home, [REAL, *arguments]
+            try:
+                runpy.run_path(REAL, run_name="__main__")
+                status = 0
+            except SystemExit as end:
+                status = end.code or 0
+            sys.stdout.flush()
+            os._exit(status & 255)
+        status = os.waitstatus_to_exitcode(os.waitpid(child, 0)[1])
+        try:  # killed at a limit, the client is gone
+            with open(os.open(self.work / client, os.O_WRONLY | os.O_NONBLOCK), "w") as reply:
+                reply.write(f"{status & 255}\n")
+        except OSError:
+            pass
+
+    def shell(self, line):
+        result = subprocess.run(["bash", "-c", line], capture_output=True, text=True)
+        return result.returncode, result.stdout, result.stderr
+
+
+def tree():
+    """Every name, content and link below ROOT, except names of links, and statistics."""
+    lines = []
+    for directory, below, files in os.walk(ROOT):
+        below[:] = [name for name in below if not name.endswith("statistics")]
+        for name in below + files:
+            path = Path(directory, name)
+            if path.is_symlink():
+                lines.append(f"{directory} -> {path.resolve()}")
+                continue
+            try:
+                content = "/" if path.is_dir() else path.read_text(errors="replace")
+            except OSError as error:
+                content = error.strerror
+            lines.append(f"{path} {path.stat().st_mode:o} {content!r}")
+    return sorted(lines)
+
+
+def steps(names):
+    for line in STEPS.strip().splitlines():
+        kind, _, command = line.partition(" ")
+        if kind:
+            yield kind, command.strip().format(**names)
+
+
+def run(machine, names, fast):
+    results = []
+    for kind, command in steps(names):
+        if kind == "sh":
+            result, road, seconds = machine.shell(command), "sh", 0
+        elif kind == "quick":
+            result, road, seconds = machine.targetcli(command, True)
+        else:
+            result, road, seconds = machine.targetcli(command, fast, kind == "held")
+        results.append((kind, command, result, tree() if kind != "quick" else [], road, seconds))
+    return results
+
+
+def differences(slow, fast):
+    (kind, command, wanted, before, _, _), (_, _, found, after, road, _) = slow, fast
+    if wanted != found:
+        yield f"{wanted} became {found}"
+    yield from (f"only by the real one: {line}" for line in before if line not in set(after))
+    yield from (f"only by the fast road: {line}" for line in after if line not in set(before))
+    if kind in ("fast", "slow", "none") and road.split()[0] != kind:
+        yield f"the road was: {road}"
+
+
+def main():
+    cold = "--cold" in sys.argv
+    wrapper, work = sys.argv[-2:]
+    if not cold:
+        import targetcli, rtslib_fb, configshell_fb  # noqa: F401 (for the forks)
+    for name, size in dict(f="4M", g="4M", loop="4M", read_only="4M").items():
+        subprocess.run(["truncate", "-s", size, f"{work}/{name}"], check=True)
+    os.link(f"{work}/f", f"{work}/hard")
+    attach = ["losetup", "--find", "--show"]
+    loops = [subprocess.check_output(attach + more, text=True).strip()
+             for more in ([f"{work}/loop"], ["--read-only", f"{work}/read_only"])]
+    names = dict(NAMES, W=work, L=loops[0], R=loops[1])
+    machine = Machine(wrapper, work, cold)
+    begin, failed = tree(), False
+    passes = []
+    for fast in (False, True):
+        passes.append(run(machine, names, fast))
+        if tree() != begin:
+            print("left behind:", *sorted(set(tree()) ^ set(begin)), sep="\n  ")
+            failed = True
+    for slow, fast in zip(*passes):
+        found = list(differences(slow, fast))
+        failed = failed or bool(found)
+        took = f"{slow[5]:5.2f} s {fast[5]:5.2f} s" if slow[5] else ""
+        print(f"{'DIFFERS' if found else 'same':8}{slow[0]:6}{took:17}{slow[1]}  {slow[2][0]} {fast[4]}",
+              *(f"        {line}" for line in found[:8]), sep="\n")
+    subprocess.run(["losetup", "-d", *loops])
+    times = [sum(step[5] for step in steps if step[0] == "fast") for steps in passes]
+    count = sum(step[0] == "fast" for step in passes[0])
+    print(f"{count} command lines that should be fast: {times[0]:.1f} s by the real one, {times[1]:.1f} s by ours")
+    shutil.rmtree(machine.work / "requests", ignore_errors=True)
+    return failed
+
+
+sys.exit(main())
