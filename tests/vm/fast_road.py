@@ -21,9 +21,9 @@ from pathlib import Path
 ROOT = Path("/sys/kernel/config/target")
 REAL = "/usr/bin/targetcli"
 CLIENT = r"""#!/bin/bash
-mkfifo "@/$$"
-printf '%s\0' $$ "$TARGETCLI_HOME" "$@" >@/requests
-read -r status <"@/$$"
+mkfifo "WORK/$$"
+printf '%s\0' $$ "$TARGETCLI_HOME" "$@" >WORK/requests
+read -r status <"WORK/$$"
 exit "$status"
 """
 
@@ -48,7 +48,8 @@ slow /backstores/fileio create file_or_dev={W}/g name=f wwn=0123-f
 slow /backstores/fileio create file_or_dev={W}/f name=g wwn=0123-f
 slow /backstores/fileio create file_or_dev={W}/hard name=g wwn=0123-f
 slow /backstores/fileio create file_or_dev={W}/missing name=g wwn=0123-f
-none /backstores/fileio create name=g file_or_dev={W}/g wwn=0123-g
+none /backstores/fileio create name=h file_or_dev={W}/missing wwn=0123-h
+fast /backstores/fileio create file_or_dev={W}/g name=g wwn=0123-g
 sh   truncate -s 8M {W}/f
 slow /backstores/fileio create file_or_dev={W}/f name=f wwn=0123-f
 sh   truncate -s 4M {W}/f
@@ -143,7 +144,7 @@ NAMES["APTPL"] = "".join(f"{line}\\n" for line in (
 class Machine:
     def __init__(self, wrapper, work, cold):
         self.wrapper, self.work, self.cold, self.client = wrapper, Path(work), cold, Path(work) / "client"
-        self.client.write_text(CLIENT.replace("@", work))
+        self.client.write_text(CLIENT.replace("WORK", work))
         self.client.chmod(0o755)
         os.mkfifo(self.work / "requests")
         self.requests = os.open(self.work / "requests", os.O_RDWR | os.O_NONBLOCK)
@@ -192,11 +193,13 @@ class Machine:
             sys.stdout.flush()
             os._exit(status & 255)
         status = os.waitstatus_to_exitcode(os.waitpid(child, 0)[1])
-        try:  # killed at a limit, the client is gone
-            with open(os.open(self.work / client, os.O_WRONLY | os.O_NONBLOCK), "w") as reply:
-                reply.write(f"{status & 255}\n")
-        except OSError:
-            pass
+        while os.path.exists(f"/proc/{client}"):  # it may have been killed at a limit
+            try:
+                with open(os.open(self.work / client, os.O_WRONLY | os.O_NONBLOCK), "w") as reply:
+                    reply.write(f"{status & 255}\n")
+                return
+            except OSError:
+                time.sleep(0.002)
 
     def shell(self, line):
         result = subprocess.run(["bash", "-c", line], capture_output=True, text=True)
