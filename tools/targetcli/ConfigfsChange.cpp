@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <ranges>
 
 #include "framework/UniqueFd.h"
 
@@ -85,8 +86,8 @@ void ConfigfsChange::Refused(const char* step, const Path& path, int error) {
 }
 
 bool ConfigfsChange::TakeBack() {
-    for (auto path = m_made.rbegin(); path != m_made.rend(); ++path)
-        remove(path->c_str());
+    for (const Path& path : std::ranges::reverse_view(m_made))
+        remove(path.c_str());
     struct stat status = {};
     return !m_lasting && std::none_of(m_made.begin(), m_made.end(), [&](const Path& path) {
         return lstat(path.c_str(), &status) == 0;

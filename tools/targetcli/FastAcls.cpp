@@ -10,7 +10,7 @@ namespace {
 namespace fs = std::filesystem;
 
 fs::path ExistingAcl(const CommandLine& line, const fs::path& root) {
-    const fs::path acl = PortalGroup(root, line.target) / "acls" / line.initiator;
+    fs::path acl = PortalGroup(root, line.target) / "acls" / line.initiator;
     Require(access(acl.c_str(), F_OK) == 0, "no such ACL");
     return acl;
 }

@@ -53,7 +53,7 @@ struct stat StatusOf(const CommandLine& line) {
 // Returns: the object of this name, when it and only it has this backing.
 std::optional<StorageObject> ObjectWithBacking(const std::vector<StorageObject>& objects,
                                                const CommandLine& line, const struct stat& status) {
-    const auto found = FindObject(objects, line);
+    auto found = FindObject(objects, line);
     for (const StorageObject& object : objects) {
         struct stat other = {};
         if (stat(object.UdevPath().c_str(), &other) == 0 && SameBacking(status, other))

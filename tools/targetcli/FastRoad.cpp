@@ -67,10 +67,12 @@ bool WriteAll(int fd, std::string_view text) {
     return true;
 }
 
-// What the child does. Its output is kept by the wrapper, so that a long one is the real one's.
+// What the child does. Its output is kept by the wrapper, and only a list, which changes nothing,
+// can be longer than is kept.
 int Work(const CommandLine& line, const Settings& settings, const std::string& real) {
     try {
         const Answer answer = CarryOut(line, settings, real);
+        Require(answer.out.size() <= ChildOutput::kCapacity, "a list too long to be kept");
         WriteAll(STDOUT_FILENO, answer.out);
         WriteAll(STDERR_FILENO, answer.err);
         return answer.status;

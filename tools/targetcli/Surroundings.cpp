@@ -52,7 +52,7 @@ void RequireNoOtherModules() {
 bool BusAnswers() {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
-    strcpy(address.sun_path, kBus);
+    memcpy(address.sun_path, kBus, sizeof kBus);
     const UniqueFd bus(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     return connect(bus.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
 }
