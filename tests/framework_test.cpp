@@ -5,7 +5,6 @@
 
 #include <fstream>
 
-#include "framework/CRyError.h"
 #include "framework/GetGUID.h"
 #include "framework/MOPI_Base.h"
 #include "framework/MOPlatformInfo.h"
@@ -13,16 +12,6 @@
 #include "framework/MocHash.h"
 #include "tests/support/TempDirectory.h"
 #include "util/Platform_Util.h"
-
-TEST(CRyErrorTest, NumberZeroIsAnErrorToo) {
-    for (const int number : {0, 774}) {
-        const CRyError error =
-            FXErrorUtil::ErrorErrNo(FXCodeLocation("file", "f()", 7), number, "%s=%d", "n", 1);
-        EXPECT_TRUE(error.IsError()) << number;
-        EXPECT_EQ(error.Code(), static_cast<int32_t>(0x80000000U | static_cast<uint32_t>(number)));
-        EXPECT_EQ(error.Number(), number);
-    }
-}
 
 TEST(HashTest, AgreesWithPublishedVectorsInAnyPieces) {
     std::string guid = "old";

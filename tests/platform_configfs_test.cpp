@@ -33,34 +33,37 @@ struct PlatformConfigFSTest : MoScsiSrvLIOTest {
                     std::filesystem::remove_all(store + attribute);
         };
     }
+    static Strings First(int count, const Strings& all) {
+        return {all.begin(), all.begin() + count};
+    }
+    /// What a delete logs whose step, counted from 0, fails.
+    Strings FailedDelete(int step) const {
+        return {"[-1] cmd: " + remove[step].substr(2) + " failed",
+                "[-1] DeleteLun_BStorUser_ConfigF error iqn.Ab 3\n"};
+    }
     std::string LunDir(int number) const {
         return root + "iscsi/iqn.Ab/tpgt_1/lun/lun_" + std::to_string(number) + "/";
     }
 };
 
 TEST_F(PlatformConfigFSTest, CreateRunsItsStepsOnceAndDeleteTakesTheTreeAway) {
-    const std::string end = " Path /Path BStorType 3";
+    const auto confirmed = [this](const std::string& serial) {
+        return Strings{
+            "-cfg", "+map", "-map",
+            "[0] Target iqn.Ab Lun 3 SerialNum " + serial + guid + " Path /Path BStorType 3"};
+    };
     ASSERT_FALSE(Platform().CreateLun(&lun).IsError());
-    Strings expected{"+cfg", "[1] creating tcmu backstore " + store};
-    Append(expected, create);
-    Append(expected,
-           {"-cfg", "+map", "-map", "[0] Target iqn.Ab Lun 3 SerialNum Ser-" + guid + end});
     EXPECT_EQ(std::filesystem::read_symlink(link), store);
     EXPECT_TRUE(Registry().contains(CfgString(lun)));
-
-    // Once more: nothing runs, the registry's record is the new one.
-    lun.serialNum = "again";
+    lun.serialNum = "again";  // nothing runs, the registry's record is the new one
     ASSERT_FALSE(Platform().CreateLun(&lun).IsError());
-    Append(expected, {"+cfg", "[1] lun iqn.Ab[3] already exists " + link, "-cfg", "+map", "-map",
-                      "[0] Target iqn.Ab Lun 3 SerialNum again-" + guid + end});
     EXPECT_EQ(Registry().at(CfgString(lun)).first.serialNum, "again-" + guid);
-
     ASSERT_FALSE(Platform().DeleteLun(&lun).IsError());
-    Append(expected, {"+map", "-map", "+cfg"});
-    Append(expected, remove);
-    Append(expected,
-           {"-cfg", "+map", "-map", "[0] Target iqn.Ab Lun 3 SerialNum again-" + guid + end});
-    EXPECT_THAT(journal.Events(), ElementsAreArray(expected));
+    EXPECT_EQ(journal.Events(), Strings({"+cfg", "[1] creating tcmu backstore " + store}) + create +
+                                    confirmed("Ser-") +
+                                    Strings({"+cfg", "[1] lun iqn.Ab[3] already exists " + link}) +
+                                    confirmed("again-") + Strings({"+map", "-map", "+cfg"}) +
+                                    remove + confirmed("again-"));
     EXPECT_FALSE(std::filesystem::exists(hba) || std::filesystem::exists(lunDir));
     EXPECT_EQ(Registry().size(), 0U);
 }
@@ -68,26 +71,21 @@ TEST_F(PlatformConfigFSTest, CreateRunsItsStepsOnceAndDeleteTakesTheTreeAway) {
 TEST_F(PlatformConfigFSTest, FailedStepOfACreateIsUndoneAsFarAsTheUndoGets) {
     for (int number = 0; number < 3; ++number)  // so that 3 is the one that the create chooses
         std::filesystem::create_directories(LunDir(number));
-    for (size_t step = 1; step <= create.size(); ++step) {
-        const std::string failing = create[step - 1].substr(2);
-        SCOPED_TRACE(failing);
+    for (int step = 1; step <= 7; ++step) {
         lun = Lun(BSTOR_USER, 0xFFFFFFFF);
         journal.Reset(-1);
-        g_os.fail[OsSeams::kSystem] = {static_cast<int>(step), step % 2 == 0 ? SIGKILL : 1 << 8};
+        g_os.fail[OsSeams::kSystem] = {step, step % 2 == 0 ? SIGKILL : 1 << 8};
         const CRyError error = Platform().CreateLun(&lun);
-        ExpectError(error, 774, "cmd: " + failing + " failed");
-        Strings expected{"+cfg"};
-        Append(expected, {create.begin(), create.begin() + step});
-        Append(expected, {"[-1] " + error.Message(),
-                          "[-1] CreateLun_BStorUser_ConfigFS error iqn.Ab 3\n", "-cfg", "+cfg"});
+        ExpectError(error, 774, "cmd: " + create[step - 1].substr(2) + " failed");
         // The undo stops where something was never made: the LUN's directory comes sixth.
-        const bool whole = step == create.size();
-        Append(expected, {remove.begin(), remove.begin() + (whole ? 4 : 2)});
-        if (!whole)
-            Append(expected, {"[-1] cmd: " + remove[1].substr(2) + " failed",
-                              "[-1] DeleteLun_BStorUser_ConfigF error iqn.Ab 3\n"});
-        expected.emplace_back("-cfg");
-        EXPECT_THAT(journal.Events(), ElementsAreArray(expected));
+        const bool whole = step == 7;
+        EXPECT_EQ(
+            journal.Events(),
+            Strings({"+cfg"}) + First(step, create) +
+                Strings({"[-1] " + error.Message(),
+                         "[-1] CreateLun_BStorUser_ConfigFS error iqn.Ab 3\n", "-cfg", "+cfg"}) +
+                First(whole ? 4 : 2, remove) + (whole ? Strings() : FailedDelete(1)) +
+                Strings({"-cfg"}));
         EXPECT_EQ(std::filesystem::exists(hba), step > 1 && !whole);
         EXPECT_FALSE(std::filesystem::exists(lunDir));
         EXPECT_EQ(Registry().size(), 0U);
@@ -100,13 +98,9 @@ TEST_F(PlatformConfigFSTest, FailedStepOfADeleteIsItsErrorAndTheLunStaysKnown) {
         ASSERT_FALSE(Platform().CreateLun(&lun).IsError());
         journal.Reset(-1);
         g_os.fail[OsSeams::kSystem] = {step, 1 << 8};
-        const CRyError error = Platform().DeleteLun(&lun);
-        ExpectError(error, 774, "cmd: " + remove[step - 1].substr(2) + " failed");
-        Strings expected{"+map", "-map", "+cfg"};
-        Append(expected, {remove.begin(), remove.begin() + step});
-        Append(expected, {"[-1] " + error.Message(),
-                          "[-1] DeleteLun_BStorUser_ConfigF error iqn.Ab 3\n", "-cfg"});
-        EXPECT_EQ(journal.Events(), expected);
+        EXPECT_EQ("[-1] " + Platform().DeleteLun(&lun).Message(), FailedDelete(step - 1)[0]);
+        EXPECT_EQ(journal.Events(), Strings({"+map", "-map", "+cfg"}) + First(step, remove) +
+                                        FailedDelete(step - 1) + Strings({"-cfg"}));
         std::filesystem::remove_all(hba);
         std::filesystem::remove_all(lunDir);
     }

@@ -13,13 +13,6 @@
 #include "framework/CLogWriterInterface.h"
 #include "framework/Mutex.h"
 
-/// As printf's "%p".
-inline std::string PointerText(const void* p) {
-    char text[32];
-    snprintf(text, sizeof text, "%p", p);
-    return text;
-}
-
 /// Keeps what is logged, for tests to compare, and what else a test's seams note (commands, sleeps,
 /// watched mutexes), all in one order. Installed once a process, because other threads may be
 /// logging when the next test begins; a test starts with Reset.

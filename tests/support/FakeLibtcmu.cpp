@@ -3,8 +3,9 @@
 #include "tests/support/TcmuDevFixture.h"
 
 /// As the real ones do: fills all buffers and consumes the entries while it goes.
-static int Emulate(const std::string& call, iovec* iov, size_t iovCnt, uint8_t* sense) {
-    CapturingLogWriter::Installed().Note(call);
+static int Emulate(const std::string& call, iovec* iov, size_t iovCnt, uint8_t* sense,
+                   auto... numbers) {
+    CapturingLogWriter::Installed().Note((call + ... + (" " + std::to_string(numbers))));
     if (g_emulationStatus != 0) {
         tcmu_set_sense_data(sense, 7, 0x1234);
         return g_emulationStatus;
@@ -59,13 +60,11 @@ int tcmu_emulate_start_stop(tcmu_device*, uint8_t*, uint8_t* sense) {
 }
 int tcmu_emulate_read_capacity_10(uint64_t numLbas, uint32_t blockSize, uint8_t*, iovec* iov,
                                   size_t iovCnt, uint8_t* sense) {
-    return Emulate("read_capacity_10 " + std::to_string(numLbas) + " " + std::to_string(blockSize),
-                   iov, iovCnt, sense);
+    return Emulate("read_capacity_10", iov, iovCnt, sense, numLbas, blockSize);
 }
 int tcmu_emulate_read_capacity_16(uint64_t numLbas, uint32_t blockSize, uint8_t*, iovec* iov,
                                   size_t iovCnt, uint8_t* sense) {
-    return Emulate("read_capacity_16 " + std::to_string(numLbas) + " " + std::to_string(blockSize),
-                   iov, iovCnt, sense);
+    return Emulate("read_capacity_16", iov, iovCnt, sense, numLbas, blockSize);
 }
 
 void tcmulib_command_complete(tcmu_device* dev, tcmulib_cmd* cmd, int result) {

@@ -7,7 +7,7 @@ constexpr std::align_val_t kUsual{alignof(std::max_align_t)};
 
 static void* Allocate(size_t bytes, std::align_val_t alignment = kUsual) {
     ++heap_probe::t_allocations;
-    auto& plan = heap_probe::Fault::t_plan;
+    auto& plan = heap_probe::t_plan;
     if (plan.count != 0 && (plan.size == 0 || plan.size == bytes) && plan.skip-- == 0) {
         plan.skip = 0;
         --plan.count;

@@ -8,9 +8,11 @@ namespace heap_probe {
 
 /// Allocations that this thread has made so far, failed ones included.
 inline thread_local constinit size_t t_allocations = 0;
-inline size_t Allocations() {
-    return t_allocations;
-}
+
+struct Plan {
+    size_t skip, count, size, failed;
+};
+inline thread_local constinit Plan t_plan{};
 
 /// While one lives, this thread's allocations fail: `count` of them, after `skip` have succeeded.
 /// With a `size`, only those of exactly that many bytes are looked at.
@@ -20,11 +22,6 @@ struct Fault {
     }
     ~Fault() { t_plan = {}; }
     static size_t Failed() { return t_plan.failed; }  ///< how many have failed
-
-    struct Plan {
-        size_t skip, count, size, failed;
-    };
-    static inline thread_local constinit Plan t_plan{};
 };
 
 }  // namespace heap_probe

@@ -29,6 +29,7 @@ int tcmu_runner_main(int argc, char** argv) {
     sigset_t blocked;
     pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
     EXPECT_EQ(sigismember(&blocked, SIGINT), 1);
+    EXPECT_EQ(sigismember(&blocked, SIGTERM), 0);
     int signal = 0;
     if (g_runner.waitForInterrupt)
         sigwait(&blocked, &signal);

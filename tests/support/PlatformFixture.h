@@ -7,6 +7,7 @@
 #include <future>
 
 #include "framework/GetGUID.h"
+#include "framework/SmallFile.h"
 #include "platform/MoScsiSrvLIO.h"
 #include "tests/support/CapturingLogWriter.h"
 #include "tests/support/TempDirectory.h"
@@ -77,12 +78,17 @@ struct HeldTransfers : MoScsiBStorOps {
     }
 };
 
+using Strings = CapturingLogWriter::Strings;
+inline Strings operator+(Strings first, const Strings& second) {
+    first.insert(first.end(), second.begin(), second.end());
+    return first;
+}
+
 /// A platform of its own for each test, with a fake targetcli first on PATH, a temporary directory
 /// for configfs and for the service script, and a journal at level 5 (traces left out) that watches
-/// both of the platform's mutexes as "cfg" and "map". At its end every file
-/// that was opened must be closed.
+/// both of the platform's mutexes as "cfg" and "map". At its end every file that was opened must be
+/// closed.
 struct MoScsiSrvLIOTest : Test {
-    using Strings = std::vector<std::string>;
     static constexpr const char* kNew = "2.1.fb43";  ///< the oldest version of the newer forms
     static constexpr const char* kOld = "2.1.fb42";
 
@@ -150,15 +156,6 @@ struct MoScsiSrvLIOTest : Test {
                 const std::string& out = "") const {
         std::ofstream(dir + "/answer") << arguments << '|' << out << '|' << err << '\n';
     }
-    /// The lines of a file in `dir`; of "calls", "begin ARGUMENTS" and "end ARGUMENTS" of every
-    /// run of targetcli.
-    Strings Lines(const std::string& file) const {
-        std::ifstream stream(dir + "/" + file);
-        Strings lines;
-        for (std::string line; std::getline(stream, line);)
-            lines.push_back(line);
-        return lines;
-    }
 
     static std::string Guid(const std::string& text) {
         std::string guid;
@@ -176,12 +173,10 @@ struct MoScsiSrvLIOTest : Test {
     Strings Errors() { return journal.Texts(-1); }
     /// Expects an error of this number and text.
     static void ExpectError(const CRyError& error, int number, const std::string& message) {
-        EXPECT_TRUE(error.IsError());
+        EXPECT_TRUE(error.IsError());  // number 0 is one too
+        EXPECT_EQ(error.Code(), static_cast<int32_t>(0x80000000U | static_cast<uint32_t>(number)));
         EXPECT_EQ(error.Number(), number);
         EXPECT_EQ(error.Message(), message);
-    }
-    static void Append(Strings& to, const Strings& more) {
-        to.insert(to.end(), more.begin(), more.end());
     }
 
     // ---- What is private in the platform
