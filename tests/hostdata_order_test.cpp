@@ -117,11 +117,11 @@ TEST_F(Scripted, EachTransferEndsOnceAndWhenItIsDurable) {
         ASSERT_EQ(trace, expected) << script;
     }
     Make();
-    Play("R0 0=512 R1 0=-5 A0 1=512");  // its place is another's by the second end
+    Play("R0 0=512 R1 A1 0=-5 A0 1=512");  // its place is another's by the second end
     EXPECT_EQ(trace, " r0 0:512 r1 1:512");
     EXPECT_EQ(lun->Snapshot().ignoredCompletions, 1U);
     EXPECT_EQ(lun->Snapshot().unknownAborts, 1U);
-    EXPECT_EQ(lun->Snapshot().aborted, 0U);
+    EXPECT_EQ(lun->Snapshot().aborted, 1U);
 }
 
 TEST_F(Scripted, StopWaitsForWhatRunsAndRefusesTheRest) {
