@@ -32,11 +32,7 @@ exit "$status"
 # has targetcli's lock); quick COMMAND LINE (fast in both passes, to come to a state; not compared).
 STEPS = r"""
 fast --version
-none ls /iscsi
 slow /iscsi/{T}/tpg1/luns ls
-slow /iscsi delete {T}
-slow /backstores/fileio delete name=f
-slow /iscsi/{T}/tpg1/acls create add_mapped_luns=false wwn={A}
 fast /iscsi create {T}
 fast /iscsi create {T}
 held /iscsi create {T}
@@ -45,19 +41,15 @@ fast /iscsi/{T}/tpg1/luns ls
 fast /backstores/fileio create file_or_dev={W}/f name=f wwn=0123-f
 fast /backstores/fileio create file_or_dev={W}/f name=f wwn=0123-f
 slow /backstores/fileio create file_or_dev={W}/f name=f wwn=0123-g
-slow /backstores/fileio create file_or_dev={W}/g name=f wwn=0123-f
-slow /backstores/fileio create file_or_dev={W}/f name=g wwn=0123-f
 slow /backstores/fileio create file_or_dev={W}/hard name=g wwn=0123-f
 slow /backstores/fileio create file_or_dev={W}/missing name=g wwn=0123-f
-none /backstores/fileio create name=h file_or_dev={W}/missing wwn=0123-h
+none /backstores/fileio create name=h file_or_dev={W}/missing wwn=0123-g
 fast /backstores/fileio create file_or_dev={W}/g name=g wwn=0123-g
 sh   truncate -s 8M {W}/f
 slow /backstores/fileio create file_or_dev={W}/f name=f wwn=0123-f
 sh   truncate -s 4M {W}/f
-slow /iscsi/{T}/tpg1/luns create storage_object=/backstores/fileio/missing
 fast /iscsi/{T}/tpg1/luns create storage_object=/backstores/fileio/f lun=3
 fast /iscsi/{T}/tpg1/luns create storage_object=/backstores/fileio/f lun=3
-fast /iscsi/{T}/tpg1/luns create storage_object=/backstores/fileio/f
 slow /iscsi/{T}/tpg1/luns create storage_object=/backstores/fileio/f lun=4
 slow /iscsi/{T}/tpg1/luns create storage_object=/backstores/fileio/g lun=3
 fast /iscsi/{T}/tpg1/luns create storage_object=/backstores/fileio/g
@@ -68,28 +60,23 @@ fast /iscsi/{T}/tpg1/acls create add_mapped_luns=false wwn={A}
 fast /iscsi/{T}/tpg1/acls/{A} create tpg_lun_or_backstore=3 mapped_lun=3
 fast /iscsi/{T}/tpg1/acls/{A} create tpg_lun_or_backstore=3 mapped_lun=3
 slow /iscsi/{T}/tpg1/acls/{A} create tpg_lun_or_backstore=7 mapped_lun=7
-slow /iscsi/{T}/tpg1/acls/{B} create tpg_lun_or_backstore=3 mapped_lun=3
 sh   echo 1 >{G}/acls/{A}/lun_3/write_protect
 slow /iscsi/{T}/tpg1/acls/{A} create tpg_lun_or_backstore=3 mapped_lun=3
 fast /iscsi/{T}/tpg1/acls/{A} delete mapped_lun=3
 slow /iscsi/{T}/tpg1/acls/{A} delete mapped_lun=3
-slow /iscsi/{T}/tpg1/acls/{B} delete mapped_lun=3
 sh   mkdir {G}/acls/{A}/lun_9; ln -s {G}/lun/lun_3 {G}/acls/{A}/lun_9/x
 slow /iscsi/{T}/tpg1/acls/{A} create tpg_lun_or_backstore=3 mapped_lun=3
 fast /iscsi/{T}/tpg1/luns delete lun=3
 slow /iscsi/{T}/tpg1/luns delete lun=3
 fast /backstores/fileio delete name=f
 slow /backstores/fileio delete name=g
-slow /iscsi/{T}/tpg1/luns delete lun=0
 
 fast /backstores/block create dev={L} name=b wwn=b-1
 fast /backstores/block create dev={L} name=b wwn=b-1
-slow /backstores/block create dev={L} name=c wwn=b-1
 slow /backstores/block create dev={R} name=r wwn=r-1
 fast /iscsi/{T}/tpg1/luns create storage_object=/backstores/block/b lun=255
 fast /iscsi/{T}/tpg1/luns create storage_object=/backstores/block/r
 slow /iscsi/{T}/tpg1/acls/{A} create tpg_lun_or_backstore=0 mapped_lun=0
-fast /iscsi/{T}/tpg1/luns ls
 sh   mkdir {G}/lun/lun_77
 slow /iscsi/{T}/tpg1/luns ls
 sh   rmdir {G}/lun/lun_77
@@ -98,12 +85,10 @@ fast /backstores/user:{H} create cfgstring=c0ffee name=u size=1048576 wwn=u-1
 fast /backstores/user:{H} create cfgstring=c0ffee name=u size=1048576 wwn=u-1
 slow /backstores/user:{H} create cfgstring=c0ffee name=u size=2097152 wwn=u-1
 slow /backstores/user:{H} create cfgstring=c0ffee name=v size=1048576 wwn=v-1
-slow /backstores/user:nobody create cfgstring=c0ffee name=v size=1048576 wwn=v-1
-slow /backstores/user:MoScsiSrvTcmu delete name=u
-slow /iscsi/{T}/tpg1/luns create storage_object=/backstores/user:nobody/u
 fast /iscsi/{T}/tpg1/luns create storage_object=/backstores/user:{H}/u lun=10
 fast /iscsi/{T}/tpg1/luns create storage_object=/backstores/user:{H}/u lun=10
 fast /iscsi/{T}/tpg1/acls/{A} create tpg_lun_or_backstore=10 mapped_lun=10
+fast /iscsi/{T}/tpg1/luns ls
 sh   printf '{APTPL}' >/etc/rtslib-fb-target/pr/aptpl_v-1
 slow /backstores/user:{H} create cfgstring=cafe name=v size=1048576 wwn=v-1
 sh   cat {C}/user_*/v/pr/res_aptpl_active
@@ -113,22 +98,19 @@ slow /backstores/user:{H} delete name=u
 
 quick /iscsi/{T}/tpg1/acls create add_mapped_luns=false wwn={B}
 sh   echo team >{G}/acls/{B}/tag
-slow /iscsi/{T}/tpg1/acls/{B} create tpg_lun_or_backstore=0 mapped_lun=0
-slow /iscsi/{T}/tpg1/luns delete lun=0
-slow /iscsi/{T}/tpg1/acls create add_mapped_luns=false wwn={B}
-sh   rmdir {G}/acls/{B}
+slow /iscsi/{T}/tpg1/acls/{B} create tpg_lun_or_backstore=255 mapped_lun=255
+sh   rmdir {G}/acls/{B}/lun_255; rmdir {G}/acls/{B}
 sh   mkdir {C}/fileio_900
 slow /backstores/fileio create file_or_dev={W}/f name=f wwn=0123-f
 sh   rmdir {C}/fileio_900
-sh   mkdir -p {I}/iqn.2003-01.org.example:foreign/tpgt_1/np/127.0.0.1:3260
-slow /iscsi create {T}2
-slow /iscsi delete {T}2
-sh   mkdir {I}/iqn.2003-01.org.example:foreign/tpgt_2
-slow /iscsi/iqn.2003-01.org.example:foreign/tpg1/luns ls
-sh   cd {I}; rmdir iqn.2003-01.org.example:foreign/tpgt_1/np/* iqn.2003-01.org.example:foreign/tpgt_* iqn.2003-01.org.example:foreign
+quick /iscsi/{T}/tpg1/acls/{A} create tpg_lun_or_backstore=255 mapped_lun=255
 fast /iscsi delete {T}
 fast /backstores/block delete name=b
+sh   rmdir {C}/iblock_*/r {C}/iblock_*; rmdir {C}/fileio_*/f {C}/fileio_*
 
+sh   mkdir -p {I}/{T}2/tpgt_1/np/127.0.0.1:3260
+slow /iscsi create {T}
+sh   cd {I}; rmdir {T}2/tpgt_1/np/* {T}2/tpgt_1 {T}2 {T}/tpgt_1/np/* {T}/tpgt_1 {T}
 fast /iscsi create {T}
 quick /iscsi/{T}/tpg1/acls create add_mapped_luns=false wwn={A}
 sh   {MANY}

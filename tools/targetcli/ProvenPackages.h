@@ -5,7 +5,8 @@
 #include <string>
 
 /// The releases of targetcli that the fast road was proven equal with, known by the contents of all
-/// their files (the scenario tests/vm/fast_road.sh proves it, and says what to enter for another).
+/// their files. The scenario tests/vm/fast_road.sh proves it; the number of another release stands
+/// in RoadLog.h's file once the wrapper has met it.
 
 struct ProvenPackages {
     const char* version;  ///< what its `--version` says

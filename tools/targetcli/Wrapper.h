@@ -12,6 +12,9 @@ constexpr int kStatusUsage = 2;
 /// plug-in, which reads one line of its output and never its exit status, needs to be told the
 /// truth.
 ///
+/// A command line of the plug-in's that is certain to end as with the real one needs no run of it
+/// (FastRoad.h).
+///
 ///   arguments      what is added
 ///   --version      the older form of the version, or nothing at all (Version.h)
 ///   a user create  that fails: its cause on the first line (UserBackstoreCheck.h)
