@@ -1,6 +1,6 @@
 #include "framework/MOClient.h"
 
-#include "framework/PlatformFactsStore.h"
+#include "framework/MOPlatformInfo.h"
 
 MOClient::MOClient(const char* machine, bool /*reservedFlag*/, int /*reserved*/)
     : m_machine(machine) {}

@@ -6,8 +6,8 @@
 #include <toml.hpp>
 
 #include "framework/CLogWriterInterface.h"
+#include "framework/MOPI_Base.h"
 #include "framework/Mutex.h"
-#include "framework/PlatformFactsStore.h"
 
 namespace {
 
@@ -117,3 +117,5 @@ std::string MOPlatformInfo::readFacts(const std::string& file, PlatformFacts& fa
         return "platform file " + file + " can't be used, the defaults are: " + text;
     }
 }
+
+MOPI_Base::MOPI_Base() : m_home(CurrentFacts()->homeDirectory) {}

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <string>
 
 #include "framework/Export.h"
@@ -50,3 +51,7 @@ class MO_EXPORT MOPlatformInfo {
     /// then untouched.
     static std::string readFacts(const std::string& file, PlatformFacts& facts);
 };
+
+/// For the framework itself: the facts in force now; never null. The snapshot stays as it is when
+/// they are set anew. Thread: any.
+std::shared_ptr<const PlatformFacts> CurrentFacts();

@@ -4,7 +4,6 @@
 #include "framework/SmallFile.h"
 #include "tools/targetcli/ConfigfsChange.h"
 #include "tools/targetcli/FastForms.h"
-#include "tools/targetcli/ListLine.h"
 #include "tools/targetcli/PortalGroup.h"
 #include "tools/targetcli/StorageObjects.h"
 #include "tools/targetcli/UserHandler.h"
@@ -45,6 +44,16 @@ std::string Description(const fs::path& lun) {
     if (object.plugin != kUserBackstore.plugin)
         text += " (" + object.UdevPath() + ")";
     return text + " (default_tg_pt_gp)";
+}
+
+// One line of targetcli's lists, as it prints them where no terminal tells a width: dots fill what
+// the text and its description in brackets leave of 132 columns, and may be none.
+std::string ListLine(const std::string& text, const std::string& description) {
+    constexpr size_t kColumns = 132;
+    constexpr size_t kAround = 4;  // a blank on either side of the dots, and the brackets
+    const size_t taken = text.size() + description.size() + kAround;
+    const std::string dots(taken < kColumns ? kColumns - taken : 0, '.');
+    return text + " " + dots + " [" + description + "]\n";
 }
 
 }  // namespace
