@@ -74,7 +74,7 @@ loopback() {
 loopback_port() { echo "$configfs/target/loopback/naa.5001405$(sha256sum <<<"$1" | cut -c1-9)"; }
 loopback_disk() {
     local new
-    new=$(comm -13 <(sort <<<"$1") <(ls -d /sys/class/scsi_disk/* | sort))
+    new=$(comm -13 <(sort <<<"$1") <(printf '%s\n' /sys/class/scsi_disk/* | sort))
     new=$(echo "$new"/device/block/*)
     [[ -b /dev/${new##*/} ]] && echo "$new"
 }
@@ -108,6 +108,7 @@ tgt_luns() {
 product_luns() {
     # The devices are made straight through configfs: the same ones as by targetcli, sooner.
     export MOSCSI_TARGETCLI_VERSION=2.1.fb42
+    # shellcheck disable=SC2034 # for host_file and lun
     target=iqn.2026-01.com.example:bench lun_dir=$data_dir
     host_file "$a" "$(lun memory memory "${lun_mib}MiB" "number = 0")" \
         "$(lun served served "${lun_mib}MiB" "number = 1")" >"$work/host.toml"

@@ -19,7 +19,7 @@ class BusLibrary {
         Require(m_library != nullptr, "no library for the bus");
     }
     template <class Function>
-    Function* Get(const char* name, Function* /*type*/) const {
+    Function* Get(const char* name) const {
         void* const symbol = dlsym(m_library, name);
         Require(symbol != nullptr, "another library for the bus");
         return reinterpret_cast<Function*>(symbol);
@@ -28,7 +28,8 @@ class BusLibrary {
   private:
     void* m_library;  // stays: the process ends soon
 };
-#define BUS(function) library.Get(#function, &(function))
+// By its type alone: a reference to the function would want the library at the link.
+#define BUS(function) library.Get<decltype(function)>(#function)
 
 // One question at the handler's object, of one string, to whoever owns the service's name now.
 sd_bus_message* Ask(const BusLibrary& library, sd_bus* bus, const std::string& destination,
