@@ -108,11 +108,13 @@ void RunOne(Input& input, GateRig& rig, Model& model) {
         Check(outcome == model.Answer(cdb, total), "READ and WRITE are answered as the model does");
         expected = GateRig::Flat(memory.data(), pieces);
         const uint64_t bytes = model.blocks * kBlock;
-        uint8_t* const place = model.disk.data() + model.lba * kBlock;
-        if (outcome == 0 && model.write)
-            std::copy_n(expected.begin(), bytes, place);
-        if (outcome == 0 && (!model.write || bytes == 0))
-            std::fill(std::copy_n(place, bytes, expected.begin()), expected.end(), 0);
+        if (outcome == 0) {
+            uint8_t* const place = model.disk.data() + model.lba * kBlock;
+            if (model.write)
+                std::copy_n(expected.begin(), bytes, place);
+            if (!model.write || bytes == 0)
+                std::fill(std::copy_n(place, bytes, expected.begin()), expected.end(), 0);
+        }
         // The kernel takes no length of zero.
         Check(outcome != 0 || model.write || bytes == 0 || answer->readLength == bytes,
               "READ states its true length");
