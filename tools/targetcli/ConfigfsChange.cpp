@@ -10,7 +10,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <ranges>
 
 #include "framework/UniqueFd.h"
 
@@ -86,8 +85,7 @@ void ConfigfsChange::Refused(const char* step, const Path& path, int error) {
 }
 
 bool ConfigfsChange::TakeBack() {
-    for (const Path& path : std::ranges::reverse_view(m_made))
-        remove(path.c_str());
+    std::for_each(m_made.rbegin(), m_made.rend(), [](const Path& path) { remove(path.c_str()); });
     struct stat status = {};
     return !m_lasting && std::none_of(m_made.begin(), m_made.end(), [&](const Path& path) {
         return lstat(path.c_str(), &status) == 0;
