@@ -54,7 +54,6 @@ TEST_F(PlatformConfigFSTest, CreateRunsItsStepsOnceAndDeleteTakesTheTreeAway) {
     };
     ASSERT_FALSE(Platform().CreateLun(&lun).IsError());
     EXPECT_EQ(std::filesystem::read_symlink(link), store);
-    EXPECT_TRUE(Registry().contains(CfgString(lun)));
     lun.serialNum = "again";  // nothing runs, the registry's record is the new one
     ASSERT_FALSE(Platform().CreateLun(&lun).IsError());
     EXPECT_EQ(Registry().at(CfgString(lun)).first.serialNum, "again-" + guid);
@@ -121,7 +120,6 @@ TEST_F(PlatformConfigFSTest, BackstoreInUseAndPlacesThatCannotBeLookedAtAreError
         journal.Reset(5);
         ExpectError(Platform().CreateLun(&lun), number, message);
         EXPECT_THAT(journal.Events(), ElementsAre("+cfg", "[-1] " + message, "-cfg"));
-        EXPECT_EQ(Registry().size(), 0U);
     }
 }
 

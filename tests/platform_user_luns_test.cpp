@@ -34,7 +34,6 @@ TEST_F(PlatformUserLunsTest, LunAndDeviceMeetInEitherOrder) {
     EXPECT_EQ(Registry().at(key).second, nullptr);
     lun.bstoreCtx = nullptr;
     ASSERT_FALSE(Platform().CreateLun(&lun).IsError());
-    EXPECT_EQ(Registry().size(), 1U);
     EXPECT_EQ(Registry().at(key).second, nullptr);
     EXPECT_EQ(Registry().at(key).first.serialNum, lun.serialNum);
     MoScsiSrvTcmuDev next(&lib);
@@ -56,7 +55,8 @@ TEST_F(PlatformUserLunsTest, DeleteWaitsUntilTheDeviceHasClosedOrAnotherHasTaken
         ASSERT_EQ(device.TcmuDevOpen(), 0);
         int polls = 0;
         g_os.onSleep = [&] {
-            EXPECT_TRUE(Registry().contains(key));
+            if (!Registry().contains(key))
+                throw std::logic_error("waits for nobody");
             if (++polls == 3 && !(closes && Platform().UnRegisterTcmuDev(&device)))
                 Registry().erase(key);
         };

@@ -47,14 +47,17 @@ class ServiceScriptTest(ProgramTest):
         return sorted((str(path), path.read_text() if path.is_file() else "") for path in self.dir.rglob("*"))
 
     def test_start_makes_everything_in_order_and_stop_changes_nothing(self):
-        self.assertEqual(self.run_script("-start")[::2], (0, ""))
+        status, out, err = self.run_script("-start")
+        self.assertEqual((status, out[:5], err), (0, "made ", ""))
         log = (self.dir / "log").read_text().splitlines()
         # dbroot is set before a module that may forbid it
         self.assertEqual([line.strip() for line in log],
                          ORDER[:2] + [f"{module} /etc/rtslib-fb-target" for module in ORDER[2:]])
         before = self.tree()
-        self.assertEqual(self.run_script("-stop"), (0, "", ""))
-        self.assertEqual(self.run_script("start"), (2, "", "usage: moscsi_server.sh -start | -stop\n"))
+        usage = "usage: moscsi_server.sh -start | -stop\n"
+        for args, answer in ((["-stop"], (0, "", "")), (["-start"], (0, "", "")), (["--help"], (0, usage, "")),
+                             (["start"], (2, "", usage)), (["-start", "-stop"], (2, "", usage))):
+            self.assertEqual(self.run_script(*args), answer)
         self.assertEqual(self.tree(), before)
         # Another dbroot stays when a device uses it.
         self.dbroot.write_text("/srv/target\n")
@@ -81,6 +84,7 @@ class ServiceScriptTest(ProgramTest):
         fails(rf"can't mount configfs on \S+: .*{kernel}.*", LACKS="configfs")
         fails(f".*{kernel}, has no module {ORDER[5]}: .*", LACKS=ORDER[5])
         self.dbroot.unlink()
+        fails(f"target_core_mod is loaded, but there is no {self.dbroot}")
         self.dbroot.mkdir()
         fails(f"the kernel refuses /etc/rtslib-fb-target as {self.dbroot}")
 

@@ -133,10 +133,7 @@ TEST_F(TcmuDevCommandTest, CompletionBeforeTheHostReturnsIsWholeOrAMediumErrorAn
         auto dev = Open();
         // A sanitizer sees whoever touches the command after its completion.
         auto command = std::make_unique<TestCommand>(kRead);
-        lib.onComplete = [&](tcmulib_cmd* completed) {
-            EXPECT_EQ(completed, command.get());
-            command.reset();
-        };
+        lib.onComplete = [&](tcmulib_cmd*) { command.reset(); };
         MoScsiSrvIO* ioctx = nullptr;
         host.onTransfer = [&](MoScsiSrvIO* lent) {
             ioctx = lent;
@@ -196,7 +193,6 @@ TEST_F(TcmuDevCommandTest, CommandsWithoutMemoryFailAndLeaveNothing) {
 
 TEST_F(TcmuDevCommandTest, ReadAndWriteOfUpToFourEntriesTakeNothingFromTheHeap) {
     auto dev = Open();
-    journal.Watch("dev", nullptr);
     std::list<TestCommand> commands;
     for (size_t i = 0; i < 512; ++i)
         commands.emplace_back(i % 2 == 0 ? kRead : kWrite, std::vector<size_t>(i % 5, 512));

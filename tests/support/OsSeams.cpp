@@ -28,8 +28,7 @@ int tcmu_runner_main(int argc, char** argv) {
     EXPECT_EQ(argv[argc], nullptr);
     sigset_t blocked;
     pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
-    EXPECT_EQ(sigismember(&blocked, SIGINT), 1);
-    EXPECT_EQ(sigismember(&blocked, SIGTERM), 0);
+    EXPECT_GT(sigismember(&blocked, SIGINT), sigismember(&blocked, SIGTERM));
     int signal = 0;
     if (g_runner.waitForInterrupt)
         sigwait(&blocked, &signal);

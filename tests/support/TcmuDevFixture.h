@@ -59,10 +59,7 @@ struct MoScsiSrvTcmuDevTest : MoScsiSrvLIOTest {
     const size_t lentBefore = manager.InUse();
     tcmu_device lib;
 
-    MoScsiSrvTcmuDevTest() {
-        g_emulationStatus = 0;
-        journal.Reset(1);
-    }
+    MoScsiSrvTcmuDevTest() { g_emulationStatus = 0; }
 
     void SetLun(MoScsiBStorOps* ops, void* ctx) {
         Registry()[lib.cfgString].first.bstoreOps = ops;
