@@ -7,6 +7,8 @@
 #include "runner/Runner.h"
 #include "tests/support/PlatformFixture.h"
 
+const char* const kFakeTargetcliPath = FAKE_TARGETCLI_PATH;
+
 static bool Fails(OsSeams::Call call) {
     auto& plan = g_os.fail[call];
     if (plan.nth == 0 || --plan.nth != 0)

@@ -84,6 +84,9 @@ inline Strings operator+(Strings first, const Strings& second) {
     return first;
 }
 
+/// The directory of the fake targetcli; in OsSeams.cpp, which the build tells it.
+extern const char* const kFakeTargetcliPath;
+
 /// A platform of its own for each test, with a fake targetcli first on PATH, a temporary directory
 /// for configfs and for the service script, and a journal at level 5 (traces left out) that watches
 /// both of the platform's mutexes as "cfg" and "map". At its end every file that was opened must be
@@ -102,7 +105,7 @@ struct MoScsiSrvLIOTest : Test {
         static const std::string real = ConfigFSRoot();  // as it is before the first test
         EXPECT_EQ(real, "/sys/kernel/config/target/");
         static const std::string path = getenv("PATH");
-        setenv("PATH", (FAKE_TARGETCLI_PATH ":" + path).c_str(), 1);
+        setenv("PATH", (std::string(kFakeTargetcliPath) + ":" + path).c_str(), 1);
         setenv("FAKE_TARGETCLI", dir.c_str(), 1);
         ConfigFSRoot() = dir + "/";
         MakePlatform();
