@@ -188,6 +188,7 @@ TEST_F(FastRoad, WhateverIsNotCertainIsLeftAlone) {
         {CreateLine(file, "name=f wwn=t"), nothing, "the object is there and differs"},
         {CreateLine(file, "name=g wwn=s"), nothing, "another object's already"},
         {CreateLine(other, "name=f wwn=s"), nothing, "the object is there and differs"},
+        {CreateLine(file, "name=g wwn=g"), write(object / "udev_path", ""), "doesn't say its path"},
         {CreateLine(file, "name=f wwn=s"), [&] { fs::resize_file(file, 8192); },
          "the object is there and differs"},
         {CreateLine(other, "name=g wwn=g"), [&] { fs::resize_file(other, 4000); },

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 
 #include "framework/SmallFile.h"
 #include "framework/UniqueFd.h"
@@ -30,9 +31,9 @@ UniqueFd TakeIndexLock() {
 // Kept by the kernel for reservations that outlive a power cut; targetcli gives it back to the
 // kernel when a serial comes again.
 void RequireNoReservations(const fs::path& root, const std::string& serial) {
-    std::error_code ignored;
     const fs::path file = fs::path(FirstLineOf(root / "dbroot")) / "pr" / ("aptpl_" + serial);
-    Require(!fs::exists(file, ignored), "reservations of an earlier object of this serial");
+    Require(access(file.c_str(), F_OK) != 0 && errno == ENOENT,
+            "reservations of an earlier object of this serial");
 }
 
 // Two storage objects of one file or device, whatever its name.
