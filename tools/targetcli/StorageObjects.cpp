@@ -16,7 +16,7 @@ std::string StorageObject::Serial() const {
 }
 
 std::string StorageObject::UdevPath() const {
-    const std::string path = FirstLineOf(directory / "udev_path");
+    std::string path = FirstLineOf(directory / "udev_path");
     // targetcli looks elsewhere then; taken for no path, two objects could get one file.
     Require(!path.empty() || plugin == kUserBackstore.plugin,
             "an object that doesn't say its path");
