@@ -43,6 +43,7 @@ void FileEngine::BeginLocked(Transfer& transfer) {
     transfer.ownSync = false;
     if (transfer.write) {
         transfer.ownSync = m_durable && m_writing == 0 && !m_syncRuns;
+        m_syncRuns |= transfer.ownSync;
         ++m_writing;
     }
 }
@@ -91,27 +92,26 @@ void FileEngine::OnEnded(Ticket ticket, int64_t result) {
 }
 
 void FileEngine::OnMoved(Transfer& transfer, int64_t error) {
-    int64_t result = transfer.done == 0 ? error : static_cast<int64_t>(transfer.done);
+    const int64_t result = transfer.done == 0 ? error : static_cast<int64_t>(transfer.done);
     const bool sync = m_durable && transfer.write && !transfer.ownSync && result > 0;
-    bool startSync = false;
     Transfer* next = nullptr;
     m_mutex.lock();
     --m_running;
     if (transfer.write)
         --m_writing;
-    if (transfer.ownSync && transfer.syncFailures != m_syncFailures)
-        result = -EIO;
-    if (transfer.ownSync && error < 0)
-        ++m_syncFailures;  // it may have been its sync
+    if (transfer.ownSync) {
+        m_syncRuns = false;
+        if (error < 0)
+            ++m_syncFailures;  // it may have been its sync
+    }
+    if (sync)
+        m_unsynced.push_back({&transfer, result});
+    // Before the next begins: it would carry its own sync beside this one.
+    const bool startSync = TakeSyncLocked();
     if (!m_waiting.empty()) {
         next = m_waiting.front();
         m_waiting.pop_front();
         BeginLocked(*next);
-    }
-    if (sync) {
-        startSync = !m_syncRuns;
-        m_syncRuns = true;
-        (startSync ? m_syncing : m_unsynced).push_back({&transfer, result});
     }
     m_mutex.unlock();
     if (!sync)
@@ -122,19 +122,26 @@ void FileEngine::OnMoved(Transfer& transfer, int64_t error) {
         Submit(*next);
 }
 
+bool FileEngine::TakeSyncLocked() {
+    if (m_syncRuns || m_unsynced.empty())
+        return false;
+    m_syncRuns = true;
+    m_syncing.swap(m_unsynced);
+    return true;
+}
+
 void FileEngine::OnSynced(int64_t result) {
     std::vector<Written> synced;
     m_mutex.lock();
     if (result < 0)
         ++m_syncFailures;
     synced.swap(m_syncing);
-    m_syncing.swap(m_unsynced);
     for (Written& each : synced) {
         if (each.transfer->syncFailures != m_syncFailures)
             each.result = -EIO;
     }
-    const bool startSync = !m_syncing.empty();
-    m_syncRuns = startSync;
+    m_syncRuns = false;
+    const bool startSync = TakeSyncLocked();
     m_mutex.unlock();
     if (startSync)
         SubmitSync();

@@ -20,8 +20,11 @@
 /// Measured in the guest (ratios only): own syncs alone, 290 writes a second at depth 1 and 810 at
 /// depth 32; gathered alone, 140 and 2,200.
 ///
-/// A sync that fails may have lost any write that had begun by then, and the kernel tells it once:
-/// all of them fail, those that begin later don't.
+/// A sync that fails may have lost any write that had begun by then, and the kernel tells it once
+/// for an open file (Documentation/filesystems/vfs.rst, "Handling errors during writeback"), to
+/// whichever sync asks first: all of them fail, those that begin later don't. So that none of them
+/// hears success from a second sync meanwhile, at most one call that syncs is under way, the
+/// gathered sync or the one write that carries its own.
 class FileEngine : public DataEngine {
   public:
     /// `durable`: false, for tests only, leaves the syncs out.
@@ -51,6 +54,8 @@ class FileEngine : public DataEngine {
     /// `error`: -errno of the last request, or 0.
     void OnMoved(Transfer& transfer, int64_t error) MO_EXCLUDES(m_mutex);
     void OnSynced(int64_t result) MO_EXCLUDES(m_mutex);
+    /// Returns: true when the caller has to submit the gathered sync, which now counts as running.
+    bool TakeSyncLocked() MO_REQUIRES(m_mutex);
 
     const bool m_durable;
     Transfers& m_transfers;
@@ -59,7 +64,7 @@ class FileEngine : public DataEngine {
     size_t m_running MO_GUARDED_BY(m_mutex) = 0;             ///< at the queue, without the sync
     std::deque<Transfer*> m_waiting MO_GUARDED_BY(m_mutex);  ///< beyond the queue's depth
     size_t m_writing MO_GUARDED_BY(m_mutex) = 0;             ///< the writes among m_running
-    bool m_syncRuns MO_GUARDED_BY(m_mutex) = false;
+    bool m_syncRuns MO_GUARDED_BY(m_mutex) = false;  ///< the gathered one, or a write's own
     std::vector<Written> m_syncing MO_GUARDED_BY(m_mutex);   ///< the running sync's
     std::vector<Written> m_unsynced MO_GUARDED_BY(m_mutex);  ///< the next one's
     uint64_t m_syncFailures MO_GUARDED_BY(m_mutex) = 0;
