@@ -158,6 +158,7 @@ bool Service::PrepareData() {
     const std::string fault = m_data.Make(m_plan, lost, *m_platform);
     if (!fault.empty())
         return Fail(fault);
+    m_data.SetTimeOuts(m_plan, m_before);
     m_status.SetDataSource([this](const LunPlan& lun) { return m_data.Statistics(lun); });
     return true;
 }
@@ -178,9 +179,12 @@ bool Service::Apply() {
         for (const LunPlan& lun : target.luns)
             if (const auto number = m_executor->NumberOf(lun))
                 m_status.SetNumber(lun, *number);
-    if (good)
-        good = Refuse(FaultsAfter(m_plan, Look(), m_manner),
+    if (good) {
+        const ConfigfsView after = Look();
+        m_data.SetTimeOuts(m_plan, after);
+        good = Refuse(FaultsAfter(m_plan, after, m_manner),
                       "what was made is not what " + m_plan.file + " says; it is taken down again");
+    }
     if (!good)
         TakeDown(false);
     return good;
