@@ -32,7 +32,10 @@ struct Scripted : LunTest {
         };
         lun.reset();
         trace.clear();
-        begun.clear();
+        {
+            const MutexGuard guard(platform.mutex);
+            begun.clear();
+        }
         std::string error;
         BackingFile file;
         ASSERT_TRUE(file.Open(path, kSize, error)) << error;
@@ -63,7 +66,8 @@ struct Scripted : LunTest {
             (!write                       ? 'r'
              : request.flags == RWF_DSYNC ? 'D'
                                           : 'w') +
-            std::to_string(index) + (moved == 0 ? "" : "+" + std::to_string(moved));
+            (request.mayBlock ? "!" : "") + std::to_string(index) +
+            (moved == 0 ? "" : "+" + std::to_string(moved));
         tickets[static_cast<char>('0' + index)] = request.ticket;
         platform.ended.notify_all();
     }
@@ -117,8 +121,8 @@ struct Scripted : LunTest {
 
 // A script begins transfers (R0, W1), asks one back that runs (A0) or that waits (C2), and ends
 // what the kernel was asked for (0=512, a sync S=-5). The trace shows what it was asked for (a read
-// r0, a write w1, one with its own sync D1, the rest behind 100 bytes w1+100, a sync S), and what
-// was reported (0:512).
+// r0, a write w1, one with its own sync D1, the rest behind 100 bytes w1+100, a sync S, one that
+// may block D!1), and what was reported (0:512).
 TEST_F(Scripted, EachTransferEndsOnceAndWhenItIsDurable) {
     const struct {
         const char* script;
@@ -145,6 +149,9 @@ TEST_F(Scripted, EachTransferEndsOnceAndWhenItIsDurable) {
         {"R0 0=-4 A0 0=-125 0=100 0=200 0=212", " r0 r0 r0 r0+100 r0+300 0:512"},
         {"R0 0=300 0=-5 R1 1=-5 W2 2=256 2=0", " r0 r0+300 0:300 r1 1:-5 D2 D2+256 2:256"},
         {"W0 W1 W2 0=512 1=-5 2=100 2=-5 S=0", " D0 w1 w2 0:512 1:-5 w2+100 S 2:100"},
+        // What can't be done without blocking is asked for once more, so that it may block.
+        {"W0 0=-11 0=100 0=-11", " D0 D!0 D!0+100 0:100"},
+        {"R0 0=-11 0=-11 R0 0=512", " r0 r!0 0:-11 r0 0:512"},
         // Two at once, the others in their order. Asked back is what hasn't begun.
         {"R0 R1 W2 R3 1=512 0=512 2=512 3=512", " r0 r1 D2 1:512 r3 0:512 2:512 3:512"},
         {"R0 R1 R2 R3 C2 A0 0=512 1=512 3=512", " r0 r1 2:-125 r3 0:512 1:512 3:512"},

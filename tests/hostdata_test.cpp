@@ -15,8 +15,11 @@
 
 std::vector<int> g_refusals;  ///< what io_uring_submit answers, last first, before it works again
 
+uint8_t g_flags = 0;  ///< of the request that it was called for
+
 extern "C" int __real_io_uring_submit(io_uring* ring);   // NOLINT(bugprone-reserved-identifier)
 extern "C" int __wrap_io_uring_submit(io_uring* ring) {  // NOLINT(bugprone-reserved-identifier)
+    g_flags = ring->sq.sqes[(ring->sq.sqe_tail - 1) & *ring->sq.kring_mask].flags;
     if (g_refusals.empty())
         return __real_io_uring_submit(ring);
     const int answer = g_refusals.back();
@@ -123,9 +126,11 @@ TEST(Queues, HandEachFlagAndEachSyncToTheKernel) {
             if (queue == nullptr)
                 continue;  // io_uring may not be permitted
             result = INT64_MAX;
-            queue->Submit({kind, 1 << 30, &buffer, 1, 0, 0});
+            queue->Submit({kind, 1 << 30, &buffer, 1, 0, 0, kind != Read});
             result.wait(INT64_MAX);
             EXPECT_EQ(result, kind == Sync ? -EINVAL : -EOPNOTSUPP) << queue->Name();
+            const bool ring = queue->Name() == std::string("io_uring");
+            EXPECT_EQ(g_flags, ring && kind != Read ? IOSQE_ASYNC : 0);
         }
     }
     close(file);

@@ -47,6 +47,7 @@ void FileEngine::BeginLocked(Transfer& transfer) {
     ++m_running;
     transfer.syncFailures = m_syncFailures;
     transfer.ownSync = false;
+    transfer.mayBlock = false;
     if (transfer.write) {
         transfer.ownSync = m_durable && m_writing == 0 && !m_syncRuns;
         m_syncRuns |= transfer.ownSync;
@@ -62,6 +63,7 @@ void FileEngine::Submit(const Transfer& transfer) {
         static_cast<int>(std::min<size_t>(transfer.iov.size() - transfer.firstBuffer, IOV_MAX));
     request.offset = transfer.offset + transfer.done;
     request.flags = transfer.ownSync ? RWF_DSYNC : 0;
+    request.mayBlock = transfer.mayBlock;
     request.ticket = transfer.ticket;
     m_queue->Submit(request);
 }
@@ -69,6 +71,7 @@ void FileEngine::Submit(const Transfer& transfer) {
 void FileEngine::SubmitSync() {
     FileRequest request;
     request.kind = FileRequest::Kind::Sync;
+    request.mayBlock = true;  // a sync always does
     request.ticket = kSyncTicket;
     m_queue->Submit(request);
 }
@@ -76,7 +79,7 @@ void FileEngine::SubmitSync() {
 void FileEngine::OnEnded(Ticket ticket, int64_t result) {
     // The kernel cancels the requests of a thread that ends, as a device's thread may: they go on
     // from here.
-    const bool again = result == -EINTR || result == -ECANCELED;
+    bool again = result == -EINTR || result == -ECANCELED;
     if (ticket == kSyncTicket) {
         if (again)
             SubmitSync();
@@ -91,6 +94,9 @@ void FileEngine::OnEnded(Ticket ticket, int64_t result) {
     }
     if (result > 0)
         transfer->Advance(result);
+    // Some devices refuse what must not block, and io_uring may pass that on.
+    if (result == -EAGAIN && !transfer->mayBlock)
+        again = transfer->mayBlock = true;
     if (again || (result > 0 && transfer->done < transfer->wanted))
         Submit(*transfer);
     else

@@ -19,6 +19,7 @@ struct FileRequest {
     int count = 0;
     uint64_t offset = 0;
     Ticket ticket = 0;
+    bool mayBlock = false;  ///< is begun where it may block at once, without a try that must not
 };
 
 /// Tickets that no transfer has: places don't reach that far.

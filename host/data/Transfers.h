@@ -30,6 +30,7 @@ struct Transfer {
     std::vector<iovec> iov;  ///< own copy of the buffer list, exactly `wanted` bytes
 
     bool ownSync = false;       ///< FileEngine's: the write carries its own sync
+    bool mayBlock = false;      ///< FileEngine's: its request is the second, after -EAGAIN
     uint64_t syncFailures = 0;  ///< FileEngine's: how many there had been when it began
     uint64_t done = 0;          ///< bytes moved so far; Advance moves it
     size_t firstBuffer = 0;     ///< buffers before it are done

@@ -25,6 +25,8 @@ void Prepare(io_uring_sqe* entry, int fd, const FileRequest& request) {
             io_uring_prep_fsync(entry, fd, IORING_FSYNC_DATASYNC);
             break;
     }
+    if (request.mayBlock)
+        io_uring_sqe_set_flags(entry, IOSQE_ASYNC);
     io_uring_sqe_set_data64(entry, request.ticket);
 }
 
