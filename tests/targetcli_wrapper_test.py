@@ -83,9 +83,10 @@ class WrapperTest(ProgramTest):
     def do(self, script, *args, **env):
         return self.finish(self.start_do(script, *args, **env))
 
-    # Only the set of preferences and the lock stay behind.
+    # Only the set of preferences, the lock and the note of the road stay behind.
     def assert_nothing_left(self):
-        self.assertRegex(" ".join(sorted(os.listdir(self.state))), r"^lock preferences\.\S+$")
+        self.assertRegex(" ".join(sorted(os.listdir(self.state))), r"^lock preferences\.\S+ roads$")
+        self.assertIn(" slow other: a line of no known form\n", (self.state / "roads").read_text())
 
 
 class Version(WrapperTest):
@@ -241,7 +242,7 @@ class Preferences(WrapperTest):
         for env, reason in ((dict(FAKE_IGNORED="auto_add_mapped_luns=false"), "`get global` doesn't show it"),
                             (dict(FAKE_SCRIPT="echo refused; exit 9"), "refused")):
             status, out, err = self.run_wrapper("ls", **env)
-            self.assertEqual((status > 0, out, os.listdir(self.state)), (True, "", ["lock"]))
+            self.assertEqual((status > 0, out, sorted(os.listdir(self.state))), (True, "", ["lock", "roads"]))
             self.assertRegex(err, rf"^targetcli's preferences can't be made: .*{reason}\n$")
 
     def test_one_that_waits_for_another_to_make_them_names_it_at_the_limit(self):
