@@ -73,6 +73,24 @@ TEST_F(RunnerTest, ServesWhatWasThereAndWhatComesAndStopsInOrder) {
     EXPECT_THAT(log.Texts(-1), IsEmpty());
 }
 
+TEST_F(RunnerTest, ABusThatWasRestartedHasItsObjectsAgainAndOneThatIsAwayHoldsNoStopBack) {
+    const auto busDies = [this] {
+        log.Reset(1);
+        kill(bus, SIGKILL);
+        Await([&] { return log.Texts(-1).size() == 1; });
+        EXPECT_THAT(log.Texts(-1), ElementsAre(HasSubstr("connection lost")));
+    };
+    StartAndWait();
+    busDies();
+    bus = StartBus();
+    Await([] { return Lacking().empty(); });
+    busDies();
+    EXPECT_EQ(Stop(), 0);
+    bus = StartBus();
+    EXPECT_FALSE(NameTaken());
+    StartAndWait();
+}
+
 TEST_F(RunnerTest, EachFailingPhaseIsOneLineAndACleanStop) {
     const auto fails = [&](const std::string& line) {
         log.Reset(0);
