@@ -8,6 +8,7 @@ import os
 import re
 import shutil
 import signal
+import subprocess
 import sys
 import unittest
 
@@ -129,8 +130,10 @@ class ServeTest(ProgramTest):
                 self.assertEqual(self.log()[-1], "Cleanup")
 
     def test_waits_for_a_command_that_an_earlier_host_left_running(self):
-        wrapper = shutil.copy("/bin/sleep", self.dir / "bin/targetcli")
-        earlier = self.spawn(wrapper, "1000")
+        running = self.write("run/targetcli/running", "")
+        earlier = self.spawn("flock", "--shared", "--close", running,
+                             "setpriv", "--pdeathsig", "KILL", "sleep", "1000")
+        wait_until(lambda: subprocess.run(["flock", "--nonblock", running, "true"]).returncode)
         line = f"waiting for a targetcli that an earlier host started (process {earlier.pid})"
         process = self.says(line, self.start())
         process.terminate()

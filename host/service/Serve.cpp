@@ -131,16 +131,16 @@ bool Service::WaitForBus() {
 
 // After the runner's start: that frees a command which waits in the kernel for the earlier host.
 bool Service::WaitForEarlier() {
-    const std::filesystem::path wrapper = m_environment.home / "bin/targetcli";
-    const pid_t running = EarlierCommand(wrapper);
+    const pid_t running = EarlierCommand(m_environment.runDirectory);
     if (running == 0)
         return true;
     m_console.Say(
         fmt::format("waiting for a targetcli that an earlier host started (process {})", running));
-    const pid_t left =
-        WaitForEarlierCommands(wrapper, kCommandLimit, [this] { return m_stop.Asked(); });
+    const pid_t left = WaitForEarlierCommands(m_environment.runDirectory, kCommandLimit,
+                                              [this] { return m_stop.Asked(); });
     return left == 0 || m_stop.Asked() ||
-           Fail(fmt::format("process {} still runs {}: end it", left, wrapper.string()));
+           Fail(fmt::format("process {} of an earlier host's targetcli still runs: kill -9 {}",
+                            left, left));
 }
 
 bool Service::PrepareData() {

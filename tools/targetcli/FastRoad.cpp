@@ -11,6 +11,7 @@
 #include "tools/targetcli/CommandLine.h"
 #include "tools/targetcli/ConfigfsChange.h"
 #include "tools/targetcli/RoadLog.h"
+#include "tools/targetcli/RunningLock.h"
 #include "tools/targetcli/Surroundings.h"
 
 namespace {
@@ -50,6 +51,7 @@ Answer CarryOut(const CommandLine& line, const Settings& settings, const std::st
     const UniqueFd lock = TakeLock();
     if (line.form == Form::kVersion)
         return {0, "", real + " version " + version + "\n"};
+    const UniqueFd running = TakeRunningLock(settings.stateDir);
     RequirePreparedMachine(settings.configfsRoot);
     for (const FormHandler& handler : kHandlers)
         if (handler.form == line.form)
