@@ -35,6 +35,7 @@ struct Files : LunTest {
         const bool opened = file.Open(path, kSize, error);
         EXPECT_EQ(opened, error.empty());
         EXPECT_TRUE(!opened || fcntl(file.Fd(), F_GETFD) == FD_CLOEXEC);
+        EXPECT_TRUE(!opened || (fcntl(file.Fd(), F_GETFL) & O_NONBLOCK) == 0) << "no -EAGAIN";
         return error;
     }
     static void Touch(const std::string& name) { std::ofstream(name).put('x'); }

@@ -68,7 +68,16 @@ bool BackingFile::OpenExisting(const std::string& path, uint64_t size, std::stri
                             path, static_cast<uint64_t>(found.st_size), size);
         return false;
     }
-    return Lock(path, error);
+    return MakeBlocking(path, error) && Lock(path, error);
+}
+
+bool BackingFile::MakeBlocking(const std::string& path, std::string& error) {
+    // io_uring (Linux 6.1) takes O_NONBLOCK for a wish on a file, too: on dm-crypt, dm-thin, a dm
+    // snapshot and md it then answers each read and write with EAGAIN.
+    if (fcntl(m_file.Get(), F_SETFL, 0) == 0)
+        return true;
+    error = Failed("can't make blocking", path);
+    return false;
 }
 
 bool BackingFile::Create(const std::string& path, uint64_t size, std::string& error) {
@@ -80,7 +89,7 @@ bool BackingFile::Create(const std::string& path, uint64_t size, std::string& er
         return false;
     }
     // What a crash left there is begun anew; the lock keeps two hosts from doing so at once.
-    if (!Lock(unfinished, error))
+    if (!MakeBlocking(unfinished, error) || !Lock(unfinished, error))
         return false;
     const bool whole = ftruncate(m_file.Get(), 0) == 0 &&
                        ftruncate(m_file.Get(), static_cast<off_t>(size)) == 0 &&

@@ -22,6 +22,7 @@ class BackingFile {
   private:
     bool OpenExisting(const std::string& path, uint64_t size, std::string& error);
     bool Create(const std::string& path, uint64_t size, std::string& error);
+    bool MakeBlocking(const std::string& path, std::string& error);
     bool Lock(const std::string& path, std::string& error);
 
     UniqueFd m_file;
