@@ -9,25 +9,12 @@
 #include <cerrno>
 #include <cstring>
 
+#include "host/data/NewFile.h"
+
 namespace {
 
 std::string Failed(const char* what, const std::string& path) {
     return fmt::format("{} {}: {}", what, path, strerror(errno));
-}
-
-/// Makes the names in the directory of `path` survive a power cut.
-bool SyncDirectoryOf(const std::string& path) {
-    const size_t slash = path.rfind('/');
-    const std::string directory =
-        slash == std::string::npos ? "." : path.substr(0, slash == 0 ? 1 : slash);
-    UniqueFd names(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!names.Valid())
-        return false;
-    const bool synced = fsync(names.Get()) == 0;
-    const int failure = errno;
-    names.Close();
-    errno = failure;
-    return synced;
 }
 
 }  // namespace
@@ -81,30 +68,11 @@ bool BackingFile::MakeBlocking(const std::string& path, std::string& error) {
 }
 
 bool BackingFile::Create(const std::string& path, uint64_t size, std::string& error) {
-    const std::string unfinished = path + ".new";
-    m_file = UniqueFd(
-        open(unfinished.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600));
-    if (!m_file.Valid()) {
-        error = Failed("can't make", unfinished);
+    NewFile made;
+    if (!made.Make(path, size, error) || !made.Publish(error))
         return false;
-    }
-    // What a crash left there is begun anew; the lock keeps two hosts from doing so at once.
-    if (!MakeBlocking(unfinished, error) || !Lock(unfinished, error))
-        return false;
-    const bool whole = ftruncate(m_file.Get(), 0) == 0 &&
-                       ftruncate(m_file.Get(), static_cast<off_t>(size)) == 0 &&
-                       fsync(m_file.Get()) == 0;
-    // link refuses what rename would replace: a file that appeared meanwhile.
-    const bool named = whole && link(unfinished.c_str(), path.c_str()) == 0;
-    if (!named)
-        error = fmt::format("can't make {} with {} bytes: {}", path, size, strerror(errno));
-    unlink(unfinished.c_str());
-    if (named && !SyncDirectoryOf(path)) {
-        error = Failed("can't sync the directory of", path);
-        unlink(path.c_str());
-        return false;
-    }
-    return named;
+    m_file = made.TakeFd();
+    return Lock(path, error);
 }
 
 bool BackingFile::Lock(const std::string& path, std::string& error) {

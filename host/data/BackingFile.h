@@ -8,11 +8,9 @@
 /// The open and locked file behind a LUN.
 class BackingFile {
   public:
-    /// Opens the file at `path`, or makes it with `size` bytes of zeros. A new file gets its name
-    /// when it has its size and is on stable storage, and the name is synced before this returns,
-    /// so a crash leaves a whole file or none. Its blocks aren't allocated: writes may meet a full
-    /// disk, and then fail.
-    /// Returns: false with one line in `error` when the file can't be used or isn't ours to use.
+    /// Opens the file at `path`, or makes it with `size` bytes of zeros (NewFile). Its blocks
+    /// aren't allocated: writes may meet a full disk, and then fail. Returns: false with one line
+    /// in `error` when the file can't be used or isn't ours to use.
     bool Open(const std::string& path, uint64_t size, std::string& error);
 
     int Fd() const { return m_file.Get(); }
