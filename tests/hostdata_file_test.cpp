@@ -7,6 +7,7 @@
 #include <functional>
 
 #include "host/data/BackingFile.h"
+#include "host/data/NewFile.h"
 #include "tests/support/HostData.h"
 
 bool g_refuseUnnamed = false;  ///< as a file system does that has no files without a name
@@ -47,6 +48,13 @@ struct Files : LunTest {
         EXPECT_TRUE(!opened || (fcntl(file.Fd(), F_GETFL) & O_NONBLOCK) == 0) << "no -EAGAIN";
         return error;
     }
+    std::string Create(Provisioning provisioning = Provisioning::Sparse) const {
+        std::string error;
+        NewFile file;
+        const bool made = file.Make(path, kSize, provisioning, error) && file.Publish(error);
+        EXPECT_EQ(made, error.empty());
+        return error;
+    }
     static void Touch(const std::string& name) { std::ofstream(name).put('x'); }
 
     BackingFile file;
@@ -56,31 +64,34 @@ TEST_F(Files, ANewFileIsSyncedBeforeItHasItsNameAndItsDirectoryAfter) {
     for (const auto& [refuse, failing] : {std::pair(false, 1), {false, 2}, {true, 1}, {true, 2}}) {
         g_refuseUnnamed = refuse;
         g_failingSync = failing;
-        EXPECT_THAT(Open(file), HasSubstr("Input/output error"));
+        EXPECT_THAT(Create(), HasSubstr("Input/output error"));
         EXPECT_TRUE(std::filesystem::is_empty(directory.path));
     }
-    g_steps.clear();
     Touch(path + ".new");  // somebody else's
-    ASSERT_EQ(Open(file), "");
-    EXPECT_THAT(g_steps, ElementsAre("65536", "directory, named"));
+    for (const auto provisioning : kProvisionings) {
+        g_steps.clear();
+        ASSERT_EQ(Create(provisioning), "");
+        EXPECT_THAT(g_steps, ElementsAre("65536", "directory, named"));
+        std::ifstream stream(path, std::ios::binary);
+        EXPECT_EQ(std::string(std::istreambuf_iterator<char>(stream), {}),
+                  std::string(kSize, '\0'));
+        struct stat found = {};
+        EXPECT_EQ(stat(path.c_str(), &found), 0);
+        EXPECT_EQ(found.st_blocks >= blkcnt_t{kSize / 512}, provisioning == Provisioning::Full);
+        EXPECT_THAT(Create(), HasSubstr("File exists"));
+        EXPECT_TRUE(std::filesystem::remove(path)) << "what was there stays";
+        g_refuseUnnamed = !g_refuseUnnamed;
+    }
     EXPECT_EQ(std::filesystem::file_size(path + ".new"), 1U) << "it isn't ours";
-    std::ifstream stream(path, std::ios::binary);
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(stream), {}), std::string(kSize, '\0'));
-
-    BackingFile other;
-    EXPECT_THAT(Open(other), HasSubstr("in use by another LUN"));
-    { const BackingFile moved = std::move(file); }
-    EXPECT_EQ(Open(other), "");
-    EXPECT_EQ(g_steps.size(), 2U) << "an existing file is not made again";
 }
 
 TEST_F(Files, RefusesWhatIsNotTheLunsFile) {
     LunDataConfig config{"a", Backing::File, path, kSize, {}, {}};
     const std::vector<std::pair<std::function<void()>, std::string>> cases = {
+        {[] {}, "can't open"},
         {[&] { Touch(path); }, "has 1 bytes, the LUN 65536"},
         {[&] { mkfifo(path.c_str(), 0600); }, "not a regular file"},
         {[&] { std::filesystem::create_symlink("/nowhere/x", path); }, "can't open"},
-        {[&] { config.path = directory.path / "no/such"; }, "can't make"},
         {[&] { config.sizeBytes = 0; }, "multiple of 512"},
         {[&] { config.sizeBytes = 1000; }, "multiple of 512"},
         {[&] { config = {"a", Backing::Memory, "", uint64_t{1} << 62U, {}, {}}; }, "LUN smaller"},
@@ -90,4 +101,10 @@ TEST_F(Files, RefusesWhatIsNotTheLunsFile) {
         EXPECT_THAT(Make(config), HasSubstr(error));
         std::filesystem::remove(path);
     }
+    Provide(kSize);
+    EXPECT_EQ(Open(file), "");
+    BackingFile other;
+    EXPECT_THAT(Open(other), HasSubstr("in use by another LUN"));
+    { const BackingFile moved = std::move(file); }
+    EXPECT_EQ(Open(other), "");
 }

@@ -9,8 +9,6 @@
 #include <cerrno>
 #include <cstring>
 
-#include "host/data/NewFile.h"
-
 namespace {
 
 std::string Failed(const char* what, const std::string& path) {
@@ -20,42 +18,29 @@ std::string Failed(const char* what, const std::string& path) {
 }  // namespace
 
 bool BackingFile::Open(const std::string& path, uint64_t size, std::string& error) {
-    m_file.Close();
-    struct stat found = {};
-    const bool exists = lstat(path.c_str(), &found) == 0;
-    if (!exists && errno != ENOENT) {
-        error = Failed("can't look at", path);
-        return false;
-    }
-    const bool opened = exists ? OpenExisting(path, size, error) : Create(path, size, error);
-    m_made = opened && !exists;
-    if (!opened)
-        m_file.Close();
-    return opened;
-}
-
-bool BackingFile::OpenExisting(const std::string& path, uint64_t size, std::string& error) {
     // Non-blocking: opening a FIFO by mistake must not wait for its other end.
     m_file = UniqueFd(open(path.c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK));
     if (!m_file.Valid()) {
         error = Failed("can't open", path);
         return false;
     }
+    const bool good =
+        CheckFile(path, size, error) && MakeBlocking(path, error) && Lock(path, error);
+    if (!good)
+        m_file.Close();
+    return good;
+}
+
+bool BackingFile::CheckFile(const std::string& path, uint64_t size, std::string& error) const {
     struct stat found = {};
-    if (fstat(m_file.Get(), &found) != 0) {
+    if (fstat(m_file.Get(), &found) != 0)
         error = Failed("can't look at", path);
-        return false;
-    }
-    if (!S_ISREG(found.st_mode)) {
-        error = fmt::format("{} is not a regular file; name one, or a path where none is", path);
-        return false;
-    }
-    if (static_cast<uint64_t>(found.st_size) != size) {
+    else if (!S_ISREG(found.st_mode))
+        error = fmt::format("{} is not a regular file: name one", path);
+    else if (static_cast<uint64_t>(found.st_size) != size)
         error = fmt::format("{} has {} bytes, the LUN {}; correct the size or name another file",
                             path, static_cast<uint64_t>(found.st_size), size);
-        return false;
-    }
-    return MakeBlocking(path, error) && Lock(path, error);
+    return error.empty();
 }
 
 bool BackingFile::MakeBlocking(const std::string& path, std::string& error) {
@@ -65,14 +50,6 @@ bool BackingFile::MakeBlocking(const std::string& path, std::string& error) {
         return true;
     error = Failed("can't make blocking", path);
     return false;
-}
-
-bool BackingFile::Create(const std::string& path, uint64_t size, std::string& error) {
-    NewFile made;
-    if (!made.Make(path, size, error) || !made.Publish(error))
-        return false;
-    m_file = made.TakeFd();
-    return Lock(path, error);
 }
 
 bool BackingFile::Lock(const std::string& path, std::string& error) {

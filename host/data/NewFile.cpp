@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -46,11 +47,28 @@ bool NewFile::OpenDraft() {
     return m_file.Valid();
 }
 
-bool NewFile::Make(const std::string& path, uint64_t size, std::string& error) {
+bool NewFile::Reserve(uint64_t size, std::string& error) {
+    // Looked at first: fallocate takes all that is left before it says that it isn't enough, and
+    // what others write meanwhile would fail.
+    struct statvfs space = {};
+    if (fstatvfs(m_file.Get(), &space) == 0 && space.f_bavail < size / space.f_frsize)
+        errno = ENOSPC;
+    else if (fallocate(m_file.Get(), 0, 0, static_cast<off_t>(size)) == 0)
+        return true;
+    error = fmt::format(
+        "can't reserve {} bytes for {} ({}): free or add space, or use provisioning = \"sparse\"",
+        size, m_path, strerror(errno));
+    return false;
+}
+
+bool NewFile::Make(const std::string& path, uint64_t size, Provisioning provisioning,
+                   std::string& error) {
     m_path = path;
     m_directory = DirectoryOf(path);
-    const bool made = OpenDraft() && ftruncate(m_file.Get(), static_cast<off_t>(size)) == 0 &&
-                      fsync(m_file.Get()) == 0;
+    const bool sized = OpenDraft() && ftruncate(m_file.Get(), static_cast<off_t>(size)) == 0;
+    if (sized && provisioning == Provisioning::Full && !Reserve(size, error))
+        return false;
+    const bool made = sized && fsync(m_file.Get()) == 0;
     if (!made)
         error = fmt::format("can't make {} with {} bytes: {}", path, size, strerror(errno));
     return made;
