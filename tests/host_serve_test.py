@@ -35,13 +35,14 @@ class ServeTest(ProgramTest):
         self.log_file = self.dir / "log"
         self.limit = self.dir / "run/targetcli/limit"
         self.configfs = self.dir / "configfs"
-        self.env = dict(os.environ, MOSCSI_RUN_DIR=self.dir / "run", FAKE_LOG=self.log_file,
+        self.env = dict(os.environ, MOSCSI_RUN_DIR=self.dir / "run", MOSCSI_STATE_DIR=self.dir / "state", FAKE_LOG=self.log_file,
                         MOSCSI_CONFIGFS_ROOT=self.configfs,
                         MOSCSI_TARGETCLI_REAL=self.dir / "real",
                         DBUS_SYSTEM_BUS_ADDRESS=self.bus.stdout.readline().strip())
         text = f'[service]\nlog_level = -1\n[[target]]\nname = "{TARGET}"\n'
         # Automatic numbers come first in the file, explicit ones first in the kernel.
-        self.write("two", "x" * 1024)
+        for name in ("one", "two"):
+            self.write(name, "x" * 1024)
         for name, number, kind in (("one", '"auto"', "file"), ("two", 0, "file"),
                                    ("three", 2, 'user"\nbacking = "memory')):
             text += (f'[[target.lun]]\nname = "{name}"\ntype = "{kind}"\nsize = 1024\n'
@@ -154,6 +155,86 @@ class ServeTest(ProgramTest):
         self.ends(self.start(FAKE_FAIL="MapHost:2"))
         self.assertEqual(self.tree(), before)
 
+    # Three LUNs on files in a directory of their own, and one that isn't.
+    def file_luns(self):
+        (self.dir / "files").mkdir()
+        text = f'[service]\nlog_level = -1\n[[target]]\nname = "{TARGET}"\n'
+        for name, number, kind in (("one", '"auto"', "file"), ("two", '"auto"', 'user"\nbacking = "file'),
+                                   ("three", 0, 'user"\nbacking = "file'), ("four", 3, 'user"\nbacking = "memory')):
+            text += (f'[[target.lun]]\nname = "{name}"\ntype = "{kind}"\nnumber = {number}\nsize = 4096\n'
+                     f'path = "{self.dir}/files/{name}"\n')
+        for name, seen in ((A, '"all"'), (B, '["one"]')):
+            text += f'[[target.initiator]]\nname = "{name}"\nluns = {seen}\n'
+        self.write("f.toml", text)
+        return text
+
+    # Its exit status, what it says, and the files that there are.
+    def create(self, *arguments):
+        status, out, err = self.finish(self.host("create", f"{self.dir}/f.toml", *arguments))
+        return status, out + err, sorted(path.name for path in (self.dir / "files").glob("*"))
+
+    def test_create_makes_all_that_it_is_asked_for_or_nothing_and_each_once(self):
+        text = self.file_luns()
+        lun = text[text.index("[[target.lun]]"):text.index('[[target.lun]]\nname = "two"')]
+        twice = text + f'[[target]]\nname = "{TARGET}2"\n' + lun.replace("files/one", "files/other")
+        for changed, arguments, status, said, files in (
+                (text.replace("files/", "files/none/"), ["one"], 1, "the directory .*files/none isn't there", []),
+                (text, ["one", "five"], 1, 'has no LUN "five"', []),
+                (text, ["one", "four"], 1, "LUN four has no file", []),
+                (twice, ["one"], 1, f'LUN "one": name it as {TARGET}/one', []),
+                (text.replace("size = 4096\n", "", 1), ["three", "one"], 1, "LUN one has no size", []),
+                (text.replace("4096", str(1 << 43), 1), ["three", "one"], 1, 'provisioning = "sparse"', []),
+                (twice, [f"{TARGET}/one", "three"], 0, "made LUN one.*4 KiB, full.*\n.*LUN three", ["one", "three"]),
+                (text, ["two", "one"], 1, "one is there already", ["one", "three"]),
+                ("", ["two", "one"], 1, "served here before: is the file system", ["three"]),
+                (text.replace('"lun', '"dis', 1), ["two", "one"], 1, "served here before", ["three"]),
+                (text.replace("= 4096", '= 4096\nprovisioning = "sparse"', 3), ["two", "one", "--anew"], 0,
+                 "made LUN two.*sparse", ["one", "three", "two"])):
+            with self.subTest(said):
+                if not changed:
+                    (self.dir / "files/one").unlink()
+                self.write("f.toml", changed or text)
+                result = self.create(*arguments)
+                self.assertRegex(result[1], f"(?s){said}")
+                self.assertEqual((result[0], result[2]), (status, files))
+        blocks = [(self.dir / "files" / name).stat().st_blocks for name in ("one", "three")]
+        self.assertEqual([blocks[0], blocks[1] > 0], [0, True])
+        self.write("state/luns", "0 1\n")
+        self.assertIn("state/luns:1: is no line of", self.create("one")[1])
+
+    def test_a_lun_whose_file_is_missing_stays_out_and_the_others_are_served(self):
+        self.file_luns()
+        files = {name: self.dir / "files" / name for name in ("one", "two", "three")}
+
+        def serve(*missing, killed=False):
+            for name, file in files.items():
+                file.unlink(missing_ok=True)
+                if name not in missing:
+                    file.write_bytes(bytes(4096))
+            process = self.ready("--discard-lost-memory")
+            self.assertEqual(sorted((self.dir / "files").glob("*")), sorted(files[n] for n in files if n not in missing))
+            process.send_signal(signal.SIGKILL if killed else signal.SIGTERM)
+            errors = self.finish(process)[2]
+            made = [line.replace("files/", "") for line in self.log() if line.startswith(("CreateLun", f"MapHost {B}"))]
+            self.assertEqual(self.objects() == [], not killed)
+            return made, errors
+
+        three, four, map_one = "CreateLun three 0 lun served", "CreateLun four 3 lun served", f"MapHost {B} one 1"
+        for missing, killed, expected, lines in (
+                ([], False, [three, four, "CreateLun one auto lun", "CreateLun two auto lun served", map_one], 0),
+                # The numbers that they had stay theirs: 1, and 0 by the file.
+                (["one"], False, [three, four, "CreateLun two 2 lun served"], 2),
+                (["three", "two"], False, [four, "CreateLun one 1 lun", map_one], 4),
+                ([], True, [three, four, "CreateLun one auto lun", "CreateLun two auto lun served", map_one], 0),
+                (["one", "two"], False, [three, four, "CreateLun two auto lun", map_one], 4)):
+            with self.subTest(missing):
+                made, errors = serve(*missing, killed=killed)
+                self.assertEqual(made, expected)
+                self.assertEqual(errors.count("\n"), lines, errors)
+                self.assertEqual(errors.count("is the file system that holds it mounted?"), lines / 2)
+        self.assertEqual(self.finish(self.host("check", f"{self.dir}/f.toml"))[0], 1)
+        self.assertIn("served here before", self.create("one")[1])
+
     def test_a_bus_that_accepts_and_says_nothing_is_not_waited_for(self):
         process = self.start(FAKE_WAIT="Initialize")
         wait_until((self.dir / "log.begun").exists)
@@ -196,7 +277,7 @@ class ServeTest(ProgramTest):
         good = (self.dir / "f.toml").read_text()
         port = 'machine = "m"\n[clients.m]\nid = 1\niscsi_port = 3261\n'
         plan = f"target {TARGET}\n"
-        for lun, storage, note in (('automatic "one"', "file", " (to be made)"), ('0 "two"', "file", ""),
+        for lun, storage, note in (('automatic "one"', "file", ""), ('0 "two"', "file", ""),
                                    ('2 "three"', "user on memory", "")):
             path = f"{self.dir}/" + lun.split('"')[1]
             plan += f"  LUN {lun}: {storage} {path}, 1 KiB{note}, serial lun-{digest(TARGET + path)}\n"

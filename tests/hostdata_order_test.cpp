@@ -34,6 +34,7 @@ struct Scripted : LunTest {
         trace.clear();
         std::string error;
         BackingFile file;
+        Provide(kSize);
         ASSERT_TRUE(file.Open(path, kSize, error)) << error;
         const LunDataConfig config{"lun", Backing::File, path, kSize, {}, {}};
         auto made = std::make_unique<LunData::Parts>(config, platform);

@@ -8,9 +8,12 @@
 #include <nlohmann/json.hpp>
 
 #include "framework/LogWriters.h"
+#include "host/kernel/PlanObjects.h"
+#include "host/plan/StorageCheck.h"
 #include "host/service/BusWait.h"
 #include "host/service/EarlierCommands.h"
 #include "host/service/HostLock.h"
+#include "host/service/LunRecord.h"
 #include "host/service/PlanExecutor.h"
 #include "host/service/Plugin.h"
 #include "host/service/StopSignals.h"
@@ -43,6 +46,7 @@ class Service {
           m_environment(environment),
           m_options(options),
           m_console(console),
+          m_record(environment.stateDirectory),
           m_stop(environment.runDirectory,
                  kStopBase + kStopPerObject * static_cast<int>(plan.ObjectCount()),
                  [this] { GiveUp(); }),
@@ -58,6 +62,8 @@ class Service {
     bool WaitForBus();
     bool WaitForEarlier();
     bool PrepareData();
+    void TellMissing();
+    bool NoteLuns();
     bool Apply();
     void TakeDown(bool all);
     bool CleanUp();
@@ -80,6 +86,7 @@ class Service {
     const Environment& m_environment;
     const ServeOptions& m_options;
     Console& m_console;
+    LunRecord m_record;
     StopSignals m_stop;
     HostStatus m_status;
     MoScsiSrvPlatform* m_platform = nullptr;
@@ -143,7 +150,31 @@ bool Service::WaitForEarlier() {
                             left, left));
 }
 
+void Service::TellMissing() {
+    for (const LunPlan* lun : m_plan.Missing()) {
+        const bool user = lun->config.type == LunType::User;
+        m_console.Complain(lun->MissingText(m_plan.file));
+        m_console.Complain(
+            fmt::format("{} {}; the others are served", lun->Title(),
+                        StaysOut(*lun, m_before) ? "stays out"
+                        : user                   ? "answers NOT READY"
+                               : "stays as the kernel has it, on the file that it has open"));
+    }
+}
+
+/// Before initiators see a LUN it is known here; afterwards its number, too.
+bool Service::NoteLuns() {
+    std::vector<LunRecord::Noted> noted;
+    for (const TargetPlan& target : m_plan.targets)
+        for (const LunPlan& lun : target.luns)
+            if (MediumOf(lun.config) == Medium::File && !StaysOut(lun, m_before))
+                noted.emplace_back(&lun, m_executor->NumberOf(lun));
+    const std::string fault = m_record.Note(noted);
+    return fault.empty() || Fail(fault);
+}
+
 bool Service::PrepareData() {
+    TellMissing();
     std::set<const LunPlan*> lost = LostMemory(m_plan, m_before);
     for (const LunPlan* lun : lost)
         m_console.Say(fmt::format(
@@ -155,6 +186,8 @@ bool Service::PrepareData() {
         lost.clear();
     for (const std::string& line : Unserved(m_plan, m_before))
         m_console.Say(line);
+    for (const LunPlan* lun : m_plan.Missing())
+        lost.insert(lun);
     const std::string fault = m_data.Make(m_plan, lost, *m_platform);
     if (!fault.empty())
         return Fail(fault);
@@ -170,14 +203,16 @@ bool Service::Apply() {
         return false;
 
     m_status.SetPhase("applying");
-    m_executor =
-        std::make_unique<PlanExecutor>(m_plan, *m_platform, m_console, m_manner,
-                                       [this](const LunPlan& lun) { return m_data.Of(lun); });
-    bool good = m_executor->Apply(m_before, [this] { return m_stop.Asked(); });
+    m_executor = std::make_unique<PlanExecutor>(
+        m_plan, *m_platform, m_console, m_manner,
+        [this](const LunPlan& lun) { return m_data.Of(lun); },
+        [this](const LunPlan& lun) { return m_record.NumberOf(lun); });
+    bool good = NoteLuns() && m_executor->Apply(m_before, [this] { return m_stop.Asked(); });
     for (const TargetPlan& target : m_plan.targets)
         for (const LunPlan& lun : target.luns)
             if (const auto number = m_executor->NumberOf(lun))
                 m_status.SetNumber(lun, *number);
+    good = good && NoteLuns();
     if (good)
         good = Refuse(FaultsAfter(m_plan, Look(), m_manner),
                       "what was made is not what " + m_plan.file + " says; it is taken down again");

@@ -11,6 +11,7 @@ RANDOM=$seed
 say "           seed $seed (MOSCSI_SEED repeats it)"
 host_file $a "$(lun served served 32MiB "number = 0")" >"$work/host.toml"
 
+step "the LUN's file is made" moscsi-host create "$work/host.toml" served
 step "the host starts" host_start "$work/host.toml"
 step "host-a logs in" login $a "$target"
 disk=$(disk_of $a "$target" 0)
