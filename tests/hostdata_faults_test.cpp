@@ -58,6 +58,24 @@ TEST_F(Faults, WhatIsDelayedOrHeldEndsByAnAbortOrAStop) {
     EXPECT_EQ(Result(stopped), -ECANCELED);
 }
 
+TEST_F(Faults, WhatIsHeldDoesNotLandOnWhatWasWrittenAfterIt) {
+    for (const Backing backing : kBackings) {
+        const std::string held = directory.path / "held";
+        std::ofstream(held).put('x');
+        const FaultRule hold{.kind = FaultKind::Hold, .count = 1, .whileFile = held};
+        ASSERT_EQ(LunTest::Make({"lun", backing, path, 65536, {.rules = {hold}}, {}}), "");
+        Context older(0, 6, 'o');
+        Context newer(0, 6, 'n');
+        Begin(older, true);
+        Begin(newer, true);
+        AwaitSleep();
+        std::filesystem::remove(held);
+        EXPECT_EQ(Result(older), 6);
+        EXPECT_EQ(Result(newer), 6);
+        EXPECT_EQ(Read(), "6nnnnnn") << BackingName(backing);
+    }
+}
+
 TEST(FaultInjection, ARateHitsTheSameWayForTheSameSeed) {
     const auto hits = [](uint64_t seed) {
         FaultInjector injector({.rules = {{.rate = 0.25}}, .seed = seed});

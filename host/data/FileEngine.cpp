@@ -24,17 +24,23 @@ void FileEngine::Start(Transfer& transfer) {
     }
     m_mutex.lock();
     // Looked at under the mutex: an Abort that comes later finds the transfer in the list.
-    const bool aborted = transfer.aborted;
-    const bool submit = !aborted && m_running < m_queue->Depth();
-    if (submit)
+    const int64_t refusal = transfer.Refusal();
+    const bool submit = refusal == 0 && m_running < m_queue->Depth();
+    const bool tell = refusal == 0 && !submit && !m_watched;
+    if (submit) {
         BeginLocked(transfer);
-    else if (!aborted)
+    } else if (refusal == 0) {
+        m_transfers.LimitWait(transfer);
         m_waiting.push_back(&transfer);
+        m_watched = true;
+    }
     m_mutex.unlock();
-    if (aborted)
-        m_transfers.Finish(transfer.ticket, -ECANCELED);
+    if (refusal != 0)
+        m_transfers.Finish(transfer.ticket, refusal);
     else if (submit)
         Submit(transfer);
+    else if (tell)
+        m_onWaiting();
 }
 
 void FileEngine::BeginLocked(Transfer& transfer) {
@@ -43,6 +49,7 @@ void FileEngine::BeginLocked(Transfer& transfer) {
     transfer.ownSync = false;
     if (transfer.write) {
         transfer.ownSync = m_durable && m_writing == 0 && !m_syncRuns;
+        m_syncRuns |= transfer.ownSync;
         ++m_writing;
     }
 }
@@ -91,28 +98,23 @@ void FileEngine::OnEnded(Ticket ticket, int64_t result) {
 }
 
 void FileEngine::OnMoved(Transfer& transfer, int64_t error) {
-    int64_t result = transfer.done == 0 ? error : static_cast<int64_t>(transfer.done);
+    const int64_t result = transfer.done == 0 ? error : static_cast<int64_t>(transfer.done);
     const bool sync = m_durable && transfer.write && !transfer.ownSync && result > 0;
-    bool startSync = false;
-    Transfer* next = nullptr;
+    std::vector<Refused> refused;
     m_mutex.lock();
     --m_running;
     if (transfer.write)
         --m_writing;
-    if (transfer.ownSync && transfer.syncFailures != m_syncFailures)
-        result = -EIO;
-    if (transfer.ownSync && error < 0)
-        ++m_syncFailures;  // it may have been its sync
-    if (!m_waiting.empty()) {
-        next = m_waiting.front();
-        m_waiting.pop_front();
-        BeginLocked(*next);
+    if (transfer.ownSync) {
+        m_syncRuns = false;
+        if (error < 0)
+            ++m_syncFailures;  // it may have been its sync
     }
-    if (sync) {
-        startSync = !m_syncRuns;
-        m_syncRuns = true;
-        (startSync ? m_syncing : m_unsynced).push_back({&transfer, result});
-    }
+    if (sync)
+        m_unsynced.push_back({&transfer, result});
+    // Before the next begins: it would carry its own sync beside this one.
+    const bool startSync = TakeSyncLocked();
+    Transfer* const next = TakeNextLocked(refused);
     m_mutex.unlock();
     if (!sync)
         m_transfers.Finish(transfer.ticket, result);
@@ -120,6 +122,34 @@ void FileEngine::OnMoved(Transfer& transfer, int64_t error) {
         SubmitSync();
     if (next != nullptr)
         Submit(*next);
+    Finish(refused);
+}
+
+Transfer* FileEngine::TakeNextLocked(std::vector<Refused>& refused) {
+    while (!m_waiting.empty()) {
+        Transfer* const next = m_waiting.front();
+        m_waiting.pop_front();
+        const int64_t refusal = next->Refusal();
+        if (refusal == 0) {
+            BeginLocked(*next);
+            return next;
+        }
+        refused.push_back({next->ticket, refusal});
+    }
+    return nullptr;
+}
+
+void FileEngine::Finish(const std::vector<Refused>& refused) {
+    for (const Refused& each : refused)
+        m_transfers.Finish(each.ticket, each.result);
+}
+
+bool FileEngine::TakeSyncLocked() {
+    if (m_syncRuns || m_unsynced.empty())
+        return false;
+    m_syncRuns = true;
+    m_syncing.swap(m_unsynced);
+    return true;
 }
 
 void FileEngine::OnSynced(int64_t result) {
@@ -128,13 +158,12 @@ void FileEngine::OnSynced(int64_t result) {
     if (result < 0)
         ++m_syncFailures;
     synced.swap(m_syncing);
-    m_syncing.swap(m_unsynced);
     for (Written& each : synced) {
         if (each.transfer->syncFailures != m_syncFailures)
             each.result = -EIO;
     }
-    const bool startSync = !m_syncing.empty();
-    m_syncRuns = startSync;
+    m_syncRuns = false;
+    const bool startSync = TakeSyncLocked();
     m_mutex.unlock();
     if (startSync)
         SubmitSync();
@@ -142,17 +171,21 @@ void FileEngine::OnSynced(int64_t result) {
         m_transfers.Finish(each.transfer->ticket, each.result);
 }
 
-void FileEngine::CancelAborted() {
-    std::vector<Ticket> cancelled;
+Transfer::Clock::time_point FileEngine::EndRefused() {
+    std::vector<Refused> refused;
+    auto next = Transfer::Clock::time_point::max();
     {
         const MutexGuard guard(m_mutex);
         std::erase_if(m_waiting, [&](const Transfer* each) {
-            const bool aborted = each->aborted;
-            if (aborted)
-                cancelled.push_back(each->ticket);
-            return aborted;
+            const int64_t refusal = each->Refusal();
+            if (refusal != 0)
+                refused.push_back({each->ticket, refusal});
+            else
+                next = std::min(next, each->beginBefore);
+            return refusal != 0;
         });
+        m_watched = !m_waiting.empty();
     }
-    for (const Ticket ticket : cancelled)
-        m_transfers.Finish(ticket, -ECANCELED);
+    Finish(refused);
+    return next;
 }

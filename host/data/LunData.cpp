@@ -90,6 +90,10 @@ LunDataResult MakeLunData(const LunDataConfig& config, MoScsiSrvPlatform& platfo
 
 LunData::LunData(std::unique_ptr<Parts> parts) : m_parts(std::move(parts)) {
     m_parts->waitingRoom = std::make_unique<WaitingRoom>(m_parts->transfers, *m_parts->engine);
+    const auto look = [&room = *m_parts->waitingRoom] { room.Look(); };
+    m_parts->transfers.OnFreed(look);
+    m_parts->engine->OnWaiting(look);
+    SetCommandTimeOut(m_parts->config.commandTimeOut);
 }
 
 LunData::~LunData() {
@@ -113,10 +117,17 @@ CRyError LunData::Begin(MoScsiSrvIO* ioctx, bool write) {
     if (transfer == nullptr)
         return CRyError::Success();
     if (fault == nullptr)
-        m_parts->engine->Start(*transfer);
+        BeginInOrder(*transfer);
     else
         BeginFaulty(*transfer, *fault);
     return CRyError::Success();
+}
+
+void LunData::BeginInOrder(Transfer& transfer) {
+    if (transfer.order.MayBegin())
+        m_parts->engine->Start(transfer);
+    else
+        m_parts->waitingRoom->AwaitOrder(transfer);
 }
 
 void LunData::BeginFaulty(Transfer& transfer, const FaultRule& fault) {
@@ -126,7 +137,7 @@ void LunData::BeginFaulty(Transfer& transfer, const FaultRule& fault) {
             m_parts->transfers.Finish(transfer.ticket, -fault.errorNumber);
             break;
         case FaultKind::Short:
-            m_parts->engine->Start(transfer);
+            BeginInOrder(transfer);
             break;
         case FaultKind::Delay:
             m_parts->waitingRoom->Delay(transfer, std::chrono::milliseconds(fault.delayMs));
@@ -139,11 +150,15 @@ void LunData::BeginFaulty(Transfer& transfer, const FaultRule& fault) {
 
 CRyError LunData::Abort(void* /*bstoreCtx*/, MoScsiSrvIO* ioctx) {
     if (m_parts->transfers.MarkAborted(ioctx))
-        m_parts->waitingRoom->CancelAborted();
+        m_parts->waitingRoom->Look();
     else
         MO_LOG(kLogError, "%s: abort of context %p, which isn't on loan, is ignored",
                m_parts->config.name.c_str(), static_cast<void*>(ioctx));
     return CRyError::Success();
+}
+
+void LunData::SetCommandTimeOut(std::chrono::milliseconds timeOut) {
+    m_parts->transfers.SetCommandTimeOut(timeOut);
 }
 
 LunStatistics LunData::Snapshot() const {
@@ -155,7 +170,7 @@ LunStatistics LunData::Snapshot() const {
 
 void LunData::Stop() {
     m_parts->transfers.Shut();
-    m_parts->waitingRoom->CancelAborted();
+    m_parts->waitingRoom->Look();
     m_parts->transfers.WaitUntilEmpty();
     m_parts->waitingRoom->Stop();
     m_parts->engine->Stop();

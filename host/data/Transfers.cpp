@@ -27,6 +27,13 @@ uint64_t CopyBuffers(const MoScsiSrvIO& record, uint64_t limit, std::vector<iove
 
 }  // namespace
 
+int64_t Transfer::Refusal() const {
+    if (aborted)
+        return -ECANCELED;
+    const bool late = beginBefore != Clock::time_point::max() && Clock::now() >= beginBefore;
+    return late ? -ETIMEDOUT : 0;
+}
+
 void Transfer::Advance(uint64_t bytes) {
     bytes = std::min(bytes, wanted - done);
     done += bytes;
@@ -61,15 +68,30 @@ Transfer* Transfers::Open(MoScsiSrvIO* ioctx, bool write, uint64_t backingSize, 
     transfer.done = 0;
     transfer.firstBuffer = 0;
     transfer.aborted = false;
+    transfer.beginBefore = Transfer::Clock::time_point::max();
     transfer.ioctx = ioctx;
     transfer.asked = ioctx->length;
     const uint64_t within = ioctx->offset < backingSize ? backingSize - ioctx->offset : 0;
     transfer.iov.clear();
     transfer.wanted = CopyBuffers(*ioctx, std::min({ioctx->length, within, limit}), transfer.iov);
+    if (write && transfer.wanted > 0)
+        m_order.Add(transfer.order, transfer.offset, transfer.offset + transfer.wanted);
     ++(write ? m_counters.writes : m_counters.reads);
     ++m_counters.onLoan;
     m_mutex.unlock();
     return &transfer;
+}
+
+void Transfers::SetCommandTimeOut(std::chrono::milliseconds timeOut) {
+    m_waitLimit = timeOut.count() == 0 ? Transfer::Clock::duration::max()
+                                       : Transfer::Clock::duration(timeOut) / 10 * 9;
+}
+
+void Transfers::LimitWait(Transfer& transfer) const {
+    const Transfer::Clock::duration limit = m_waitLimit;
+    if (transfer.beginBefore == Transfer::Clock::time_point::max() &&
+        limit != Transfer::Clock::duration::max())
+        transfer.beginBefore = Transfer::Clock::now() + limit;
 }
 
 Transfer* Transfers::FindLocked(Ticket ticket) {
@@ -102,6 +124,9 @@ void Transfers::Finish(Ticket ticket, int64_t result) {
     if (static_cast<uint64_t>(result) != transfer->asked)
         ++m_counters.errors;
     --m_counters.onLoan;
+    // Under the mutex: those that wait are on loan, so this object and the room are still there.
+    if (transfer->write && transfer->wanted > 0 && m_order.Remove(transfer->order))
+        m_freed();
     transfer->ioctx = nullptr;
     transfer->ticket += kNextGeneration;
     m_free.push_back(ticket & kPlaceMask);

@@ -3,14 +3,17 @@
 #include <sys/uio.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "framework/Mutex.h"
 #include "host/data/LunStatistics.h"
+#include "host/data/WriteOrder.h"
 #include "platform/MoScsiSrvPlatform.h"
 
 /// Names one transfer for ever: a place in the table and how often the place was used before. A
@@ -32,6 +35,14 @@ struct Transfer {
     size_t firstBuffer = 0;     ///< buffers before it are done
 
     std::atomic<bool> aborted{false};
+    WriteOrder::Place order;  ///< a write's: says whether it may begin yet
+
+    using Clock = std::chrono::steady_clock;
+    /// It may not begin from then on; set when it waits (Transfers::LimitWait), else max.
+    Clock::time_point beginBefore;
+
+    /// To be asked at once before it begins. Returns: 0, or the -errno with which it ends instead.
+    int64_t Refusal() const;
 
     /// Notes that `bytes` more were moved, at most what was missing, and cuts the list to the rest.
     void Advance(uint64_t bytes);
@@ -50,7 +61,7 @@ class Transfers {
         : m_name(std::move(name)), m_platform(platform) {}
 
     /// Takes a context on loan. `wanted` becomes what `backingSize` and the buffers allow, and
-    /// `limit` at most. No heap once warm.
+    /// `limit` at most. A write takes its place in the order. No heap once warm.
     /// Returns: the transfer, or null after Shut: then the context went back with -ESHUTDOWN.
     Transfer* Open(MoScsiSrvIO* ioctx, bool write, uint64_t backingSize, uint64_t limit)
         MO_EXCLUDES(m_mutex);
@@ -61,6 +72,19 @@ class Transfers {
     /// Ends a transfer: IODone with the bytes moved or -errno. One that has ended already is
     /// counted, logged and left alone. Nothing of this object is touched after IODone.
     void Finish(Ticket ticket, int64_t result) MO_EXCLUDES(m_mutex);
+
+    /// How long the kernel waits for a command before it answers itself; zero, and before the first
+    /// call: for ever.
+    void SetCommandTimeOut(std::chrono::milliseconds timeOut);
+
+    /// Limits the wait of a transfer that doesn't begin in the call in which it came: what the
+    /// kernel has answered by time-out must not begin any more. A tenth of the kernel's time is
+    /// left for the way from the kernel to here, and from the last look at the clock to the begin.
+    void LimitWait(Transfer& transfer) const;
+
+    /// `look` is called when a write that waited may begin; it must not call this object, whose
+    /// mutex is held. Requires: no transfer was opened yet.
+    void OnFreed(std::function<void()> look) { m_freed = std::move(look); }
 
     /// Marks the transfer of a context. Returns: false when the context isn't on loan.
     bool MarkAborted(MoScsiSrvIO* ioctx) MO_EXCLUDES(m_mutex);
@@ -80,11 +104,14 @@ class Transfers {
 
     const std::string m_name;
     MoScsiSrvPlatform& m_platform;
+    std::function<void()> m_freed;
+    std::atomic<Transfer::Clock::duration> m_waitLimit{Transfer::Clock::duration::max()};
 
     mutable Mutex m_mutex;
     std::condition_variable_any m_returned;
     std::deque<Transfer> m_places MO_GUARDED_BY(m_mutex);  ///< a deque: places never move
     std::vector<size_t> m_free MO_GUARDED_BY(m_mutex);
     LunStatistics m_counters MO_GUARDED_BY(m_mutex);
+    WriteOrder m_order MO_GUARDED_BY(m_mutex);
     bool m_shut MO_GUARDED_BY(m_mutex) = false;
 };

@@ -27,6 +27,7 @@ struct StorageObject {
     std::optional<dev_t> device;   ///< of an iblock
     bool readOnly = false;
     std::string serial;
+    std::optional<uint64_t> commandTimeOut;  ///< seconds, of a user backstore; zero: without end
 
     /// "fileio/NAME (PATH)".
     std::string Text() const;

@@ -191,6 +191,7 @@ bool Service::PrepareData() {
     const std::string fault = m_data.Make(m_plan, lost, *m_platform);
     if (!fault.empty())
         return Fail(fault);
+    m_data.SetTimeOuts(m_plan, m_before);
     m_status.SetDataSource([this](const LunPlan& lun) { return m_data.Statistics(lun); });
     return true;
 }
@@ -212,10 +213,14 @@ bool Service::Apply() {
         for (const LunPlan& lun : target.luns)
             if (const auto number = m_executor->NumberOf(lun))
                 m_status.SetNumber(lun, *number);
-    good = good && NoteLuns();
-    if (good)
-        good = Refuse(FaultsAfter(m_plan, Look(), m_manner),
+    if (good && NoteLuns()) {
+        const ConfigfsView after = Look();
+        m_data.SetTimeOuts(m_plan, after);
+        good = Refuse(FaultsAfter(m_plan, after, m_manner),
                       "what was made is not what " + m_plan.file + " says; it is taken down again");
+    } else {
+        good = false;
+    }
     if (!good)
         TakeDown(false);
     return good;

@@ -60,6 +60,17 @@ nlohmann::json UserData::Statistics(const LunPlan& lun) const {
     return found == m_luns.end() ? nlohmann::json() : ToJson(found->second->Snapshot());
 }
 
+void UserData::SetTimeOuts(const Plan& plan, const ConfigfsView& view) {
+    for (const TargetPlan& target : plan.targets) {
+        for (const LunPlan& lun : target.luns) {
+            const StorageObject* object = ObjectOf(lun, view);
+            const auto found = m_luns.find(&lun);
+            if (found != m_luns.end() && object != nullptr && object->commandTimeOut)
+                found->second->SetCommandTimeOut(std::chrono::seconds(*object->commandTimeOut));
+        }
+    }
+}
+
 void UserData::Stop() {
     for (const auto& [lun, data] : m_luns)
         data->Stop();
