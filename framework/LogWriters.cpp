@@ -4,9 +4,13 @@
 #include <unistd.h>
 
 #include <cstdarg>
+#include <deque>
+#include <exception>
 #include <string>
+#include <utility>
 
 #include "framework/FXString.h"
+#include "framework/QueuedOutput.h"
 
 namespace {
 
@@ -20,6 +24,10 @@ std::string OneLine(std::string text) {
     return text;
 }
 
+OutputQueue::Rank RankOf(int level) {
+    return level < 0 ? OutputQueue::Rank::Important : OutputQueue::Rank::Ordinary;
+}
+
 /// What the writers share: a level that never changes and the formatting of a message.
 class LineWriter : public CLogWriterInterface {
   public:
@@ -29,9 +37,13 @@ class LineWriter : public CLogWriterInterface {
                       ...) override __attribute__((format(printf, 7, 8))) {
         va_list args;
         va_start(args, format);
-        const std::string text = OneLine(FXString::FormatV(format, args));
+        try {
+            WriteLine(level, function, line, OneLine(FXString::FormatV(format, args)));
+        } catch (const std::exception&) {
+            // No memory: what would be said costs the line, not the caller.
+            QueuedOutput::Put(STDERR_FILENO, "[-1] no memory\n", OutputQueue::Rank::Important);
+        }
         va_end(args);
-        WriteLine(level, function, line, text);
     }
 
     int GetDebugLevel() override { return m_level; }
@@ -54,28 +66,26 @@ class StderrLogWriter final : public LineWriter {
             FXString::Format(out, "[%d] %s\n", level, text.c_str());
         else
             FXString::Format(out, "[%d] %s (%s:%d)\n", level, text.c_str(), function, line);
-        // One call for the whole line, so that lines of several threads don't mix.
-        [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, out.data(), out.size());
+        QueuedOutput::Put(STDERR_FILENO, std::move(out), RankOf(level));
     }
 };
 
 class SyslogLogWriter final : public LineWriter {
   public:
-    SyslogLogWriter(const char* ident, int level) : LineWriter(level), m_ident(ident) {
-        openlog(m_ident.c_str(), LOG_PID, LOG_DAEMON);
+    SyslogLogWriter(const char* ident, int level) : LineWriter(level) {
+        // Kept, and left open: openlog keeps the pointer, and lines of a writer that is gone may
+        // still be queued.
+        static auto& idents = *new std::deque<std::string>;
+        openlog(idents.emplace_back(ident).c_str(), LOG_PID, LOG_DAEMON);
     }
-    ~SyslogLogWriter() override { closelog(); }
-
-    SyslogLogWriter(const SyslogLogWriter&) = delete;
-    SyslogLogWriter& operator=(const SyslogLogWriter&) = delete;
 
   private:
     void WriteLine(int level, const char* function, int line, const std::string& text) override {
         const int priority = level < 0 ? LOG_ERR : level < 2 ? LOG_INFO : LOG_DEBUG;
-        syslog(priority, "%s (%s:%d)", text.c_str(), function, line);
+        std::string out;
+        FXString::Format(out, "%s (%s:%d)", text.c_str(), function, line);
+        QueuedOutput::PutSyslog(priority, std::move(out), RankOf(level));
     }
-
-    const std::string m_ident;  // openlog keeps the pointer
 };
 
 }  // namespace

@@ -6,7 +6,8 @@
 
 /// Ready-made log writers. Each writes one line a message (a trailing line feed of the format is
 /// not doubled, embedded ones become blanks), in one system call, so that lines of different
-/// threads never mix.
+/// threads never mix. The caller only queues it (framework/QueuedOutput.h): it waits for no reader.
+/// Errors are important there. A host that ends by `_exit` calls QueuedOutput::Flush before.
 
 /// Makes a writer on standard error: "[LEVEL] message", and for errors and traces (levels below 0
 /// and from 6 on) "[LEVEL] message (function:line)".

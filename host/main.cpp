@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
+#include "framework/QueuedOutput.h"
 #include "host/kernel/Compare.h"
 #include "host/service/CreateFiles.h"
 #include "host/service/Serve.h"
@@ -126,5 +127,8 @@ int main(int argc, char** argv) {
     if (create->parsed())
         return CreateFiles(plan, environment, creation, console);
     // The plug-in's threads aren't joined: they must not meet destructors of static objects.
-    _exit(Serve(plan, config, environment, options, console));
+    QueuedConsole queued;
+    const int result = Serve(plan, config, environment, options, queued);
+    QueuedOutput::Flush();
+    _exit(result);
 }

@@ -3,7 +3,10 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 
+#include <cctype>
+#include <condition_variable>
 #include <fstream>
+#include <thread>
 
 #include "framework/GetGUID.h"
 #include "framework/LogWriters.h"
@@ -12,8 +15,12 @@
 #include "framework/MOPlatformInfo.h"
 #include "framework/MoProcess.h"
 #include "framework/MocHash.h"
+#include "framework/QueuedOutput.h"
+#include "framework/UniqueFd.h"
 #include "tests/support/TempDirectory.h"
 #include "util/Platform_Util.h"
+
+constexpr std::chrono::milliseconds kDeadline{60000};
 
 TEST(LogWritersTest, MessageIsOneLineWithThePlaceOfErrorsAndTraces) {
     const auto writer = MakeStderrLogWriter(6);
@@ -21,8 +28,98 @@ TEST(LogWritersTest, MessageIsOneLineWithThePlaceOfErrorsAndTraces) {
     for (const int level : {-1, 5, 6})
         writer->WriteMessage(level, "f()", 7, 0, 0, "a\nb%d\n", 1);
     MODebugFunction(writer, 2, "f()", 7, 5, 0, 0, "text");
+    EXPECT_TRUE(QueuedOutput::Flush(kDeadline));
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "[-1] a b1 (f():7)\n[5] a b1\n[6] a b1 (f():7)\n[5] enter text\n[5] leave\n");
+}
+
+// A destination that takes a line only when it is told to.
+struct SlowReader {
+    void Take(size_t lines) {
+        const MutexGuard guard(mutex);
+        allowed += lines;
+        change.notify_all();
+    }
+    void Write(const OutputQueue::Line& line) {
+        const MutexGuard guard(mutex);
+        for (begun = true; allowed == 0;)
+            change.wait(mutex);
+        --allowed;
+        text += line.text;
+    }
+    Mutex mutex;
+    std::condition_variable_any change;
+    size_t allowed = 0;
+    bool begun = false;
+    std::string text;
+    OutputQueue queue{[this](const OutputQueue::Line& line) { Write(line); },
+                      [](size_t count) {
+                          return OutputQueue::Line{0, std::to_string(count)};
+                      },
+                      {.ordinary = 260, .reserve = 130}};  // four lines, and two
+};
+
+// Room for four, for two more that are important, and a line in the place of what there was no room
+// for, once half is taken. The first line is with the reader and takes no room.
+TEST(QueuedOutputTest, WhatNobodyTakesIsDroppedImportantLinesLast) {
+    constexpr auto kOrdinary = OutputQueue::Rank::Ordinary;
+    constexpr auto kImportant = OutputQueue::Rank::Important;
+    struct Case {
+        const char* put;  // capitals are important
+        const char* later;
+        const char* written;
+    };
+    for (const Case& c :
+         {Case{"abcd", "", "abcd"}, Case{"abcdefg", "", "abcd3"}, Case{"abcdEFGh", "", "abcdEF2"},
+          Case{"ABCDEFG", "", "ABCDEF1"}, Case{"abcdefEg", "xYz", "abcdE3xYz"}}) {
+        SlowReader reader;
+        const auto put = [&](const char* letters) {
+            for (const char* letter = letters; *letter != '\0'; ++letter)
+                reader.queue.Put({0, std::string(1, *letter)},
+                                 isupper(*letter) != 0 ? kImportant : kOrdinary);
+        };
+        put("-");
+        const auto end = std::chrono::steady_clock::now() + kDeadline;
+        const auto withReader = [&] {
+            const MutexGuard guard(reader.mutex);
+            return reader.begun;
+        };
+        while (!withReader() && std::chrono::steady_clock::now() < end)
+            std::this_thread::yield();
+        put(c.put);
+        EXPECT_FALSE(reader.queue.Flush(std::chrono::steady_clock::now()));
+        reader.Take(100);
+        EXPECT_TRUE(reader.queue.Flush(end));
+        put(c.later);
+        EXPECT_TRUE(reader.queue.Flush(end));
+        EXPECT_EQ(reader.text, std::string("-") + c.written) << c.put;
+    }
+}
+
+TEST(QueuedOutputDeathTest, EveryWayOutLeavesTimeForWhatIsQueued) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    // What stands before the last line goes through a pipe that is read byte by byte.
+    const auto end = [](const std::function<void()>& way) {
+        UniqueFd readEnd;
+        UniqueFd writeEnd;
+        MakePipe(readEnd, writeEnd);
+        fcntl(writeEnd.Get(), F_SETPIPE_SZ, 4096);
+        std::thread([&readEnd] {
+            for (char byte = 0; read(readEnd.Get(), &byte, 1) == 1;) {
+            }
+        }).detach();
+        QueuedOutput::FlushAtFaults();
+        QueuedOutput::Put(writeEnd.Get(), std::string(20000, 'x'), OutputQueue::Rank::Ordinary);
+        QueuedOutput::Put(STDERR_FILENO, "last words\n", OutputQueue::Rank::Important);
+        way();
+    };
+    const auto aborted = testing::KilledBySignal(SIGABRT);
+    EXPECT_EXIT(end(abort), aborted, "last words");
+    EXPECT_EXIT(end([] { std::thread([] { throw std::runtime_error("why"); }).join(); }), aborted,
+                "words\n.*why");
+    EXPECT_EXIT(end([] { exit(3); }), testing::ExitedWithCode(3), "last words");
+    EXPECT_EXIT(end([] { _exit(QueuedOutput::Flush(kDeadline) ? 3 : 4); }),
+                testing::ExitedWithCode(3), "last words");
 }
 
 TEST(HashTest, AgreesWithPublishedVectorsInAnyPieces) {

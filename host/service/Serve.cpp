@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "framework/LogWriters.h"
+#include "framework/QueuedOutput.h"
 #include "host/kernel/PlanObjects.h"
 #include "host/plan/StorageCheck.h"
 #include "host/service/BusWait.h"
@@ -250,6 +251,7 @@ void Service::GiveUp() {
     std::error_code ignored;
     std::filesystem::remove(m_environment.runDirectory / "host.sock", ignored);
     m_stop.EndLimit();
+    QueuedOutput::Flush();
     _exit(1);
 }
 
@@ -261,7 +263,7 @@ int Service::Run() {
         m_status.SetPhase("ready");
         m_console.Say(fmt::format("serving {} target(s), port {}; stop with SIGINT or SIGTERM",
                                   m_plan.targets.size(), m_plan.port));
-        m_console.Say("ready");
+        m_console.Announce("ready");
         m_stop.Wait();
         m_console.Say("stopping");
         TakeDown(true);
@@ -282,6 +284,7 @@ int Serve(const Plan& plan, const Config& config, const Environment& environment
           const ServeOptions& options, Console& console) {
     StopSignals::Block();
     SurviveBrokenPipes();
+    QueuedOutput::FlushAtFaults();
     PrepareSearchPath(environment);
     const int level = options.logLevel.value_or(config.logLevel.value_or(0));
     g_ptrLogWriter =
