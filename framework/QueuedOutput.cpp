@@ -16,6 +16,8 @@
 #include <string_view>
 #include <utility>
 
+#include "framework/ThreadSignals.h"
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -29,25 +31,6 @@ thread_local constinit bool t_ofAQueue = false;
 size_t BytesOf(const OutputQueue::Line& line) {
     return line.text.size() + kOverhead;
 }
-
-/// While one lives, the thread gets no signal but those of its own faults, nor does one that it
-/// makes: signals are the host's.
-class NoSignals {
-  public:
-    NoSignals() : m_before() {
-        sigset_t blocked;
-        sigfillset(&blocked);
-        for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS})
-            sigdelset(&blocked, fault);
-        pthread_sigmask(SIG_BLOCK, &blocked, &m_before);
-    }
-    ~NoSignals() { pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
-    NoSignals(const NoSignals&) = delete;
-    NoSignals& operator=(const NoSignals&) = delete;
-
-  private:
-    sigset_t m_before;
-};
 
 }  // namespace
 
@@ -94,7 +77,7 @@ void OutputQueue::AppendLocked(Line line) {
 void OutputQueue::StartLocked() {
     if (m_thread.joinable() || m_ending)
         return;
-    const NoSignals mask;
+    const ThreadSignals mask;
     try {
         m_thread = std::thread([this] { Run(); });
     } catch (const std::exception&) {

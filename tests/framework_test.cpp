@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "framework/GetGUID.h"
+#include "framework/LogRateLimit.h"
 #include "framework/LogWriters.h"
 #include "framework/MODebugFunction.h"
 #include "framework/MOPI_Base.h"
@@ -22,15 +23,65 @@
 
 constexpr std::chrono::milliseconds kDeadline{60000};
 
+// Of each place five lines, then a count at the end of each minute in which there were more; a
+// minute without begins anew.
+TEST(LogRateLimitTest, FiveLinesAPlaceThenACountAMinute) {
+    const char* const place = "f()";
+    const char* const other = "g()";
+    struct Step {
+        int second;
+        const char* place;
+        int lines;
+        int written;
+        const char* counts;  // taken before
+    };
+    LogRateLimit limit;
+    const LogRateLimit::Time start{std::chrono::hours(1)};
+    int number = 0;
+    for (const Step& step :
+         {Step{0, place, 4, 4, ""}, Step{59, place, 3, 1, ""}, Step{59, other, 6, 5, ""},
+          Step{60, place, 3, 0, "f() 2 more like this in the last minute: 7"},
+          Step{119, other, 0, 0, "g() 1 more like this in the last minute: 13"},
+          Step{120, place, 0, 0, "f() 3 more like this in the last minute: 16"},
+          Step{179, place, 1, 0, ""},
+          Step{180, place, 0, 0, "f() 1 more like this in the last minute: 17"},
+          Step{240, place, 6, 5, ""}, Step{240, other, 6, 5, ""}}) {
+        SCOPED_TRACE(step.second);
+        const LogRateLimit::Time now = start + std::chrono::seconds(step.second);
+        std::string counts;
+        EXPECT_EQ(limit.NextCount().value_or(start + std::chrono::hours(1)) <= now,
+                  *step.counts != '\0');
+        for (const auto& line : limit.TakeCounts(now))
+            counts += std::string(line.place.function) + " " + line.text;
+        EXPECT_EQ(counts, step.counts);
+        int written = 0;
+        for (int i = 0; i < step.lines; ++i)
+            written += limit.Allows({{step.place, 1}, -1, std::to_string(++number)}, now) ? 1 : 0;
+        EXPECT_EQ(written, step.written);
+    }
+}
+
 TEST(LogWritersTest, MessageIsOneLineWithThePlaceOfErrorsAndTraces) {
     const auto writer = MakeStderrLogWriter(6);
     testing::internal::CaptureStderr();
     for (const int level : {-1, 5, 6})
         writer->WriteMessage(level, "f()", 7, 0, 0, "a\nb%d\n", 1);
     MODebugFunction(writer, 2, "f()", 7, 5, 0, 0, "text");
+    // Of six only the errors of a limited place are cut.
+    std::string limitedLines;
+    const auto limited = MakeStderrLogWriter(6, {"x", "C::g("});
+    for (int i = 0; i < 6; ++i) {
+        limited->WriteMessage(-1, "C::g()", 7, 0, 0, "e");
+        const std::string number = std::to_string(i);
+        limitedLines += (i < 5 ? "[-1] e (C::g():7)\n" : "") + ("[1] " + number) + "\n[-1] " +
+                        number + " (h():8)\n";
+        for (const char* function : {"C::g()", "h()"})
+            limited->WriteMessage(function[0] == 'C' ? 1 : -1, function, 8, 0, 0, "%d", i);
+    }
     EXPECT_TRUE(QueuedOutput::Flush(kDeadline));
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "[-1] a b1 (f():7)\n[5] a b1\n[6] a b1 (f():7)\n[5] enter text\n[5] leave\n");
+              "[-1] a b1 (f():7)\n[5] a b1\n[6] a b1 (f():7)\n[5] enter text\n[5] leave\n" +
+                  limitedLines);
 }
 
 // A destination that takes a line only when it is told to.

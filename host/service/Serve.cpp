@@ -7,7 +7,6 @@
 #include <csignal>
 #include <nlohmann/json.hpp>
 
-#include "framework/LogWriters.h"
 #include "framework/QueuedOutput.h"
 #include "host/kernel/PlanObjects.h"
 #include "host/plan/StorageCheck.h"
@@ -15,6 +14,7 @@
 #include "host/service/EarlierCommands.h"
 #include "host/service/HostLock.h"
 #include "host/service/LunRecord.h"
+#include "host/service/HostLog.h"
 #include "host/service/PlanExecutor.h"
 #include "host/service/Plugin.h"
 #include "host/service/StopSignals.h"
@@ -286,9 +286,8 @@ int Serve(const Plan& plan, const Config& config, const Environment& environment
     SurviveBrokenPipes();
     QueuedOutput::FlushAtFaults();
     PrepareSearchPath(environment);
-    const int level = options.logLevel.value_or(config.logLevel.value_or(0));
-    g_ptrLogWriter =
-        config.logToSyslog ? MakeSyslogLogWriter("moscsi-host", level) : MakeStderrLogWriter(level);
+    g_ptrLogWriter = MakeHostLog(config.logToSyslog,
+                                 options.logLevel.value_or(config.logLevel.value_or(0)));
 
     HostLock lock;
     std::string fault = MissingPrerequisite(environment);
