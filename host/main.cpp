@@ -9,6 +9,7 @@
 #include "framework/QueuedOutput.h"
 #include "host/kernel/Compare.h"
 #include "host/service/CreateFiles.h"
+#include "host/service/ProcessStart.h"
 #include "host/service/Serve.h"
 #include "host/status/HostStatus.h"
 #include "host/status/StatusSocket.h"
@@ -71,6 +72,8 @@ int Status(const Environment& environment, bool asJson, Console& console) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (!SetRightWhatWasInherited())
+        return kFailed;  // with nowhere to say it
     CLI::App app{"Serves iSCSI LUNs through the kernel's target, as a configuration file says."};
     app.require_subcommand(1);
     std::string platformFile = "/etc/moscsi/platform.toml";

@@ -17,6 +17,7 @@
 #include "host/service/HostLog.h"
 #include "host/service/PlanExecutor.h"
 #include "host/service/Plugin.h"
+#include "host/service/ProcessStart.h"
 #include "host/service/StopSignals.h"
 #include "host/service/UserData.h"
 #include "host/status/HostStatus.h"
@@ -286,8 +287,8 @@ int Serve(const Plan& plan, const Config& config, const Environment& environment
     SurviveBrokenPipes();
     QueuedOutput::FlushAtFaults();
     PrepareSearchPath(environment);
-    g_ptrLogWriter = MakeHostLog(config.logToSyslog,
-                                 options.logLevel.value_or(config.logLevel.value_or(0)));
+    g_ptrLogWriter =
+        MakeHostLog(config.logToSyslog, options.logLevel.value_or(config.logLevel.value_or(0)));
 
     HostLock lock;
     std::string fault = MissingPrerequisite(environment);
@@ -297,6 +298,8 @@ int Serve(const Plan& plan, const Config& config, const Environment& environment
         console.Complain(fault);
         return 1;
     }
+    if (const std::string line = RaiseDescriptorLimit(plan); !line.empty())
+        console.Complain(line);
     // Never destroyed: threads of the plug-in, and with contexts still out those of the LUNs, may
     // use it until the process ends.
     auto* service = new Service(plan, environment, options, console);
