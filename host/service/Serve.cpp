@@ -7,15 +7,17 @@
 #include <csignal>
 #include <nlohmann/json.hpp>
 
-#include "framework/LogWriters.h"
+#include "framework/QueuedOutput.h"
 #include "host/kernel/PlanObjects.h"
 #include "host/plan/StorageCheck.h"
 #include "host/service/BusWait.h"
 #include "host/service/EarlierCommands.h"
 #include "host/service/HostLock.h"
 #include "host/service/LunRecord.h"
+#include "host/service/HostLog.h"
 #include "host/service/PlanExecutor.h"
 #include "host/service/Plugin.h"
+#include "host/service/ProcessStart.h"
 #include "host/service/StopSignals.h"
 #include "host/service/UserData.h"
 #include "host/status/HostStatus.h"
@@ -255,6 +257,7 @@ void Service::GiveUp() {
     std::error_code ignored;
     std::filesystem::remove(m_environment.runDirectory / "host.sock", ignored);
     m_stop.EndLimit();
+    QueuedOutput::Flush();
     _exit(1);
 }
 
@@ -266,7 +269,7 @@ int Service::Run() {
         m_status.SetPhase("ready");
         m_console.Say(fmt::format("serving {} target(s), port {}; stop with SIGINT or SIGTERM",
                                   m_plan.targets.size(), m_plan.port));
-        m_console.Say("ready");
+        m_console.Announce("ready");
         m_stop.Wait();
         m_console.Say("stopping");
         TakeDown(true);
@@ -287,10 +290,10 @@ int Serve(const Plan& plan, const Config& config, const Environment& environment
           const ServeOptions& options, Console& console) {
     StopSignals::Block();
     SurviveBrokenPipes();
+    QueuedOutput::FlushAtFaults();
     PrepareSearchPath(environment);
-    const int level = options.logLevel.value_or(config.logLevel.value_or(0));
     g_ptrLogWriter =
-        config.logToSyslog ? MakeSyslogLogWriter("moscsi-host", level) : MakeStderrLogWriter(level);
+        MakeHostLog(config.logToSyslog, options.logLevel.value_or(config.logLevel.value_or(0)));
 
     HostLock lock;
     std::string fault = MissingPrerequisite(environment);
@@ -300,6 +303,8 @@ int Serve(const Plan& plan, const Config& config, const Environment& environment
         console.Complain(fault);
         return 1;
     }
+    if (const std::string line = RaiseDescriptorLimit(plan); !line.empty())
+        console.Complain(line);
     // Never destroyed: threads of the plug-in, and with contexts still out those of the LUNs, may
     // use it until the process ends.
     auto* service = new Service(plan, environment, options, console);

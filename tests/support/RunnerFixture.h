@@ -3,12 +3,12 @@
 #include <gmock/gmock.h>
 
 #include "framework/MoProcess.h"
+#include "framework/ThreadSignals.h"
 #include "host/service/BusWait.h"
 #include "runner/DbusService.h"
 #include "runner/InterruptWait.h"
 #include "runner/Runner.h"
 #include "runner/RunnerEnvironment.h"
-#include "runner/ThreadSignals.h"
 #include "tests/support/CapturingLogWriter.h"
 #include "tests/support/FakeConfigfs.h"
 #include "tests/support/GateRig.h"
