@@ -1,6 +1,8 @@
 #include "bench/PathRig.h"
 
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
 #include <stdexcept>
 
 #include "tests/support/TestHost.h"
@@ -78,6 +80,8 @@ std::unique_ptr<MoScsiBStorOps> MakeEngine(Stage stage) {
     if (stage != Stage::Memory) {
         config.backing = Backing::File;
         config.path = kFile;
+        std::ofstream(kFile, std::ios::app).close();
+        std::filesystem::resize_file(kFile, kLunBytes);
         config.engine = stage == Stage::Uring ? FileEngineChoice::Uring : FileEngineChoice::Threads;
     }
     auto made = MakeLunData(config, *MoScsiSrvLIO::Instance());

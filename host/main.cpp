@@ -6,7 +6,10 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
+#include "framework/QueuedOutput.h"
 #include "host/kernel/Compare.h"
+#include "host/service/CreateFiles.h"
+#include "host/service/ProcessStart.h"
 #include "host/service/Serve.h"
 #include "host/status/HostStatus.h"
 #include "host/status/StatusSocket.h"
@@ -39,6 +42,10 @@ int Check(const Plan& plan, const Environment& environment, Console& console) {
                             environment.portIsDefault ? " (the platform file names none)" : ""));
     for (const std::string& line : plan.Lines())
         console.Say(line);
+    for (const LunPlan* lun : plan.Missing())
+        console.Complain(lun->MissingText(plan.file));
+    if (!plan.Missing().empty())
+        return kFailed;
     console.Say(fmt::format("{} is good", plan.file));
     return kOk;
 }
@@ -65,6 +72,8 @@ int Status(const Environment& environment, bool asJson, Console& console) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (!SetRightWhatWasInherited())
+        return kFailed;  // with nowhere to say it
     CLI::App app{"Serves iSCSI LUNs through the kernel's target, as a configuration file says."};
     app.require_subcommand(1);
     std::string platformFile = "/etc/moscsi/platform.toml";
@@ -78,6 +87,14 @@ int main(int argc, char** argv) {
     bool asJson = false;
     CLI::App* check = app.add_subcommand("check", "check a configuration file and print the plan");
     check->add_option("FILE", file, "configuration file (docs/configuration.md)")->required();
+    CreateOptions creation;
+    CLI::App* create = app.add_subcommand("create", "make LUNs' backing files, once, empty");
+    create->add_option("FILE", file, "configuration file (docs/configuration.md)")->required();
+    create->add_option("LUN", creation.luns, "names of LUNs (TARGET/NAME where several have one)")
+        ->required();
+    create->add_flag("--anew", creation.anew,
+                     "also for a LUN that was made or served here before: its data is gone, and "
+                     "initiators take the empty file for the same disk");
     CLI::App* serve = app.add_subcommand("serve",
                                          "serve what a configuration file says, until "
                                          "SIGINT or SIGTERM");
@@ -110,6 +127,11 @@ int main(int argc, char** argv) {
         return kFailed;
     if (check->parsed())
         return Check(plan, environment, console);
+    if (create->parsed())
+        return CreateFiles(plan, environment, creation, console);
     // The plug-in's threads aren't joined: they must not meet destructors of static objects.
-    _exit(Serve(plan, config, environment, options, console));
+    QueuedConsole queued;
+    const int result = Serve(plan, config, environment, options, queued);
+    QueuedOutput::Flush();
+    _exit(result);
 }

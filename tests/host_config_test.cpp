@@ -1,8 +1,5 @@
 // What the configuration file is refused for (host_serve_test.py has what a good one comes to).
 
-#include "host/data/LunData.h"
-#include "host/service/UserData.h"
-#include "tests/support/NullPlatform.h"
 #include "tests/support/PlanFixture.h"
 
 using HostConfigTest = PlanTest;
@@ -33,10 +30,11 @@ TEST_F(HostConfigTest, EachFaultIsOneLineWithItsPlace) {
          "neither \"memory\" nor \"file\""},
         {file("path='@/good.img'\nsiez = 4"), 7, "knows no key \"siez\""},
         {file("path='@/new.img'\nsize='4 MB'"), 7, "such as \"64MiB\""},
-        {file("path='@/new.img'"), 6, "no size is given"},
+        {file("path='@/new.img'\nsize=512\nprovisioning='thin'"), 8,
+         "neither \"full\" nor \"sparse\""},
+        {kTarget + Memory("size=512\nprovisioning='full'"), 8, "knows no key \"provisioning\""},
         {file("path='@/new.img'\nsize=1000"), 7, "multiple of 512"},
         {file("path='@/new.img'\nsize=0"), 7, "multiple of 512"},
-        {file("path='@/no/new.img'\nsize=512"), 6, "directory of"},
         {file("path='@/empty.img'"), 6, "is 0 bytes long"},
         {file("path='@/odd.img'"), 6, "is 1000 bytes long"},
         {file("path='@/good.img'\nsize=512"), 7, "is 1024 bytes long"},
@@ -144,17 +142,4 @@ rule=[{kind='error'},
     ASSERT_EQ(faults.rules.size(), expected.size());
     for (size_t i = 0; i < expected.size(); ++i)
         EXPECT_EQ(fields(faults.rules[i]), fields(expected[i])) << i;
-}
-
-TEST_F(HostConfigTest, BackingFilesThatWereMadeGoWhenALaterLunsDataCannotBeMade) {
-    const auto served = [](const std::string& name) {
-        return LunText("user", "backing='file'\nsize=1024\npath='@/" + name + ".img'", name);
-    };
-    const Plan plan = PlanOf(kTarget + served("good") + served("new") + served("last"));
-    ASSERT_THAT(problems.Lines(), ElementsAre());
-    Make("last.img", 512);  // since the plan was made
-    NullPlatform platform;
-    EXPECT_THAT(UserData().Make(plan, {}, platform), StartsWith("LUN last: "));
-    EXPECT_TRUE(fs::exists(dir / "good.img") && fs::exists(dir / "last.img"));
-    EXPECT_FALSE(fs::exists(dir / "new.img"));
 }

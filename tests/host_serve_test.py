@@ -2,16 +2,19 @@
 # The host's life, from outside: order of operations, take-down, signals, status, restart.
 # Runs moscsi-host against a plug-in whose kernel is a directory tree.
 # usage: host_serve_test.py MOSCSI_HOST FAKE_PLUGIN
+import contextlib
 import hashlib
 import json
 import os
 import re
 import shutil
 import signal
+import subprocess
 import sys
 import unittest
+from pathlib import Path
 
-from support.program_test import ProgramTest, wait_until
+from support.program_test import DEADLINE, ProgramTest, wait_until
 
 HOST, PLUGIN = sys.argv[1:3]
 TARGET = "iqn.2026-01.com.example:t"
@@ -34,13 +37,14 @@ class ServeTest(ProgramTest):
         self.log_file = self.dir / "log"
         self.limit = self.dir / "run/targetcli/limit"
         self.configfs = self.dir / "configfs"
-        self.env = dict(os.environ, MOSCSI_RUN_DIR=self.dir / "run", FAKE_LOG=self.log_file,
+        self.env = dict(os.environ, MOSCSI_RUN_DIR=self.dir / "run", MOSCSI_STATE_DIR=self.dir / "state", FAKE_LOG=self.log_file,
                         MOSCSI_CONFIGFS_ROOT=self.configfs,
                         MOSCSI_TARGETCLI_REAL=self.dir / "real",
                         DBUS_SYSTEM_BUS_ADDRESS=self.bus.stdout.readline().strip())
         text = f'[service]\nlog_level = -1\n[[target]]\nname = "{TARGET}"\n'
         # Automatic numbers come first in the file, explicit ones first in the kernel.
-        self.write("two", "x" * 1024)
+        for name in ("one", "two"):
+            self.write(name, "x" * 1024)
         for name, number, kind in (("one", '"auto"', "file"), ("two", 0, "file"),
                                    ("three", 2, 'user"\nbacking = "memory')):
             text += (f'[[target.lun]]\nname = "{name}"\ntype = "{kind}"\nsize = 1024\n'
@@ -58,6 +62,17 @@ class ServeTest(ProgramTest):
 
     def ready(self, *options, **env):
         return self.says("ready\n", self.start(*options, **env))
+
+    def full_pipe(self):
+        reader, writer = os.pipe()
+        for end in (reader, writer):
+            self.addCleanup(os.close, end)
+        os.set_blocking(writer, False)
+        with contextlib.suppress(BlockingIOError):
+            while os.write(writer, b"x" * 65536):
+                pass
+        os.set_blocking(writer, True)  # the host shares what this sets
+        return writer
 
     def says(self, text, process):
         while not (line := process.stdout.readline()).startswith(text):
@@ -129,8 +144,10 @@ class ServeTest(ProgramTest):
                 self.assertEqual(self.log()[-1], "Cleanup")
 
     def test_waits_for_a_command_that_an_earlier_host_left_running(self):
-        wrapper = shutil.copy("/bin/sleep", self.dir / "bin/targetcli")
-        earlier = self.spawn(wrapper, "1000")
+        running = self.write("run/targetcli/running", "")
+        earlier = self.spawn("flock", "--shared", "--close", running,
+                             "setpriv", "--pdeathsig", "KILL", "sleep", "1000")
+        wait_until(lambda: subprocess.run(["flock", "--nonblock", running, "true"]).returncode)
         line = f"waiting for a targetcli that an earlier host started (process {earlier.pid})"
         process = self.says(line, self.start())
         process.terminate()
@@ -150,6 +167,86 @@ class ServeTest(ProgramTest):
         before = self.tree()
         self.ends(self.start(FAKE_FAIL="MapHost:2"))
         self.assertEqual(self.tree(), before)
+
+    # Three LUNs on files in a directory of their own, and one that isn't.
+    def file_luns(self):
+        (self.dir / "files").mkdir()
+        text = f'[service]\nlog_level = -1\n[[target]]\nname = "{TARGET}"\n'
+        for name, number, kind in (("one", '"auto"', "file"), ("two", '"auto"', 'user"\nbacking = "file'),
+                                   ("three", 0, 'user"\nbacking = "file'), ("four", 3, 'user"\nbacking = "memory')):
+            text += (f'[[target.lun]]\nname = "{name}"\ntype = "{kind}"\nnumber = {number}\nsize = 4096\n'
+                     f'path = "{self.dir}/files/{name}"\n')
+        for name, seen in ((A, '"all"'), (B, '["one"]')):
+            text += f'[[target.initiator]]\nname = "{name}"\nluns = {seen}\n'
+        self.write("f.toml", text)
+        return text
+
+    # Its exit status, what it says, and the files that there are.
+    def create(self, *arguments):
+        status, out, err = self.finish(self.host("create", f"{self.dir}/f.toml", *arguments))
+        return status, out + err, sorted(path.name for path in (self.dir / "files").glob("*"))
+
+    def test_create_makes_all_that_it_is_asked_for_or_nothing_and_each_once(self):
+        text = self.file_luns()
+        lun = text[text.index("[[target.lun]]"):text.index('[[target.lun]]\nname = "two"')]
+        twice = text + f'[[target]]\nname = "{TARGET}2"\n' + lun.replace("files/one", "files/other")
+        for changed, arguments, status, said, files in (
+                (text.replace("files/", "files/none/"), ["one"], 1, "the directory .*files/none isn't there", []),
+                (text, ["one", "five"], 1, 'has no LUN "five"', []),
+                (text, ["one", "four"], 1, "LUN four has no file", []),
+                (twice, ["one"], 1, f'LUN "one": name it as {TARGET}/one', []),
+                (text.replace("size = 4096\n", "", 1), ["three", "one"], 1, "LUN one has no size", []),
+                (text.replace("4096", str(1 << 43), 1), ["three", "one"], 1, 'provisioning = "sparse"', []),
+                (twice, [f"{TARGET}/one", "three"], 0, "made LUN one.*4 KiB, full.*\n.*LUN three", ["one", "three"]),
+                (text, ["two", "one"], 1, "one is there already", ["one", "three"]),
+                ("", ["two", "one"], 1, "served here before: is the file system", ["three"]),
+                (text.replace('"lun', '"dis', 1), ["two", "one"], 1, "served here before", ["three"]),
+                (text.replace("= 4096", '= 4096\nprovisioning = "sparse"', 3), ["two", "one", "--anew"], 0,
+                 "made LUN two.*sparse", ["one", "three", "two"])):
+            with self.subTest(said):
+                if not changed:
+                    (self.dir / "files/one").unlink()
+                self.write("f.toml", changed or text)
+                result = self.create(*arguments)
+                self.assertRegex(result[1], f"(?s){said}")
+                self.assertEqual((result[0], result[2]), (status, files))
+        blocks = [(self.dir / "files" / name).stat().st_blocks for name in ("one", "three")]
+        self.assertEqual([blocks[0], blocks[1] > 0], [0, True])
+        self.write("state/luns", "0 1\n")
+        self.assertIn("state/luns:1: is no line of", self.create("one")[1])
+
+    def test_a_lun_whose_file_is_missing_stays_out_and_the_others_are_served(self):
+        self.file_luns()
+        files = {name: self.dir / "files" / name for name in ("one", "two", "three")}
+
+        def serve(*missing, killed=False):
+            for name, file in files.items():
+                file.unlink(missing_ok=True)
+                if name not in missing:
+                    file.write_bytes(bytes(4096))
+            process = self.ready("--discard-lost-memory")
+            self.assertEqual(sorted((self.dir / "files").glob("*")), sorted(files[n] for n in files if n not in missing))
+            process.send_signal(signal.SIGKILL if killed else signal.SIGTERM)
+            errors = self.finish(process)[2]
+            made = [line.replace("files/", "") for line in self.log() if line.startswith(("CreateLun", f"MapHost {B}"))]
+            self.assertEqual(self.objects() == [], not killed)
+            return made, errors
+
+        three, four, map_one = "CreateLun three 0 lun served", "CreateLun four 3 lun served", f"MapHost {B} one 1"
+        for missing, killed, expected, lines in (
+                ([], False, [three, four, "CreateLun one auto lun", "CreateLun two auto lun served", map_one], 0),
+                # The numbers that they had stay theirs: 1, and 0 by the file.
+                (["one"], False, [three, four, "CreateLun two 2 lun served"], 2),
+                (["three", "two"], False, [four, "CreateLun one 1 lun", map_one], 4),
+                ([], True, [three, four, "CreateLun one auto lun", "CreateLun two auto lun served", map_one], 0),
+                (["one", "two"], False, [three, four, "CreateLun two auto lun", map_one], 4)):
+            with self.subTest(missing):
+                made, errors = serve(*missing, killed=killed)
+                self.assertEqual(made, expected)
+                self.assertEqual(errors.count("\n"), lines, errors)
+                self.assertEqual(errors.count("is the file system that holds it mounted?"), lines / 2)
+        self.assertEqual(self.finish(self.host("check", f"{self.dir}/f.toml"))[0], 1)
+        self.assertIn("served here before", self.create("one")[1])
 
     def test_a_bus_that_accepts_and_says_nothing_is_not_waited_for(self):
         process = self.start(FAKE_WAIT="Initialize")
@@ -189,11 +286,44 @@ class ServeTest(ProgramTest):
         self.assertIn("a step of the stop doesn't end", self.ends(process)[1])
         self.assertFalse(self.limit.exists())
 
+    # Closed descriptors, a mask of nothing, an ignored SIGHUP and a low limit, as a shell hands them on.
+    def test_start_sets_right_what_was_inherited(self):
+        def start(*commands):
+            return self.spawn("/bin/sh", "-c", "; ".join((*commands, 'exec "$@"')), "sh", HOST, "--platform-file",
+                              f"{self.dir}/platform.toml", "serve", "--library", PLUGIN, f"{self.dir}/f.toml", **self.env)
+        process = start("trap '' HUP", "umask 000", "ulimit -Sn 60", "exec <&- >&- 2>&-")
+        wait_until(lambda: '"phase":"ready"' in self.status("--json").replace(" ", ""))
+        proc = Path(f"/proc/{process.pid}")
+        self.assertEqual({os.readlink(proc / f"fd/{number}") for number in range(3)}, {"/dev/null"})
+        for path in (self.dir / "run").rglob("*"):
+            self.assertEqual(path.stat().st_mode & 0o022, 0, path)
+        self.assertEqual((self.dir / "run").stat().st_mode & 0o777, 0o755)
+        self.assertRegex((proc / "limits").read_text(), r"Max open files +(\d+) +\1 ")
+        hangup = {name: int(value, 16) & 1 for name, value in re.findall(r"Sig(Ign|Blk):\s+(\w+)", (proc / "status").read_text())}
+        self.assertEqual(hangup, {"Ign": 1, "Blk": 0})
+        process.terminate()
+        self.ends(process, 0)
+        process = self.says("ready\n", start("ulimit -n 60"))
+        process.send_signal(signal.SIGHUP)
+        self.assertRegex(self.ends(process, 0)[1], "may open 60 files, and .* needs about 69")
+
+    # What it prints fits in no pipe any more, and nobody reads: nothing waits for that.
+    def test_nobody_reading_stops_nothing(self):
+        for wait, code in ((None, 0), ("DeleteLun", 1)):
+            with self.subTest(wait):
+                process = self.start(**({"FAKE_WAIT": wait} if wait else {}), output=self.full_pipe())
+                wait_until(lambda: '"phase":"ready"' in self.status("--json").replace(" ", ""))
+                process.terminate()
+                if wait:
+                    wait_until((self.dir / "log.begun").exists)
+                    process.terminate()
+                self.assertEqual(process.wait(DEADLINE), code)
+
     def test_check_says_all_that_is_wrong_or_what_would_be_served(self):
         good = (self.dir / "f.toml").read_text()
         port = 'machine = "m"\n[clients.m]\nid = 1\niscsi_port = 3261\n'
         plan = f"target {TARGET}\n"
-        for lun, storage, note in (('automatic "one"', "file", " (to be made)"), ('0 "two"', "file", ""),
+        for lun, storage, note in (('automatic "one"', "file", ""), ('0 "two"', "file", ""),
                                    ('2 "three"', "user on memory", "")):
             path = f"{self.dir}/" + lun.split('"')[1]
             plan += f"  LUN {lun}: {storage} {path}, 1 KiB{note}, serial lun-{digest(TARGET + path)}\n"

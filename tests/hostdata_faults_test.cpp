@@ -7,6 +7,7 @@
 
 struct Faults : LunTest {
     void Make(const std::vector<FaultRule>& rules) {
+        Provide(65536);
         ASSERT_EQ(LunTest::Make({"lun", Backing::File, path, 65536, {.rules = rules}, {}}), "");
     }
     long Write(char fill) {

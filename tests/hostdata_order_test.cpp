@@ -38,6 +38,7 @@ struct Scripted : LunTest {
         }
         std::string error;
         BackingFile file;
+        Provide(kSize);
         ASSERT_TRUE(file.Open(path, kSize, error)) << error;
         LunDataConfig config{"lun", Backing::File, path, kSize, faults, {}};
         config.commandTimeOut = std::chrono::milliseconds(timeOutMs);

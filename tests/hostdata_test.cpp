@@ -36,6 +36,7 @@ struct Engines : LunTest, WithParamInterface<std::string> {
             config.backing = Backing::Memory;
         else if (GetParam() == "threads")
             config.engine = FileEngineChoice::Threads;
+        Provide(kSize);
         const std::string error = Make(config);
         if (error.find("not permitted") != std::string::npos)
             GTEST_SKIP() << "the kernel refuses io_uring here: " << error;

@@ -83,9 +83,10 @@ class WrapperTest(ProgramTest):
     def do(self, script, *args, **env):
         return self.finish(self.start_do(script, *args, **env))
 
-    # Only the set of preferences and the lock stay behind.
+    # Only the set of preferences, the lock and the note of the road stay behind.
     def assert_nothing_left(self):
-        self.assertRegex(" ".join(sorted(os.listdir(self.state))), r"^lock preferences\.\S+$")
+        self.assertRegex(" ".join(sorted(os.listdir(self.state))), r"^lock preferences\.\S+ roads running$")
+        self.assertIn(" slow other: a line of no known form\n", (self.state / "roads").read_text())
 
 
 class Version(WrapperTest):
@@ -203,8 +204,11 @@ class Limits(WrapperTest):
     def test_the_real_one_dies_with_a_killed_wrapper_and_the_next_run_cleans_up(self):
         process = self.start_do(self.HANG)
         pid = self.pid()
-        process.kill()
-        self.finish(process)
+        with open(self.state / "running") as running:  # what the next host looks at
+            self.assertRaises(BlockingIOError, fcntl.flock, running, fcntl.LOCK_EX | fcntl.LOCK_NB)
+            process.kill()
+            self.finish(process)
+            fcntl.flock(running, fcntl.LOCK_EX | fcntl.LOCK_NB)
         wait_until(lambda: not is_running(pid))
         os.kill(self.pid("child"), signal.SIGKILL)
         self.run_wrapper("ls")  # removes what the killed one left
@@ -241,7 +245,7 @@ class Preferences(WrapperTest):
         for env, reason in ((dict(FAKE_IGNORED="auto_add_mapped_luns=false"), "`get global` doesn't show it"),
                             (dict(FAKE_SCRIPT="echo refused; exit 9"), "refused")):
             status, out, err = self.run_wrapper("ls", **env)
-            self.assertEqual((status > 0, out, os.listdir(self.state)), (True, "", ["lock"]))
+            self.assertEqual((status > 0, out, sorted(os.listdir(self.state))), (True, "", ["lock", "roads", "running"]))
             self.assertRegex(err, rf"^targetcli's preferences can't be made: .*{reason}\n$")
 
     def test_one_that_waits_for_another_to_make_them_names_it_at_the_limit(self):

@@ -112,6 +112,7 @@ product_luns() {
     target=iqn.2026-01.com.example:bench lun_dir=$data_dir
     host_file "$a" "$(lun memory memory "${lun_mib}MiB" "number = 0")" \
         "$(lun served served "${lun_mib}MiB" "number = 1")" >"$work/host.toml"
+    [[ -e $lun_dir/served.img ]] || moscsi-host create "$work/host.toml" served
     host_start "$work/host.toml"
 }
 empty_luns() {

@@ -35,6 +35,12 @@ LunConfig ReadLun(const toml::value& table, const std::string& file, Problems& p
         if (const toml::value* faults = reader.Table("faults"))
             lun.faults = ReadFaultPlan(*faults, file, problems);
     }
+    const bool onFile =
+        lun.type == LunType::File || (lun.type == LunType::User && lun.backing == Backing::File);
+    if (onFile)
+        if (const Provisioning* provisioning =
+                reader.Choice("provisioning", kProvisionings, ProvisioningName))
+            lun.provisioning = *provisioning;
     reader.RefuseUnknownKeys();
     return lun;
 }

@@ -10,6 +10,7 @@
 #include "host/config/Problems.h"
 #include "host/data/Backing.h"
 #include "host/data/FaultPlan.h"
+#include "host/data/Provisioning.h"
 
 /// The configuration file as written: types are checked, meaning is not (host/plan/Plan.h does
 /// that). docs/configuration.md describes the format. Plain data, copied freely.
@@ -48,6 +49,7 @@ struct LunConfig {
     std::optional<uint64_t> size;   ///< bytes
     std::optional<int64_t> number;  ///< absent: automatic
     std::string serialPrefix = "lun";
+    Provisioning provisioning = Provisioning::Full;  ///< of a file, when it is made
     // Of user LUNs only:
     Backing backing = Backing::Memory;
     FaultPlan faults;

@@ -2,8 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdint>
 
@@ -49,25 +47,21 @@ std::unique_ptr<DataEngine> MakeQueueAndEngine(const LunDataConfig& config, Back
 }
 
 std::unique_ptr<DataEngine> MakeFileEngine(const LunDataConfig& config, Transfers& transfers,
-                                           LunDataResult& result) {
+                                           std::string& error) {
     BackingFile file;
-    if (!file.Open(config.path, config.sizeBytes, result.error))
+    if (!file.Open(config.path, config.sizeBytes, error))
         return nullptr;
-    result.madeFile = file.Made();
-    auto engine = MakeQueueAndEngine(config, file, transfers, result.error);
-    if (!engine && result.madeFile)
-        unlink(config.path.c_str());
-    return engine;
+    return MakeQueueAndEngine(config, file, transfers, error);
 }
 
-/// Returns: the engine, or null with one line in the result's `error`.
+/// Returns: the engine, or null with one line in `error`.
 std::unique_ptr<DataEngine> MakeEngine(const LunDataConfig& config, Transfers& transfers,
-                                       LunDataResult& result) {
+                                       std::string& error) {
     switch (config.backing) {
         case Backing::Memory:
-            return MemoryEngine::Make(config.name, config.sizeBytes, transfers, result.error);
+            return MemoryEngine::Make(config.name, config.sizeBytes, transfers, error);
         case Backing::File:
-            return MakeFileEngine(config, transfers, result);
+            return MakeFileEngine(config, transfers, error);
     }
     return nullptr;
 }
@@ -82,7 +76,7 @@ LunDataResult MakeLunData(const LunDataConfig& config, MoScsiSrvPlatform& platfo
         return result;
     }
     auto parts = std::make_unique<LunData::Parts>(config, platform);
-    parts->engine = MakeEngine(config, parts->transfers, result);
+    parts->engine = MakeEngine(config, parts->transfers, result.error);
     if (!parts->engine)
         return result;
     if (!config.faults.durable)

@@ -23,7 +23,7 @@ enum class FileEngineChoice { Auto, Uring, Threads };
 struct LunDataConfig {
     std::string name;  ///< for log lines
     Backing backing = Backing::Memory;
-    std::string path;        ///< Backing::File: absolute path; made when it doesn't exist
+    std::string path;        ///< Backing::File: absolute path
     uint64_t sizeBytes = 0;  ///< a positive multiple of 512
     FaultPlan faults;
     FileEngineChoice engine = FileEngineChoice::Auto;  ///< others for tests
@@ -96,14 +96,11 @@ class LunData : public MoScsiBStorOps {
 
 struct LunDataResult {
     std::unique_ptr<LunData> data;  ///< null on error
-    bool madeFile = false;          ///< the backing file wasn't there before
     std::string error;              ///< one line: what is wrong and what to do
 };
 
-/// Makes a LUN's data side. A file that doesn't exist is made, under its name only when it has its
-/// size, and is synced with its directory before this returns. One that exists must be a regular
-/// file of exactly the configured size, used by no other LUN or host (an advisory lock on it).
-/// Nothing half-made is left on error.
+/// Makes a LUN's data side. A backing file must be there, a regular file of exactly the configured
+/// size, used by no other LUN or host (an advisory lock on it).
 /// `platform` takes the IODone calls and outlives the object.
 /// Thread: any; may block on the file system.
 LunDataResult MakeLunData(const LunDataConfig& config, MoScsiSrvPlatform& platform);

@@ -111,9 +111,11 @@ void Comparison::CheckAcls(const TargetPlan& target, const PortalGroupView& grou
         CheckAcl(target, *initiator, acl);
     }
     // An initiator without LUNs needs no ACL, and the platform makes none.
+    const auto isServed = [&](size_t lun) { return !StaysOut(target.luns[lun], m_view); };
     if (m_when == When::After)
         for (const InitiatorPlan& initiator : target.initiators)
-            if (!initiator.luns.empty() && !seen.contains(initiator.name))
+            if (!seen.contains(initiator.name) &&
+                std::any_of(initiator.luns.begin(), initiator.luns.end(), isServed))
                 Say("target {} doesn't admit the initiator {}", target.name, initiator.name);
 }
 

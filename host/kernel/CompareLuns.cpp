@@ -27,7 +27,7 @@ void Comparison::CheckObject(const LunPlan& lun, const StorageObject& object) {
     } else if (lun.config.type == LunType::Block && object.device != lun.device) {
         Say("{} is over another device than {} is now: {}", what, lun.config.path, remedy);
     }
-    if (object.size != lun.size)
+    if (object.size != lun.size && !(lun.missing && lun.size == 0))
         Say("{} has {} bytes and should have {}: give the file that size, or {}", what,
             object.size.value_or(0), lun.size, remedy);
     if (object.readOnly)
@@ -42,7 +42,7 @@ void Comparison::CheckObject(const LunPlan& lun, const StorageObject& object) {
 }
 
 void Comparison::CheckUnlinked(const LunPlan& lun, const StorageObject& object) {
-    if (m_when == When::After)
+    if (m_when == When::After && !StaysOut(lun, m_view))
         Say("{} has its backstore {} but no LUN in target {}", lun.Title(), object.Text(),
             lun.target);
     else if (lun.config.type == LunType::User && m_manner.userByConfigfs)
@@ -78,7 +78,7 @@ void Comparison::CheckLun(const TargetPlan& target, const LunPlan& lun) {
     CheckForeign(lun);
     const StorageObject* object = ObjectOf(lun, m_view);
     if (object == nullptr) {
-        if (m_when == When::After)
+        if (m_when == When::After && !StaysOut(lun, m_view))
             Say("{} has no backstore: {} is not in configfs", lun.Title(), lun.object);
         return;
     }

@@ -32,6 +32,13 @@ const PortalGroupView* GroupOf(const std::string& target, const ConfigfsView& vi
     return nullptr;
 }
 
+bool StaysOut(const LunPlan& lun, const ConfigfsView& view) {
+    if (!lun.missing)
+        return false;
+    return lun.config.type == LunType::User ? ObjectOf(lun, view) == nullptr
+                                            : LunOf(lun, view) == nullptr;
+}
+
 const LunView* LunOf(const LunPlan& lun, const ConfigfsView& view) {
     const StorageObject* object = ObjectOf(lun, view);
     const PortalGroupView* group = GroupOf(lun.target, view);

@@ -17,5 +17,10 @@ const PortalGroupView* GroupOf(const std::string& target, const ConfigfsView& vi
 /// The object of a LUN of the plan, linked or not.
 const StorageObject* ObjectOf(const LunPlan& lun, const ConfigfsView& view);
 
+/// Whether a LUN stays out: its backing file isn't there, and neither is anything in configfs that
+/// could answer for it (a user LUN's backstore answers NOT READY, the kernel's file LUN goes on
+/// with the file that it has open).
+bool StaysOut(const LunPlan& lun, const ConfigfsView& view);
+
 /// The LUN of the plan's portal group that carries the object.
 const LunView* LunOf(const LunPlan& lun, const ConfigfsView& view);

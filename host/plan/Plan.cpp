@@ -4,12 +4,28 @@
 
 #include "host/plan/Identity.h"
 
+std::string LunPlan::MissingText(const std::string& file) const {
+    return fmt::format(
+        "{} of {}: {} isn't there: is the file system that holds it mounted? If it never was "
+        "made: moscsi-host create {} {}",
+        Title(), target, config.path, file, config.name);
+}
+
 bool Plan::HasUserLuns() const {
     for (const TargetPlan& target : targets)
         for (const LunPlan& lun : target.luns)
             if (lun.config.type == LunType::User)
                 return true;
     return false;
+}
+
+std::vector<const LunPlan*> Plan::Missing() const {
+    std::vector<const LunPlan*> missing;
+    for (const TargetPlan& target : targets)
+        for (const LunPlan& lun : target.luns)
+            if (lun.missing)
+                missing.push_back(&lun);
+    return missing;
 }
 
 size_t Plan::ObjectCount() const {
@@ -33,7 +49,7 @@ std::vector<std::string> Plan::Lines() const {
             lines.push_back(fmt::format("  LUN {} \"{}\": {} {}, {}{}, serial {}",
                                         lun.number ? std::to_string(*lun.number) : "automatic",
                                         lun.config.name, kind, lun.config.path, SizeText(lun.size),
-                                        lun.makesFile ? " (to be made)" : "", lun.serial));
+                                        lun.missing ? " (its file isn't there)" : "", lun.serial));
         }
         for (const InitiatorPlan& initiator : target.initiators) {
             std::string names;

@@ -22,14 +22,17 @@ struct LunPlan {
     uint64_t size = 0;               ///< bytes
     std::optional<uint32_t> number;  ///< absent: automatic
     std::string serial;
-    std::string object;      ///< storage object's name
-    std::string cfgString;   ///< TCMU configuration string of a user LUN, short form
-    std::string identity;    ///< of the backing file or device; empty for memory
-    dev_t device = 0;        ///< of a block LUN
-    bool makesFile = false;  ///< the backing file isn't there yet
+    std::string object;     ///< storage object's name
+    std::string cfgString;  ///< TCMU configuration string of a user LUN, short form
+    std::string identity;   ///< of the backing file or device; empty for memory
+    dev_t device = 0;       ///< of a block LUN
+    bool missing = false;   ///< the backing file isn't there; `size` is 0 then, unless configured
 
     /// "LUN files": how lines for people call it.
     std::string Title() const { return "LUN " + config.name; }
+
+    /// What a missing file may mean, and what to do: "/p isn't there: is ... mounted? ...".
+    std::string MissingText(const std::string& file) const;
 };
 
 struct InitiatorPlan {
@@ -49,6 +52,9 @@ struct Plan {
     std::vector<TargetPlan> targets;
 
     bool HasUserLuns() const;
+
+    /// The LUNs whose backing files aren't there.
+    std::vector<const LunPlan*> Missing() const;
 
     /// Targets, LUNs, node ACLs and mappings together.
     size_t ObjectCount() const;

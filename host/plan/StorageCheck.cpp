@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include <cstring>
-#include <filesystem>
 
 #include "host/plan/Identity.h"
 
@@ -39,17 +38,7 @@ Medium MediumOf(const LunConfig& lun) {
 void StorageCheck::CheckFile(const PathFacts& facts, LunPlan& plan) {
     const LunConfig& config = plan.config;
     if (facts.kind == PathFacts::Kind::Missing) {
-        plan.makesFile = true;
-        const auto parent = m_storage.LookAt(std::filesystem::path(config.path).parent_path());
-        if (parent.kind != PathFacts::Kind::Other)
-            Refuse(plan, "path",
-                   fmt::format("the directory of {} isn't there: make it", config.path));
-        if (!config.size)
-            Refuse(plan, "path",
-                   fmt::format("{} isn't there, and no size is given to make it: add "
-                               "size = \"...\"",
-                               config.path));
-        plan.size = config.size.value_or(0);
+        plan.missing = true;
     } else if (facts.kind != PathFacts::Kind::File) {
         Refuse(plan, "path",
                fmt::format("{} is no regular file: give a file, or type = \"block\" for a device",

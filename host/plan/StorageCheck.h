@@ -17,7 +17,7 @@ class StorageCheck {
         : m_storage(storage), m_problems(problems) {}
 
     /// Checks what holds the LUN's data, and notes in the plan what it is: size, identity, device,
-    /// whether the file is to be made.
+    /// whether the file is missing.
     /// Requires: the path is good as a text.
     void Check(LunPlan& plan);
 

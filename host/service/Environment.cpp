@@ -61,6 +61,7 @@ std::string FindEnvironment(const std::string& platformFile, Environment& enviro
     const fs::path ownHome = prefix / "libexec/moscsi";
     environment.library = prefix / "lib/moscsi/libMoScsiSrvLIO.so";
     environment.runDirectory = EnvironmentVariable("MOSCSI_RUN_DIR", "/run/moscsi");
+    environment.stateDirectory = EnvironmentVariable("MOSCSI_STATE_DIR", "/var/lib/moscsi");
     environment.configfs = EnvironmentVariable("MOSCSI_CONFIGFS_ROOT", "/sys/kernel/config/target");
 
     PlatformFacts facts = DefaultFacts(ownHome);

@@ -65,12 +65,13 @@ std::string ForeignIn(const TargetPlan& target, const ConfigfsView& view) {
 }  // namespace
 
 PlanExecutor::PlanExecutor(const Plan& plan, MoScsiSrvPlatform& platform, Console& console,
-                           Manner manner, DataOf dataOf)
+                           Manner manner, DataOf dataOf, FormerNumber formerNumber)
     : m_plan(plan),
       m_platform(platform),
       m_console(console),
       m_manner(manner),
-      m_dataOf(std::move(dataOf)) {}
+      m_dataOf(std::move(dataOf)),
+      m_formerNumber(std::move(formerNumber)) {}
 
 std::optional<uint32_t> PlanExecutor::NumberOf(const LunPlan& lun) const {
     const auto found = m_numbers.find(&lun);
@@ -94,18 +95,66 @@ MoScsiSrvLun PlanExecutor::RecordOf(const LunPlan& lun, uint32_t number) const {
     return record;
 }
 
-bool PlanExecutor::CreateLun(const LunPlan& lun) {
-    const LunView* there = LunOf(lun, *m_before);
-    uint32_t number = lun.number.value_or(kAutomaticLunNumber);
-    // Without targetcli an automatic number is the lowest free one, for a LUN that has a number
-    // already, too: so that one is asked for.
-    if (there != nullptr && m_manner.userByConfigfs && lun.config.type == LunType::User)
-        number = there->number;
-    if (there == nullptr)
+/// Numbers that LUNs which stay out have, or had.
+std::set<uint32_t> PlanExecutor::ReservedNumbers(const TargetPlan& target) const {
+    std::set<uint32_t> reserved;
+    for (const LunPlan& lun : target.luns)
+        if (StaysOut(lun, *m_before))
+            if (const auto number = lun.number ? lun.number : m_formerNumber(lun))
+                reserved.insert(*number);
+    return reserved;
+}
+
+uint32_t PlanExecutor::NumberToAsk(const TargetPlan& target, const LunPlan& lun) const {
+    if (lun.number)
+        return *lun.number;
+    if (const LunView* there = LunOf(lun, *m_before); there != nullptr)
+        // Without targetcli an automatic number is the lowest free one, for a LUN that has a number
+        // already, too: so that one is asked for.
+        return m_manner.userByConfigfs && lun.config.type == LunType::User ? there->number
+                                                                           : kAutomaticLunNumber;
+    std::set<uint32_t> taken = ReservedNumbers(target);
+    if (taken.empty())
+        return kAutomaticLunNumber;
+    if (const PortalGroupView* group = GroupOf(target.name, *m_before))
+        for (const LunView& there : group->luns)
+            taken.insert(there.number);
+    for (const LunPlan& other : target.luns)
+        if (const auto number = NumberOf(other))
+            taken.insert(*number);
+    uint32_t lowest = 0;
+    while (taken.contains(lowest))
+        ++lowest;
+    return lowest;
+}
+
+bool PlanExecutor::MakeLun(const TargetPlan& target, const LunPlan& lun) {
+    if (StaysOut(lun, *m_before))
+        return true;
+    const bool kernelFile = lun.config.type == LunType::File;
+    if (kernelFile && lun.missing) {
+        m_numbers[&lun] = LunOf(lun, *m_before)->number;
+        return true;
+    }
+    // The platform would make a file that went away meanwhile.
+    if (kernelFile && Storage().LookAt(lun.config.path).identity != lun.identity) {
+        m_console.Complain(
+            fmt::format("{}: {} isn't the file any more that was there at the start: "
+                        "is its file system mounted?",
+                        lun.Title(), lun.config.path));
+        return false;
+    }
+    return CreateLun(lun, NumberToAsk(target, lun));
+}
+
+bool PlanExecutor::CreateLun(const LunPlan& lun, uint32_t number) {
+    if (LunOf(lun, *m_before) == nullptr)
         m_madeLuns.insert(&lun);
 
     MoScsiSrvLun record = RecordOf(lun, number);
     record.serialNum = lun.config.serialPrefix;
+    if (record.size == 0)  // of a missing file, and not configured
+        record.size = ObjectOf(lun, *m_before)->size.value_or(0);
     const std::string asked =
         number == kAutomaticLunNumber ? "automatic number" : fmt::format("{}", number);
     const CRyError result = RunStep(m_console,
@@ -117,7 +166,7 @@ bool PlanExecutor::CreateLun(const LunPlan& lun) {
     if (result.IsError())
         return false;
     m_registered.insert(&lun);
-    if (number == kAutomaticLunNumber)
+    if (!lun.number)
         m_console.Say(fmt::format("  {} has the number {}", lun.Title(), record.lunNum));
     if (record.lunNum > kMaxMappedLun) {
         m_console.Complain(
@@ -135,7 +184,9 @@ bool PlanExecutor::Map(const TargetPlan& target, const StopAsked& stopAsked) {
             if (stopAsked())
                 return false;
             const LunPlan& lun = target.luns[index];
-            const uint32_t number = m_numbers.at(&lun);
+            if (!NumberOf(lun))
+                continue;  // it stays out
+            const uint32_t number = *NumberOf(lun);
             if (!IsMapped(initiator, number, target.name, *m_before))
                 m_madeMappings.emplace(&initiator, index);
             MoScsiSrvLun record = RecordOf(lun, number);
@@ -165,7 +216,7 @@ bool PlanExecutor::ApplyTarget(const TargetPlan& target, const StopAsked& stopAs
         for (const LunPlan& lun : target.luns) {
             if (lun.number.has_value() == automatic)
                 continue;
-            if (stopAsked() || !CreateLun(lun))
+            if (stopAsked() || !MakeLun(target, lun))
                 return false;
         }
     }
@@ -217,6 +268,8 @@ bool PlanExecutor::Unmap(const TargetPlan& target, Extent extent, const StopAske
 }
 
 bool PlanExecutor::DeleteLun(const LunPlan& lun, const ConfigfsView& now) {
+    if (StaysOut(lun, now) && ObjectOf(lun, now) == nullptr)
+        return true;
     const PortalGroupView* group = GroupOf(lun.target, now);
     const LunView* own = LunOf(lun, now);
     const uint32_t number =

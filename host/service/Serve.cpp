@@ -7,12 +7,17 @@
 #include <csignal>
 #include <nlohmann/json.hpp>
 
-#include "framework/LogWriters.h"
+#include "framework/QueuedOutput.h"
+#include "host/kernel/PlanObjects.h"
+#include "host/plan/StorageCheck.h"
 #include "host/service/BusWait.h"
 #include "host/service/EarlierCommands.h"
 #include "host/service/HostLock.h"
+#include "host/service/LunRecord.h"
+#include "host/service/HostLog.h"
 #include "host/service/PlanExecutor.h"
 #include "host/service/Plugin.h"
+#include "host/service/ProcessStart.h"
 #include "host/service/StopSignals.h"
 #include "host/service/UserData.h"
 #include "host/status/HostStatus.h"
@@ -43,6 +48,7 @@ class Service {
           m_environment(environment),
           m_options(options),
           m_console(console),
+          m_record(environment.stateDirectory),
           m_stop(environment.runDirectory,
                  kStopBase + kStopPerObject * static_cast<int>(plan.ObjectCount()),
                  [this] { GiveUp(); }),
@@ -58,6 +64,8 @@ class Service {
     bool WaitForBus();
     bool WaitForEarlier();
     bool PrepareData();
+    void TellMissing();
+    bool NoteLuns();
     bool Apply();
     void TakeDown(bool all);
     bool CleanUp();
@@ -80,6 +88,7 @@ class Service {
     const Environment& m_environment;
     const ServeOptions& m_options;
     Console& m_console;
+    LunRecord m_record;
     StopSignals m_stop;
     HostStatus m_status;
     MoScsiSrvPlatform* m_platform = nullptr;
@@ -131,19 +140,43 @@ bool Service::WaitForBus() {
 
 // After the runner's start: that frees a command which waits in the kernel for the earlier host.
 bool Service::WaitForEarlier() {
-    const std::filesystem::path wrapper = m_environment.home / "bin/targetcli";
-    const pid_t running = EarlierCommand(wrapper);
+    const pid_t running = EarlierCommand(m_environment.runDirectory);
     if (running == 0)
         return true;
     m_console.Say(
         fmt::format("waiting for a targetcli that an earlier host started (process {})", running));
-    const pid_t left =
-        WaitForEarlierCommands(wrapper, kCommandLimit, [this] { return m_stop.Asked(); });
+    const pid_t left = WaitForEarlierCommands(m_environment.runDirectory, kCommandLimit,
+                                              [this] { return m_stop.Asked(); });
     return left == 0 || m_stop.Asked() ||
-           Fail(fmt::format("process {} still runs {}: end it", left, wrapper.string()));
+           Fail(fmt::format("process {} of an earlier host's targetcli still runs: kill -9 {}",
+                            left, left));
+}
+
+void Service::TellMissing() {
+    for (const LunPlan* lun : m_plan.Missing()) {
+        const bool user = lun->config.type == LunType::User;
+        m_console.Complain(lun->MissingText(m_plan.file));
+        m_console.Complain(
+            fmt::format("{} {}; the others are served", lun->Title(),
+                        StaysOut(*lun, m_before) ? "stays out"
+                        : user                   ? "answers NOT READY"
+                               : "stays as the kernel has it, on the file that it has open"));
+    }
+}
+
+/// Before initiators see a LUN it is known here; afterwards its number, too.
+bool Service::NoteLuns() {
+    std::vector<LunRecord::Noted> noted;
+    for (const TargetPlan& target : m_plan.targets)
+        for (const LunPlan& lun : target.luns)
+            if (MediumOf(lun.config) == Medium::File && !StaysOut(lun, m_before))
+                noted.emplace_back(&lun, m_executor->NumberOf(lun));
+    const std::string fault = m_record.Note(noted);
+    return fault.empty() || Fail(fault);
 }
 
 bool Service::PrepareData() {
+    TellMissing();
     std::set<const LunPlan*> lost = LostMemory(m_plan, m_before);
     for (const LunPlan* lun : lost)
         m_console.Say(fmt::format(
@@ -155,6 +188,8 @@ bool Service::PrepareData() {
         lost.clear();
     for (const std::string& line : Unserved(m_plan, m_before))
         m_console.Say(line);
+    for (const LunPlan* lun : m_plan.Missing())
+        lost.insert(lun);
     const std::string fault = m_data.Make(m_plan, lost, *m_platform);
     if (!fault.empty())
         return Fail(fault);
@@ -171,19 +206,22 @@ bool Service::Apply() {
         return false;
 
     m_status.SetPhase("applying");
-    m_executor =
-        std::make_unique<PlanExecutor>(m_plan, *m_platform, m_console, m_manner,
-                                       [this](const LunPlan& lun) { return m_data.Of(lun); });
-    bool good = m_executor->Apply(m_before, [this] { return m_stop.Asked(); });
+    m_executor = std::make_unique<PlanExecutor>(
+        m_plan, *m_platform, m_console, m_manner,
+        [this](const LunPlan& lun) { return m_data.Of(lun); },
+        [this](const LunPlan& lun) { return m_record.NumberOf(lun); });
+    bool good = NoteLuns() && m_executor->Apply(m_before, [this] { return m_stop.Asked(); });
     for (const TargetPlan& target : m_plan.targets)
         for (const LunPlan& lun : target.luns)
             if (const auto number = m_executor->NumberOf(lun))
                 m_status.SetNumber(lun, *number);
-    if (good) {
+    if (good && NoteLuns()) {
         const ConfigfsView after = Look();
         m_data.SetTimeOuts(m_plan, after);
         good = Refuse(FaultsAfter(m_plan, after, m_manner),
                       "what was made is not what " + m_plan.file + " says; it is taken down again");
+    } else {
+        good = false;
     }
     if (!good)
         TakeDown(false);
@@ -219,6 +257,7 @@ void Service::GiveUp() {
     std::error_code ignored;
     std::filesystem::remove(m_environment.runDirectory / "host.sock", ignored);
     m_stop.EndLimit();
+    QueuedOutput::Flush();
     _exit(1);
 }
 
@@ -230,7 +269,7 @@ int Service::Run() {
         m_status.SetPhase("ready");
         m_console.Say(fmt::format("serving {} target(s), port {}; stop with SIGINT or SIGTERM",
                                   m_plan.targets.size(), m_plan.port));
-        m_console.Say("ready");
+        m_console.Announce("ready");
         m_stop.Wait();
         m_console.Say("stopping");
         TakeDown(true);
@@ -251,10 +290,10 @@ int Serve(const Plan& plan, const Config& config, const Environment& environment
           const ServeOptions& options, Console& console) {
     StopSignals::Block();
     SurviveBrokenPipes();
+    QueuedOutput::FlushAtFaults();
     PrepareSearchPath(environment);
-    const int level = options.logLevel.value_or(config.logLevel.value_or(0));
     g_ptrLogWriter =
-        config.logToSyslog ? MakeSyslogLogWriter("moscsi-host", level) : MakeStderrLogWriter(level);
+        MakeHostLog(config.logToSyslog, options.logLevel.value_or(config.logLevel.value_or(0)));
 
     HostLock lock;
     std::string fault = MissingPrerequisite(environment);
@@ -264,6 +303,8 @@ int Serve(const Plan& plan, const Config& config, const Environment& environment
         console.Complain(fault);
         return 1;
     }
+    if (const std::string line = RaiseDescriptorLimit(plan); !line.empty())
+        console.Complain(line);
     // Never destroyed: threads of the plug-in, and with contexts still out those of the LUNs, may
     // use it until the process ends.
     auto* service = new Service(plan, environment, options, console);

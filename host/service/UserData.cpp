@@ -1,10 +1,8 @@
 #include "host/service/UserData.h"
 
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include <nlohmann/json.hpp>
-#include <vector>
 
 #include "host/data/LunData.h"
 #include "host/kernel/PlanObjects.h"
@@ -29,7 +27,6 @@ UserData::~UserData() = default;
 
 std::string UserData::Make(const Plan& plan, const std::set<const LunPlan*>& without,
                            MoScsiSrvPlatform& platform) {
-    std::vector<std::string> madeFiles;
     for (const TargetPlan& target : plan.targets) {
         for (const LunPlan& lun : target.luns) {
             if (lun.config.type != LunType::User || without.contains(&lun))
@@ -43,12 +40,8 @@ std::string UserData::Make(const Plan& plan, const std::set<const LunPlan*>& wit
             LunDataResult made = MakeLunData(config, platform);
             if (made.data == nullptr) {
                 m_luns.clear();
-                for (const std::string& path : madeFiles)
-                    unlink(path.c_str());
                 return fmt::format("{}: {}", lun.Title(), made.error);
             }
-            if (made.madeFile)
-                madeFiles.push_back(config.path);
             m_luns[&lun] = std::move(made.data);
         }
     }

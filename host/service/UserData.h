@@ -25,7 +25,7 @@ class UserData {
     UserData& operator=(const UserData&) = delete;
 
     /// Makes the data side of each user LUN but those in `without`.
-    /// Returns: empty, or one line that says what is wrong; the files that it made are gone then.
+    /// Returns: empty, or one line that says what is wrong.
     std::string Make(const Plan& plan, const std::set<const LunPlan*>& without,
                      MoScsiSrvPlatform& platform);
 

@@ -6,7 +6,8 @@ root=$(cd "$(dirname "$0")/../.." && pwd)
 
 begin=$SECONDS
 target=iqn.2026-01.com.example:demo # of host/demo.toml
-images=/var/lib/moscsi
+images=/srv/moscsi-demo
+export MOSCSI_STATE_DIR=$work/state # a demo leaves no record
 mib=64 # of each LUN, as host/demo.toml says
 
 requires test "$EUID" = 0
@@ -41,6 +42,8 @@ loop=$(losetup --find --show $images/demo-disk.img)
 detach() { [[ -z $(losetup -j $images/demo-disk.img) ]] || losetup -d "$loop"; }
 cleanup detach
 sed "s|/dev/loop0|$loop|" "$root/host/demo.toml" >"$work/demo.toml"
+step "moscsi-host create: the files of two LUNs" moscsi-host create "$work/demo.toml" file served
+sed 's/^/           /' "$work/step.log" >&"$say_fd"
 step "moscsi-host check: the plan" moscsi-host check "$work/demo.toml"
 sed 's/^/           /' "$work/step.log" >&"$say_fd"
 step "moscsi-host serve: until it says ready" host_start "$work/demo.toml"

@@ -2,7 +2,7 @@
 // operation to FAKE_LOG, and can be told to misbehave:
 //   FAKE_FAIL=OPERATION:N   the N-th call of the operation fails, its work half done
 //   FAKE_PORTAL=TEXT        targets get this portal; empty: none
-//   FAKE_AUTOMATIC=NUMBER   what an automatic number comes to
+//   FAKE_AUTOMATIC=NUMBER   the first that an automatic number may come to
 //   FAKE_WAIT=OPERATION     it makes FAKE_LOG.begun when its work is done, and waits for
 //   FAKE_LOG.go
 
@@ -57,7 +57,11 @@ struct FakePlatform final : NullPlatform {
         if (result.IsError())
             return result;
         if (lun->lunNum == kAutomatic)
-            lun->lunNum = std::stoi(Variable("FAKE_AUTOMATIC", "1"));
+            for (lun->lunNum = std::stoi(Variable("FAKE_AUTOMATIC", "1"));
+                 exists(m_tree.Lun(lun->targetName, lun->lunNum)) &&
+                 read_symlink(m_tree.Lun(lun->targetName, lun->lunNum) / "a1b2c3").filename() !=
+                     object;)
+                ++lun->lunNum;
         if (!exists(m_tree.Lun(lun->targetName, lun->lunNum)))
             m_tree.AddLun(lun->targetName, lun->lunNum, object);
         return result;

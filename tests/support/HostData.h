@@ -56,6 +56,11 @@ struct LunTest : Test {
     /// The end of a LUN waits for its transfers, and what failed may have lost one.
     ~LunTest() override { HasFailure() ? (void)lun.release() : lun.reset(); }
 
+    /// Sees to it that the file is there.
+    void Provide(uint64_t size) const {
+        std::ofstream(path, std::ios::app).close();
+        std::filesystem::resize_file(path, size);
+    }
     /// Returns: what stands in the way, if anything.
     std::string Make(const LunDataConfig& config) {
         LunDataResult made = MakeLunData(config, platform);

@@ -17,6 +17,7 @@ mib=32
 hold() { echo "{ kind = \"hold\", on = \"$1\", while_file = \"$work/hold_$1\" }"; }
 host_file $a \
     "$(lun user served ${mib}MiB "number = 0, faults = { rule = [$(hold read), $(hold write)] }")" >"$work/host.toml"
+step "the LUN's file is made" moscsi-host create "$work/host.toml" user
 step "the host starts" host_start "$work/host.toml"
 step "host-a logs in" login $a "$target"
 disk=$(disk_of $a "$target" 0)

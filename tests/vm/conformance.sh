@@ -9,6 +9,7 @@ requires command -v tgtd
 lists=$(dirname "$0")/conformance
 
 host_file "$a $b" "$(lun user served 64MiB "number = 0")" >"$work/host.toml"
+step "the LUN's file is made" moscsi-host create "$work/host.toml" user
 step "a user LUN" host_start "$work/host.toml"
 open_to_all() {
     local tpg=$configfs/target/iscsi/$foreign/tpgt_1

@@ -7,6 +7,7 @@
 . "$(dirname "$0")/../../scripts/lib/session.sh"
 
 host_file $a "$(lun served served 8MiB)" >"$work/host.toml"
+step "the LUN's file is made" moscsi-host create "$work/host.toml" served
 
 # The real targetcli, and then the host's end if it was the command whose turn it is.
 cat >"$work/targetcli" <<END

@@ -9,6 +9,7 @@ rule() { echo "{ kind = \"$1\", while_file = \"$work/$1\"${2:+, $2} }"; }
 rules="$(rule error), $(rule short "bytes = 100"), $(rule delay "delay_ms = 1500"), $(rule hold)"
 host_file $a "$(lun faulty served 8MiB "number = 0, faults = { rule = [$rules] }")" \
     "$(lun sound memory 8MiB "number = 1")" >"$work/host.toml"
+step "the LUN's file is made" moscsi-host create "$work/host.toml" faulty
 step "the host starts" host_start "$work/host.toml"
 step "host-a logs in" login $a "$target"
 faulty=$(disk_of $a "$target" 0)

@@ -13,6 +13,7 @@ numbers() { moscsi-host status --json | python3 -c 'import json, sys
 print(*(lun["number"] for target in json.load(sys.stdin)["targets"] for lun in target["luns"]))'; }
 
 configuration 16MiB
+step "the LUN's file is made" moscsi-host create "$work/host.toml" automatic
 step "serve" host_start "$work/host.toml"
 expect_contains "the way" "$(<"$work/host.log")" "user LUNs are made through configfs"
 expect_eq "the numbers" "$(numbers)" "0 1"

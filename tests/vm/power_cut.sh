@@ -53,6 +53,7 @@ lun_dir=/mnt
 host_file $a "$(lun durable served 16MiB "number = 0")" \
     "$(lun weak served 16MiB "number = 1, faults = { durable = false }")" \
     "$(lun kernel file 16MiB "number = 2")" >"$work/host.toml"
+step "the other LUNs' files are made" moscsi-host create "$work/host.toml" durable kernel
 step "the host starts" host_start "$work/host.toml"
 step "host-a logs in" login $a "$target"
 for n in 0 1 2; do disks[n]=$(disk_of $a "$target" $n); done

@@ -12,6 +12,7 @@ host_file $a "${luns[@]}" >"$work/host.toml"
 
 step "a foreign target is there" foreign_target
 foreign_before=$(foreign_state)
+step "the LUN's file is made" moscsi-host create "$work/host.toml" served
 step "the host starts" host_start "$work/host.toml"
 step "host-a logs in" login $a "$target"
 disk=$(disk_of $a "$target" 0) memory_disk=$(disk_of $a "$target" 1)

@@ -10,6 +10,7 @@ bytes=$((mib << 20))
 step "Initialize" shell_start
 op create-target "$target"
 step "a memory LUN, number 0" op create-lun memory 0 "$target" /memory $bytes
+truncate -s $bytes "$served"
 step "a LUN on a file, automatic number" op create-lun served auto "$target" "$served" $bytes
 expect_eq "the number that was free" "${answer%% *}" 1
 step "both again" op create-lun memory 0 "$target" /memory $bytes

@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "framework/FileLocks.h"
 #include "framework/UniqueFd.h"
 #include "tools/targetcli/Proc.h"
 
