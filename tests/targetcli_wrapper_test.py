@@ -24,6 +24,7 @@ prefs=${TARGETCLI_HOME:-$HOME/.targetcli}/prefs.bin
 if [ ! -e "$prefs" ]; then
     : >"$prefs"
     printf '%s=%s\n' auto_add_mapped_luns true auto_use_daemon true logfile "${prefs%/*}/log.txt" other kept \
+        auto_enable_tpgt true \
         >"$prefs.new"
     cat "$prefs.new" >"$prefs"
 fi
@@ -254,8 +255,10 @@ class Preferences(WrapperTest):
             fcntl.flock(lock, fcntl.LOCK_EX)
             self.expect(self.start("ls"), 124, rf".*process {os.getpid()} \(\S+\) is making them.*")
 
-    def test_another_release_of_targetcli_makes_its_own(self):
-        self.run_wrapper("ls")
+    def test_who_wants_closed_targets_and_another_release_of_targetcli_have_sets_of_their_own(self):
+        self.assertIn("auto_enable_tpgt=true", self.run_wrapper("ls")[1])
+        self.assertIn("auto_enable_tpgt=false", self.run_wrapper("ls", MOSCSI_TARGETCLI_CLOSED=1)[1])
+        self.assertIn("auto_enable_tpgt=true", self.run_wrapper("ls")[1])
         self.install_fake(FAKE.replace("other kept", "other newer"))
         self.assertIn("other=newer", self.run_wrapper("ls")[1])
 

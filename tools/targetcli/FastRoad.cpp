@@ -26,6 +26,7 @@ struct FormHandler {
 };
 constexpr FormHandler kHandlers[] = {
     {Form::kTargetCreate, CreateTarget},
+    {Form::kClosedTargetCreate, CreateClosedTarget},
     {Form::kTargetDelete, DeleteTarget},
     {Form::kAclCreate, CreateAcl},
     {Form::kMappingCreate, CreateMapping},
@@ -92,11 +93,13 @@ int Work(const CommandLine& line, const Settings& settings, const std::string& r
 std::optional<FastRun> TakeFastRoad(const std::vector<std::string>& arguments,
                                     const Settings& settings, const std::string& real,
                                     TimeLimit& limit, const Interrupts& interrupts) {
-    const auto line = CommandLine::Parse(arguments);
+    auto line = CommandLine::Parse(arguments);
     if (!line) {
         NoteRoad(settings.stateDir, "slow", "other", "a line of no known form");
         return std::nullopt;
     }
+    if (line->form == Form::kTargetCreate && settings.closedTargets)
+        line->form = Form::kClosedTargetCreate;
     ChildOutput out;
     ChildOutput err;
     const Command command = {real, arguments, "", [&] { return Work(*line, settings, real); }};
