@@ -143,6 +143,26 @@ class ServeTest(ProgramTest):
                 self.assertEqual(self.objects(), [])
                 self.assertEqual(self.log()[-1], "Cleanup")
 
+    def test_a_target_opens_last_also_when_a_host_was_killed_before(self):
+        group = self.configfs / "iscsi" / TARGET / "tpgt_1"
+        note = self.dir / "run/closed" / TARGET
+        for step in ("CreateTarget", "CreateLun", "MapHost"):
+            process = self.start(FAKE_WAIT=step)
+            wait_until((self.dir / "log.begun").exists)
+            self.assertEqual((group / "enable").read_text(), "0\n", step)
+            process.kill()
+            process.wait()
+            (self.dir / "log.begun").unlink()
+        ours = note.read_text()
+        note.write_text("another boot\n")
+        self.assertIn("has its portal group disabled", self.ends(self.start())[1])
+        note.write_text(ours)
+        process = self.ready("--discard-lost-memory")
+        self.assertEqual((group / "enable").read_text().strip(), "1")
+        self.assertFalse(note.exists())
+        process.terminate()
+        self.assertEqual(self.finish(process)[0], 0)
+
     def test_waits_for_a_command_that_an_earlier_host_left_running(self):
         running = self.write("run/targetcli/running", "")
         earlier = self.spawn("flock", "--shared", "--close", running,

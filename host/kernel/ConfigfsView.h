@@ -58,6 +58,7 @@ struct AclView {
 struct PortalGroupView {
     unsigned tag = 0;
     bool enabled = false;
+    bool opensLater = false;    ///< not enabled, and the reader knows that it is to be
     bool admitsAnyone = false;  ///< generate_node_acls
     std::vector<LunView> luns;
     std::vector<AclView> acls;

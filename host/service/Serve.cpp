@@ -11,6 +11,7 @@
 #include "host/kernel/PlanObjects.h"
 #include "host/plan/StorageCheck.h"
 #include "host/service/BusWait.h"
+#include "host/service/ClosedTargets.h"
 #include "host/service/EarlierCommands.h"
 #include "host/service/HostLock.h"
 #include "host/service/HostLog.h"
@@ -49,6 +50,7 @@ class Service {
           m_options(options),
           m_console(console),
           m_record(environment.stateDirectory),
+          m_closed(environment.runDirectory, environment.configfs),
           m_stop(environment.runDirectory,
                  kStopBase + kStopPerObject * static_cast<int>(plan.ObjectCount()),
                  [this] { GiveUp(); }),
@@ -71,7 +73,9 @@ class Service {
     bool CleanUp();
     [[noreturn]] void GiveUp();
 
-    ConfigfsView Look() const { return ReadConfigfs(m_environment.configfs); }
+    ConfigfsView Look() const;
+    bool NoteNewTargets();
+    bool OpenTargets();
 
     bool Fail(const std::string& line) {
         m_console.Complain(line);
@@ -89,6 +93,7 @@ class Service {
     const ServeOptions& m_options;
     Console& m_console;
     LunRecord m_record;
+    ClosedTargets m_closed;
     StopSignals m_stop;
     HostStatus m_status;
     MoScsiSrvPlatform* m_platform = nullptr;
@@ -99,6 +104,14 @@ class Service {
     bool m_clean = true;    // nothing failed, nothing of ours is left
     StatusServer m_server;  // last: its thread reads the others
 };
+
+ConfigfsView Service::Look() const {
+    ConfigfsView view = ReadConfigfs(m_environment.configfs);
+    for (TargetView& target : view.targets)
+        for (PortalGroupView& group : target.groups)
+            group.opensLater = m_closed.Noted(target.name);
+    return view;
+}
 
 bool Service::Load() {
     if (const std::string fault = m_server.Start(); !fault.empty())
@@ -113,6 +126,10 @@ bool Service::Start() {
         RunStep(m_console, "initialise the platform", [&] { return m_platform->Initialize(); });
     if (!result.IsError()) {
         const std::string version = TargetcliVersion();
+        // Taken for an old one, it would make the host expect another road than the plug-in's.
+        if (version.empty())
+            return Fail(
+                "targetcli --version answered the platform and now says nothing: try again");
         m_manner = Manner::Of(version);
         m_console.Say(fmt::format("targetcli {}: user LUNs are made through {}", version,
                                   m_manner.userByConfigfs ? "configfs" : "targetcli"));
@@ -175,6 +192,22 @@ bool Service::NoteLuns() {
     return fault.empty() || Fail(fault);
 }
 
+bool Service::NoteNewTargets() {
+    for (const TargetPlan& target : m_plan.targets)
+        if (m_before.Target(target.name) == nullptr)
+            if (const std::string fault = m_closed.Note(target.name); !fault.empty())
+                return Fail(fault);
+    return true;
+}
+
+bool Service::OpenTargets() {
+    for (const TargetPlan& target : m_plan.targets)
+        if (m_closed.Noted(target.name))
+            if (const std::string fault = m_closed.Open(target.name); !fault.empty())
+                return Fail(fault);
+    return true;
+}
+
 bool Service::PrepareData() {
     TellMissing();
     std::set<const LunPlan*> lost = LostMemory(m_plan, m_before);
@@ -210,7 +243,8 @@ bool Service::Apply() {
         m_plan, *m_platform, m_console, m_manner,
         [this](const LunPlan& lun) { return m_data.Of(lun); },
         [this](const LunPlan& lun) { return m_record.NumberOf(lun); });
-    bool good = NoteLuns() && m_executor->Apply(m_before, [this] { return m_stop.Asked(); });
+    bool good = NoteLuns() && NoteNewTargets() &&
+                m_executor->Apply(m_before, [this] { return m_stop.Asked(); });
     for (const TargetPlan& target : m_plan.targets)
         for (const LunPlan& lun : target.luns)
             if (const auto number = m_executor->NumberOf(lun))
@@ -218,8 +252,10 @@ bool Service::Apply() {
     if (good && NoteLuns()) {
         const ConfigfsView after = Look();
         m_data.SetTimeOuts(m_plan, after);
-        good = Refuse(FaultsAfter(m_plan, after, m_manner),
-                      "what was made is not what " + m_plan.file + " says; it is taken down again");
+        good =
+            Refuse(FaultsAfter(m_plan, after, m_manner),
+                   "what was made is not what " + m_plan.file + " says; it is taken down again") &&
+            OpenTargets();
     } else {
         good = false;
     }
@@ -236,7 +272,11 @@ void Service::TakeDown(bool all) {
                           : m_executor->TakeDownMade(Look(), outOfTime);
     if (!done && m_stop.OutOfTime())
         m_console.Complain("the time for stopping is over");
-    m_clean = Refuse(Leftovers(m_plan, all ? ConfigfsView() : m_before, Look()),
+    const ConfigfsView left = Look();
+    for (const TargetPlan& target : m_plan.targets)
+        if (left.Target(target.name) == nullptr)
+            m_closed.Forget(target.name);
+    m_clean = Refuse(Leftovers(m_plan, all ? ConfigfsView() : m_before, left),
                      "not everything could be taken down") &&
               m_clean;
 }
@@ -292,6 +332,7 @@ int Serve(const Plan& plan, const Config& config, const Environment& environment
     SurviveBrokenPipes();
     QueuedOutput::FlushAtFaults();
     PrepareSearchPath(environment);
+    setenv("MOSCSI_TARGETCLI_CLOSED", "1", 1);  // new targets open last: ClosedTargets.h
     g_ptrLogWriter =
         MakeHostLog(config.logToSyslog, options.logLevel.value_or(config.logLevel.value_or(0)));
 
