@@ -7,7 +7,9 @@ using HostConfigTest = PlanTest;
 TEST_F(HostConfigTest, EachFaultIsOneLineWithItsPlace) {
     Make("empty.img", 0);
     Make("odd.img", 1000);
-    Make("Upper.img", 512);
+    for (const char* name : {"Upper", "rofs", "fixed", "bad", "loop", "swap", "open"})
+        Make(name + std::string(".img"), 512);
+    const std::ofstream writer(dir / "open.img", std::ios::app);
     fs::create_hard_link(dir / "good.img", dir / "link.img");
     const auto file = [](const std::string& keys) { return kTarget + LunText("file", keys); };
     const auto block = [](const std::string& keys) { return kTarget + LunText("block", keys); };
@@ -39,6 +41,13 @@ TEST_F(HostConfigTest, EachFaultIsOneLineWithItsPlace) {
         {file("path='@/odd.img'"), 6, "is 1000 bytes long"},
         {file("path='@/good.img'\nsize=512"), 7, "is 1024 bytes long"},
         {file("path='@/Upper.img'"), 6, "upper-case"},
+        {file("path='@/rofs.img'"), 6, "mounted read-only"},
+        {file("path='@/fixed.img'"), 6, "chattr -i"},
+        {file("path='@/bad.img'"), 6, "opened for writing (Input/output error)"},
+        {file("path='@/loop.img'"), 6, "is behind the loop device 7:4"},
+        {file("path='@/swap.img'"), 6, "is swap space"},
+        {LunText("user", "backing='file'\npath='@/open.img'").insert(0, kTarget), 7,
+         "is open for writing by process "},
         {file("path='good.img'\nsize=512"), 6, "no absolute path"},
         {good + LunText("file", "path='@/link.img'", "b"), 10, "used by two LUNs"},
         {file("path='@/new.img'\nsize=512") + LunText("file", "path='@/./new.img'\nsize=512", "b"),

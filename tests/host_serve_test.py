@@ -232,6 +232,19 @@ class ServeTest(ProgramTest):
         self.assertEqual(self.finish(self.host("check", f"{self.dir}/f.toml"))[0], 1)
         self.assertIn("served here before", self.create("one")[1])
 
+    def test_says_who_else_has_a_file(self):
+        lock = "import fcntl, signal, struct, sys; f = open(sys.argv[1], sys.argv[2]); " \
+               "fcntl.fcntl(f, 37, struct.pack('hhqqi4x', fcntl.F_RDLCK, 0, 100, 1, 0)); print('x', flush=True); signal.pause()"
+        for mode, verb, said in (("rb+", "check", "two is open for writing by"), ("rb", "serve", "two is in use by")):
+            holder = self.spawn(sys.executable, "-c", lock, self.dir / "two", mode)
+            self.assertEqual(holder.stdout.readline(), "x\n")
+            process = self.start() if verb == "serve" else self.host(verb, f"{self.dir}/f.toml")
+            self.assertRegex(self.ends(process)[1], rf"{said} process {holder.pid} \(python.*\)")
+            holder.kill()
+            holder.wait()
+        self.ready()
+        self.assertEqual(self.finish(self.host("check", f"{self.dir}/f.toml"))[0], 0)  # ours doesn't count
+
     def test_a_bus_that_accepts_and_says_nothing_is_not_waited_for(self):
         process = self.start(FAKE_WAIT="Initialize")
         wait_until((self.dir / "log.begun").exists)

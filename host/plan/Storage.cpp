@@ -1,12 +1,16 @@
 #include "host/plan/Storage.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/sysmacros.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <sstream>
 
 #include "framework/SmallFile.h"
+#include "framework/UniqueFd.h"
+#include "host/data/FileHolders.h"
 
 namespace {
 
@@ -56,6 +60,28 @@ PathFacts Storage::LookAt(const std::string& path) const {
         facts.identity = fmt::format("file {} on {}", info.st_ino, NumbersOf(info.st_dev));
     }
     return facts;
+}
+
+int Storage::WriteError(const std::string& path) const {
+    const UniqueFd file(open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    // Whether root could is root's to find out.
+    return file.Valid() || (errno == EACCES && geteuid() != 0) ? 0 : errno;
+}
+
+std::string Storage::FileUse(const std::string& path) const {
+    struct stat file {};
+    if (stat(path.c_str(), &file) != 0)
+        return {};
+    std::istringstream swaps = Content(m_roots.swaps);
+    for (std::string line; std::getline(swaps, line);) {
+        std::error_code ignored;
+        if (fs::equivalent(line.substr(0, line.find_first_of(" \t")), path, ignored))
+            return "is swap space";
+    }
+    if (const std::string loop = LoopDeviceOf(file, m_roots.sysBlock); !loop.empty())
+        return "is behind " + loop;
+    const std::string holder = HolderOf(file, Hold::Writing, m_roots.ours);
+    return holder.empty() ? "" : fmt::format("is open for writing by {}", holder);
 }
 
 fs::path Storage::DirectoryOf(dev_t device) const {

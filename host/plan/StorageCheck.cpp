@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <cerrno>
 #include <cstring>
 
 #include "host/plan/Identity.h"
@@ -55,7 +56,28 @@ void StorageCheck::CheckFile(const PathFacts& facts, LunPlan& plan) {
                    fmt::format("{} is {} bytes long, which is no positive multiple of 512: "
                                "lengthen it with truncate -s",
                                config.path, facts.length));
+        else
+            CheckWritable(plan);
     }
+}
+
+void StorageCheck::CheckWritable(const LunPlan& plan) {
+    const std::string& path = plan.config.path;
+    const int error = m_storage.WriteError(path);
+    if (error == EROFS)
+        Refuse(plan, "path",
+               fmt::format("{} is on a file system that is mounted read-only: mount it writable",
+                           path));
+    else if (error == EPERM)
+        Refuse(plan, "path",
+               fmt::format("{} is immutable or append-only: change that with chattr -i -a", path));
+    else if (error != 0)
+        Refuse(
+            plan, "path",
+            fmt::format("{} can't be opened for writing ({}): mend that", path, strerror(error)));
+    else if (const std::string use = m_storage.FileUse(path); !use.empty())
+        Refuse(plan, "path",
+               fmt::format("{} {}: two writers would spoil it; end the other use", path, use));
 }
 
 void StorageCheck::CheckDevice(const PathFacts& facts, LunPlan& plan) {

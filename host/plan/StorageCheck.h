@@ -23,6 +23,7 @@ class StorageCheck {
 
   private:
     void CheckFile(const PathFacts& facts, LunPlan& plan);
+    void CheckWritable(const LunPlan& plan);
     void CheckDevice(const PathFacts& facts, LunPlan& plan);
 
     void Refuse(const LunPlan& plan, const char* key, const std::string& text) {

@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "framework/LogWriters.h"
+#include "host/data/BackingFile.h"
 #include "host/kernel/PlanObjects.h"
 #include "host/plan/StorageCheck.h"
 #include "host/service/BusWait.h"
@@ -63,6 +64,7 @@ class Service {
     bool WaitForEarlier();
     bool PrepareData();
     void TellMissing();
+    bool LockKernelFiles();
     bool NoteLuns();
     bool Apply();
     void TakeDown(bool all);
@@ -93,6 +95,7 @@ class Service {
     Manner m_manner;
     ConfigfsView m_before;
     UserData m_data;
+    std::vector<BackingFile> m_kernelFiles;  // locked while the kernel serves them
     std::unique_ptr<PlanExecutor> m_executor;
     bool m_clean = true;    // nothing failed, nothing of ours is left
     StatusServer m_server;  // last: its thread reads the others
@@ -173,8 +176,23 @@ bool Service::NoteLuns() {
     return fault.empty() || Fail(fault);
 }
 
+/// Whoever else would write to them meets the lock; the kernel doesn't.
+bool Service::LockKernelFiles() {
+    for (const TargetPlan& target : m_plan.targets)
+        for (const LunPlan& lun : target.luns) {
+            if (lun.config.type != LunType::File || lun.missing)
+                continue;
+            std::string error;
+            if (!m_kernelFiles.emplace_back().Open(lun.config.path, lun.size, error))
+                return Fail(fmt::format("{}: {}", lun.Title(), error));
+        }
+    return true;
+}
+
 bool Service::PrepareData() {
     TellMissing();
+    if (!LockKernelFiles())
+        return false;
     std::set<const LunPlan*> lost = LostMemory(m_plan, m_before);
     for (const LunPlan* lun : lost)
         m_console.Say(fmt::format(
