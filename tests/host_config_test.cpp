@@ -60,6 +60,9 @@ TEST_F(HostConfigTest, EachFaultIsOneLineWithItsPlace) {
         {block("path='/dev/loop3'"), 6, "is part of dm-0"},
         {kTarget + Memory(""), 3, "needs size"},
         {kTarget + Memory("size='3TiB'"), 7, "more than 2 TiB"},
+        {kTarget + Memory("size='1900GiB'") + Memory("size='1950GiB'", "b") +
+             Memory("size=512", "c"),
+         12, "come to 3850 GiB, and this machine can give 3906250 MiB"},
         {kTarget + Memory("size=512\npath='/m'") + Memory("size=512\npath='/m'", "b"), 14,
          "would be one object"},
         {kTarget + Memory("size=512\nnumber=4") + Memory("size=512\nnumber=4", "b"), 14,
@@ -108,6 +111,8 @@ TEST_F(HostConfigTest, EachFaultIsOneLineWithItsPlace) {
                     ElementsAre(AllOf(StartsWith(place), HasSubstr(phrase), Not(HasSubstr("\n")))))
             << text;
     }
+    PlanOf(kTarget + Memory("size='1900GiB'") + Memory("size='1800GiB'", "b"));
+    EXPECT_THAT(problems.Lines(), ElementsAre()) << "what a host holds already doesn't count";
     PlanOf(file("path='@/new.img'\nsize=1\nnumber=300") + Memory("size=1", "b"));
     EXPECT_EQ(problems.Lines().size(), 3U) << "all at once";
     PlanOf(faultPlan("durable=1\n[[target.lun.faults.rule]]\nkind='short'\nerrno=0\nrate=2"));

@@ -30,6 +30,16 @@ std::string FirstWord(const fs::path& file) {
     return word;
 }
 
+/// The number behind "KEY", in lines of "Key:   number kB".
+std::optional<uint64_t> KilobytesIn(const fs::path& file, const std::string& key) {
+    std::istringstream words = Content(file);
+    uint64_t number = 0;
+    for (std::string word; words >> word;)
+        if (word == key && words >> number)
+            return number;
+    return std::nullopt;
+}
+
 /// True when `path` is the block device `majorMinor`. File systems that span devices show an
 /// anonymous number in the mount table and the device only as the mount's source.
 bool IsDevice(const std::string& path, const std::string& majorMinor) {
@@ -60,6 +70,17 @@ PathFacts Storage::LookAt(const std::string& path) const {
         facts.identity = fmt::format("file {} on {}", info.st_ino, NumbersOf(info.st_dev));
     }
     return facts;
+}
+
+std::optional<uint64_t> Storage::MemoryToGive() const {
+    const auto available = KilobytesIn(m_roots.proc / "meminfo", "MemAvailable:");
+    if (!available)
+        return std::nullopt;
+    uint64_t kilobytes = *available;
+    for (const pid_t process : m_roots.ours)
+        kilobytes +=
+            KilobytesIn(m_roots.proc / std::to_string(process) / "status", "RssShmem:").value_or(0);
+    return kilobytes * 1024;
 }
 
 int Storage::WriteError(const std::string& path) const {

@@ -15,7 +15,9 @@ struct StorageRoots {
     std::filesystem::path sysBlock = "/sys/dev/block";
     std::filesystem::path mountInfo = "/proc/self/mountinfo";
     std::filesystem::path swaps = "/proc/swaps";
-    /// Processes whose use of a file doesn't count: this one, and the host that serves already.
+    std::filesystem::path proc = "/proc";  ///< meminfo, and processes' status
+    /// Processes whose use of files and memory doesn't count: this one, and the host that serves
+    /// already.
     std::set<pid_t> ours;
 };
 
@@ -45,6 +47,10 @@ class Storage {
     /// Returns: who else could write to the file ("process 12 (qemu-img) has it open for writing");
     /// empty when nobody is seen.
     std::string FileUse(const std::string& path) const;
+
+    /// How much memory the machine can give to memory LUNs: what is available, and what those of
+    /// the host that serves already hold. Nothing when the kernel doesn't say.
+    std::optional<uint64_t> MemoryToGive() const;
 
     /// A block device's length in bytes, as sysfs has it.
     std::optional<uint64_t> DeviceSize(dev_t device) const;

@@ -61,6 +61,19 @@ void StorageCheck::CheckFile(const PathFacts& facts, LunPlan& plan) {
     }
 }
 
+/// Memory is taken as it is written: too much of it isn't refused then, the kernel kills the host.
+void StorageCheck::CheckMemory(const LunPlan& plan) {
+    constexpr uint64_t kMebibyte = 1 << 20;
+    const uint64_t given = m_storage.MemoryToGive().value_or(UINT64_MAX);
+    const bool wereGood = m_memory <= given;
+    m_memory += plan.size;
+    if (wereGood && m_memory > given)
+        Refuse(plan, "size",
+               fmt::format("the memory LUNs up to this one come to {}, and this machine can give "
+                           "{}: make them smaller",
+                           SizeText(m_memory), SizeText(given / kMebibyte * kMebibyte)));
+}
+
 void StorageCheck::CheckWritable(const LunPlan& plan) {
     const std::string& path = plan.config.path;
     const int error = m_storage.WriteError(path);
@@ -121,6 +134,7 @@ void StorageCheck::Check(LunPlan& plan) {
         if (!config.size)
             Refuse(plan, "size",
                    fmt::format("a LUN on {} needs size = \"...\"", BackingName(config.backing)));
+        CheckMemory(plan);
     } else {
         const PathFacts facts = m_storage.LookAt(config.path);
         if (facts.error != 0) {

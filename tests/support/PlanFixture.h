@@ -40,7 +40,7 @@ struct DeviceStorage : Storage {
 struct PlanTest : Test {
     TempDirectory directory;
     const fs::path& dir = directory.path;
-    StorageRoots roots{dir / "sys", dir / "mountinfo", dir / "swaps", {}};
+    StorageRoots roots{dir / "sys", dir / "mountinfo", dir / "swaps", dir / "proc", {7}};
 
     PlanTest() {
         Make("good.img", 1024);
@@ -53,6 +53,8 @@ struct PlanTest : Test {
         FakeConfigfs::Write(dir / "sys/7:4/loop/backing_file", (dir / "loop.img").string());
         FakeConfigfs::Write(dir / "swaps",
                             "Filename\tType\n" + (dir / "swap.img").string() + " file");
+        FakeConfigfs::Write(dir / "proc/meminfo", "MemTotal: 9 kB\nMemAvailable: 3000000000 kB");
+        FakeConfigfs::Write(dir / "proc/7/status", "Name: moscsi-host\nRssShmem: 1000000000 kB");
         FakeConfigfs::Write(dir / "mountinfo", "36 1 259:5 / /srv/data rw - ext4 /dev/none rw");
         FakeConfigfs::Write(dir / "sys/7:3/holders/dm-0/dev", "");
     }
