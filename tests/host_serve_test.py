@@ -118,6 +118,14 @@ class ServeTest(ProgramTest):
             self.env["MOSCSI_TARGETCLI_REAL"] = self.dir / real
             self.assertIn(f"{real} is not the real targetcli program", self.ends(self.start())[1])
 
+    def test_a_start_that_fails_ends_with_the_cause(self):
+        for script, fail, last in (("echo process 7 holds the lock >&2; exit 1", "Initialize:1", "process 7 holds the lock"),
+                                   ("echo x x 2.1.fb53", "Initialize:1", "targetcli answers by now.* start again"),
+                                   ("echo x x 2.1.fb40", "Initialize:1", "Initialize failed as told"),
+                                   ("echo process 7 holds; exit 1", "", "targetcli doesn't say its version.* start again")):
+            self.write("bin/targetcli", f"#!/bin/sh\n{script}\n", 0o755)
+            self.assertRegex(self.ends(self.start(FAKE_FAIL=fail))[1], rf"\nmoscsi-host: {last}\n\Z|\Amoscsi-host: {last}\n\Z")
+
     def test_every_failure_leaves_nothing_of_this_run(self):
         for name, value, line in (
                 *(("FAKE_FAIL", step, "failed as told")
@@ -308,7 +316,9 @@ class ServeTest(ProgramTest):
                 result, out, err = self.finish(self.host("check", self.write("f.toml", text)))
                 self.assertRegex(out + err, rf"\A{said}\n\Z")
                 self.assertEqual(result, status)
-        self.assertIn("can't be read", self.finish(self.host("check", self.dir))[2])
+        os.mkfifo(self.dir / "fifo")
+        for file in (self.dir, self.dir / "none", self.dir / "fifo", "/dev/zero"):
+            self.assertRegex(self.finish(self.host("check", file))[2], r"\Amoscsi-host: .*: can't be read .*\n\Z")
 
 
 if os.geteuid() != 0:

@@ -24,6 +24,7 @@
 
 namespace {
 
+constexpr char kOldestTargetcli[] = "2.1.fb41";  // as text, as the plug-in compares it
 constexpr std::chrono::seconds kBusLimit{20};
 constexpr std::chrono::seconds kCommandLimit{150};  // the wrapper gives up after 20 s and 120 s
 constexpr std::chrono::seconds kStopBase{30};
@@ -114,14 +115,23 @@ bool Service::Start() {
         RunStep(m_console, "initialise the platform", [&] { return m_platform->Initialize(); });
     if (!result.IsError()) {
         const std::string version = TargetcliVersion();
+        if (version.empty())
+            return Fail(
+                "targetcli doesn't say its version any more: see what `targetcli --version` says, "
+                "and start again");
         m_manner = Manner::Of(version);
         m_console.Say(fmt::format("targetcli {}: user LUNs are made through {}", version,
                                   m_manner.userByConfigfs ? "configfs" : "targetcli"));
         return true;
     }
+    // What the plug-in makes of it, then the cause: a targetcli that couldn't answer looks old to
+    // it.
+    m_console.Complain(result.Message());
     if (const std::string words = StartComplaint(m_environment); !words.empty())
-        m_console.Complain(words);
-    return Fail(result.Message());
+        return Fail(words);
+    if (const std::string version = TargetcliVersion(); version >= kOldestTargetcli)
+        return Fail(fmt::format("targetcli answers by now, as {}: start again", version));
+    return false;
 }
 
 bool Service::WaitForBus() {

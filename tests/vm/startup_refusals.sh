@@ -83,7 +83,9 @@ cleanup sh -c "pkill -x targetcli || true"
 # shellcheck disable=SC2154 # bash sets it for the coprocess
 open_pid=$open_PID
 wait_until 60 sh -c "lsof -t /run/targetcli.lock || fuser /run/targetcli.lock"
-MOSCSI_TARGETCLI_LOCK_WAIT=2 refuses "process $open_pid" "a targetcli that somebody left open" "${serve[@]}" "$good"
+last_complaint() { "$@" 2>&1 | grep '^moscsi-host: ' | tail -n 1; }
+MOSCSI_TARGETCLI_LOCK_WAIT=2 refuses "process $open_pid" "a targetcli that somebody left open" \
+    last_complaint "${serve[@]}" "$good"
 echo exit >&"${open[1]}"
 wait_until 20 ended "$open_pid"
 
