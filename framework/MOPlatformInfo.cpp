@@ -3,11 +3,11 @@
 #include <unistd.h>
 
 #include <array>
-#include <toml.hpp>
 
 #include "framework/CLogWriterInterface.h"
 #include "framework/MOPI_Base.h"
 #include "framework/Mutex.h"
+#include "framework/TomlFile.h"
 
 namespace {
 
@@ -25,31 +25,93 @@ PlatformFacts DefaultFacts() {
     return facts;
 }
 
-/// Takes a key that may be missing but, unlike toml::find_or, not of another type.
-template <typename T>
-void Take(const toml::value& table, const char* key, T& target) {
-    if (table.contains(key))
-        target = toml::find<T>(table, key);
-}
-
-/// What the file holds, over the defaults. Throws what toml11 throws.
-PlatformFacts ParseFacts(const std::string& file) {
-    const toml::value root = toml::parse(file);
-    PlatformFacts facts = DefaultFacts();
-    Take(root, "home", facts.homeDirectory);
-    Take(root, "machine", facts.physicalMachine);
-    if (root.contains("strings"))
-        for (const auto& [section, keys] : toml::find<toml::table>(root, "strings"))
-            for (const auto& [key, value] : keys.as_table())
-                facts.strings[section][key] = value.as_string().str;
-    if (root.contains("clients")) {
-        for (const auto& [machine, entry] : toml::find<toml::table>(root, "clients")) {
-            PlatformFacts::Client client;
-            client.id = static_cast<uint64_t>(toml::find<int64_t>(entry, "id"));
-            Take(entry, "iscsi_port", client.iscsiPort);
-            facts.clients[machine] = client;
-        }
+/// Reads the file's values; the first that can't be is the fault.
+class FactsReader {
+  public:
+    /// The text below `key` in `table`, over what `text` holds.
+    void Text(const toml::value& table, const std::string& key, std::string& text) {
+        if (const toml::value* value = Find(table, key); value != nullptr && value->is_string())
+            text = value->as_string().str;
+        else if (value != nullptr)
+            Refuse(*value, key + " must be a text in quotes");
     }
+
+    /// A directory whose name a shell takes as it stands.
+    void Directory(const toml::value& table, const std::string& key, std::string& path) {
+        Text(table, key, path);
+        const toml::value* value = Find(table, key);
+        if (value == nullptr || !m_fault.text.empty())
+            return;
+        constexpr char kFit[] =
+            "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/._:@+-";
+        if (!path.starts_with('/') || (path.ends_with('/') && path != "/") ||
+            path.find_first_not_of(kFit) != std::string::npos)
+            Refuse(*value, key +
+                               " must be an absolute path of letters, digits and . _ : @ + - /, "
+                               "without / at its end");
+    }
+
+    int64_t Number(const toml::value& table, const std::string& key, int64_t least, int64_t most,
+                   int64_t otherwise) {
+        const toml::value* value = Find(table, key);
+        if (value == nullptr)
+            return otherwise;
+        if (value->is_integer() && value->as_integer() >= least && value->as_integer() <= most)
+            return value->as_integer();
+        Refuse(*value, key + " must be a whole number from " + std::to_string(least) + " to " +
+                           std::to_string(most));
+        return otherwise;
+    }
+
+    /// The tables or values below `key`; none when it isn't there.
+    toml::table Entries(const toml::value& table, const std::string& key) {
+        const toml::value* value = Find(table, key);
+        if (value == nullptr)
+            return {};
+        if (value->is_table())
+            return value->as_table();
+        Refuse(*value, key + " must be a table");
+        return {};
+    }
+
+    void Refuse(const toml::value& value, const std::string& text) {
+        if (m_fault.text.empty())
+            m_fault = {static_cast<unsigned>(value.location().line()), text};
+    }
+
+    const TomlFault& Fault() const { return m_fault; }
+
+  private:
+    const toml::value* Find(const toml::value& table, const std::string& key) {
+        if (!table.is_table()) {
+            Refuse(table, "this must be a table");
+            return nullptr;
+        }
+        const auto found = table.as_table().find(key);
+        return found == table.as_table().end() ? nullptr : &found->second;
+    }
+
+    TomlFault m_fault;
+};
+
+/// What the file holds, over the defaults.
+PlatformFacts FactsOf(const toml::value& root, TomlFault& fault) {
+    PlatformFacts facts = DefaultFacts();
+    FactsReader reader;
+    reader.Directory(root, "home", facts.homeDirectory);
+    reader.Text(root, "machine", facts.physicalMachine);
+    for (const auto& [section, keys] : reader.Entries(root, "strings"))
+        for (const auto& [key, value] : reader.Entries(root.at("strings"), section))
+            reader.Text(keys, key, facts.strings[section][key]);
+    for (const auto& [machine, entry] : reader.Entries(root, "clients")) {
+        PlatformFacts::Client client;
+        if (!entry.is_table() || !entry.contains("id"))
+            reader.Refuse(entry, "clients." + machine + " must be a table with an id");
+        client.id = static_cast<uint64_t>(reader.Number(entry, "id", 0, INT64_MAX, 0));
+        client.iscsiPort = static_cast<int>(reader.Number(entry, "iscsi_port", 1, 65535, -1));
+        facts.clients[machine] = client;
+    }
+    fault = reader.Fault();
     return facts;
 }
 
@@ -74,8 +136,8 @@ std::shared_ptr<const PlatformFacts> CurrentFacts() {
         if (access(kFactsFile, F_OK) == 0) {
             const std::string fault = MOPlatformInfo::readFacts(kFactsFile, facts);
             if (!fault.empty())
-                g_ptrLogWriter->WriteMessage(-1, __PRETTY_FUNCTION__, __LINE__, 0, 0, "%s",
-                                             fault.c_str());
+                g_ptrLogWriter->WriteMessage(-1, __PRETTY_FUNCTION__, __LINE__, 0, 0,
+                                             "%s (the defaults are used)", fault.c_str());
         }
         store.facts = std::make_shared<const PlatformFacts>(std::move(facts));
     }
@@ -105,17 +167,15 @@ void MOPlatformInfo::setFacts(const PlatformFacts& facts) {
 }
 
 std::string MOPlatformInfo::readFacts(const std::string& file, PlatformFacts& facts) {
-    try {
-        facts = ParseFacts(file);
-        return {};
-    } catch (const std::exception& fault) {
-        // toml11 explains itself in a paragraph with a picture of the line; one line serves a log.
-        std::string text = fault.what();
-        for (char& c : text)
-            if (c == '\n')
-                c = ' ';
-        return "platform file " + file + " can't be used, the defaults are: " + text;
-    }
+    TomlFault fault;
+    if (const std::optional<std::string> text = ReadTomlText(file, fault))
+        if (const std::optional<toml::value> root = ParseToml(*text, file, fault))
+            if (PlatformFacts read = FactsOf(*root, fault); fault.text.empty()) {
+                facts = std::move(read);
+                return {};
+            }
+    const std::string line = fault.line == 0 ? "" : ":" + std::to_string(fault.line);
+    return "platform file " + file + line + ": " + fault.text;
 }
 
 MOPI_Base::MOPI_Base() : m_home(CurrentFacts()->homeDirectory) {}

@@ -32,6 +32,10 @@ struct PlatformFacts {
 ///     id = 2
 ///     iscsi_port = 3260
 ///
+/// The home is an absolute path that a shell takes as it stands, an id isn't negative, a port is
+/// from 1 to 65535; the file is read with the guards of framework/TomlFile.h. One that can't be
+/// used is a line in the log, and the defaults count.
+///
 /// Thread: any; a change by setFacts is seen by calls that begin later.
 class MO_EXPORT MOPlatformInfo {
   public:

@@ -9,6 +9,7 @@
 #include "framework/QueuedOutput.h"
 #include "host/kernel/Compare.h"
 #include "host/service/CreateFiles.h"
+#include "host/service/HostLock.h"
 #include "host/service/ProcessStart.h"
 #include "host/service/Serve.h"
 #include "host/status/HostStatus.h"
@@ -30,8 +31,10 @@ bool MakePlanOf(const std::string& file, const Environment& environment, Console
                 Config& config, Plan& plan) {
     Problems problems;
     config = ReadConfig(file, problems);
+    StorageRoots roots;
+    roots.ours = {getpid(), HostLock::Holder(environment.runDirectory)};
     if (problems.Empty())
-        plan = MakePlan(config, environment.port, Storage(), problems);
+        plan = MakePlan(config, environment.port, Storage(roots), problems);
     return !Complain(console, problems.Lines());
 }
 

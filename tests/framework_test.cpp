@@ -234,7 +234,25 @@ TEST(FactsTest, FileGivesHomeStringsAndTheServicePort) {
     ASSERT_EQ(read("home='/h'\nmachine='m'\n[strings.Base]\ndBASEHOME='/b'\n"
                    "[clients.m]\nid=5\niscsi_port=3261\n[clients.other]\nid=6\n"),
               "");
-    EXPECT_THAT(read("home=3\n"), testing::ContainsRegex("^[^\n]*" + file + "[^\n]*$"));
+    const std::pair<std::string, const char*> faults[] = {
+        {"\nhome=3", ":2: home must be a text"},
+        {"home='h'", ":1: home must be an absolute path"},
+        {"home='/h/'", ":1: home must be an absolute path"},
+        {"home='/a b'", ":1: home must be an absolute path"},
+        {"home='/h'\nhome='/i'", ":2: has \"home\" a second time: leave one"},
+        {"home='/h\xE9'", ":1: has a character that isn't UTF-8"},
+        {"home=" + std::string(100000, '['), ": can't be read: .*nest"},
+        {std::string(1 << 20, '#') + "\n", ": can't be read: it is longer"},
+        {"machine=", ":1: is not TOML: .*: mend the line"},
+        {"[strings]\na=1", ":2: a must be a table"},
+        {"[strings.a]\nb=1", ":2: b must be a text"},
+        {"clients=1", ":1: clients must be a table"},
+        {"[clients]\na=1", ":2: clients.a must be a table with an id"},
+        {"[clients.a]\nid=-1", ":2: id must be a whole number from 0"},
+        {"[clients.a]\nid=1\niscsi_port=65536", ":3: iscsi_port must be a whole number"},
+    };
+    for (const auto& [text, said] : faults)
+        EXPECT_THAT(read(text), testing::ContainsRegex("^[^\n]*" + file + said + "[^\n]*$"));
     MOPlatformInfo::setFacts(facts);
     EXPECT_STREQ(MOPI_Base().getHomeDirectory(), "/h");
     std::string value = "untouched";

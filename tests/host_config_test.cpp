@@ -7,7 +7,9 @@ using HostConfigTest = PlanTest;
 TEST_F(HostConfigTest, EachFaultIsOneLineWithItsPlace) {
     Make("empty.img", 0);
     Make("odd.img", 1000);
-    Make("Upper.img", 512);
+    for (const char* name : {"Upper", "rofs", "fixed", "bad", "loop", "swap", "open"})
+        Make(name + std::string(".img"), 512);
+    const std::ofstream writer(dir / "open.img", std::ios::app);
     fs::create_hard_link(dir / "good.img", dir / "link.img");
     const auto file = [](const std::string& keys) { return kTarget + LunText("file", keys); };
     const auto block = [](const std::string& keys) { return kTarget + LunText("block", keys); };
@@ -39,6 +41,13 @@ TEST_F(HostConfigTest, EachFaultIsOneLineWithItsPlace) {
         {file("path='@/odd.img'"), 6, "is 1000 bytes long"},
         {file("path='@/good.img'\nsize=512"), 7, "is 1024 bytes long"},
         {file("path='@/Upper.img'"), 6, "upper-case"},
+        {file("path='@/rofs.img'"), 6, "mounted read-only"},
+        {file("path='@/fixed.img'"), 6, "chattr -i"},
+        {file("path='@/bad.img'"), 6, "opened for writing (Input/output error)"},
+        {file("path='@/loop.img'"), 6, "is behind the loop device 7:4"},
+        {file("path='@/swap.img'"), 6, "is swap space"},
+        {LunText("user", "backing='file'\npath='@/open.img'").insert(0, kTarget), 7,
+         "is open for writing by process "},
         {file("path='good.img'\nsize=512"), 6, "no absolute path"},
         {good + LunText("file", "path='@/link.img'", "b"), 10, "used by two LUNs"},
         {file("path='@/new.img'\nsize=512") + LunText("file", "path='@/./new.img'\nsize=512", "b"),
@@ -51,6 +60,9 @@ TEST_F(HostConfigTest, EachFaultIsOneLineWithItsPlace) {
         {block("path='/dev/loop3'"), 6, "is part of dm-0"},
         {kTarget + Memory(""), 3, "needs size"},
         {kTarget + Memory("size='3TiB'"), 7, "more than 2 TiB"},
+        {kTarget + Memory("size='1900GiB'") + Memory("size='1950GiB'", "b") +
+             Memory("size=512", "c"),
+         12, "come to 3850 GiB, and this machine can give 3906250 MiB"},
         {kTarget + Memory("size=512\npath='/m'") + Memory("size=512\npath='/m'", "b"), 14,
          "would be one object"},
         {kTarget + Memory("size=512\nnumber=4") + Memory("size=512\nnumber=4", "b"), 14,
@@ -81,6 +93,11 @@ TEST_F(HostConfigTest, EachFaultIsOneLineWithItsPlace) {
         {rule("kind='error'\nrate=1.5"), 11, "up to 1"},
         {rule("kind='error'\non='both'"), 11, "none of \"read\", \"write\", \"any\""},
         {rule("kind='error'\nwhile_file='x'"), 11, "absolute path"},
+        {"[[target]]\nname=''\n", 2, "name is empty"},
+        {good + LunText("file", "path='@/new.img'\nsize=512", ""), 8, "name is empty"},
+        {good + Initiator("", "['a']"), 8, "name is empty"},
+        {good + "size=1024\nsize=1024\n", 8, "has \"size\" a second time: leave one"},
+        {good + "size=\n", 7, "is not TOML: missing value"},
         {"[[target]]\nname='h\xE9'\n", 2, "isn't UTF-8"},
         {"[[target]]\nname='iqn.2026-01.com.Example:t'\n", 2, "upper-case"},
         {"[[target]]\nname='iqn.2026-13.com.example:t'\n", 2, "no iSCSI qualified name"},
@@ -99,6 +116,8 @@ TEST_F(HostConfigTest, EachFaultIsOneLineWithItsPlace) {
                     ElementsAre(AllOf(StartsWith(place), HasSubstr(phrase), Not(HasSubstr("\n")))))
             << text;
     }
+    PlanOf(kTarget + Memory("size='1900GiB'") + Memory("size='1800GiB'", "b"));
+    EXPECT_THAT(problems.Lines(), ElementsAre()) << "what a host holds already doesn't count";
     PlanOf(file("path='@/new.img'\nsize=1\nnumber=300") + Memory("size=1", "b"));
     EXPECT_EQ(problems.Lines().size(), 3U) << "all at once";
     PlanOf(faultPlan("durable=1\n[[target.lun.faults.rule]]\nkind='short'\nerrno=0\nrate=2"));

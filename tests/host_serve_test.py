@@ -132,6 +132,14 @@ class ServeTest(ProgramTest):
             self.env["MOSCSI_TARGETCLI_REAL"] = self.dir / real
             self.assertIn(f"{real} is not the real targetcli program", self.ends(self.start())[1])
 
+    def test_a_start_that_fails_ends_with_the_cause(self):
+        for script, fail, last in (("echo process 7 holds the lock >&2; exit 1", "Initialize:1", "process 7 holds the lock"),
+                                   ("echo x x 2.1.fb53", "Initialize:1", "targetcli answers by now.* start again"),
+                                   ("echo x x 2.1.fb40", "Initialize:1", "Initialize failed as told"),
+                                   ("echo process 7 holds; exit 1", "", "targetcli doesn't say its version.* start again")):
+            self.write("bin/targetcli", f"#!/bin/sh\n{script}\n", 0o755)
+            self.assertRegex(self.ends(self.start(FAKE_FAIL=fail))[1], rf"\nmoscsi-host: {last}\n\Z|\Amoscsi-host: {last}\n\Z")
+
     def test_every_failure_leaves_nothing_of_this_run(self):
         for name, value, line in (
                 *(("FAKE_FAIL", step, "failed as told")
@@ -268,6 +276,19 @@ class ServeTest(ProgramTest):
         self.assertEqual(self.finish(self.host("check", f"{self.dir}/f.toml"))[0], 1)
         self.assertIn("served here before", self.create("one")[1])
 
+    def test_says_who_else_has_a_file(self):
+        lock = "import fcntl, signal, struct, sys; f = open(sys.argv[1], sys.argv[2]); " \
+               "fcntl.fcntl(f, 37, struct.pack('hhqqi4x', fcntl.F_RDLCK, 0, 100, 1, 0)); print('x', flush=True); signal.pause()"
+        for mode, verb, said in (("rb+", "check", "two is open for writing by"), ("rb", "serve", "two is in use by")):
+            holder = self.spawn(sys.executable, "-c", lock, self.dir / "two", mode)
+            self.assertEqual(holder.stdout.readline(), "x\n")
+            process = self.start() if verb == "serve" else self.host(verb, f"{self.dir}/f.toml")
+            self.assertRegex(self.ends(process)[1], rf"{said} process {holder.pid} \(python.*\)")
+            holder.kill()
+            holder.wait()
+        self.ready()
+        self.assertEqual(self.finish(self.host("check", f"{self.dir}/f.toml"))[0], 0)  # ours doesn't count
+
     def test_a_bus_that_accepts_and_says_nothing_is_not_waited_for(self):
         process = self.start(FAKE_WAIT="Initialize")
         wait_until((self.dir / "log.begun").exists)
@@ -364,7 +385,9 @@ class ServeTest(ProgramTest):
                 result, out, err = self.finish(self.host("check", self.write("f.toml", text)))
                 self.assertRegex(out + err, rf"\A{said}\n\Z")
                 self.assertEqual(result, status)
-        self.assertIn("can't be read", self.finish(self.host("check", self.dir))[2])
+        os.mkfifo(self.dir / "fifo")
+        for file in (self.dir, self.dir / "none", self.dir / "fifo", "/dev/zero"):
+            self.assertRegex(self.finish(self.host("check", file))[2], r"\Amoscsi-host: .*: can't be read .*\n\Z")
 
 
 if os.geteuid() != 0:

@@ -27,11 +27,11 @@ extern "C" int __wrap_fsync(int fd) {
     return g_failingSync-- == 1 ? -1 : __real_fsync(fd);
 }
 
-extern "C" int __real_open(const char* path, int flags, ...);
-extern "C" int __wrap_open(const char* path, int flags, mode_t mode) {
+extern "C" int __real_open64(const char* path, int flags, ...);
+extern "C" int __wrap_open64(const char* path, int flags, mode_t mode) {
     errno = EOPNOTSUPP;
     return g_refuseUnnamed && (flags & O_TMPFILE) == O_TMPFILE ? -1
-                                                               : __real_open(path, flags, mode);
+                                                               : __real_open64(path, flags, mode);
 }
 // NOLINTEND(bugprone-reserved-identifier)
 
@@ -106,5 +106,10 @@ TEST_F(Files, RefusesWhatIsNotTheLunsFile) {
     BackingFile other;
     EXPECT_THAT(Open(other), HasSubstr("in use by another LUN"));
     { const BackingFile moved = std::move(file); }
+    struct flock asQemu = {F_RDLCK, SEEK_SET, 100, 1, 0};
+    UniqueFd reader(open(path.c_str(), O_RDONLY));
+    EXPECT_EQ(fcntl(reader.Get(), F_OFD_SETLK, &asQemu), 0);
+    EXPECT_THAT(Open(other), HasSubstr("in use by another LUN"));
+    reader.Close();
     EXPECT_EQ(Open(other), "");
 }

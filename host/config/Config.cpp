@@ -2,21 +2,14 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <array>
-#include <cerrno>
 #include <charconv>
-#include <cstring>
-#include <sstream>
 
-#include "framework/SmallFile.h"
+#include "framework/TomlFile.h"
 #include "host/config/FaultPlanReader.h"
 #include "host/config/TableReader.h"
 
 namespace {
-
-constexpr size_t kMaxFileBytes = 1 << 20;
-constexpr int kMaxNesting = 64;
 
 LunConfig ReadLun(const toml::value& table, const std::string& file, Problems& problems) {
     TableReader reader(table, file, "[[target.lun]]", problems);
@@ -86,20 +79,6 @@ void ReadService(const toml::value& table, Config& config, Problems& problems) {
     reader.RefuseUnknownKeys();
 }
 
-/// The parser recurses into nested values: what no configuration needs must not reach it.
-bool NestsTooDeep(const std::string& text) {
-    int depth = 0;
-    for (const char c : text) {
-        if (c == '[' || c == '{')
-            ++depth;
-        else if ((c == ']' || c == '}') && depth > 0)
-            --depth;
-        if (depth > kMaxNesting)
-            return true;
-    }
-    return false;
-}
-
 }  // namespace
 
 Place KeyPlaces::At(const std::string& key) const {
@@ -110,47 +89,31 @@ Place KeyPlaces::At(const std::string& key) const {
 Config ParseConfig(const std::string& text, const std::string& file, Problems& problems) {
     Config config;
     config.file = file;
-    if (text.size() > kMaxFileBytes || NestsTooDeep(text)) {
-        problems.Add({file, 0},
-                     "is no configuration: it is longer than 1 MiB, or brackets nest "
-                     "more than 64 deep");
+    TomlFault fault;
+    const std::optional<toml::value> root = ParseToml(text, file, fault);
+    if (!root) {
+        problems.Add({file, fault.line}, fault.text);
         return config;
     }
-    // Before it parses: the library reads past its buffer to complain of a string that isn't UTF-8.
-    if (const std::ptrdiff_t bad = toml::detail::check_utf8_validity(text); bad >= 0) {
-        const auto line = 1 + std::count(text.begin(), text.begin() + bad, '\n');
-        problems.Add({file, static_cast<unsigned>(line)},
-                     "has a character that isn't UTF-8: save the file as UTF-8");
-        return config;
-    }
-    try {
-        std::istringstream stream(text);
-        const toml::value root = toml::parse(stream, file);
-        TableReader reader(root, file, "the file", problems);
-        if (const toml::value* service = reader.Table("service"))
-            ReadService(*service, config, problems);
-        for (const toml::value& target : reader.Tables("target"))
-            config.targets.push_back(ReadTarget(target, file, problems));
-        reader.RefuseUnknownKeys();
-        if (config.targets.empty() && problems.Empty())
-            problems.Add({file, 0}, "names no target: add a [[target]] table");
-    } catch (const std::exception& fault) {
-        problems.Add(SyntaxPlace(fault, file), "is not TOML: " + SyntaxText(fault));
-    }
+    TableReader reader(*root, file, "the file", problems);
+    if (const toml::value* service = reader.Table("service"))
+        ReadService(*service, config, problems);
+    for (const toml::value& target : reader.Tables("target"))
+        config.targets.push_back(ReadTarget(target, file, problems));
+    reader.RefuseUnknownKeys();
+    if (config.targets.empty() && problems.Empty())
+        problems.Add({file, 0}, "names no target: add a [[target]] table");
     return config;
 }
 
 Config ReadConfig(const std::string& file, Problems& problems) {
-    const std::optional<std::string> text = ReadSmallFile(file);
-    if (!text) {
-        problems.Add({file, 0}, fmt::format("can't be read ({}): give the name of a configuration "
-                                            "file",
-                                            strerror(errno)));
-        Config config;
-        config.file = file;
-        return config;
-    }
-    return ParseConfig(*text, file, problems);
+    TomlFault fault;
+    if (const std::optional<std::string> text = ReadTomlText(file, fault))
+        return ParseConfig(*text, file, problems);
+    problems.Add({file, fault.line}, fault.text);
+    Config config;
+    config.file = file;
+    return config;
 }
 
 std::optional<uint64_t> ParseSize(const std::string& text) {

@@ -59,7 +59,10 @@ void TableReader::RefuseChoice(const std::string& key, const std::string& text,
 
 std::string TableReader::RequiredString(const std::string& key) {
     Require(key);
-    return String(key).value_or("");
+    const std::optional<std::string> text = String(key);
+    if (text && text->empty())
+        Complain(key, fmt::format("{} is empty: give it a text", key));
+    return text.value_or("");
 }
 
 bool TableReader::IsString(const std::string& key, const std::string& text) {
@@ -168,17 +171,4 @@ void TableReader::RefuseUnknownKeys() {
         if (!m_asked.contains(key))
             Complain(key, fmt::format("{} knows no key \"{}\"; it knows: {}", m_what, key,
                                       fmt::join(m_asked, ", ")));
-}
-
-Place SyntaxPlace(const std::exception& fault, const std::string& file) {
-    const auto* syntax = dynamic_cast<const toml::exception*>(&fault);
-    return {file, syntax == nullptr ? 0 : static_cast<unsigned>(syntax->location().line())};
-}
-
-std::string SyntaxText(const std::exception& fault) {
-    std::string text = fault.what();
-    text.resize(std::min(text.find('\n'), text.size()));
-    const size_t origin = text.find("toml::");  // "[error] toml::function: reason"
-    const size_t reason = origin == std::string::npos ? std::string::npos : text.find(": ", origin);
-    return reason == std::string::npos ? text : text.substr(reason + 2);
 }

@@ -24,7 +24,7 @@ class TableReader {
     // Each gives nothing when the key is missing, and when its value has been refused.
 
     std::optional<std::string> String(const std::string& key);
-    std::string RequiredString(const std::string& key);
+    std::string RequiredString(const std::string& key);  ///< not empty
 
     /// One of `rows`, by the name that `nameOf`, a function or a member, has for each.
     /// Returns: the row; null when the key is missing or names none.
@@ -97,8 +97,3 @@ class TableReader {
     KeyPlaces m_places;
     std::set<std::string> m_asked;
 };
-
-/// Where the parser stopped, and why, in one line: it explains itself in a paragraph with a picture
-/// of the source.
-Place SyntaxPlace(const std::exception& fault, const std::string& file);
-std::string SyntaxText(const std::exception& fault);

@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "host/data/FileHolders.h"
+
 namespace {
 
 std::string Failed(const char* what, const std::string& path) {
@@ -53,10 +55,23 @@ bool BackingFile::MakeBlocking(const std::string& path, std::string& error) {
 }
 
 bool BackingFile::Lock(const std::string& path, std::string& error) {
-    if (flock(m_file.Get(), LOCK_EX | LOCK_NB) == 0)
+    // Two, since who else writes to such files takes one or the other (QEMU the second): neither
+    // sees the other. Both end with the open file, whatever becomes of the process.
+    struct flock whole = {};
+    whole.l_type = F_WRLCK;
+    whole.l_whence = SEEK_SET;
+    if (flock(m_file.Get(), LOCK_EX | LOCK_NB) == 0 &&
+        fcntl(m_file.Get(), F_OFD_SETLK, &whole) == 0)
         return true;
-    error = errno == EWOULDBLOCK
-                ? fmt::format("{} is in use by another LUN or host; stop that one first", path)
-                : Failed("can't lock", path);
+    if (errno != EWOULDBLOCK && errno != EACCES) {
+        error = Failed("can't lock", path);
+        return false;
+    }
+    struct stat found = {};
+    std::string holder;
+    if (fstat(m_file.Get(), &found) == 0)
+        holder = HolderOf(found, Hold::Any, {getpid()});
+    error = fmt::format("{} is in use by {}; stop that one first", path,
+                        holder.empty() ? "another LUN or host" : holder);
     return false;
 }

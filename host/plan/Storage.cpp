@@ -1,12 +1,16 @@
 #include "host/plan/Storage.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/sysmacros.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <sstream>
 
 #include "framework/SmallFile.h"
+#include "framework/UniqueFd.h"
+#include "host/data/FileHolders.h"
 
 namespace {
 
@@ -24,6 +28,16 @@ std::string FirstWord(const fs::path& file) {
     std::string word;
     Content(file) >> word;
     return word;
+}
+
+/// The number behind "KEY", in lines of "Key:   number kB".
+std::optional<uint64_t> KilobytesIn(const fs::path& file, const std::string& key) {
+    std::istringstream words = Content(file);
+    uint64_t number = 0;
+    for (std::string word; words >> word;)
+        if (word == key && words >> number)
+            return number;
+    return std::nullopt;
 }
 
 /// True when `path` is the block device `majorMinor`. File systems that span devices show an
@@ -56,6 +70,39 @@ PathFacts Storage::LookAt(const std::string& path) const {
         facts.identity = fmt::format("file {} on {}", info.st_ino, NumbersOf(info.st_dev));
     }
     return facts;
+}
+
+std::optional<uint64_t> Storage::MemoryToGive() const {
+    const auto available = KilobytesIn(m_roots.proc / "meminfo", "MemAvailable:");
+    if (!available)
+        return std::nullopt;
+    uint64_t kilobytes = *available;
+    for (const pid_t process : m_roots.ours)
+        kilobytes +=
+            KilobytesIn(m_roots.proc / std::to_string(process) / "status", "RssShmem:").value_or(0);
+    return kilobytes * 1024;
+}
+
+int Storage::WriteError(const std::string& path) const {
+    const UniqueFd file(open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    // Whether root could is root's to find out.
+    return file.Valid() || (errno == EACCES && geteuid() != 0) ? 0 : errno;
+}
+
+std::string Storage::FileUse(const std::string& path) const {
+    struct stat file {};
+    if (stat(path.c_str(), &file) != 0)
+        return {};
+    std::istringstream swaps = Content(m_roots.swaps);
+    for (std::string line; std::getline(swaps, line);) {
+        std::error_code ignored;
+        if (fs::equivalent(line.substr(0, line.find_first_of(" \t")), path, ignored))
+            return "is swap space";
+    }
+    if (const std::string loop = LoopDeviceOf(file, m_roots.sysBlock); !loop.empty())
+        return "is behind " + loop;
+    const std::string holder = HolderOf(file, Hold::Writing, m_roots.ours);
+    return holder.empty() ? "" : fmt::format("is open for writing by {}", holder);
 }
 
 fs::path Storage::DirectoryOf(dev_t device) const {

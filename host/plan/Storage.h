@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <optional>
+#include <set>
 #include <string>
 
 /// What the machine says about files and block devices.
@@ -14,6 +15,10 @@ struct StorageRoots {
     std::filesystem::path sysBlock = "/sys/dev/block";
     std::filesystem::path mountInfo = "/proc/self/mountinfo";
     std::filesystem::path swaps = "/proc/swaps";
+    std::filesystem::path proc = "/proc";  ///< meminfo, and processes' status
+    /// Processes whose use of files and memory doesn't count: this one, and the host that serves
+    /// already.
+    std::set<pid_t> ours;
 };
 
 /// One path, looked at once, symbolic links followed.
@@ -35,6 +40,17 @@ class Storage {
 
     /// Virtual, so that a test can show devices that its machine hasn't got.
     virtual PathFacts LookAt(const std::string& path) const;
+
+    /// Returns: 0, or the errno of opening the file for writing. Virtual for the same reason.
+    virtual int WriteError(const std::string& path) const;
+
+    /// Returns: who else could write to the file ("process 12 (qemu-img) has it open for writing");
+    /// empty when nobody is seen.
+    std::string FileUse(const std::string& path) const;
+
+    /// How much memory the machine can give to memory LUNs: what is available, and what those of
+    /// the host that serves already hold. Nothing when the kernel doesn't say.
+    std::optional<uint64_t> MemoryToGive() const;
 
     /// A block device's length in bytes, as sysfs has it.
     std::optional<uint64_t> DeviceSize(dev_t device) const;

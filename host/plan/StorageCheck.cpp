@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <cerrno>
 #include <cstring>
 
 #include "host/plan/Identity.h"
@@ -55,7 +56,41 @@ void StorageCheck::CheckFile(const PathFacts& facts, LunPlan& plan) {
                    fmt::format("{} is {} bytes long, which is no positive multiple of 512: "
                                "lengthen it with truncate -s",
                                config.path, facts.length));
+        else
+            CheckWritable(plan);
     }
+}
+
+/// Memory is taken as it is written: too much of it isn't refused then, the kernel kills the host.
+void StorageCheck::CheckMemory(const LunPlan& plan) {
+    constexpr uint64_t kMebibyte = 1 << 20;
+    const uint64_t given = m_storage.MemoryToGive().value_or(UINT64_MAX);
+    const bool wereGood = m_memory <= given;
+    m_memory += plan.size;
+    if (wereGood && m_memory > given)
+        Refuse(plan, "size",
+               fmt::format("the memory LUNs up to this one come to {}, and this machine can give "
+                           "{}: make them smaller",
+                           SizeText(m_memory), SizeText(given / kMebibyte * kMebibyte)));
+}
+
+void StorageCheck::CheckWritable(const LunPlan& plan) {
+    const std::string& path = plan.config.path;
+    const int error = m_storage.WriteError(path);
+    if (error == EROFS)
+        Refuse(plan, "path",
+               fmt::format("{} is on a file system that is mounted read-only: mount it writable",
+                           path));
+    else if (error == EPERM)
+        Refuse(plan, "path",
+               fmt::format("{} is immutable or append-only: change that with chattr -i -a", path));
+    else if (error != 0)
+        Refuse(
+            plan, "path",
+            fmt::format("{} can't be opened for writing ({}): mend that", path, strerror(error)));
+    else if (const std::string use = m_storage.FileUse(path); !use.empty())
+        Refuse(plan, "path",
+               fmt::format("{} {}: two writers would spoil it; end the other use", path, use));
 }
 
 void StorageCheck::CheckDevice(const PathFacts& facts, LunPlan& plan) {
@@ -99,6 +134,7 @@ void StorageCheck::Check(LunPlan& plan) {
         if (!config.size)
             Refuse(plan, "size",
                    fmt::format("a LUN on {} needs size = \"...\"", BackingName(config.backing)));
+        CheckMemory(plan);
     } else {
         const PathFacts facts = m_storage.LookAt(config.path);
         if (facts.error != 0) {

@@ -23,6 +23,8 @@ class StorageCheck {
 
   private:
     void CheckFile(const PathFacts& facts, LunPlan& plan);
+    void CheckMemory(const LunPlan& plan);
+    void CheckWritable(const LunPlan& plan);
     void CheckDevice(const PathFacts& facts, LunPlan& plan);
 
     void Refuse(const LunPlan& plan, const char* key, const std::string& text) {
@@ -32,4 +34,5 @@ class StorageCheck {
     const Storage& m_storage;
     Problems& m_problems;
     Once m_used;
+    uint64_t m_memory = 0;  ///< of all memory LUNs so far
 };

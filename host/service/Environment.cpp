@@ -8,6 +8,7 @@
 #include <array>
 #include <cstdlib>
 #include <cstring>
+#include <sstream>
 
 #include "framework/EnvironmentVariable.h"
 #include "framework/FindTargetcli.h"
@@ -129,9 +130,12 @@ std::string StartComplaint(const Environment& environment) {
 }
 
 std::string TargetcliVersion() {
+    std::string answer;
+    // Not by way of cut, as the plug-in does: that would succeed where targetcli fails.
+    if (MoProcess::system("targetcli --version 2>&1", &answer, nullptr, 0, false) != 0)
+        return {};
+    std::istringstream words(answer.substr(0, answer.find('\n')));
     std::string version;
-    MoProcess::system("targetcli --version 2>&1  | cut -d' ' -f3", &version, nullptr, 0, false);
-    while (version.ends_with('\n'))
-        version.pop_back();
+    words >> version >> version >> version;
     return version;
 }

@@ -33,6 +33,6 @@ std::string MissingPrerequisite(const Environment& environment);
 /// returns the last words of the first that fails; empty when both succeed.
 std::string StartComplaint(const Environment& environment);
 
-/// The version by which the plug-in chose its manner, read as it reads it. Requires: Initialize
-/// succeeded.
+/// The version by which the plug-in chooses its manner, the third word of what targetcli says;
+/// empty when targetcli fails, because somebody holds its lock, say.
 std::string TargetcliVersion();

@@ -8,7 +8,10 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
+
+#include "framework/SmallFile.h"
 
 std::string HostLock::Take(const std::filesystem::path& runDirectory) {
     std::error_code error;
@@ -33,4 +36,12 @@ std::string HostLock::Take(const std::filesystem::path& runDirectory) {
     if (ftruncate(m_file.Get(), 0) != 0 || pwrite(m_file.Get(), pid.data(), pid.size(), 0) < 0)
         return fmt::format("can't write {} ({})", path.string(), strerror(errno));
     return {};
+}
+
+pid_t HostLock::Holder(const std::filesystem::path& runDirectory) {
+    // Its word is taken, since asking for the lock could keep a host that starts from getting it.
+    const std::string holder = FirstLineOf(runDirectory / "host.lock");
+    if (holder.empty() || FirstLineOf("/proc/" + holder + "/comm") != "moscsi-host")
+        return 0;
+    return static_cast<pid_t>(std::strtol(holder.c_str(), nullptr, 10));
 }

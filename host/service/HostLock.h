@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <filesystem>
 #include <string>
 
@@ -12,6 +14,9 @@ class HostLock {
     /// Takes the lock: a file in `runDirectory`, which is made when it isn't there.
     /// Returns: empty, or one line that says who has it, or what is wrong.
     std::string Take(const std::filesystem::path& runDirectory);
+
+    /// Returns: the host that runs with that directory; 0 when there is none.
+    static pid_t Holder(const std::filesystem::path& runDirectory);
 
   private:
     UniqueFd m_file;

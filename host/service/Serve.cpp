@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "framework/QueuedOutput.h"
+#include "host/data/BackingFile.h"
 #include "host/kernel/PlanObjects.h"
 #include "host/plan/StorageCheck.h"
 #include "host/service/BusWait.h"
@@ -26,6 +27,7 @@
 
 namespace {
 
+constexpr char kOldestTargetcli[] = "2.1.fb41";  // as text, as the plug-in compares it
 constexpr std::chrono::seconds kBusLimit{20};
 constexpr std::chrono::seconds kCommandLimit{150};  // the wrapper gives up after 20 s and 120 s
 constexpr std::chrono::seconds kStopBase{30};
@@ -67,6 +69,7 @@ class Service {
     bool WaitForEarlier();
     bool PrepareData();
     void TellMissing();
+    bool LockKernelFiles();
     bool NoteLuns();
     bool Apply();
     void TakeDown(bool all);
@@ -100,6 +103,7 @@ class Service {
     Manner m_manner;
     ConfigfsView m_before;
     UserData m_data;
+    std::vector<BackingFile> m_kernelFiles;  // locked while the kernel serves them
     std::unique_ptr<PlanExecutor> m_executor;
     bool m_clean = true;    // nothing failed, nothing of ours is left
     StatusServer m_server;  // last: its thread reads the others
@@ -126,18 +130,23 @@ bool Service::Start() {
         RunStep(m_console, "initialise the platform", [&] { return m_platform->Initialize(); });
     if (!result.IsError()) {
         const std::string version = TargetcliVersion();
-        // Taken for an old one, it would make the host expect another road than the plug-in's.
         if (version.empty())
             return Fail(
-                "targetcli --version answered the platform and now says nothing: try again");
+                "targetcli doesn't say its version any more: see what `targetcli --version` says, "
+                "and start again");
         m_manner = Manner::Of(version);
         m_console.Say(fmt::format("targetcli {}: user LUNs are made through {}", version,
                                   m_manner.userByConfigfs ? "configfs" : "targetcli"));
         return true;
     }
+    // What the plug-in makes of it, then the cause: a targetcli that couldn't answer looks old to
+    // it.
+    m_console.Complain(result.Message());
     if (const std::string words = StartComplaint(m_environment); !words.empty())
-        m_console.Complain(words);
-    return Fail(result.Message());
+        return Fail(words);
+    if (const std::string version = TargetcliVersion(); version >= kOldestTargetcli)
+        return Fail(fmt::format("targetcli answers by now, as {}: start again", version));
+    return false;
 }
 
 bool Service::WaitForBus() {
@@ -208,8 +217,23 @@ bool Service::OpenTargets() {
     return true;
 }
 
+/// Whoever else would write to them meets the lock; the kernel doesn't.
+bool Service::LockKernelFiles() {
+    for (const TargetPlan& target : m_plan.targets)
+        for (const LunPlan& lun : target.luns) {
+            if (lun.config.type != LunType::File || lun.missing)
+                continue;
+            std::string error;
+            if (!m_kernelFiles.emplace_back().Open(lun.config.path, lun.size, error))
+                return Fail(fmt::format("{}: {}", lun.Title(), error));
+        }
+    return true;
+}
+
 bool Service::PrepareData() {
     TellMissing();
+    if (!LockKernelFiles())
+        return false;
     std::set<const LunPlan*> lost = LostMemory(m_plan, m_before);
     for (const LunPlan* lun : lost)
         m_console.Say(fmt::format(

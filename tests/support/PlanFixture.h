@@ -14,7 +14,7 @@ namespace fs = std::filesystem;
 const std::string kTarget = "[[target]]\nname='iqn.2026-01.com.example:t'\n";
 const std::string kHost = "iqn.2026-01.com.example:h";
 
-/// A machine with a few devices that this one hasn't got.
+/// A machine with a few devices and file systems that this one hasn't got.
 struct DeviceStorage : Storage {
     using Storage::Storage;
 
@@ -27,6 +27,12 @@ struct DeviceStorage : Storage {
         facts.identity = "device 7:" + std::string(1, path.back());
         return facts;
     }
+    int WriteError(const std::string& path) const override {
+        const std::map<std::string, int> errors{
+            {"rofs.img", EROFS}, {"fixed.img", EPERM}, {"bad.img", EIO}};
+        const auto error = errors.find(fs::path(path).filename());
+        return error == errors.end() ? Storage::WriteError(path) : error->second;
+    }
 };
 
 /// A directory with a good file, and devices: one that is free, a read-only, a mounted and a used
@@ -34,7 +40,7 @@ struct DeviceStorage : Storage {
 struct PlanTest : Test {
     TempDirectory directory;
     const fs::path& dir = directory.path;
-    StorageRoots roots{dir / "sys", dir / "mountinfo", dir / "swaps"};
+    StorageRoots roots{dir / "sys", dir / "mountinfo", dir / "swaps", dir / "proc", {7}};
 
     PlanTest() {
         Make("good.img", 1024);
@@ -44,6 +50,11 @@ struct PlanTest : Test {
         }
         FakeConfigfs::Write(dir / "sys/7:2/loop2p1/partition", "1");
         FakeConfigfs::Write(dir / "sys/7:2/loop2p1/dev", "259:5");
+        FakeConfigfs::Write(dir / "sys/7:4/loop/backing_file", (dir / "loop.img").string());
+        FakeConfigfs::Write(dir / "swaps",
+                            "Filename\tType\n" + (dir / "swap.img").string() + " file");
+        FakeConfigfs::Write(dir / "proc/meminfo", "MemTotal: 9 kB\nMemAvailable: 3000000000 kB");
+        FakeConfigfs::Write(dir / "proc/7/status", "Name: moscsi-host\nRssShmem: 1000000000 kB");
         FakeConfigfs::Write(dir / "mountinfo", "36 1 259:5 / /srv/data rw - ext4 /dev/none rw");
         FakeConfigfs::Write(dir / "sys/7:3/holders/dm-0/dev", "");
     }

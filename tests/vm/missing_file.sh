@@ -17,7 +17,8 @@ fill() {
     mkdir "$work/mount"
     mount "$lost" "$work/mount"
     head -c 4M /dev/urandom >"$work/mount/data"
-    sync -f "$work/mount/data"
+    umount "$work/mount"
+    mount -o ro "$lost" "$work/mount" # a write that has begun would be repeated for minutes
 }
 step "its file system is mounted and has data" fill
 cleanup sh -c "umount -l $work/mount 2>/dev/null || true"

@@ -33,6 +33,28 @@ sed 's|/lun.img||' "$good" >"$work/bad.toml"
 refuses "bad.toml:5" "a directory as path" "${serve[@]}" "$work/bad.toml"
 refuses "nothing.toml" "a configuration that isn't there" "${serve[@]}" "$work/nothing.toml"
 
+# Files that can't be written, or that somebody else writes.
+mkdir "$work/ro"
+mount -t tmpfs tmpfs "$work/ro"
+cleanup umount "$work/ro"
+fixed=/var/tmp/fixed.img
+truncate -s 8M "$work/ro/lun.img" $fixed
+mount -o remount,ro "$work/ro"
+chattr +i $fixed
+cleanup sh -c "chattr -i $fixed; rm $fixed"
+unwritable() { # PATH TEXT WHAT
+    sed "s|$work/lun.img|$1|" "$good" >"$work/bad.toml"
+    refuses "$2" "$3" moscsi-host check "$work/bad.toml"
+}
+unwritable "$work/ro/lun.img" "mounted read-only" "a read-only file system"
+unwritable $fixed "is immutable" "an immutable file"
+loop=$(losetup --find --show "$work/lun.img")
+unwritable "$work/lun.img" "behind the loop device ${loop#/dev/}" "a file behind a loop device"
+losetup -d "$loop"
+exec {open}<>"$work/lun.img"
+unwritable "$work/lun.img" "open for writing by process" "a file that a process writes"
+exec {open}>&-
+
 refuses "upgrade to targetcli version 2.1.fb41 or higher" "an old targetcli" \
     env MOSCSI_TARGETCLI_VERSION=2.1.fb40 "${serve[@]}" "$good"
 hidden() { # FILE CMD...: with FILE out of the way
@@ -61,7 +83,9 @@ cleanup sh -c "pkill -x targetcli || true"
 # shellcheck disable=SC2154 # bash sets it for the coprocess
 open_pid=$open_PID
 wait_until 60 sh -c "lsof -t /run/targetcli.lock || fuser /run/targetcli.lock"
-MOSCSI_TARGETCLI_LOCK_WAIT=2 refuses "process $open_pid" "a targetcli that somebody left open" "${serve[@]}" "$good"
+last_complaint() { "$@" 2>&1 | grep '^moscsi-host: ' | tail -n 1; }
+MOSCSI_TARGETCLI_LOCK_WAIT=2 refuses "process $open_pid" "a targetcli that somebody left open" \
+    last_complaint "${serve[@]}" "$good"
 echo exit >&"${open[1]}"
 wait_until 20 ended "$open_pid"
 
