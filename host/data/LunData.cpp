@@ -35,9 +35,8 @@ std::unique_ptr<DataEngine> MakeQueueAndEngine(const LunDataConfig& config, Back
         if (engine)
             return engine;
         if (config.engine == FileEngineChoice::Uring) {
-            error =
-                fmt::format("no io_uring for {} ({}); allow it, or leave the choice to the host",
-                            config.path, reason);
+            error = fmt::format("no io_uring for {} ({}); allow it, or use engine = \"auto\"",
+                                config.path, reason);
             return nullptr;
         }
         MO_LOG(kLogConfirm, "%s: no io_uring (%s), threads serve the file", config.name.c_str(),
