@@ -62,6 +62,8 @@ TEST_F(Faults, WhatIsHeldDoesNotLandOnWhatWasWrittenAfterIt) {
     for (const Backing backing : kBackings) {
         const std::string held = directory.path / "held";
         std::ofstream(held).put('x');
+        std::ofstream(path).put(0);
+        std::filesystem::resize_file(path, 65536);
         const FaultRule hold{.kind = FaultKind::Hold, .count = 1, .whileFile = held};
         ASSERT_EQ(LunTest::Make({"lun", backing, path, 65536, {.rules = {hold}}, {}}), "");
         Context older(0, 6, 'o');
