@@ -25,6 +25,9 @@ struct LunDataConfig {
     FaultPlan faults;
     FileEngineChoice engine = FileEngineChoice::Auto;  ///< Backing::File
     std::chrono::milliseconds commandTimeOut = kDefaultCommandTimeOut;
+
+    /// Where the data is, for people.
+    const char* Place() const;
 };
 
 /// The data operations of one user LUN: the object for MoScsiSrvLun's `bstoreOps`, its Context()
