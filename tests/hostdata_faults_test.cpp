@@ -2,6 +2,7 @@
 #include <cerrno>
 #include <nlohmann/json.hpp>
 
+#include "host/data/FailureLog.h"
 #include "host/data/FaultInjector.h"
 #include "tests/support/HostData.h"
 
@@ -34,9 +35,11 @@ TEST_F(Faults, ErrorMovesNothingAndShortMovesAPart) {
     EXPECT_EQ(Write('c'), -EIO);
     EXPECT_THAT(
         ToJson(lun->Snapshot()).dump(),
-        AllOf(HasSubstr(R"("aborted":0,)"), HasSubstr(R"("bytes_read":9,"bytes_written":6,)"),
-              HasSubstr(R"("errors":3,"faults":3,"ignored_completions":0,"on_loan":0,)"
-                        R"("reads":2,"unknown_aborts":0,"writes":3)")));
+        AllOf(
+            HasSubstr(R"("aborted":0,)"), HasSubstr(R"("bytes_read":9,"bytes_written":6,)"),
+            HasSubstr(
+                R"("errors":3,"failures":{"EIO":1,"ENOSPC":1},"faults":3,"ignored_completions":0,"on_loan":0,)"
+                R"("reads":2,"unknown_aborts":0,"writes":3)")));
 }
 
 TEST_F(Faults, WhatIsDelayedOrHeldEndsByAnAbortOrAStop) {
@@ -76,6 +79,30 @@ TEST_F(Faults, WhatIsHeldDoesNotLandOnWhatWasWrittenAfterIt) {
         EXPECT_EQ(Result(newer), 6);
         EXPECT_EQ(Read(), "6nnnnnn") << BackingName(backing);
     }
+}
+
+TEST(Failures, TheFirstOfAKindIsALineAndTheOthersOneAMinute) {
+    FailureLog log("lun", "/x");
+    const struct {
+        int second;
+        int number;
+        const char* line;
+    } failures[] = {
+        {0, ENOSPC, "lun: a write failed in /x: No space left on device"},
+        {1, ENOSPC, ""},
+        {2, EIO, "lun: a write failed in /x: Input/output error"},
+        {3, ECANCELED, ""},
+        {59, ENOSPC, ""},
+        {60, ENOSPC,
+         "lun: a write failed in /x: No space left on device (2 more since the last line)"},
+        {119, ENOSPC, ""},
+        {300, EIO, "lun: a write failed in /x: Input/output error"},
+    };
+    for (const auto& [second, number, line] : failures)
+        EXPECT_EQ(
+            log.Note(true, number, FailureLog::Clock::time_point(std::chrono::seconds(second + 9))),
+            line);
+    EXPECT_THAT(log.Counts(), ElementsAre(Pair(EIO, 2), Pair(ENOSPC, 5), Pair(ECANCELED, 1)));
 }
 
 TEST(FaultInjection, ARateHitsTheSameWayForTheSameSeed) {

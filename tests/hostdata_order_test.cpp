@@ -164,7 +164,9 @@ TEST_F(Scripted, EachTransferEndsOnceAndWhenItIsDurable) {
     }
     Make();
     Play("R0 0=512 R1 A1 0=-5 A0 1=512");  // its place is another's by the second end
-    EXPECT_EQ(trace, " r0 0:512 r1 1:512");
+    Play("W2 2=100 2=-28");
+    EXPECT_EQ(trace, " r0 0:512 r1 1:512 D2 D2+100 2:100");
+    EXPECT_THAT(lun->Snapshot().failures, ElementsAre(Pair(ENOSPC, 1)));
     EXPECT_EQ(lun->Snapshot().ignoredCompletions, 1U);
     EXPECT_EQ(lun->Snapshot().unknownAborts, 1U);
     EXPECT_EQ(lun->Snapshot().aborted, 1U);

@@ -31,7 +31,7 @@ void FileEngine::Start(Transfer& transfer) {
         BeginLocked(transfer);
     } else if (refusal == 0) {
         m_transfers.LimitWait(transfer);
-        m_waiting.push_back(&transfer);
+        m_waiting.Add(transfer);
         m_watched = true;
     }
     m_mutex.unlock();
@@ -104,9 +104,10 @@ void FileEngine::OnEnded(Ticket ticket, int64_t result) {
 }
 
 void FileEngine::OnMoved(Transfer& transfer, int64_t error) {
-    const int64_t result = transfer.done == 0 ? error : static_cast<int64_t>(transfer.done);
-    const bool sync = m_durable && transfer.write && !transfer.ownSync && result > 0;
-    std::vector<Refused> refused;
+    transfer.result = transfer.done == 0 ? error : static_cast<int64_t>(transfer.done);
+    transfer.failure = static_cast<int>(-error);
+    const bool sync = m_durable && transfer.write && !transfer.ownSync && transfer.result > 0;
+    TransferList refused;
     m_mutex.lock();
     --m_running;
     if (transfer.write)
@@ -117,81 +118,77 @@ void FileEngine::OnMoved(Transfer& transfer, int64_t error) {
             ++m_syncFailures;  // it may have been its sync
     }
     if (sync)
-        m_unsynced.push_back({&transfer, result});
+        m_unsynced.Add(transfer);
     // Before the next begins: it would carry its own sync beside this one.
     const bool startSync = TakeSyncLocked();
     Transfer* const next = TakeNextLocked(refused);
     m_mutex.unlock();
     if (!sync)
-        m_transfers.Finish(transfer.ticket, result);
+        m_transfers.Finish(transfer.ticket, transfer.result);
     if (startSync)
         SubmitSync();
     if (next != nullptr)
         Submit(*next);
-    Finish(refused);
+    Finish(std::move(refused));
 }
 
-Transfer* FileEngine::TakeNextLocked(std::vector<Refused>& refused) {
-    while (!m_waiting.empty()) {
-        Transfer* const next = m_waiting.front();
-        m_waiting.pop_front();
-        const int64_t refusal = next->Refusal();
-        if (refusal == 0) {
+Transfer* FileEngine::TakeNextLocked(TransferList& refused) {
+    while (Transfer* const next = m_waiting.Take()) {
+        next->result = next->Refusal();
+        if (next->result == 0) {
             BeginLocked(*next);
             return next;
         }
-        refused.push_back({next->ticket, refusal});
+        refused.Add(*next);
     }
     return nullptr;
 }
 
-void FileEngine::Finish(const std::vector<Refused>& refused) {
-    for (const Refused& each : refused)
-        m_transfers.Finish(each.ticket, each.result);
+void FileEngine::Finish(TransferList ended) {
+    while (const Transfer* const each = ended.Take())
+        m_transfers.Finish(each->ticket, each->result);
 }
 
 bool FileEngine::TakeSyncLocked() {
-    if (m_syncRuns || m_unsynced.empty())
+    if (m_syncRuns || m_unsynced.Empty())
         return false;
     m_syncRuns = true;
-    m_syncing.swap(m_unsynced);
+    m_syncing = std::move(m_unsynced);
     return true;
 }
 
 void FileEngine::OnSynced(int64_t result) {
-    std::vector<Written> synced;
+    TransferList synced;
     m_mutex.lock();
     if (result < 0)
         ++m_syncFailures;
-    synced.swap(m_syncing);
-    for (Written& each : synced) {
-        if (each.transfer->syncFailures != m_syncFailures)
-            each.result = -EIO;
+    while (Transfer* const each = m_syncing.Take()) {
+        if (each->syncFailures != m_syncFailures)
+            each->result = result < 0 ? result : -EIO;
+        synced.Add(*each);
     }
     m_syncRuns = false;
     const bool startSync = TakeSyncLocked();
     m_mutex.unlock();
     if (startSync)
         SubmitSync();
-    for (const Written& each : synced)
-        m_transfers.Finish(each.transfer->ticket, each.result);
+    Finish(std::move(synced));
 }
 
 Transfer::Clock::time_point FileEngine::EndRefused() {
-    std::vector<Refused> refused;
+    TransferList refused;
     auto next = Transfer::Clock::time_point::max();
     {
         const MutexGuard guard(m_mutex);
-        std::erase_if(m_waiting, [&](const Transfer* each) {
-            const int64_t refusal = each->Refusal();
-            if (refusal != 0)
-                refused.push_back({each->ticket, refusal});
-            else
+        TransferList waiting = std::move(m_waiting);
+        while (Transfer* const each = waiting.Take()) {
+            each->result = each->Refusal();
+            (each->result == 0 ? m_waiting : refused).Add(*each);
+            if (each->result == 0)
                 next = std::min(next, each->beginBefore);
-            return refusal != 0;
-        });
-        m_watched = !m_waiting.empty();
+        }
+        m_watched = !m_waiting.Empty();
     }
-    Finish(refused);
+    Finish(std::move(refused));
     return next;
 }

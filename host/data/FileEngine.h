@@ -1,14 +1,13 @@
 #pragma once
 
-#include <deque>
 #include <functional>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "host/data/BackingFile.h"
 #include "host/data/DataEngine.h"
 #include "host/data/FileQueue.h"
+#include "host/data/TransferList.h"
 
 /// A LUN in a file. Resumes what the kernel did in part, ends at the file's end with the bytes that
 /// were, and keeps the queue within its depth.
@@ -41,23 +40,13 @@ class FileEngine : public DataEngine {
     void Stop() override { m_queue->Stop(); }
 
   private:
-    /// A write whose bytes are in the file, and what it will report.
-    struct Written {
-        Transfer* transfer;
-        int64_t result;
-    };
-
-    struct Refused {
-        Ticket ticket;
-        int64_t result;
-    };
-
     FileEngine(bool durable, Transfers& transfers) : m_durable(durable), m_transfers(transfers) {}
 
     void BeginLocked(Transfer& transfer) MO_REQUIRES(m_mutex);
     /// Takes the next that may begin, or null; those before it that are refused go to `refused`.
-    Transfer* TakeNextLocked(std::vector<Refused>& refused) MO_REQUIRES(m_mutex);
-    void Finish(const std::vector<Refused>& refused);
+    Transfer* TakeNextLocked(TransferList& refused) MO_REQUIRES(m_mutex);
+    /// Ends each with its result.
+    void Finish(TransferList ended);
     void Submit(const Transfer& transfer);
     void SubmitSync();
     void OnEnded(Ticket ticket, int64_t result) MO_EXCLUDES(m_mutex);
@@ -72,13 +61,14 @@ class FileEngine : public DataEngine {
     std::function<void()> m_onWaiting;
 
     Mutex m_mutex;
-    size_t m_running MO_GUARDED_BY(m_mutex) = 0;             ///< at the queue, without the sync
-    std::deque<Transfer*> m_waiting MO_GUARDED_BY(m_mutex);  ///< beyond the queue's depth
-    bool m_watched MO_GUARDED_BY(m_mutex) = false;           ///< m_onWaiting was called for them
-    size_t m_writing MO_GUARDED_BY(m_mutex) = 0;             ///< the writes among m_running
-    bool m_syncRuns MO_GUARDED_BY(m_mutex) = false;          ///< the gathered one, or a write's own
-    std::vector<Written> m_syncing MO_GUARDED_BY(m_mutex);   ///< the running sync's
-    std::vector<Written> m_unsynced MO_GUARDED_BY(m_mutex);  ///< the next one's
+    size_t m_running MO_GUARDED_BY(m_mutex) = 0;     ///< at the queue, without the sync
+    TransferList m_waiting MO_GUARDED_BY(m_mutex);   ///< beyond the queue's depth
+    bool m_watched MO_GUARDED_BY(m_mutex) = false;   ///< m_onWaiting was called for them
+    size_t m_writing MO_GUARDED_BY(m_mutex) = 0;     ///< the writes among m_running
+    bool m_syncRuns MO_GUARDED_BY(m_mutex) = false;  ///< the gathered one, or a write's own
+    // Writes whose bytes are in the file.
+    TransferList m_syncing MO_GUARDED_BY(m_mutex);   ///< the running sync's
+    TransferList m_unsynced MO_GUARDED_BY(m_mutex);  ///< the next one's
     uint64_t m_syncFailures MO_GUARDED_BY(m_mutex) = 0;
 
     BackingFile m_file;

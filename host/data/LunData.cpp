@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <new>
 
 #include "host/data/BackingFile.h"
 #include "host/data/FileEngine.h"
@@ -15,15 +16,9 @@
 
 namespace {
 
-/// Where the data is, for people.
-const char* PlaceOf(const LunDataConfig& config) {
-    switch (config.backing) {
-        case Backing::Memory:
-            return BackingName(config.backing);
-        case Backing::File:
-            return config.path.c_str();
-    }
-    return nullptr;
+std::string NoThreads(const std::string& reason) {
+    return fmt::format("it can't be served ({}): raise the limit of threads (ulimit -u, pids.max)",
+                       reason);
 }
 
 std::unique_ptr<DataEngine> MakeQueueAndEngine(const LunDataConfig& config, BackingFile& file,
@@ -35,15 +30,17 @@ std::unique_ptr<DataEngine> MakeQueueAndEngine(const LunDataConfig& config, Back
         if (engine)
             return engine;
         if (config.engine == FileEngineChoice::Uring) {
-            error =
-                fmt::format("no io_uring for {} ({}); allow it, or leave the choice to the host",
-                            config.path, reason);
+            error = fmt::format("no io_uring for {} ({}); allow it, or use engine = \"auto\"",
+                                config.path, reason);
             return nullptr;
         }
         MO_LOG(kLogConfirm, "%s: no io_uring (%s), threads serve the file", config.name.c_str(),
                reason.c_str());
     }
-    return FileEngine::Make(file, durable, transfers, ThreadQueue::Make, error);
+    auto engine = FileEngine::Make(file, durable, transfers, ThreadQueue::Make, error);
+    if (!engine)
+        error = NoThreads(error);
+    return engine;
 }
 
 std::unique_ptr<DataEngine> MakeFileEngine(const LunDataConfig& config, Transfers& transfers,
@@ -68,6 +65,16 @@ std::unique_ptr<DataEngine> MakeEngine(const LunDataConfig& config, Transfers& t
 
 }  // namespace
 
+const char* LunDataConfig::Place() const {
+    switch (backing) {
+        case Backing::Memory:
+            return BackingName(backing);
+        case Backing::File:
+            return path.c_str();
+    }
+    return nullptr;
+}
+
 LunDataResult MakeLunData(const LunDataConfig& config, MoScsiSrvPlatform& platform) {
     LunDataResult result;
     if (config.sizeBytes == 0 || config.sizeBytes % 512 != 0 || config.sizeBytes > INT64_MAX) {
@@ -83,8 +90,12 @@ LunDataResult MakeLunData(const LunDataConfig& config, MoScsiSrvPlatform& platfo
         MO_LOG(kLogError, "%s: durability is off, a power cut loses acknowledged writes",
                config.name.c_str());
     MO_LOG(kLogConfirm, "%s: %lu bytes in %s, served by %s", config.name.c_str(),
-           static_cast<unsigned long>(config.sizeBytes), PlaceOf(config), parts->engine->Name());
-    result.data = std::make_unique<LunData>(std::move(parts));
+           static_cast<unsigned long>(config.sizeBytes), config.Place(), parts->engine->Name());
+    try {
+        result.data = std::make_unique<LunData>(std::move(parts));
+    } catch (const std::system_error& fault) {
+        result.error = NoThreads(NoThread(fault));
+    }
     return result;
 }
 
@@ -116,10 +127,14 @@ CRyError LunData::Begin(MoScsiSrvIO* ioctx, bool write) {
         m_parts->transfers.Open(ioctx, write, m_parts->config.sizeBytes, limit);
     if (transfer == nullptr)
         return CRyError::Success();
-    if (fault == nullptr)
-        BeginInOrder(*transfer);
-    else
-        BeginFaulty(*transfer, *fault);
+    try {
+        if (fault == nullptr)
+            BeginInOrder(*transfer);
+        else
+            BeginFaulty(*transfer, *fault);
+    } catch (const std::bad_alloc&) {
+        m_parts->transfers.Finish(transfer->ticket, -ENOMEM);  // the room had no place for it
+    }
     return CRyError::Success();
 }
 
@@ -163,7 +178,7 @@ void LunData::SetCommandTimeOut(std::chrono::milliseconds timeOut) {
 
 LunStatistics LunData::Snapshot() const {
     LunStatistics statistics = m_parts->transfers.Counters();
-    statistics.backing = PlaceOf(m_parts->config);
+    statistics.backing = m_parts->config.Place();
     statistics.engine = m_parts->engine->Name();
     return statistics;
 }

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "host/data/Backing.h"
+#include "host/data/EngineChoice.h"
 #include "host/data/FaultPlan.h"
 #include "host/data/LunStatistics.h"
 #include "platform/MoScsiSrvPlatform.h"
@@ -16,18 +17,17 @@ struct Transfer;
 /// attribute cmd_time_out (TCMU_TIME_OUT in drivers/target/target_core_user.c).
 inline constexpr std::chrono::milliseconds kDefaultCommandTimeOut{30000};
 
-/// What moves a file's data. Auto takes io_uring, or threads where the kernel refuses a ring (many
-/// containers do); both are equally durable.
-enum class FileEngineChoice { Auto, Uring, Threads };
-
 struct LunDataConfig {
     std::string name;  ///< for log lines
     Backing backing = Backing::Memory;
     std::string path;        ///< Backing::File: absolute path
     uint64_t sizeBytes = 0;  ///< a positive multiple of 512
     FaultPlan faults;
-    FileEngineChoice engine = FileEngineChoice::Auto;  ///< others for tests
+    FileEngineChoice engine = FileEngineChoice::Auto;  ///< Backing::File
     std::chrono::milliseconds commandTimeOut = kDefaultCommandTimeOut;
+
+    /// Where the data is, for people.
+    const char* Place() const;
 };
 
 /// The data operations of one user LUN: the object for MoScsiSrvLun's `bstoreOps`, its Context()

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <exception>
+#include <new>
 
 #include "util/Log.h"
 
@@ -50,23 +52,19 @@ void Transfer::Advance(uint64_t bytes) {
 
 Transfer* Transfers::Open(MoScsiSrvIO* ioctx, bool write, uint64_t backingSize, uint64_t limit) {
     m_mutex.lock();
-    if (m_shut) {
+    Transfer* const taken = m_shut ? nullptr : TakeFreeLocked();
+    if (taken == nullptr) {
+        const int64_t refusal = m_shut ? -ESHUTDOWN : -ENOMEM;
         m_mutex.unlock();
-        m_platform.IODone(ioctx, -ESHUTDOWN);
+        GiveBack(m_platform, ioctx, refusal);
         return nullptr;
     }
-    if (m_free.empty()) {
-        m_free.push_back(m_places.size());
-        Transfer& fresh = m_places.emplace_back();
-        fresh.ticket = m_free.back();
-        fresh.iov.reserve(kBuffersReserved);
-    }
-    Transfer& transfer = m_places[m_free.back()];
-    m_free.pop_back();
+    Transfer& transfer = *taken;
     transfer.write = write;
     transfer.offset = ioctx->offset;
     transfer.done = 0;
     transfer.firstBuffer = 0;
+    transfer.failure = 0;
     transfer.aborted = false;
     transfer.beginBefore = Transfer::Clock::time_point::max();
     transfer.ioctx = ioctx;
@@ -80,6 +78,32 @@ Transfer* Transfers::Open(MoScsiSrvIO* ioctx, bool write, uint64_t backingSize, 
     ++m_counters.onLoan;
     m_mutex.unlock();
     return &transfer;
+}
+
+Transfer* Transfers::TakeFreeLocked() {
+    if (m_free.empty()) {
+        try {
+            m_free.reserve(m_places.size() + 1);  // no end of a transfer needs memory then
+            Transfer& fresh = m_places.emplace_back();
+            fresh.ticket = m_places.size() - 1;
+            m_free.push_back(fresh.ticket);
+            fresh.iov.reserve(kBuffersReserved);
+        } catch (const std::bad_alloc&) {
+            return nullptr;
+        }
+    }
+    Transfer* const transfer = &m_places[m_free.back()];
+    m_free.pop_back();
+    return transfer;
+}
+
+void Transfers::GiveBack(MoScsiSrvPlatform& platform, MoScsiSrvIO* ioctx, int64_t result) {
+    try {
+        platform.IODone(ioctx, result);
+    } catch (const std::exception& fault) {
+        MO_LOG(kLogError, "the end of context %p was refused: %s", static_cast<void*>(ioctx),
+               fault.what());
+    }
 }
 
 void Transfers::SetCommandTimeOut(std::chrono::milliseconds timeOut) {
@@ -123,6 +147,8 @@ void Transfers::Finish(Ticket ticket, int64_t result) {
         (transfer->write ? m_counters.bytesWritten : m_counters.bytesRead) += result;
     if (static_cast<uint64_t>(result) != transfer->asked)
         ++m_counters.errors;
+    if (const int failure = result < 0 ? static_cast<int>(-result) : transfer->failure)
+        LogFailureLocked(transfer->write, failure);
     --m_counters.onLoan;
     // Under the mutex: those that wait are on loan, so this object and the room are still there.
     if (transfer->write && transfer->wanted > 0 && m_order.Remove(transfer->order))
@@ -133,9 +159,18 @@ void Transfers::Finish(Ticket ticket, int64_t result) {
     if (m_shut)
         m_returned.notify_all();
     m_mutex.unlock();
-    // Without the mutex: IODone takes the device's, under which Abort comes to us. From here on the
-    // context may be lent again, also to us.
-    platform.IODone(ioctx, result);
+    // From here on the context may be lent again, also to us.
+    GiveBack(platform, ioctx, result);
+}
+
+void Transfers::LogFailureLocked(bool write, int number) {
+    try {
+        const std::string line = m_failures.Note(write, number, FailureLog::Clock::now());
+        if (!line.empty())
+            MO_LOG(kLogError, "%s", line.c_str());
+    } catch (const std::bad_alloc&) {
+        return;  // the transfer ends all the same
+    }
 }
 
 bool Transfers::MarkAborted(MoScsiSrvIO* ioctx) {
@@ -172,5 +207,7 @@ void Transfers::CountFault() {
 
 LunStatistics Transfers::Counters() const {
     const MutexGuard guard(m_mutex);
-    return m_counters;
+    LunStatistics statistics = m_counters;
+    statistics.failures = m_failures.Counts();
+    return statistics;
 }

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "framework/Mutex.h"
+#include "host/data/FailureLog.h"
 #include "host/data/LunStatistics.h"
 #include "host/data/WriteOrder.h"
 #include "platform/MoScsiSrvPlatform.h"
@@ -34,6 +35,9 @@ struct Transfer {
     uint64_t syncFailures = 0;  ///< FileEngine's: how many there had been when it began
     uint64_t done = 0;          ///< bytes moved so far; Advance moves it
     size_t firstBuffer = 0;     ///< buffers before it are done
+    int64_t result = 0;         ///< FileEngine's: what it will report
+    int failure = 0;            ///< the engine's: errno, why it will report less than wanted
+    Transfer* next = nullptr;   ///< TransferList's
 
     std::atomic<bool> aborted{false};
     WriteOrder::Place order;  ///< a write's: says whether it may begin yet
@@ -58,20 +62,23 @@ struct Transfer {
 /// Thread: any.
 class Transfers {
   public:
-    Transfers(std::string name, MoScsiSrvPlatform& platform)
-        : m_name(std::move(name)), m_platform(platform) {}
+    /// `place`: where the data is, for people.
+    Transfers(std::string name, const std::string& place, MoScsiSrvPlatform& platform)
+        : m_name(std::move(name)), m_platform(platform), m_failures(m_name, place) {}
 
     /// Takes a context on loan. `wanted` becomes what `backingSize` and the buffers allow, and
     /// `limit` at most. A write takes its place in the order. No heap once warm.
-    /// Returns: the transfer, or null after Shut: then the context went back with -ESHUTDOWN.
+    /// Returns: the transfer, or null when the context went back: after Shut with -ESHUTDOWN,
+    /// without memory with -ENOMEM.
     Transfer* Open(MoScsiSrvIO* ioctx, bool write, uint64_t backingSize, uint64_t limit)
         MO_EXCLUDES(m_mutex);
 
     /// Returns: the transfer, or null when it has ended.
     Transfer* Find(Ticket ticket) MO_EXCLUDES(m_mutex);
 
-    /// Ends a transfer: IODone with the bytes moved or -errno. One that has ended already is
-    /// counted, logged and left alone. Nothing of this object is touched after IODone.
+    /// Ends a transfer: IODone with the bytes moved or -errno. A failure is counted, and logged now
+    /// and then. One that has ended already is counted, logged and left alone. Nothing of this
+    /// object is touched after IODone.
     void Finish(Ticket ticket, int64_t result) MO_EXCLUDES(m_mutex);
 
     /// How long the kernel waits for a command before it answers itself; zero, and before the first
@@ -101,6 +108,11 @@ class Transfers {
     LunStatistics Counters() const MO_EXCLUDES(m_mutex);
 
   private:
+    void LogFailureLocked(bool write, int number) MO_REQUIRES(m_mutex);
+    /// Null when there is no memory for one more.
+    Transfer* TakeFreeLocked() MO_REQUIRES(m_mutex);
+    /// The way back, with no lock held: IODone takes the device's, under which Abort comes to us.
+    static void GiveBack(MoScsiSrvPlatform& platform, MoScsiSrvIO* ioctx, int64_t result);
     Transfer* FindLocked(Ticket ticket) MO_REQUIRES(m_mutex);
 
     const std::string m_name;
@@ -113,6 +125,7 @@ class Transfers {
     std::deque<Transfer> m_places MO_GUARDED_BY(m_mutex);  ///< a deque: places never move
     std::vector<size_t> m_free MO_GUARDED_BY(m_mutex);
     LunStatistics m_counters MO_GUARDED_BY(m_mutex);
+    FailureLog m_failures MO_GUARDED_BY(m_mutex);
     WriteOrder m_order MO_GUARDED_BY(m_mutex);
     bool m_shut MO_GUARDED_BY(m_mutex) = false;
 };

@@ -40,7 +40,12 @@ std::unique_ptr<FileQueue> UringQueue::Make(int fd, Ended ended, std::string& er
         return nullptr;
     }
     queue->m_made = true;
-    queue->m_thread = std::thread([&queue = *queue] { queue.Run(); });
+    try {
+        queue->m_thread = std::thread([&queue = *queue] { queue.Run(); });
+    } catch (const std::system_error& fault) {
+        error = NoThread(fault);
+        return nullptr;
+    }
     return queue;
 }
 

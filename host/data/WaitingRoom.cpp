@@ -51,7 +51,7 @@ void WaitingRoom::Stop() {
         m_thread.join();
 }
 
-WaitingRoom::Clock::time_point WaitingRoom::TakeReadyLocked(std::vector<Transfer*>& ready) {
+WaitingRoom::Clock::time_point WaitingRoom::TakeReadyLocked(TransferList& ready) {
     Clock::time_point next = Clock::time_point::max();
     for (auto each = m_waiting.begin(); each != m_waiting.end();) {
         const Clock::time_point now = Clock::now();
@@ -60,7 +60,7 @@ WaitingRoom::Clock::time_point WaitingRoom::TakeReadyLocked(std::vector<Transfer
             each->whileFile.clear();
         const bool mayBegin = !held && each->due <= now && each->transfer->order.MayBegin();
         if (mayBegin || each->transfer->Refusal() != 0) {
-            ready.push_back(each->transfer);
+            ready.Add(*each->transfer);
             each = m_waiting.erase(each);
             continue;
         }
@@ -75,20 +75,19 @@ WaitingRoom::Clock::time_point WaitingRoom::TakeReadyLocked(std::vector<Transfer
 }
 
 void WaitingRoom::Run() {
-    std::vector<Transfer*> ready;
+    TransferList ready;
     m_mutex.lock();
     while (!m_stop) {
         m_look = false;
         Clock::time_point next = TakeReadyLocked(ready);
         m_mutex.unlock();
-        for (Transfer* transfer : ready) {
+        while (Transfer* const transfer = ready.Take()) {
             const int64_t refusal = transfer->Refusal();
             if (refusal != 0)
                 m_transfers.Finish(transfer->ticket, refusal);
             else
                 m_engine.Start(*transfer);
         }
-        ready.clear();
         next = std::min(next, m_engine.EndRefused());
         m_mutex.lock();
         while (!m_look && !m_stop && Clock::now() < next) {

@@ -8,6 +8,7 @@
 
 #include "framework/Mutex.h"
 #include "host/data/DataEngine.h"
+#include "host/data/TransferList.h"
 
 /// Where transfers wait for their begin: delayed and held ones, and writes behind others on the
 /// same bytes (WriteOrder). Its thread begins them, and ends those here and in the engine that are
@@ -50,7 +51,7 @@ class WaitingRoom {
     void Add(Waiting waiting) MO_EXCLUDES(m_mutex);
     void Run() MO_EXCLUDES(m_mutex);
     /// Takes out what may begin or is refused. Returns: when to look again.
-    Clock::time_point TakeReadyLocked(std::vector<Transfer*>& ready) MO_REQUIRES(m_mutex);
+    Clock::time_point TakeReadyLocked(TransferList& ready) MO_REQUIRES(m_mutex);
 
     Transfers& m_transfers;
     DataEngine& m_engine;

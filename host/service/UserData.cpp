@@ -37,6 +37,7 @@ std::string UserData::Make(const Plan& plan, const std::set<const LunPlan*>& wit
             config.path = lun.config.path;
             config.sizeBytes = lun.size;
             config.faults = lun.config.faults;
+            config.engine = lun.config.engine;
             LunDataResult made = MakeLunData(config, platform);
             if (made.data == nullptr) {
                 m_luns.clear();
