@@ -187,13 +187,15 @@ class ServeTest(ProgramTest):
         self.says("ready\n", process)
 
     def test_a_killed_host_loses_the_memory_and_the_next_one_takes_down_only_what_it_made(self):
-        for options, lun in (((), " served"), ((), ""), (("--discard-lost-memory",), " served")):
-            process = self.ready(*options)
-            self.assertIn(f"CreateLun three 2 lun{lun}", self.log())
+        others = [f"CreateTarget {TARGET}", "CreateLun two 0 lun", "CreateLun one auto lun"]
+        for options, made in (((), self.CREATED[1:]), ((), ["CreateLun three 2 lun", *others]),
+                              (("--discard-lost-memory",), ["CreateLun three 2 lun served", *others])):
+            process = self.ready(*options, FAKE_AUTOMATIC=255)
+            self.assertEqual(self.log()[1:], made)
             process.kill()
             process.wait()
         before = self.tree()
-        self.ends(self.start(FAKE_FAIL="MapHost:2"))
+        self.ends(self.start(FAKE_FAIL="CreateLun:2"))
         self.assertEqual(self.tree(), before)
 
     # Three LUNs on files in a directory of their own, and one that isn't.
@@ -267,7 +269,7 @@ class ServeTest(ProgramTest):
                 (["one"], False, [three, four, "CreateLun two 2 lun served"], 2),
                 (["three", "two"], False, [four, "CreateLun one 1 lun", map_one], 4),
                 ([], True, [three, four, "CreateLun one auto lun", "CreateLun two auto lun served", map_one], 0),
-                (["one", "two"], False, [three, four, "CreateLun two auto lun", map_one], 4)):
+                (["one", "two"], False, [three, four, "CreateLun two auto lun"], 4)):
             with self.subTest(missing):
                 made, errors = serve(*missing, killed=killed)
                 self.assertEqual(made, expected)
