@@ -6,9 +6,11 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
+#include "framework/QueuedOutput.h"
 #include "host/kernel/Compare.h"
 #include "host/service/CreateFiles.h"
 #include "host/service/HostLock.h"
+#include "host/service/ProcessStart.h"
 #include "host/service/Serve.h"
 #include "host/status/HostStatus.h"
 #include "host/status/StatusSocket.h"
@@ -74,6 +76,8 @@ int Status(const Environment& environment, bool asJson, Console& console) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (!SetRightWhatWasInherited())
+        return kFailed;  // with nowhere to say it
     CLI::App app{"Serves iSCSI LUNs through the kernel's target, as a configuration file says."};
     app.require_subcommand(1);
     app.set_help_flag();
@@ -137,5 +141,8 @@ int main(int argc, char** argv) {
     if (create->parsed())
         return CreateFiles(plan, environment, creation, console);
     // The plug-in's threads aren't joined: they must not meet destructors of static objects.
-    _exit(Serve(plan, config, environment, options, console));
+    QueuedConsole queued;
+    const int result = Serve(plan, config, environment, options, queued);
+    QueuedOutput::Flush();
+    _exit(result);
 }

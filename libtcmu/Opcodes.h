@@ -20,10 +20,12 @@ inline constexpr uint8_t kStartStopUnit = 0x1B;
 inline constexpr uint8_t kReadCapacity10 = 0x25;
 inline constexpr uint8_t kRead10 = 0x28;
 inline constexpr uint8_t kWrite10 = 0x2A;
+inline constexpr uint8_t kSynchronizeCache10 = 0x35;
 inline constexpr uint8_t kModeSelect10 = 0x55;
 inline constexpr uint8_t kModeSense10 = 0x5A;
 inline constexpr uint8_t kRead16 = 0x88;
 inline constexpr uint8_t kWrite16 = 0x8A;
+inline constexpr uint8_t kSynchronizeCache16 = 0x91;
 inline constexpr uint8_t kServiceActionIn16 = 0x9E;  ///< READ CAPACITY (16)
 inline constexpr uint8_t kRead12 = 0xA8;
 inline constexpr uint8_t kWrite12 = 0xAA;
@@ -44,6 +46,9 @@ enum class CommandKind : uint8_t {
     kStartStopUnit,
     kReadCapacity10,
     kServiceActionIn16,
+
+    // The gate, by the blocks that the CDB names. The handler doesn't know it.
+    kSynchronizeCache,
 
     // The host, with the blocks that the CDB names: the gate checks them, nobody else does.
     kRead,
@@ -72,7 +77,7 @@ struct Command {
     CommandKind kind;
 };
 
-inline constexpr std::array<Command, 17> kCommands = {{
+inline constexpr std::array<Command, 19> kCommands = {{
     {Opcode::kTestUnitReady, CommandKind::kTestUnitReady},
     {Opcode::kRead6, CommandKind::kRead},
     {Opcode::kWrite6, CommandKind::kWrite},
@@ -83,10 +88,12 @@ inline constexpr std::array<Command, 17> kCommands = {{
     {Opcode::kReadCapacity10, CommandKind::kReadCapacity10},
     {Opcode::kRead10, CommandKind::kRead},
     {Opcode::kWrite10, CommandKind::kWrite},
+    {Opcode::kSynchronizeCache10, CommandKind::kSynchronizeCache},
     {Opcode::kModeSelect10, CommandKind::kModeSelect},
     {Opcode::kModeSense10, CommandKind::kModeSense},
     {Opcode::kRead16, CommandKind::kRead},
     {Opcode::kWrite16, CommandKind::kWrite},
+    {Opcode::kSynchronizeCache16, CommandKind::kSynchronizeCache},
     {Opcode::kServiceActionIn16, CommandKind::kServiceActionIn16},
     {Opcode::kRead12, CommandKind::kRead},
     {Opcode::kWrite12, CommandKind::kWrite},
@@ -117,8 +124,9 @@ constexpr CommandKind KindOf(uint8_t opcode) {
     return opcodes::kKinds[opcode];
 }
 
-/// Whether it moves blocks between the initiator and the host, so that the gate checks them. Every
-/// kind stands here, so that a new one doesn't compile until that is said of it.
+/// Whether it moves blocks between the initiator and the host, so that the gate checks them and
+/// their buffers. Every kind stands here, so that a new one doesn't compile until that is said of
+/// it.
 constexpr bool IsTransfer(CommandKind kind) {
     switch (kind) {
         case CommandKind::kRead:
@@ -132,6 +140,7 @@ constexpr bool IsTransfer(CommandKind kind) {
         case CommandKind::kStartStopUnit:
         case CommandKind::kReadCapacity10:
         case CommandKind::kServiceActionIn16:
+        case CommandKind::kSynchronizeCache:
             break;
     }
     return false;

@@ -65,6 +65,9 @@ class MoScsiBStorOps {
 
     /// Starts to store the record's buffers at `offset`, `length` bytes. `reserved` is 0.
     /// Must not block, as Read.
+    /// A write is on stable storage before its IODone: initiators are told that there is no cache
+    /// and that FUA holds (SBC-3, 6.4.5: WCE zero), and their SYNCHRONIZE CACHE is answered GOOD
+    /// without a word to the host. A host that can't promise that must not complete the write.
     virtual CRyError Write(void* bstoreCtx, MoScsiSrvIO* ioctx, int reserved) = 0;
 
     /// Asks the host to give a transfer back soon, on a device that closes. Called with the

@@ -45,7 +45,8 @@ class MoScsiSrvPlatform {
     virtual CRyError UnMapHost(MoScsiSrvLun_t* lun, MoScsiSrvHost_t* host) = 0;
 
     /// Ends a transfer that Read or Write began. `nbytes` is the number of bytes moved: any value
-    /// but the record's length makes the initiator see MEDIUM ERROR. Returns: always success.
+    /// but the record's length makes the initiator see MEDIUM ERROR. That of a write says also that
+    /// the bytes are on stable storage: nothing asks for it later. Returns: always success.
     /// Thread: any; not from inside Abort. Requires: a record that the host holds; it is not the
     /// host's any more when this returns.
     virtual CRyError IODone(MoScsiSrvIO* ioctx, long nbytes) = 0;

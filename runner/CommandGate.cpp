@@ -31,6 +31,7 @@ struct GateAnswer {
 constexpr GateAnswer kAnswers[] = {
     {"gate: passed", TCMU_STATUS_GOOD, Sense::kNone},
     {"gate: zero blocks", TCMU_STATUS_GOOD, Sense::kNone},
+    {"gate: synchronized", TCMU_STATUS_GOOD, Sense::kNone},
     {"gate: out of range", TCMU_STATUS_CHECK_CONDITION, Sense::kLbaOutOfRange},
     {"gate: protection", TCMU_STATUS_CHECK_CONDITION, Sense::kInvalidFieldInCdb},
     {"gate: no WRITE (10)", TCMU_STATUS_CHECK_CONDITION, Sense::kInvalidFieldInCdb},
@@ -91,9 +92,13 @@ void CommandGate::PassData(RingCommand& command, const DataCommand& data) {
     HandToHandler(command);
 }
 
+bool CommandGate::Within(uint64_t lba, uint64_t blocks) const {
+    return lba <= m_numLbas && blocks <= m_numLbas - lba;
+}
+
 // The rules that need nothing but the command.
 CommandGate::Verdict CommandGate::Judge(const DataCommand& data, uint64_t buffers) const {
-    if (data.lba > m_numLbas || data.blocks > m_numLbas - data.lba)
+    if (!Within(data.lba, data.blocks))
         return Verdict::kOutOfRange;
     if (data.protect != 0)
         return Verdict::kProtection;
@@ -152,8 +157,19 @@ CommandGate::Verdict CommandGate::Bounce(RingCommand& command, const DataCommand
     return Verdict::kPassed;
 }
 
+CommandGate::Verdict CommandGate::JudgeSynchronize(const uint8_t* cdb) {
+    if (!HostKnown())
+        return Verdict::kNotReady;
+    return Within(tcmu_get_lba(cdb), tcmu_get_xfer_length(cdb)) ? Verdict::kSynchronized
+                                                                : Verdict::kOutOfRange;
+}
+
 void CommandGate::PassOther(RingCommand& command) {
     const CommandKind kind = KindOf(command.cdb[0]);
+    if (kind == CommandKind::kSynchronizeCache) {
+        Answer(command, JudgeSynchronize(command.cdb));
+        return;
+    }
     const int result = m_handler.Handle(&command);
     if (result == kCompletesLater)
         return;

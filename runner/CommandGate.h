@@ -44,6 +44,11 @@ struct RingCommand;
 ///  ... and longer than the whole pool        | ILLEGAL REQUEST 0x24/0x00    | VPD 0xB0 says less
 ///  DPO, FUA                                  | the same                     | writes are durable
 ///
+/// SYNCHRONIZE CACHE (10) and (16), which some initiators send whatever the caching page says: NOT
+/// READY 0x04/0x01 while the host's operations aren't known; ILLEGAL REQUEST 0x21/0x00 for blocks
+/// beyond the end (zero blocks reach to the end; SBC-3, 5.22); otherwise GOOD at once, IMMED or
+/// not: what was answered before is durable already.
+///
 /// Every other command reaches the handler as it is; what it doesn't know (-1) becomes ILLEGAL
 /// REQUEST 0x20/0x00. A GOOD answer states its true length to the kernel, and what it left of the
 /// buffers is zeroed: the data area holds what earlier commands left there.
@@ -78,6 +83,7 @@ class CommandGate {
     enum class Verdict {
         kPassed,
         kZeroBlocks,
+        kSynchronized,
         kOutOfRange,
         kProtection,
         kDoesNotFit,
@@ -101,6 +107,8 @@ class CommandGate {
 
     void PassData(RingCommand& command, const DataCommand& data);
     void PassOther(RingCommand& command);
+    Verdict JudgeSynchronize(const uint8_t* cdb);
+    bool Within(uint64_t lba, uint64_t blocks) const;
     Verdict Judge(const DataCommand& data, uint64_t buffers) const;
     Verdict FitBuffers(RingCommand& command, const DataCommand& data);
     Verdict Bounce(RingCommand& command, const DataCommand& data, uint64_t bytes);

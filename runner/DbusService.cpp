@@ -7,10 +7,18 @@
 
 #include <cstdint>
 #include <exception>
+#include <future>
 #include <tuple>
 
 #include "framework/SmallFile.h"
 #include "util/Log.h"
+
+namespace {
+
+constexpr std::chrono::milliseconds kLookAgain{500};
+constexpr std::chrono::milliseconds kTick{100};
+
+}  // namespace
 
 DbusService::DbusService() = default;
 
@@ -45,14 +53,10 @@ bool DbusService::TakeName() {
 }
 
 bool DbusService::ExportHandlers(const std::vector<std::string>& subtypes) {
+    const MutexGuard guard(m_mutex);
+    m_subtypes = subtypes;
     try {
-        m_objects.push_back(sdbus::createObject(*m_connection, kPath));
-        m_objects.back()->addObjectManager();
-        m_objects.back()->finishRegistration();
-        for (const std::string& subtype : subtypes) {
-            m_objects.push_back(MakeHandler(subtype));
-            m_objects.back()->emitInterfacesAddedSignal();
-        }
+        ExportLocked();
     } catch (const std::exception& error) {
         MO_LOG(kLogError, "TCMU runner: cannot offer the handlers on D-Bus: %s", error.what());
         return false;
@@ -60,7 +64,19 @@ bool DbusService::ExportHandlers(const std::vector<std::string>& subtypes) {
     return true;
 }
 
+void DbusService::ExportLocked() {
+    m_objects.push_back(sdbus::createObject(*m_connection, kPath));
+    m_objects.back()->addObjectManager();
+    m_objects.back()->finishRegistration();
+    for (const std::string& subtype : m_subtypes) {
+        m_objects.push_back(MakeHandler(subtype));
+        m_objects.back()->emitInterfacesAddedSignal();
+    }
+}
+
 void DbusService::WithdrawHandlers() {
+    const MutexGuard guard(m_mutex);
+    m_subtypes.clear();
     while (!m_objects.empty()) {
         try {
             if (m_objects.size() > 1)
@@ -98,22 +114,75 @@ std::pair<bool, std::string> DbusService::CheckConfig(const std::string& subtype
 // bus goes away.
 void DbusService::Serve() {
     pthread_setname_np(pthread_self(), "moscsi-dbus");
-    try {
-        for (;;) {
-            while (m_connection->processPendingRequest()) {
-            }
-            const auto bus = m_connection->getEventLoopPollData();
-            pollfd waits[] = {{bus.fd, bus.events, 0}, {m_stop.Get(), POLLIN, 0}};
-            poll(waits, 2, bus.getPollTimeout());
-            if (waits[1].revents != 0)
-                return;
+    do {
+        try {
+            ServeConnection();
+            return;
+        } catch (const std::exception& error) {
+            MO_LOG(kLogError,
+                   "TCMU runner: D-Bus connection lost (%s): targetcli finds no handler until the "
+                   "bus is back",
+                   error.what());
         }
-    } catch (const std::exception& error) {
-        MO_LOG(kLogError,
-               "TCMU runner: D-Bus connection lost (%s): targetcli finds no handler any more until "
-               "the server is restarted",
-               error.what());
+    } while (ConnectAgain());
+}
+
+// Returns when the thread is to end; throws when the bus has gone away.
+void DbusService::ServeConnection() {
+    for (;;) {
+        while (m_connection->processPendingRequest()) {
+        }
+        const auto bus = m_connection->getEventLoopPollData();
+        pollfd waits[] = {{bus.fd, bus.events, 0}, {m_stop.Get(), POLLIN, 0}};
+        poll(waits, 2, bus.getPollTimeout());
+        if (waits[1].revents != 0)
+            return;
     }
+}
+
+bool DbusService::Told(std::chrono::milliseconds within) const {
+    pollfd stop = {m_stop.Get(), POLLIN, 0};
+    return poll(&stop, 1, static_cast<int>(within.count())) == 1;
+}
+
+// With the name. Returns: null when the thread is to end. A bus that accepts and says nothing keeps
+// the library waiting for 90 s: on a thread of its own, which may outlive this object.
+std::unique_ptr<sdbus::IConnection> DbusService::Connect() const {
+    std::packaged_task<std::unique_ptr<sdbus::IConnection>()> open([] {
+        auto bus = sdbus::createSystemBusConnection();
+        bus->requestName(kName);
+        return bus;
+    });
+    auto connection = open.get_future();
+    std::thread(std::move(open)).detach();
+    while (connection.wait_for(std::chrono::milliseconds(0)) != std::future_status::ready)
+        if (Told(kTick))
+            return nullptr;
+    return connection.get();
+}
+
+// Returns: false when the thread is to end.
+bool DbusService::ConnectAgain() {
+    std::string told;
+    while (!Told(kLookAgain)) {
+        try {
+            auto connection = Connect();
+            if (!connection)
+                return false;
+            const MutexGuard guard(m_mutex);
+            m_objects.clear();
+            m_connection = std::move(connection);
+            if (!m_subtypes.empty())
+                ExportLocked();
+            MO_LOG(kLogConfirm, "TCMU runner: D-Bus is back, and %s is ours again", kName);
+            return true;
+        } catch (const std::exception& error) {
+            if (told != error.what())
+                MO_LOG(kLogProgress, "TCMU runner: not back on D-Bus yet: %s", error.what());
+            told = error.what();
+        }
+    }
+    return false;
 }
 
 std::unique_ptr<sdbus::IObject> DbusService::MakeHandler(const std::string& subtype) {

@@ -1,10 +1,12 @@
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "framework/Mutex.h"
 #include "framework/UniqueFd.h"
 
 namespace sdbus {
@@ -19,8 +21,10 @@ class IObject;
 ///
 /// The name is also the lock against a second daemon: two would disturb each other's devices, so it
 /// is taken first, without queueing, and given up last. Calls are answered from the moment on that
-/// the name is taken (with "no such object" until there are objects), by a thread of this class. A
-/// bus that goes away ends that thread with a log line, and nothing else.
+/// the name is taken (with "no such object" until there are objects), by a thread of this class.
+///
+/// When the bus goes away (dbus-daemon was restarted), that thread says so, looks for it twice a
+/// second, and takes the name and offers the objects again; LUNs are served all the while.
 ///
 /// Thread: one, for all operations.
 class DbusService {
@@ -40,10 +44,10 @@ class DbusService {
 
     /// Offers one object for each handler. Returns: whether that worked (logged).
     /// Requires: TakeName() has succeeded.
-    bool ExportHandlers(const std::vector<std::string>& subtypes);
+    bool ExportHandlers(const std::vector<std::string>& subtypes) MO_EXCLUDES(m_mutex);
 
     /// Takes the objects back, so that targetcli makes no more devices.
-    void WithdrawHandlers();
+    void WithdrawHandlers() MO_EXCLUDES(m_mutex);
 
     /// Gives the name up and disconnects. Also done by the destructor.
     void GiveUpName();
@@ -54,11 +58,22 @@ class DbusService {
 
   private:
     void Serve();
+    void ServeConnection();
+    bool ConnectAgain();
+    std::unique_ptr<sdbus::IConnection> Connect() const;
+    bool Told(std::chrono::milliseconds within) const;
+    void ExportLocked() MO_REQUIRES(m_mutex);
     std::unique_ptr<sdbus::IObject> MakeHandler(const std::string& subtype);
     std::string DescribeOwner();
 
+    // Replaced by the thread alone, under the mutex; without a thread by the caller.
     std::unique_ptr<sdbus::IConnection> m_connection;
-    std::vector<std::unique_ptr<sdbus::IObject>> m_objects;  // the manager first
-    UniqueFd m_stop;                                         // readable: the thread is to end
+    UniqueFd m_stop;  // readable: the thread is to end
+
+    Mutex m_mutex;
+    std::vector<std::string> m_subtypes MO_GUARDED_BY(m_mutex);  ///< offered, or to be
+    std::vector<std::unique_ptr<sdbus::IObject>> m_objects
+        MO_GUARDED_BY(m_mutex);  ///< manager first
+
     std::thread m_thread;
 };

@@ -6,12 +6,12 @@
 #include <filesystem>
 #include <system_error>
 
+#include "framework/ThreadSignals.h"
 #include "libtcmu/LibtcmuApi.h"
 #include "runner/InterruptWait.h"
 #include "runner/NetlinkFamily.h"
 #include "runner/Runner.h"
 #include "runner/RunnerEnvironment.h"
-#include "runner/ThreadSignals.h"
 #include "util/Log.h"
 
 namespace {

@@ -68,6 +68,7 @@ int MoScsiSrvTcmuDev::TcmuDevCmdHandler(tcmulib_cmd* cmd) {
             // The transfer length field of WRITE (10), in all four WRITEs: this handler's rule.
             // Whoever feeds it other WRITEs gives them that form first.
             return StartTransfer(cmd, &MoScsiBStorOps::Write, cdb[7] << 8 | cdb[8]);
+        case CommandKind::kSynchronizeCache:
         case CommandKind::kUnknown:
             break;
     }

@@ -229,6 +229,17 @@ TEST_F(FastRoad, ARefusedStepTakesBackWhatWasMade) {
         EXPECT_THROW(Run(line), SlowRoad) << line;
     EXPECT_THROW(Run(CreateLine(dir.path / "other", "name=g wwn=g")), SlowRoad);
     EXPECT_EQ(Paths(), before);
+
+    // An answer that the kernel had from somebody else isn't asked for again.
+    const fs::path made = dir.path / "exists";
+    const auto ask = [&] {
+        ConfigfsChange change;
+        change.MakeDirectory(made);
+        change.WriteAsking(made / "enable", "1");
+    };
+    EXPECT_THAT(ask, testing::ThrowsMessage<StoppedHalfWay>(
+                         AllOf(HasSubstr("nothing of it is left"), Not(HasSubstr("exists")))));
+    EXPECT_EQ(Paths(), before);
 }
 
 TEST_F(FastRoad, APartThatIsDoneIsReportedInALineThatIsNoSuccess) {

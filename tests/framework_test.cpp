@@ -3,17 +3,63 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 
+#include <cctype>
+#include <condition_variable>
 #include <fstream>
+#include <thread>
 
 #include "framework/GetGUID.h"
+#include "framework/LogRateLimit.h"
 #include "framework/LogWriters.h"
 #include "framework/MODebugFunction.h"
 #include "framework/MOPI_Base.h"
 #include "framework/MOPlatformInfo.h"
 #include "framework/MoProcess.h"
 #include "framework/MocHash.h"
+#include "framework/QueuedOutput.h"
+#include "framework/UniqueFd.h"
 #include "tests/support/TempDirectory.h"
 #include "util/Platform_Util.h"
+
+constexpr std::chrono::milliseconds kDeadline{60000};
+
+// Of each place five lines, then a count at the end of each minute in which there were more; a
+// minute without begins anew.
+TEST(LogRateLimitTest, FiveLinesAPlaceThenACountAMinute) {
+    const char* const place = "f()";
+    const char* const other = "g()";
+    struct Step {
+        int second;
+        const char* place;
+        int lines;
+        int written;
+        const char* counts;  // taken before
+    };
+    LogRateLimit limit;
+    const LogRateLimit::Time start{std::chrono::hours(1)};
+    int number = 0;
+    for (const Step& step :
+         {Step{0, place, 4, 4, ""}, Step{59, place, 3, 1, ""}, Step{59, other, 6, 5, ""},
+          Step{60, place, 3, 0, "f() 2 more like this in the last minute: 7"},
+          Step{119, other, 0, 0, "g() 1 more like this in the last minute: 13"},
+          Step{120, place, 0, 0, "f() 3 more like this in the last minute: 16"},
+          Step{179, place, 1, 0, ""},
+          Step{180, place, 0, 0, "f() 1 more like this in the last minute: 17"},
+          Step{240, place, 6, 5, ""}, Step{240, other, 6, 5, ""}}) {
+        SCOPED_TRACE(step.second);
+        const LogRateLimit::Time now = start + std::chrono::seconds(step.second);
+        std::string counts;
+        EXPECT_EQ(limit.NextCount().value_or(start + std::chrono::hours(1)) <= now,
+                  *step.counts != '\0');
+        for (const auto& line : limit.TakeCounts(now))
+            counts += std::string(line.place.function) + " " + line.text;
+        EXPECT_EQ(counts, step.counts);
+        int written = 0;
+        for (int i = 0; i < step.lines; ++i)
+            written += limit.Allows({{step.place, 1}, -1, std::to_string(++number)}, now) ? 1 : 0;
+        EXPECT_EQ(written, step.written);
+    }
+}
 
 TEST(LogWritersTest, MessageIsOneLineWithThePlaceOfErrorsAndTraces) {
     const auto writer = MakeStderrLogWriter(6);
@@ -21,8 +67,110 @@ TEST(LogWritersTest, MessageIsOneLineWithThePlaceOfErrorsAndTraces) {
     for (const int level : {-1, 5, 6})
         writer->WriteMessage(level, "f()", 7, 0, 0, "a\nb%d\n", 1);
     MODebugFunction(writer, 2, "f()", 7, 5, 0, 0, "text");
+    // Of six only the errors of a limited place are cut.
+    std::string limitedLines;
+    const auto limited = MakeStderrLogWriter(6, {"x", "C::g("});
+    for (int i = 0; i < 6; ++i) {
+        limited->WriteMessage(-1, "C::g()", 7, 0, 0, "e");
+        const std::string number = std::to_string(i);
+        limitedLines += (i < 5 ? "[-1] e (C::g():7)\n" : "") + ("[1] " + number) + "\n[-1] " +
+                        number + " (h():8)\n";
+        for (const char* function : {"C::g()", "h()"})
+            limited->WriteMessage(function[0] == 'C' ? 1 : -1, function, 8, 0, 0, "%d", i);
+    }
+    EXPECT_TRUE(QueuedOutput::Flush(kDeadline));
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "[-1] a b1 (f():7)\n[5] a b1\n[6] a b1 (f():7)\n[5] enter text\n[5] leave\n");
+              "[-1] a b1 (f():7)\n[5] a b1\n[6] a b1 (f():7)\n[5] enter text\n[5] leave\n" +
+                  limitedLines);
+}
+
+// A destination that takes a line only when it is told to.
+struct SlowReader {
+    void Take(size_t lines) {
+        const MutexGuard guard(mutex);
+        allowed += lines;
+        change.notify_all();
+    }
+    void Write(const OutputQueue::Line& line) {
+        const MutexGuard guard(mutex);
+        for (begun = true; allowed == 0;)
+            change.wait(mutex);
+        --allowed;
+        text += line.text;
+    }
+    Mutex mutex;
+    std::condition_variable_any change;
+    size_t allowed = 0;
+    bool begun = false;
+    std::string text;
+    OutputQueue queue{[this](const OutputQueue::Line& line) { Write(line); },
+                      [](size_t count) {
+                          return OutputQueue::Line{0, std::to_string(count)};
+                      },
+                      {.ordinary = 260, .reserve = 130}};  // four lines, and two
+};
+
+// Room for four, for two more that are important, and a line in the place of what there was no room
+// for, once half is taken. The first line is with the reader and takes no room.
+TEST(QueuedOutputTest, WhatNobodyTakesIsDroppedImportantLinesLast) {
+    constexpr auto kOrdinary = OutputQueue::Rank::Ordinary;
+    constexpr auto kImportant = OutputQueue::Rank::Important;
+    struct Case {
+        const char* put;  // capitals are important
+        const char* later;
+        const char* written;
+    };
+    for (const Case& c :
+         {Case{"abcd", "", "abcd"}, Case{"abcdefg", "", "abcd3"}, Case{"abcdEFGh", "", "abcdEF2"},
+          Case{"ABCDEFG", "", "ABCDEF1"}, Case{"abcdefEg", "xYz", "abcdE3xYz"}}) {
+        SlowReader reader;
+        const auto put = [&](const char* letters) {
+            for (const char* letter = letters; *letter != '\0'; ++letter)
+                reader.queue.Put({0, std::string(1, *letter)},
+                                 isupper(*letter) != 0 ? kImportant : kOrdinary);
+        };
+        put("-");
+        const auto end = std::chrono::steady_clock::now() + kDeadline;
+        const auto withReader = [&] {
+            const MutexGuard guard(reader.mutex);
+            return reader.begun;
+        };
+        while (!withReader() && std::chrono::steady_clock::now() < end)
+            std::this_thread::yield();
+        put(c.put);
+        EXPECT_FALSE(reader.queue.Flush(std::chrono::steady_clock::now()));
+        reader.Take(100);
+        EXPECT_TRUE(reader.queue.Flush(end));
+        put(c.later);
+        EXPECT_TRUE(reader.queue.Flush(end));
+        EXPECT_EQ(reader.text, std::string("-") + c.written) << c.put;
+    }
+}
+
+TEST(QueuedOutputDeathTest, EveryWayOutLeavesTimeForWhatIsQueued) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    // What stands before the last line goes through a pipe that is read byte by byte.
+    const auto end = [](const std::function<void()>& way) {
+        UniqueFd readEnd;
+        UniqueFd writeEnd;
+        MakePipe(readEnd, writeEnd);
+        fcntl(writeEnd.Get(), F_SETPIPE_SZ, 4096);
+        std::thread([&readEnd] {
+            for (char byte = 0; read(readEnd.Get(), &byte, 1) == 1;) {
+            }
+        }).detach();
+        QueuedOutput::FlushAtFaults();
+        QueuedOutput::Put(writeEnd.Get(), std::string(20000, 'x'), OutputQueue::Rank::Ordinary);
+        QueuedOutput::Put(STDERR_FILENO, "last words\n", OutputQueue::Rank::Important);
+        way();
+    };
+    const auto aborted = testing::KilledBySignal(SIGABRT);
+    EXPECT_EXIT(end(abort), aborted, "last words");
+    EXPECT_EXIT(end([] { std::thread([] { throw std::runtime_error("why"); }).join(); }), aborted,
+                "words\n.*why");
+    EXPECT_EXIT(end([] { exit(3); }), testing::ExitedWithCode(3), "last words");
+    EXPECT_EXIT(end([] { _exit(QueuedOutput::Flush(kDeadline) ? 3 : 4); }),
+                testing::ExitedWithCode(3), "last words");
 }
 
 TEST(HashTest, AgreesWithPublishedVectorsInAnyPieces) {

@@ -1,6 +1,7 @@
 // What configfs is compared for, against a tree that can be bent into every wrong state.
 
 #include "host/kernel/Compare.h"
+#include "host/kernel/PlanObjects.h"
 #include "host/plan/Identity.h"
 #include "tests/support/PlanFixture.h"
 
@@ -64,6 +65,8 @@ TEST_F(HostCompareTest, WhatTheFileSaysAgreesWhateverStandsBesideIt) {
     tree.AddLun(kOther, 0, "other");
     EXPECT_THAT(Before(), IsEmpty());
     EXPECT_THAT(After(), IsEmpty());
+    FakeConfigfs::Write(Object(2) / "attrib/cmd_time_out", "7\n");
+    EXPECT_EQ(ObjectOf(Lun(2), View())->commandTimeOut, 7U);
     tree.AddObject({"user", "gone", "MoScsiSrvTcmu/0123", 512, ""});
     tree.AddObject({"user", "lower", "moscsisrvtcmu/4567", 512, ""});
     tree.AddObject({"user", "rbd", "rbd/pool", 512, ""});

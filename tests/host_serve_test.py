@@ -2,16 +2,19 @@
 # The host's life, from outside: order of operations, take-down, signals, status, restart.
 # Runs moscsi-host against a plug-in whose kernel is a directory tree.
 # usage: host_serve_test.py MOSCSI_HOST FAKE_PLUGIN
+import contextlib
 import hashlib
 import json
 import os
 import re
 import shutil
 import signal
+import subprocess
 import sys
 import unittest
+from pathlib import Path
 
-from support.program_test import ProgramTest, wait_until
+from support.program_test import DEADLINE, ProgramTest, wait_until
 
 HOST, PLUGIN = sys.argv[1:3]
 TARGET = "iqn.2026-01.com.example:t"
@@ -59,6 +62,17 @@ class ServeTest(ProgramTest):
 
     def ready(self, *options, **env):
         return self.says("ready\n", self.start(*options, **env))
+
+    def full_pipe(self):
+        reader, writer = os.pipe()
+        for end in (reader, writer):
+            self.addCleanup(os.close, end)
+        os.set_blocking(writer, False)
+        with contextlib.suppress(BlockingIOError):
+            while os.write(writer, b"x" * 65536):
+                pass
+        os.set_blocking(writer, True)  # the host shares what this sets
+        return writer
 
     def says(self, text, process):
         while not (line := process.stdout.readline()).startswith(text):
@@ -159,9 +173,31 @@ class ServeTest(ProgramTest):
                 self.assertEqual(self.objects(), [])
                 self.assertEqual(self.log()[-1], "Cleanup")
 
+    def test_a_target_opens_last_also_when_a_host_was_killed_before(self):
+        group = self.configfs / "iscsi" / TARGET / "tpgt_1"
+        note = self.dir / "run/closed" / TARGET
+        for step in ("CreateTarget", "CreateLun", "MapHost"):
+            process = self.start(FAKE_WAIT=step)
+            wait_until((self.dir / "log.begun").exists)
+            self.assertEqual((group / "enable").read_text(), "0\n", step)
+            process.kill()
+            process.wait()
+            (self.dir / "log.begun").unlink()
+        ours = note.read_text()
+        note.write_text("another boot\n")
+        self.assertIn("has its portal group disabled", self.ends(self.start())[1])
+        note.write_text(ours)
+        process = self.ready("--discard-lost-memory")
+        self.assertEqual((group / "enable").read_text().strip(), "1")
+        self.assertFalse(note.exists())
+        process.terminate()
+        self.assertEqual(self.finish(process)[0], 0)
+
     def test_waits_for_a_command_that_an_earlier_host_left_running(self):
-        wrapper = shutil.copy("/bin/sleep", self.dir / "bin/targetcli")
-        earlier = self.spawn(wrapper, "1000")
+        running = self.write("run/targetcli/running", "")
+        earlier = self.spawn("flock", "--shared", "--close", running,
+                             "setpriv", "--pdeathsig", "KILL", "sleep", "1000")
+        wait_until(lambda: subprocess.run(["flock", "--nonblock", running, "true"]).returncode)
         line = f"waiting for a targetcli that an earlier host started (process {earlier.pid})"
         process = self.says(line, self.start())
         process.terminate()
@@ -312,6 +348,39 @@ class ServeTest(ProgramTest):
         process.terminate()
         self.assertIn("a step of the stop doesn't end", self.ends(process)[1])
         self.assertFalse(self.limit.exists())
+
+    # Closed descriptors, a mask of nothing, an ignored SIGHUP and a low limit, as a shell hands them on.
+    def test_start_sets_right_what_was_inherited(self):
+        def start(*commands):
+            return self.spawn("/bin/sh", "-c", "; ".join((*commands, 'exec "$@"')), "sh", HOST, "--platform-file",
+                              f"{self.dir}/platform.toml", "serve", "--library", PLUGIN, f"{self.dir}/f.toml", **self.env)
+        process = start("trap '' HUP", "umask 000", "ulimit -Sn 60", "exec <&- >&- 2>&-")
+        wait_until(lambda: '"phase":"ready"' in self.status("--json").replace(" ", ""))
+        proc = Path(f"/proc/{process.pid}")
+        self.assertEqual({os.readlink(proc / f"fd/{number}") for number in range(3)}, {"/dev/null"})
+        for path in (self.dir / "run").rglob("*"):
+            self.assertEqual(path.stat().st_mode & 0o022, 0, path)
+        self.assertEqual((self.dir / "run").stat().st_mode & 0o777, 0o755)
+        self.assertRegex((proc / "limits").read_text(), r"Max open files +(\d+) +\1 ")
+        hangup = {name: int(value, 16) & 1 for name, value in re.findall(r"Sig(Ign|Blk):\s+(\w+)", (proc / "status").read_text())}
+        self.assertEqual(hangup, {"Ign": 1, "Blk": 0})
+        process.terminate()
+        self.ends(process, 0)
+        process = self.says("ready\n", start("ulimit -n 60"))
+        process.send_signal(signal.SIGHUP)
+        self.assertRegex(self.ends(process, 0)[1], "may open 60 files, and .* needs about 69")
+
+    # What it prints fits in no pipe any more, and nobody reads: nothing waits for that.
+    def test_nobody_reading_stops_nothing(self):
+        for wait, code in ((None, 0), ("DeleteLun", 1)):
+            with self.subTest(wait):
+                process = self.start(**({"FAKE_WAIT": wait} if wait else {}), output=self.full_pipe())
+                wait_until(lambda: '"phase":"ready"' in self.status("--json").replace(" ", ""))
+                process.terminate()
+                if wait:
+                    wait_until((self.dir / "log.begun").exists)
+                    process.terminate()
+                self.assertEqual(process.wait(DEADLINE), code)
 
     def test_check_says_all_that_is_wrong_or_what_would_be_served(self):
         good = (self.dir / "f.toml").read_text()

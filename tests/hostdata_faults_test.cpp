@@ -2,6 +2,7 @@
 #include <cerrno>
 #include <nlohmann/json.hpp>
 
+#include "host/data/FailureLog.h"
 #include "host/data/FaultInjector.h"
 #include "tests/support/HostData.h"
 
@@ -34,9 +35,11 @@ TEST_F(Faults, ErrorMovesNothingAndShortMovesAPart) {
     EXPECT_EQ(Write('c'), -EIO);
     EXPECT_THAT(
         ToJson(lun->Snapshot()).dump(),
-        AllOf(HasSubstr(R"("aborted":0,)"), HasSubstr(R"("bytes_read":9,"bytes_written":6,)"),
-              HasSubstr(R"("errors":3,"faults":3,"ignored_completions":0,"on_loan":0,)"
-                        R"("reads":2,"unknown_aborts":0,"writes":3)")));
+        AllOf(
+            HasSubstr(R"("aborted":0,)"), HasSubstr(R"("bytes_read":9,"bytes_written":6,)"),
+            HasSubstr(
+                R"("errors":3,"failures":{"EIO":1,"ENOSPC":1},"faults":3,"ignored_completions":0,"on_loan":0,)"
+                R"("reads":2,"unknown_aborts":0,"writes":3)")));
 }
 
 TEST_F(Faults, WhatIsDelayedOrHeldEndsByAnAbortOrAStop) {
@@ -56,6 +59,50 @@ TEST_F(Faults, WhatIsDelayedOrHeldEndsByAnAbortOrAStop) {
     lun->Stop();
     ASSERT_EQ(Ends(stopped), 1U);
     EXPECT_EQ(Result(stopped), -ECANCELED);
+}
+
+TEST_F(Faults, WhatIsHeldDoesNotLandOnWhatWasWrittenAfterIt) {
+    for (const Backing backing : kBackings) {
+        const std::string held = directory.path / "held";
+        std::ofstream(held).put('x');
+        std::ofstream(path).put(0);
+        std::filesystem::resize_file(path, 65536);
+        const FaultRule hold{.kind = FaultKind::Hold, .count = 1, .whileFile = held};
+        ASSERT_EQ(LunTest::Make({"lun", backing, path, 65536, {.rules = {hold}}, {}}), "");
+        Context older(0, 6, 'o');
+        Context newer(0, 6, 'n');
+        Begin(older, true);
+        Begin(newer, true);
+        AwaitSleep();
+        std::filesystem::remove(held);
+        EXPECT_EQ(Result(older), 6);
+        EXPECT_EQ(Result(newer), 6);
+        EXPECT_EQ(Read(), "6nnnnnn") << BackingName(backing);
+    }
+}
+
+TEST(Failures, TheFirstOfAKindIsALineAndTheOthersOneAMinute) {
+    FailureLog log("lun", "/x");
+    const struct {
+        int second;
+        int number;
+        const char* line;
+    } failures[] = {
+        {0, ENOSPC, "lun: a write failed in /x: No space left on device"},
+        {1, ENOSPC, ""},
+        {2, EIO, "lun: a write failed in /x: Input/output error"},
+        {3, ECANCELED, ""},
+        {59, ENOSPC, ""},
+        {60, ENOSPC,
+         "lun: a write failed in /x: No space left on device (2 more since the last line)"},
+        {119, ENOSPC, ""},
+        {300, EIO, "lun: a write failed in /x: Input/output error"},
+    };
+    for (const auto& [second, number, line] : failures)
+        EXPECT_EQ(
+            log.Note(true, number, FailureLog::Clock::time_point(std::chrono::seconds(second + 9))),
+            line);
+    EXPECT_THAT(log.Counts(), ElementsAre(Pair(EIO, 2), Pair(ENOSPC, 5), Pair(ECANCELED, 1)));
 }
 
 TEST(FaultInjection, ARateHitsTheSameWayForTheSameSeed) {

@@ -1,10 +1,12 @@
 // The data operations of a user LUN: every backing and engine moves the same bytes.
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <liburing.h>
 
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <deque>
 #include <fstream>
 #include <random>
@@ -15,8 +17,11 @@
 
 std::vector<int> g_refusals;  ///< what io_uring_submit answers, last first, before it works again
 
+uint8_t g_flags = 0;  ///< of the request that it was called for
+
 extern "C" int __real_io_uring_submit(io_uring* ring);   // NOLINT(bugprone-reserved-identifier)
 extern "C" int __wrap_io_uring_submit(io_uring* ring) {  // NOLINT(bugprone-reserved-identifier)
+    g_flags = ring->sq.sqes[(ring->sq.sqe_tail - 1) & *ring->sq.kring_mask].flags;
     if (g_refusals.empty())
         return __real_io_uring_submit(ring);
     const int answer = g_refusals.back();
@@ -24,17 +29,32 @@ extern "C" int __wrap_io_uring_submit(io_uring* ring) {  // NOLINT(bugprone-rese
     return answer;
 }
 
+int g_threads = INT_MAX;  ///< that the system still gives
+
+// In the place of the C library's for the C++ library too, which a linker's wrap doesn't reach.
+extern "C" __attribute__((visibility("default"))) int pthread_create(pthread_t* thread,
+                                                                     const pthread_attr_t* how,
+                                                                     void* (*run)(void*),
+                                                                     void* argument) noexcept {
+    static const auto real =
+        reinterpret_cast<decltype(&pthread_create)>(dlsym(RTLD_NEXT, "pthread_create"));
+    return g_threads-- <= 0 ? EAGAIN : real(thread, how, run, argument);
+}
+
 constexpr uint64_t kSize = 256 * 1024;
 
 struct Engines : LunTest, WithParamInterface<std::string> {
-    void SetUp() override {
+    LunDataConfig Config() const {
         LunDataConfig config{"lun", Backing::File, path, kSize, {}, FileEngineChoice::Uring};
         if (GetParam() == "memory")
             config.backing = Backing::Memory;
         else if (GetParam() == "threads")
             config.engine = FileEngineChoice::Threads;
+        return config;
+    }
+    void SetUp() override {
         Provide(kSize);
-        const std::string error = Make(config);
+        const std::string error = Make(Config());
         if (error.find("not permitted") != std::string::npos)
             GTEST_SKIP() << "the kernel refuses io_uring here: " << error;
         ASSERT_EQ(error, "");
@@ -93,6 +113,30 @@ TEST_P(Engines, MoveAsAModelDoesWhateverTheBuffersAndTheRange) {
     EXPECT_TRUE(Content() == model || GetParam() == "memory");
 }
 
+TEST_P(Engines, WithoutAThreadThereIsOneLineAndNoLun) {
+    const std::string_view engine = GetParam();
+    const int needed = engine == "memory" ? 1 : engine == "threads" ? 9 : 2;
+    for (int given = 0; given <= needed; ++given) {
+        lun.reset();
+        g_threads = given;
+        const std::string error = Make(Config());
+        g_threads = INT_MAX;
+        EXPECT_EQ(error == "", given == needed) << given;
+        EXPECT_THAT(error, AnyOf("", HasSubstr("no thread: Resource temporarily unavailable")));
+    }
+}
+
+TEST_P(Engines, MemoryStaysOutOfCoreDumps) {
+    std::ifstream maps("/proc/self/smaps");
+    const std::string text{std::istreambuf_iterator<char>(maps), {}};
+    const size_t place = text.find("moscsi:lun");
+    ASSERT_EQ(place != std::string::npos, GetParam() == "memory");
+    if (place != std::string::npos) {
+        const size_t flags = text.find("VmFlags:", place);
+        EXPECT_THAT(text.substr(flags, text.find('\n', flags) - flags), HasSubstr(" dd"));
+    }
+}
+
 TEST_P(Uring, ARequestThatTheKernelsRingRefusesFailsAlone) {
     Context refused(0, 512, 'r');
     Context delayed(0, 512, 'd');
@@ -124,9 +168,11 @@ TEST(Queues, HandEachFlagAndEachSyncToTheKernel) {
             if (queue == nullptr)
                 continue;  // io_uring may not be permitted
             result = INT64_MAX;
-            queue->Submit({kind, 1 << 30, &buffer, 1, 0, 0});
+            queue->Submit({kind, 1 << 30, &buffer, 1, 0, 0, kind != Read});
             result.wait(INT64_MAX);
             EXPECT_EQ(result, kind == Sync ? -EINVAL : -EOPNOTSUPP) << queue->Name();
+            const bool ring = queue->Name() == std::string("io_uring");
+            EXPECT_EQ(g_flags, ring && kind != Read ? IOSQE_ASYNC : 0);
         }
     }
     close(file);

@@ -3,6 +3,7 @@
 #include <sys/eventfd.h>
 
 #include "framework/MoProcess.h"
+#include "host/service/HostLog.h"
 #include "runner/NetlinkFamily.h"
 
 static std::atomic<bool> g_noEventfd{false};
@@ -71,6 +72,24 @@ TEST_F(RunnerTest, ServesWhatWasThereAndWhatComesAndStopsInOrder) {
         EXPECT_EQ(Content(BlockFile(*dev)), "1");
     EXPECT_FALSE(NameTaken());
     EXPECT_THAT(log.Texts(-1), IsEmpty());
+}
+
+TEST_F(RunnerTest, ABusThatWasRestartedHasItsObjectsAgainAndOneThatIsAwayHoldsNoStopBack) {
+    const auto busDies = [this] {
+        log.Reset(1);
+        kill(bus, SIGKILL);
+        Await([&] { return log.Texts(-1).size() == 1; });
+        EXPECT_THAT(log.Texts(-1), ElementsAre(HasSubstr("connection lost")));
+    };
+    StartAndWait();
+    busDies();
+    bus = StartBus();
+    Await([] { return Lacking().empty(); });
+    busDies();
+    EXPECT_EQ(Stop(), 0);
+    bus = StartBus();
+    EXPECT_FALSE(NameTaken());
+    StartAndWait();
 }
 
 TEST_F(RunnerTest, EachFailingPhaseIsOneLineAndACleanStop) {
@@ -181,6 +200,32 @@ TEST_F(RunnerTest, DeviceThatCannotBeServedIsRefusedAndClosed) {
     EXPECT_EQ(closes, 1);
     EXPECT_EQ(Announce(device), 0);
     EXPECT_THAT(log.Texts(-1), SizeIs(2));
+}
+
+TEST_F(RunnerTest, ErrorsThatAnInitiatorCausesAreThoseThatTheHostLimits) {
+    TestHost host(device.cfgString);
+    StartAndWait();
+    MoScsiSrvLIOTest::AddLun(device.cfgString, nullptr);
+    log.Reset(-1, false);
+    const std::tuple<const char*, Bytes, bool> causes[] = {
+        {"tur err", Bytes(6), false},
+        {"inquiry err", {0x12, 0, 0, 0, 96, 0}, false},
+        {"illegal cmd", {0x25, 0, 0, 0, 0, 0, 0, 0, 1, 0}, true},
+        {"ioerr: command not handled", {0x9E, 0x12}, true},
+        {"ioerr off", Read10(3), true},
+    };
+    host.fails = true;
+    for (const auto& [line, cdb, known] : causes) {
+        if (known)
+            MoScsiSrvLIOTest::AddLun(device.cfgString, &host);
+        EXPECT_EQ(device.StatusOf(cdb, {{0, 512}}), 2) << line;
+        EXPECT_THAT(log.Texts(-1), Contains(HasSubstr(line)));
+    }
+    const LimitedFunctions limited = InitiatorCaused();
+    for (const std::string& function : log.Functions())
+        EXPECT_TRUE(std::any_of(limited.begin(), limited.end(), [&](const char* part) {
+            return function.find(part) != std::string::npos;
+        })) << function;
 }
 
 TEST_F(RunnerTest, RemovalWaitsForTheHostAndOthersGoOn) {

@@ -24,6 +24,7 @@ prefs=${TARGETCLI_HOME:-$HOME/.targetcli}/prefs.bin
 if [ ! -e "$prefs" ]; then
     : >"$prefs"
     printf '%s=%s\n' auto_add_mapped_luns true auto_use_daemon true logfile "${prefs%/*}/log.txt" other kept \
+        auto_enable_tpgt true \
         >"$prefs.new"
     cat "$prefs.new" >"$prefs"
 fi
@@ -83,9 +84,10 @@ class WrapperTest(ProgramTest):
     def do(self, script, *args, **env):
         return self.finish(self.start_do(script, *args, **env))
 
-    # Only the set of preferences and the lock stay behind.
+    # Only the set of preferences, the lock and the note of the road stay behind.
     def assert_nothing_left(self):
-        self.assertRegex(" ".join(sorted(os.listdir(self.state))), r"^lock preferences\.\S+$")
+        self.assertRegex(" ".join(sorted(os.listdir(self.state))), r"^lock preferences\.\S+ roads running$")
+        self.assertIn(" slow other: a line of no known form\n", (self.state / "roads").read_text())
 
 
 class Version(WrapperTest):
@@ -203,8 +205,11 @@ class Limits(WrapperTest):
     def test_the_real_one_dies_with_a_killed_wrapper_and_the_next_run_cleans_up(self):
         process = self.start_do(self.HANG)
         pid = self.pid()
-        process.kill()
-        self.finish(process)
+        with open(self.state / "running") as running:  # what the next host looks at
+            self.assertRaises(BlockingIOError, fcntl.flock, running, fcntl.LOCK_EX | fcntl.LOCK_NB)
+            process.kill()
+            self.finish(process)
+            fcntl.flock(running, fcntl.LOCK_EX | fcntl.LOCK_NB)
         wait_until(lambda: not is_running(pid))
         os.kill(self.pid("child"), signal.SIGKILL)
         self.run_wrapper("ls")  # removes what the killed one left
@@ -241,7 +246,7 @@ class Preferences(WrapperTest):
         for env, reason in ((dict(FAKE_IGNORED="auto_add_mapped_luns=false"), "`get global` doesn't show it"),
                             (dict(FAKE_SCRIPT="echo refused; exit 9"), "refused")):
             status, out, err = self.run_wrapper("ls", **env)
-            self.assertEqual((status > 0, out, os.listdir(self.state)), (True, "", ["lock"]))
+            self.assertEqual((status > 0, out, sorted(os.listdir(self.state))), (True, "", ["lock", "roads", "running"]))
             self.assertRegex(err, rf"^targetcli's preferences can't be made: .*{reason}\n$")
 
     def test_one_that_waits_for_another_to_make_them_names_it_at_the_limit(self):
@@ -250,8 +255,10 @@ class Preferences(WrapperTest):
             fcntl.flock(lock, fcntl.LOCK_EX)
             self.expect(self.start("ls"), 124, rf".*process {os.getpid()} \(\S+\) is making them.*")
 
-    def test_another_release_of_targetcli_makes_its_own(self):
-        self.run_wrapper("ls")
+    def test_who_wants_closed_targets_and_another_release_of_targetcli_have_sets_of_their_own(self):
+        self.assertIn("auto_enable_tpgt=true", self.run_wrapper("ls")[1])
+        self.assertIn("auto_enable_tpgt=false", self.run_wrapper("ls", MOSCSI_TARGETCLI_CLOSED=1)[1])
+        self.assertIn("auto_enable_tpgt=true", self.run_wrapper("ls")[1])
         self.install_fake(FAKE.replace("other kept", "other newer"))
         self.assertIn("other=newer", self.run_wrapper("ls")[1])
 

@@ -34,6 +34,10 @@ LunConfig ReadLun(const toml::value& table, const std::string& file, Problems& p
         if (const Provisioning* provisioning =
                 reader.Choice("provisioning", kProvisionings, ProvisioningName))
             lun.provisioning = *provisioning;
+    if (onFile && lun.type == LunType::User)
+        if (const FileEngineChoice* engine =
+                reader.Choice("engine", kFileEngineChoices, FileEngineName))
+            lun.engine = *engine;
     reader.RefuseUnknownKeys();
     return lun;
 }

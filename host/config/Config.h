@@ -9,6 +9,7 @@
 
 #include "host/config/Problems.h"
 #include "host/data/Backing.h"
+#include "host/data/EngineChoice.h"
 #include "host/data/FaultPlan.h"
 #include "host/data/Provisioning.h"
 
@@ -52,6 +53,7 @@ struct LunConfig {
     Provisioning provisioning = Provisioning::Full;  ///< of a file, when it is made
     // Of user LUNs only:
     Backing backing = Backing::Memory;
+    FileEngineChoice engine = FileEngineChoice::Auto;  ///< of a file
     FaultPlan faults;
 };
 

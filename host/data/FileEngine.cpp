@@ -24,25 +24,33 @@ void FileEngine::Start(Transfer& transfer) {
     }
     m_mutex.lock();
     // Looked at under the mutex: an Abort that comes later finds the transfer in the list.
-    const bool aborted = transfer.aborted;
-    const bool submit = !aborted && m_running < m_queue->Depth();
-    if (submit)
+    const int64_t refusal = transfer.Refusal();
+    const bool submit = refusal == 0 && m_running < m_queue->Depth();
+    const bool tell = refusal == 0 && !submit && !m_watched;
+    if (submit) {
         BeginLocked(transfer);
-    else if (!aborted)
-        m_waiting.push_back(&transfer);
+    } else if (refusal == 0) {
+        m_transfers.LimitWait(transfer);
+        m_waiting.Add(transfer);
+        m_watched = true;
+    }
     m_mutex.unlock();
-    if (aborted)
-        m_transfers.Finish(transfer.ticket, -ECANCELED);
+    if (refusal != 0)
+        m_transfers.Finish(transfer.ticket, refusal);
     else if (submit)
         Submit(transfer);
+    else if (tell)
+        m_onWaiting();
 }
 
 void FileEngine::BeginLocked(Transfer& transfer) {
     ++m_running;
     transfer.syncFailures = m_syncFailures;
     transfer.ownSync = false;
+    transfer.mayBlock = false;
     if (transfer.write) {
         transfer.ownSync = m_durable && m_writing == 0 && !m_syncRuns;
+        m_syncRuns |= transfer.ownSync;
         ++m_writing;
     }
 }
@@ -55,6 +63,7 @@ void FileEngine::Submit(const Transfer& transfer) {
         static_cast<int>(std::min<size_t>(transfer.iov.size() - transfer.firstBuffer, IOV_MAX));
     request.offset = transfer.offset + transfer.done;
     request.flags = transfer.ownSync ? RWF_DSYNC : 0;
+    request.mayBlock = transfer.mayBlock;
     request.ticket = transfer.ticket;
     m_queue->Submit(request);
 }
@@ -62,6 +71,7 @@ void FileEngine::Submit(const Transfer& transfer) {
 void FileEngine::SubmitSync() {
     FileRequest request;
     request.kind = FileRequest::Kind::Sync;
+    request.mayBlock = true;  // a sync always does
     request.ticket = kSyncTicket;
     m_queue->Submit(request);
 }
@@ -69,7 +79,7 @@ void FileEngine::SubmitSync() {
 void FileEngine::OnEnded(Ticket ticket, int64_t result) {
     // The kernel cancels the requests of a thread that ends, as a device's thread may: they go on
     // from here.
-    const bool again = result == -EINTR || result == -ECANCELED;
+    bool again = result == -EINTR || result == -ECANCELED;
     if (ticket == kSyncTicket) {
         if (again)
             SubmitSync();
@@ -84,6 +94,9 @@ void FileEngine::OnEnded(Ticket ticket, int64_t result) {
     }
     if (result > 0)
         transfer->Advance(result);
+    // Some devices refuse what must not block, and io_uring may pass that on.
+    if (result == -EAGAIN && !transfer->mayBlock)
+        again = transfer->mayBlock = true;
     if (again || (result > 0 && transfer->done < transfer->wanted))
         Submit(*transfer);
     else
@@ -91,68 +104,91 @@ void FileEngine::OnEnded(Ticket ticket, int64_t result) {
 }
 
 void FileEngine::OnMoved(Transfer& transfer, int64_t error) {
-    int64_t result = transfer.done == 0 ? error : static_cast<int64_t>(transfer.done);
-    const bool sync = m_durable && transfer.write && !transfer.ownSync && result > 0;
-    bool startSync = false;
-    Transfer* next = nullptr;
+    transfer.result = transfer.done == 0 ? error : static_cast<int64_t>(transfer.done);
+    transfer.failure = static_cast<int>(-error);
+    const bool sync = m_durable && transfer.write && !transfer.ownSync && transfer.result > 0;
+    TransferList refused;
     m_mutex.lock();
     --m_running;
     if (transfer.write)
         --m_writing;
-    if (transfer.ownSync && transfer.syncFailures != m_syncFailures)
-        result = -EIO;
-    if (transfer.ownSync && error < 0)
-        ++m_syncFailures;  // it may have been its sync
-    if (!m_waiting.empty()) {
-        next = m_waiting.front();
-        m_waiting.pop_front();
-        BeginLocked(*next);
+    if (transfer.ownSync) {
+        m_syncRuns = false;
+        if (error < 0)
+            ++m_syncFailures;  // it may have been its sync
     }
-    if (sync) {
-        startSync = !m_syncRuns;
-        m_syncRuns = true;
-        (startSync ? m_syncing : m_unsynced).push_back({&transfer, result});
-    }
+    if (sync)
+        m_unsynced.Add(transfer);
+    // Before the next begins: it would carry its own sync beside this one.
+    const bool startSync = TakeSyncLocked();
+    Transfer* const next = TakeNextLocked(refused);
     m_mutex.unlock();
     if (!sync)
-        m_transfers.Finish(transfer.ticket, result);
+        m_transfers.Finish(transfer.ticket, transfer.result);
     if (startSync)
         SubmitSync();
     if (next != nullptr)
         Submit(*next);
+    Finish(std::move(refused));
+}
+
+Transfer* FileEngine::TakeNextLocked(TransferList& refused) {
+    while (Transfer* const next = m_waiting.Take()) {
+        next->result = next->Refusal();
+        if (next->result == 0) {
+            BeginLocked(*next);
+            return next;
+        }
+        refused.Add(*next);
+    }
+    return nullptr;
+}
+
+void FileEngine::Finish(TransferList ended) {
+    while (const Transfer* const each = ended.Take())
+        m_transfers.Finish(each->ticket, each->result);
+}
+
+bool FileEngine::TakeSyncLocked() {
+    if (m_syncRuns || m_unsynced.Empty())
+        return false;
+    m_syncRuns = true;
+    m_syncing = std::move(m_unsynced);
+    return true;
 }
 
 void FileEngine::OnSynced(int64_t result) {
-    std::vector<Written> synced;
+    TransferList synced;
     m_mutex.lock();
     if (result < 0)
         ++m_syncFailures;
-    synced.swap(m_syncing);
-    m_syncing.swap(m_unsynced);
-    for (Written& each : synced) {
-        if (each.transfer->syncFailures != m_syncFailures)
-            each.result = -EIO;
+    while (Transfer* const each = m_syncing.Take()) {
+        if (each->syncFailures != m_syncFailures)
+            each->result = result < 0 ? result : -EIO;
+        synced.Add(*each);
     }
-    const bool startSync = !m_syncing.empty();
-    m_syncRuns = startSync;
+    m_syncRuns = false;
+    const bool startSync = TakeSyncLocked();
     m_mutex.unlock();
     if (startSync)
         SubmitSync();
-    for (const Written& each : synced)
-        m_transfers.Finish(each.transfer->ticket, each.result);
+    Finish(std::move(synced));
 }
 
-void FileEngine::CancelAborted() {
-    std::vector<Ticket> cancelled;
+Transfer::Clock::time_point FileEngine::EndRefused() {
+    TransferList refused;
+    auto next = Transfer::Clock::time_point::max();
     {
         const MutexGuard guard(m_mutex);
-        std::erase_if(m_waiting, [&](const Transfer* each) {
-            const bool aborted = each->aborted;
-            if (aborted)
-                cancelled.push_back(each->ticket);
-            return aborted;
-        });
+        TransferList waiting = std::move(m_waiting);
+        while (Transfer* const each = waiting.Take()) {
+            each->result = each->Refusal();
+            (each->result == 0 ? m_waiting : refused).Add(*each);
+            if (each->result == 0)
+                next = std::min(next, each->beginBefore);
+        }
+        m_watched = !m_waiting.Empty();
     }
-    for (const Ticket ticket : cancelled)
-        m_transfers.Finish(ticket, -ECANCELED);
+    Finish(std::move(refused));
+    return next;
 }

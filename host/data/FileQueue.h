@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <system_error>
 
 #include "host/data/Transfers.h"
 
@@ -19,6 +20,7 @@ struct FileRequest {
     int count = 0;
     uint64_t offset = 0;
     Ticket ticket = 0;
+    bool mayBlock = false;  ///< is begun where it may block at once, without a try that must not
 };
 
 /// Tickets that no transfer has: places don't reach that far.
@@ -28,7 +30,7 @@ inline constexpr Ticket kSyncTicket = ~Ticket{0};
 class FileQueue {
   public:
     /// Called once a request, with the bytes moved or -errno: on a thread of the queue's own, or
-    /// inside Submit when the kernel refuses the request. No lock of the queue is held.
+    /// inside Submit when the request is refused. No lock of the queue is held.
     using Ended = std::function<void(Ticket ticket, int64_t result)>;
 
     virtual ~FileQueue() = default;
@@ -44,6 +46,11 @@ class FileQueue {
     /// Ends the threads. Requires: no request is under way. May be called again.
     virtual void Stop() = 0;
 };
+
+/// Why there is no thread, for a line to people.
+inline std::string NoThread(const std::system_error& fault) {
+    return std::string("no thread: ") + fault.code().message();
+}
 
 /// Makes a queue for an open file. Returns: null with a reason in `error` when it isn't possible.
 using FileQueueMaker =

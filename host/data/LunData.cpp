@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <new>
 
 #include "host/data/BackingFile.h"
 #include "host/data/FileEngine.h"
@@ -15,15 +16,9 @@
 
 namespace {
 
-/// Where the data is, for people.
-const char* PlaceOf(const LunDataConfig& config) {
-    switch (config.backing) {
-        case Backing::Memory:
-            return BackingName(config.backing);
-        case Backing::File:
-            return config.path.c_str();
-    }
-    return nullptr;
+std::string NoThreads(const std::string& reason) {
+    return fmt::format("it can't be served ({}): raise the limit of threads (ulimit -u, pids.max)",
+                       reason);
 }
 
 std::unique_ptr<DataEngine> MakeQueueAndEngine(const LunDataConfig& config, BackingFile& file,
@@ -35,15 +30,17 @@ std::unique_ptr<DataEngine> MakeQueueAndEngine(const LunDataConfig& config, Back
         if (engine)
             return engine;
         if (config.engine == FileEngineChoice::Uring) {
-            error =
-                fmt::format("no io_uring for {} ({}); allow it, or leave the choice to the host",
-                            config.path, reason);
+            error = fmt::format("no io_uring for {} ({}); allow it, or use engine = \"auto\"",
+                                config.path, reason);
             return nullptr;
         }
         MO_LOG(kLogConfirm, "%s: no io_uring (%s), threads serve the file", config.name.c_str(),
                reason.c_str());
     }
-    return FileEngine::Make(file, durable, transfers, ThreadQueue::Make, error);
+    auto engine = FileEngine::Make(file, durable, transfers, ThreadQueue::Make, error);
+    if (!engine)
+        error = NoThreads(error);
+    return engine;
 }
 
 std::unique_ptr<DataEngine> MakeFileEngine(const LunDataConfig& config, Transfers& transfers,
@@ -68,6 +65,16 @@ std::unique_ptr<DataEngine> MakeEngine(const LunDataConfig& config, Transfers& t
 
 }  // namespace
 
+const char* LunDataConfig::Place() const {
+    switch (backing) {
+        case Backing::Memory:
+            return BackingName(backing);
+        case Backing::File:
+            return path.c_str();
+    }
+    return nullptr;
+}
+
 LunDataResult MakeLunData(const LunDataConfig& config, MoScsiSrvPlatform& platform) {
     LunDataResult result;
     if (config.sizeBytes == 0 || config.sizeBytes % 512 != 0 || config.sizeBytes > INT64_MAX) {
@@ -83,13 +90,21 @@ LunDataResult MakeLunData(const LunDataConfig& config, MoScsiSrvPlatform& platfo
         MO_LOG(kLogError, "%s: durability is off, a power cut loses acknowledged writes",
                config.name.c_str());
     MO_LOG(kLogConfirm, "%s: %lu bytes in %s, served by %s", config.name.c_str(),
-           static_cast<unsigned long>(config.sizeBytes), PlaceOf(config), parts->engine->Name());
-    result.data = std::make_unique<LunData>(std::move(parts));
+           static_cast<unsigned long>(config.sizeBytes), config.Place(), parts->engine->Name());
+    try {
+        result.data = std::make_unique<LunData>(std::move(parts));
+    } catch (const std::system_error& fault) {
+        result.error = NoThreads(NoThread(fault));
+    }
     return result;
 }
 
 LunData::LunData(std::unique_ptr<Parts> parts) : m_parts(std::move(parts)) {
     m_parts->waitingRoom = std::make_unique<WaitingRoom>(m_parts->transfers, *m_parts->engine);
+    const auto look = [&room = *m_parts->waitingRoom] { room.Look(); };
+    m_parts->transfers.OnFreed(look);
+    m_parts->engine->OnWaiting(look);
+    SetCommandTimeOut(m_parts->config.commandTimeOut);
 }
 
 LunData::~LunData() {
@@ -112,11 +127,22 @@ CRyError LunData::Begin(MoScsiSrvIO* ioctx, bool write) {
         m_parts->transfers.Open(ioctx, write, m_parts->config.sizeBytes, limit);
     if (transfer == nullptr)
         return CRyError::Success();
-    if (fault == nullptr)
-        m_parts->engine->Start(*transfer);
-    else
-        BeginFaulty(*transfer, *fault);
+    try {
+        if (fault == nullptr)
+            BeginInOrder(*transfer);
+        else
+            BeginFaulty(*transfer, *fault);
+    } catch (const std::bad_alloc&) {
+        m_parts->transfers.Finish(transfer->ticket, -ENOMEM);  // the room had no place for it
+    }
     return CRyError::Success();
+}
+
+void LunData::BeginInOrder(Transfer& transfer) {
+    if (transfer.order.MayBegin())
+        m_parts->engine->Start(transfer);
+    else
+        m_parts->waitingRoom->AwaitOrder(transfer);
 }
 
 void LunData::BeginFaulty(Transfer& transfer, const FaultRule& fault) {
@@ -126,7 +152,7 @@ void LunData::BeginFaulty(Transfer& transfer, const FaultRule& fault) {
             m_parts->transfers.Finish(transfer.ticket, -fault.errorNumber);
             break;
         case FaultKind::Short:
-            m_parts->engine->Start(transfer);
+            BeginInOrder(transfer);
             break;
         case FaultKind::Delay:
             m_parts->waitingRoom->Delay(transfer, std::chrono::milliseconds(fault.delayMs));
@@ -139,23 +165,27 @@ void LunData::BeginFaulty(Transfer& transfer, const FaultRule& fault) {
 
 CRyError LunData::Abort(void* /*bstoreCtx*/, MoScsiSrvIO* ioctx) {
     if (m_parts->transfers.MarkAborted(ioctx))
-        m_parts->waitingRoom->CancelAborted();
+        m_parts->waitingRoom->Look();
     else
         MO_LOG(kLogError, "%s: abort of context %p, which isn't on loan, is ignored",
                m_parts->config.name.c_str(), static_cast<void*>(ioctx));
     return CRyError::Success();
 }
 
+void LunData::SetCommandTimeOut(std::chrono::milliseconds timeOut) {
+    m_parts->transfers.SetCommandTimeOut(timeOut);
+}
+
 LunStatistics LunData::Snapshot() const {
     LunStatistics statistics = m_parts->transfers.Counters();
-    statistics.backing = PlaceOf(m_parts->config);
+    statistics.backing = m_parts->config.Place();
     statistics.engine = m_parts->engine->Name();
     return statistics;
 }
 
 void LunData::Stop() {
     m_parts->transfers.Shut();
-    m_parts->waitingRoom->CancelAborted();
+    m_parts->waitingRoom->Look();
     m_parts->transfers.WaitUntilEmpty();
     m_parts->waitingRoom->Stop();
     m_parts->engine->Stop();

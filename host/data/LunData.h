@@ -1,19 +1,21 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
 
 #include "host/data/Backing.h"
+#include "host/data/EngineChoice.h"
 #include "host/data/FaultPlan.h"
 #include "host/data/LunStatistics.h"
 #include "platform/MoScsiSrvPlatform.h"
 
 struct Transfer;
 
-/// What moves a file's data. Auto takes io_uring, or threads where the kernel refuses a ring (many
-/// containers do); both are equally durable.
-enum class FileEngineChoice { Auto, Uring, Threads };
+/// How long the kernel waits for a command of a TCMU device when nobody has changed the device's
+/// attribute cmd_time_out (TCMU_TIME_OUT in drivers/target/target_core_user.c).
+inline constexpr std::chrono::milliseconds kDefaultCommandTimeOut{30000};
 
 struct LunDataConfig {
     std::string name;  ///< for log lines
@@ -21,7 +23,11 @@ struct LunDataConfig {
     std::string path;        ///< Backing::File: absolute path
     uint64_t sizeBytes = 0;  ///< a positive multiple of 512
     FaultPlan faults;
-    FileEngineChoice engine = FileEngineChoice::Auto;  ///< others for tests
+    FileEngineChoice engine = FileEngineChoice::Auto;  ///< Backing::File
+    std::chrono::milliseconds commandTimeOut = kDefaultCommandTimeOut;
+
+    /// Where the data is, for people.
+    const char* Place() const;
 };
 
 /// The data operations of one user LUN: the object for MoScsiSrvLun's `bstoreOps`, its Context()
@@ -30,14 +36,18 @@ struct LunDataConfig {
 /// Life of a transfer:
 ///  1. Read or Write takes the context on loan and copies its buffer list. Never beyond the
 ///     backing: the part within is moved, and its length reported.
-///  2. The fault plan may fail, shorten, delay or hold it; then the backing's engine moves the
-///     data.
-///  3. IODone is called exactly once. A second end of the same transfer is counted, logged and not
+///  2. The fault plan may fail, shorten, delay or hold it. A write waits for the end of each
+///  earlier
+///     one on the same bytes. Then the backing's engine moves the data.
+///  3. What hasn't begun when the kernel is about to answer by time-out ends with -ETIMEDOUT, and
+///     never begins: its initiator sends it again, or something newer.
+///  4. IODone is called exactly once. A second end of the same transfer is counted, logged and not
 ///     passed on.
 ///
 /// IODone's thread: a memory LUN's transfer ends inside Read or Write, on the device's thread (a
 /// wake-up of another thread would cost more than the copy); a file's on this object's completion
-/// thread. Aborted, delayed and held transfers end or begin on this object's waiting thread.
+/// thread. Aborted, delayed, held and late transfers, and writes that waited for others, end or
+/// begin on this object's waiting thread.
 ///
 /// Durability: a file's write is on stable storage before its IODone.
 ///
@@ -61,6 +71,10 @@ class LunData : public MoScsiBStorOps {
     /// Returns: success always. Thread: any, locks held or not: IODone never comes from inside.
     CRyError Abort(void* bstoreCtx, MoScsiSrvIO* ioctx) final;
 
+    /// Tells how long the kernel waits for a command of this LUN's device before it answers itself;
+    /// zero: for ever. Counts for what begins to wait from now on. Thread: any.
+    void SetCommandTimeOut(std::chrono::milliseconds timeOut);
+
     /// Thread: any.
     LunStatistics Snapshot() const;
 
@@ -73,6 +87,7 @@ class LunData : public MoScsiBStorOps {
     explicit LunData(std::unique_ptr<Parts> parts);
 
   private:
+    void BeginInOrder(Transfer& transfer);
     CRyError Begin(MoScsiSrvIO* ioctx, bool write);
     void BeginFaulty(Transfer& transfer, const FaultRule& fault);
 

@@ -13,7 +13,7 @@
 /// engine of its own.
 struct LunData::Parts {
     Parts(const LunDataConfig& made, MoScsiSrvPlatform& platform)
-        : config(made), transfers(made.name, platform), faults(made.faults) {}
+        : config(made), transfers(made.name, made.Place(), platform), faults(made.faults) {}
 
     const LunDataConfig config;
     Transfers transfers;

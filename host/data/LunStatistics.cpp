@@ -1,8 +1,14 @@
 #include "host/data/LunStatistics.h"
 
+#include <cstring>
 #include <nlohmann/json.hpp>
 
 nlohmann::json ToJson(const LunStatistics& statistics) {
+    nlohmann::json failures = nlohmann::json::object();
+    for (const auto& [number, count] : statistics.failures) {
+        const char* const name = strerrorname_np(number);
+        failures[name != nullptr ? name : std::to_string(number)] = count;
+    }
     return {
         {"backing", statistics.backing},
         {"engine", statistics.engine},
@@ -11,6 +17,7 @@ nlohmann::json ToJson(const LunStatistics& statistics) {
         {"bytes_read", statistics.bytesRead},
         {"bytes_written", statistics.bytesWritten},
         {"errors", statistics.errors},
+        {"failures", failures},
         {"faults", statistics.faults},
         {"on_loan", statistics.onLoan},
         {"aborted", statistics.aborted},

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <nlohmann/json_fwd.hpp>
 #include <string>
 
@@ -12,12 +13,13 @@ struct LunStatistics {
     uint64_t writes = 0;
     uint64_t bytesRead = 0;  ///< bytes reported as moved
     uint64_t bytesWritten = 0;
-    uint64_t errors = 0;              ///< transfers that reported anything but their length
-    uint64_t faults = 0;              ///< transfers that the fault plan hit
-    uint64_t onLoan = 0;              ///< contexts that the host holds now
-    uint64_t aborted = 0;             ///< transfers that the device asked back
-    uint64_t unknownAborts = 0;       ///< aborts of a context that the host didn't hold
-    uint64_t ignoredCompletions = 0;  ///< second ends of one transfer, never passed on
+    uint64_t errors = 0;               ///< transfers that reported anything but their length
+    std::map<int, uint64_t> failures;  ///< by errno, why they moved less
+    uint64_t faults = 0;               ///< transfers that the fault plan hit
+    uint64_t onLoan = 0;               ///< contexts that the host holds now
+    uint64_t aborted = 0;              ///< transfers that the device asked back
+    uint64_t unknownAborts = 0;        ///< aborts of a context that the host didn't hold
+    uint64_t ignoredCompletions = 0;   ///< second ends of one transfer, never passed on
 };
 
 /// The same by name, for the status.

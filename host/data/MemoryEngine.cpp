@@ -8,6 +8,8 @@
 #include <cstring>
 #include <utility>
 
+#include "util/Log.h"
+
 std::unique_ptr<MemoryEngine> MemoryEngine::Make(const std::string& name, uint64_t size,
                                                  Transfers& transfers, std::string& error) {
     // A nameless file in memory, whose pages come when they are first touched. Its descriptor stays
@@ -22,6 +24,9 @@ std::unique_ptr<MemoryEngine> MemoryEngine::Make(const std::string& name, uint64
                             strerror(errno));
         return nullptr;
     }
+    // A core dump is for finding a fault, and users' data can be larger than the disk it goes to.
+    if (madvise(base, size, MADV_DONTDUMP) != 0)
+        MO_LOG(kLogError, "%s: core dumps will hold its data: %s", name.c_str(), strerror(errno));
     return std::unique_ptr<MemoryEngine>(
         new MemoryEngine(std::move(fd), static_cast<char*>(base), size, transfers));
 }

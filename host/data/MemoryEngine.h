@@ -7,8 +7,8 @@
 #include "framework/UniqueFd.h"
 #include "host/data/DataEngine.h"
 
-/// A LUN in memory, zeros at first. A transfer ends inside Start: a copy costs less than
-/// waking another thread for it.
+/// A LUN in memory, zeros at first, and left out of core dumps. A transfer ends inside Start: a
+/// copy costs less than waking another thread for it.
 class MemoryEngine : public DataEngine {
   public:
     /// `name`: the LUN's, for whoever looks at the process. `size` in bytes.

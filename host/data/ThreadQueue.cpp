@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <new>
 
 namespace {
 
@@ -22,19 +23,28 @@ int64_t Carry(int fd, const FileRequest& request) {
 
 }  // namespace
 
-std::unique_ptr<FileQueue> ThreadQueue::Make(int fd, Ended ended, std::string& /*error*/) {
-    return std::make_unique<ThreadQueue>(fd, std::move(ended));
-}
-
-ThreadQueue::ThreadQueue(int fd, Ended ended) : m_fd(fd), m_ended(std::move(ended)) {
-    for (size_t i = 0; i < kThreads; ++i)
-        m_threads.emplace_back([this] { Run(); });
+std::unique_ptr<FileQueue> ThreadQueue::Make(int fd, Ended ended, std::string& error) {
+    std::unique_ptr<ThreadQueue> queue(new ThreadQueue(fd, std::move(ended)));
+    try {
+        for (size_t i = 0; i < kThreads; ++i)
+            queue->m_threads.emplace_back([&queue = *queue] { queue.Run(); });
+    } catch (const std::system_error& fault) {
+        error = NoThread(fault);
+        return nullptr;  // its end joins those that run
+    }
+    return queue;
 }
 
 void ThreadQueue::Submit(const FileRequest& request) {
-    const MutexGuard guard(m_mutex);
-    m_requests.push_back(request);
-    m_changed.notify_one();
+    try {
+        const MutexGuard guard(m_mutex);
+        m_requests.push_back(request);
+        m_changed.notify_one();
+        return;
+    } catch (const std::bad_alloc&) {
+        // told below, with no lock held
+    }
+    m_ended(request.ticket, -ENOMEM);
 }
 
 void ThreadQueue::Stop() {

@@ -3,6 +3,7 @@
 #include <condition_variable>
 #include <deque>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "framework/Mutex.h"
@@ -12,7 +13,6 @@
 class ThreadQueue : public FileQueue {
   public:
     static std::unique_ptr<FileQueue> Make(int fd, Ended ended, std::string& error);
-    ThreadQueue(int fd, Ended ended);
     ~ThreadQueue() override { Stop(); }
     ThreadQueue(const ThreadQueue&) = delete;
     ThreadQueue& operator=(const ThreadQueue&) = delete;
@@ -24,6 +24,8 @@ class ThreadQueue : public FileQueue {
 
   private:
     static constexpr size_t kThreads = 8;
+
+    ThreadQueue(int fd, Ended ended) : m_fd(fd), m_ended(std::move(ended)) {}
 
     void Run() MO_EXCLUDES(m_mutex);
 

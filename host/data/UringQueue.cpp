@@ -25,6 +25,8 @@ void Prepare(io_uring_sqe* entry, int fd, const FileRequest& request) {
             io_uring_prep_fsync(entry, fd, IORING_FSYNC_DATASYNC);
             break;
     }
+    if (request.mayBlock)
+        io_uring_sqe_set_flags(entry, IOSQE_ASYNC);
     io_uring_sqe_set_data64(entry, request.ticket);
 }
 
@@ -38,7 +40,12 @@ std::unique_ptr<FileQueue> UringQueue::Make(int fd, Ended ended, std::string& er
         return nullptr;
     }
     queue->m_made = true;
-    queue->m_thread = std::thread([&queue = *queue] { queue.Run(); });
+    try {
+        queue->m_thread = std::thread([&queue = *queue] { queue.Run(); });
+    } catch (const std::system_error& fault) {
+        error = NoThread(fault);
+        return nullptr;
+    }
     return queue;
 }
 

@@ -23,17 +23,21 @@ void WaitingRoom::HoldWhile(Transfer& transfer, const std::string& path) {
     Add({&transfer, {}, path});
 }
 
+void WaitingRoom::AwaitOrder(Transfer& transfer) {
+    Add({&transfer, {}, {}});
+}
+
 void WaitingRoom::Add(Waiting waiting) {
+    m_transfers.LimitWait(*waiting.transfer);
     const MutexGuard guard(m_mutex);
     m_waiting.push_back(std::move(waiting));
     m_look = true;
     m_changed.notify_one();
 }
 
-void WaitingRoom::CancelAborted() {
+void WaitingRoom::Look() {
     const MutexGuard guard(m_mutex);
     m_look = true;
-    m_cancel = true;
     m_changed.notify_one();
 }
 
@@ -47,44 +51,45 @@ void WaitingRoom::Stop() {
         m_thread.join();
 }
 
-void WaitingRoom::TakeReadyLocked(std::vector<Transfer*>& ready) {
-    const Clock::time_point now = Clock::now();
-    std::erase_if(m_waiting, [&](const Waiting& each) {
-        const bool over = each.whileFile.empty() ? each.due <= now : !FileExists(each.whileFile);
-        if (!over && !each.transfer->aborted)
-            return false;
-        ready.push_back(each.transfer);
-        return true;
-    });
-}
-
-WaitingRoom::Clock::time_point WaitingRoom::NextLookLocked() const {
+WaitingRoom::Clock::time_point WaitingRoom::TakeReadyLocked(TransferList& ready) {
     Clock::time_point next = Clock::time_point::max();
-    for (const Waiting& each : m_waiting)
-        next = std::min(next, each.whileFile.empty() ? each.due : Clock::now() + kFileLookInterval);
+    for (auto each = m_waiting.begin(); each != m_waiting.end();) {
+        const Clock::time_point now = Clock::now();
+        const bool held = !each->whileFile.empty() && FileExists(each->whileFile);
+        if (!held)
+            each->whileFile.clear();
+        const bool mayBegin = !held && each->due <= now && each->transfer->order.MayBegin();
+        if (mayBegin || each->transfer->Refusal() != 0) {
+            ready.Add(*each->transfer);
+            each = m_waiting.erase(each);
+            continue;
+        }
+        next = std::min(next, each->transfer->beginBefore);
+        if (held)
+            next = std::min(next, now + kFileLookInterval);
+        else if (each->due > now)
+            next = std::min(next, each->due);
+        ++each;
+    }
     return next;
 }
 
 void WaitingRoom::Run() {
-    std::vector<Transfer*> ready;
+    TransferList ready;
     m_mutex.lock();
     while (!m_stop) {
         m_look = false;
-        const bool cancel = m_cancel;
-        m_cancel = false;
-        TakeReadyLocked(ready);
+        Clock::time_point next = TakeReadyLocked(ready);
         m_mutex.unlock();
-        for (Transfer* transfer : ready) {
-            if (transfer->aborted)
-                m_transfers.Finish(transfer->ticket, -ECANCELED);
+        while (Transfer* const transfer = ready.Take()) {
+            const int64_t refusal = transfer->Refusal();
+            if (refusal != 0)
+                m_transfers.Finish(transfer->ticket, refusal);
             else
                 m_engine.Start(*transfer);
         }
-        ready.clear();
-        if (cancel)
-            m_engine.CancelAborted();
+        next = std::min(next, m_engine.EndRefused());
         m_mutex.lock();
-        const Clock::time_point next = NextLookLocked();
         while (!m_look && !m_stop && Clock::now() < next) {
             if (next == Clock::time_point::max())
                 m_changed.wait(m_mutex);

@@ -8,9 +8,15 @@
 
 #include "framework/Mutex.h"
 #include "host/data/DataEngine.h"
+#include "host/data/TransferList.h"
 
-/// Where delayed and held transfers wait for their begin, and the thread from which aborted ones
-/// end: Abort itself may not call IODone.
+/// Where transfers wait for their begin: delayed and held ones, and writes behind others on the
+/// same bytes (WriteOrder). Its thread begins them, and ends those here and in the engine that are
+/// aborted or that the kernel is about to give up: Abort itself may not call IODone, and with a
+/// disk that is stuck nobody else comes by.
+///
+/// A transfer is here or in the engine, never in both, so whoever takes it out of its list alone
+/// decides whether it begins or ends; the clock is asked then, for each anew.
 class WaitingRoom {
   public:
     WaitingRoom(Transfers& transfers, DataEngine& engine);
@@ -23,26 +29,29 @@ class WaitingRoom {
     /// Hands it to the engine when no file is at `path` any more. Thread: any.
     void HoldWhile(Transfer& transfer, const std::string& path) MO_EXCLUDES(m_mutex);
 
-    /// Ends with -ECANCELED what is marked as aborted, here and in the engine, soon and on this
-    /// object's thread. Thread: any.
-    void CancelAborted() MO_EXCLUDES(m_mutex);
+    /// Hands it to the engine when the writes before it have ended. Thread: any.
+    void AwaitOrder(Transfer& transfer) MO_EXCLUDES(m_mutex);
+
+    /// Looks, soon and on this object's thread, at all that waits here and in the engine, and ends
+    /// what is refused by now. Thread: any, other objects' mutexes held or not.
+    void Look() MO_EXCLUDES(m_mutex);
 
     /// Ends the thread. Requires: no transfer waits. May be called again.
     void Stop() MO_EXCLUDES(m_mutex);
 
   private:
-    using Clock = std::chrono::steady_clock;
+    using Clock = Transfer::Clock;
 
     struct Waiting {
         Transfer* transfer;
         Clock::time_point due;
-        std::string whileFile;  ///< empty: `due` counts
+        std::string whileFile;  ///< empty, or no more there: `due` counts
     };
 
     void Add(Waiting waiting) MO_EXCLUDES(m_mutex);
     void Run() MO_EXCLUDES(m_mutex);
-    void TakeReadyLocked(std::vector<Transfer*>& ready) MO_REQUIRES(m_mutex);
-    Clock::time_point NextLookLocked() const MO_REQUIRES(m_mutex);
+    /// Takes out what may begin or is refused. Returns: when to look again.
+    Clock::time_point TakeReadyLocked(TransferList& ready) MO_REQUIRES(m_mutex);
 
     Transfers& m_transfers;
     DataEngine& m_engine;
@@ -51,7 +60,6 @@ class WaitingRoom {
     std::condition_variable_any m_changed;
     std::vector<Waiting> m_waiting MO_GUARDED_BY(m_mutex);
     bool m_look MO_GUARDED_BY(m_mutex) = false;
-    bool m_cancel MO_GUARDED_BY(m_mutex) = false;
     bool m_stop MO_GUARDED_BY(m_mutex) = false;
 
     std::thread m_thread;  ///< last: it uses everything above

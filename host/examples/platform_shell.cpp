@@ -16,6 +16,7 @@
 #include <sstream>
 
 #include "framework/LogWriters.h"
+#include "framework/QueuedOutput.h"
 #include "host/data/LunData.h"
 #include "host/service/Plugin.h"
 #include "host/service/StopSignals.h"
@@ -131,5 +132,6 @@ int main() {
     auto* shell = new Shell(*platform);  // its data must outlive whatever the kernel still asks for
     for (std::string line; std::getline(std::cin, line);)
         std::cout << shell->Run(line) << std::endl;
+    QueuedOutput::Flush();
     _exit(0);  // the plug-in's threads aren't joined
 }

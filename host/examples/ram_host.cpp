@@ -11,6 +11,7 @@
 #include <cstring>
 #include <vector>
 
+#include "framework/QueuedOutput.h"
 #include "ioctx/MoScsiSrvIO.h"
 #include "platform/MoScsiSrvPlatform.h"
 
@@ -81,5 +82,6 @@ int main(int, char** argv) {
     platform->DeleteLun(&lun);  // returns when the device has closed: the disk may go then
     platform->DeleteTarget(&target);
     platform->Cleanup();
+    QueuedOutput::Flush();  // what the log has
     _exit(served ? 0 : 1);  // the plug-in's threads aren't joined
 }

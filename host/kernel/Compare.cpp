@@ -61,7 +61,7 @@ void Comparison::CheckPortals(const TargetPlan& target, const PortalGroupView& g
         Say("target {} has no portal on the service port {}, so nobody could log in: see what has "
             "the port (ss -ltnp), free it, and remove the target with: targetcli /iscsi delete {}",
             target.name, m_plan.port, target.name);
-    if (!group.enabled)
+    if (!group.enabled && !group.opensLater)
         Say("target {} has its portal group disabled: enable it with: targetcli /iscsi/{}/tpg1 "
             "enable",
             target.name, target.name);

@@ -99,8 +99,10 @@ StorageObject ReadObject(const std::string& hba, const fs::path& directory,
     const std::string info = ReadText(directory / "info");
     object.readOnly = WordBehind(info, "readonly: ") == "1";
     object.size = NumberIn(WordBehind(info, " Size: "));
-    if (object.kind == "user")
+    if (object.kind == "user") {
         object.config = WordBehind(info, "Config: ");
+        object.commandTimeOut = NumberIn(ReadText(directory / "attrib/cmd_time_out"));
+    }
     if (object.kind == "iblock") {
         const auto major = NumberIn(WordBehind(info, "Major: "));
         const auto minor = NumberIn(WordBehind(info, "Minor: "));

@@ -27,6 +27,7 @@ struct StorageObject {
     std::optional<dev_t> device;   ///< of an iblock
     bool readOnly = false;
     std::string serial;
+    std::optional<uint64_t> commandTimeOut;  ///< seconds, of a user backstore; zero: without end
 
     /// "fileio/NAME (PATH)".
     std::string Text() const;
@@ -57,6 +58,7 @@ struct AclView {
 struct PortalGroupView {
     unsigned tag = 0;
     bool enabled = false;
+    bool opensLater = false;    ///< not enabled, and the reader knows that it is to be
     bool admitsAnyone = false;  ///< generate_node_acls
     std::vector<LunView> luns;
     std::vector<AclView> acls;

@@ -24,22 +24,27 @@ constexpr std::chrono::seconds kOpenLimit{5};
 
 /// On a thread of its own: with a bus that accepts and never answers the library waits 90 s, and
 /// nothing but the end of the process cuts that short.
-std::unique_ptr<sdbus::IConnection> OpenBus() {
+std::unique_ptr<sdbus::IConnection> OpenBus(const std::function<bool()>& stopAsked) {
     std::packaged_task<std::unique_ptr<sdbus::IConnection>()> open(
         [] { return sdbus::createSystemBusConnection(); });
     auto connection = open.get_future();
     std::thread(std::move(open)).detach();
-    if (connection.wait_for(kOpenLimit) != std::future_status::ready)
-        throw sdbus::Error(
-            "org.freedesktop.DBus.Error.NoReply",
-            fmt::format("it accepts a connection and says nothing for {} s", kOpenLimit.count()));
+    const Clock::time_point deadline = Clock::now() + kOpenLimit;
+    while (connection.wait_for(kPoll) != std::future_status::ready) {
+        if (stopAsked())
+            throw sdbus::Error("org.freedesktop.DBus.Error.NoReply", "the stop didn't wait for it");
+        if (Clock::now() >= deadline)
+            throw sdbus::Error("org.freedesktop.DBus.Error.NoReply",
+                               fmt::format("it accepts a connection and says nothing for {} s",
+                                           kOpenLimit.count()));
+    }
     return connection.get();
 }
 
 /// The bus, asked synchronously.
 class Bus {
   public:
-    Bus() : m_connection(OpenBus()) {}
+    explicit Bus(const std::function<bool()>& stopAsked) : m_connection(OpenBus(stopAsked)) {}
 
     /// The unique name of the owner; empty when there is none. Starts nobody.
     std::string Owner() {
@@ -115,7 +120,7 @@ std::string Lacking(Bus& bus) {
 
 std::string WaitForBusObjects(std::chrono::seconds limit, const std::function<bool()>& stopAsked) {
     try {
-        Bus bus;
+        Bus bus(stopAsked);
         const Clock::time_point deadline = Clock::now() + limit;
         for (;;) {
             std::string lacking = Lacking(bus);
@@ -131,7 +136,7 @@ std::string WaitForBusObjects(std::chrono::seconds limit, const std::function<bo
 
 bool WaitForBusNameGone(std::chrono::seconds limit) {
     try {
-        Bus bus;
+        Bus bus([] { return false; });
         const Clock::time_point deadline = Clock::now() + limit;
         for (;;) {
             const std::string owner = bus.Owner();

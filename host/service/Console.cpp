@@ -3,20 +3,33 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <thread>
 
 #include "framework/Mutex.h"
+#include "framework/QueuedOutput.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
+/// After what the log has queued. A reader that went away is its own loss.
 void WriteLine(int descriptor, std::string line) {
     line += '\n';
-    // One call a line. A reader that went away must not end the service.
-    [[maybe_unused]] const ssize_t written = write(descriptor, line.data(), line.size());
+    QueuedOutput::Flush();
+    for (size_t sent = 0; sent < line.size();) {
+        const ssize_t written = write(descriptor, line.data() + sent, line.size() - sent);
+        if (written < 0 && errno != EINTR)
+            return;
+        sent += static_cast<size_t>(std::max<ssize_t>(written, 0));
+    }
+}
+
+std::string Complaint(const std::string& line) {
+    return "moscsi-host: " + line;
 }
 
 double SecondsSince(Clock::time_point start) {
@@ -71,7 +84,19 @@ void StandardConsole::Say(const std::string& line) {
 }
 
 void StandardConsole::Complain(const std::string& line) {
-    WriteLine(STDERR_FILENO, "moscsi-host: " + line);
+    WriteLine(STDERR_FILENO, Complaint(line));
+}
+
+void QueuedConsole::Say(const std::string& line) {
+    QueuedOutput::Put(STDOUT_FILENO, line + '\n', OutputQueue::Rank::Ordinary);
+}
+
+void QueuedConsole::Complain(const std::string& line) {
+    QueuedOutput::Put(STDERR_FILENO, Complaint(line) + '\n', OutputQueue::Rank::Important);
+}
+
+void QueuedConsole::Announce(const std::string& line) {
+    QueuedOutput::Put(STDOUT_FILENO, line + '\n', OutputQueue::Rank::Important);
 }
 
 CRyError RunStep(Console& console, const std::string& what,

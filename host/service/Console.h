@@ -12,16 +12,29 @@ class Console {
   public:
     virtual ~Console() = default;
 
-    /// Thread: any, for both.
+    /// Thread: any, for all three.
     virtual void Say(const std::string& line) = 0;
     virtual void Complain(const std::string& line) = 0;
+
+    /// Says a line that somebody waits for.
+    virtual void Announce(const std::string& line) { Say(line); }
 };
 
-/// Lines on the process's own streams.
+/// Lines on the process's own streams, written when the call returns: for what a pager may read as
+/// slowly as it likes.
 class StandardConsole final : public Console {
   public:
     void Say(const std::string& line) override;
     void Complain(const std::string& line) override;
+};
+
+/// The same for a service: lines are queued (framework/QueuedOutput.h), in one order with those of
+/// the log. Nobody waits for a reader; complaints and announcements are dropped last.
+class QueuedConsole final : public Console {
+  public:
+    void Say(const std::string& line) override;
+    void Complain(const std::string& line) override;
+    void Announce(const std::string& line) override;
 };
 
 /// Runs one configuration step and says how it ended and how long it took; while it lasts, a line

@@ -1,25 +1,28 @@
 #include "host/service/EarlierCommands.h"
 
-#include <cstdlib>
-#include <string>
+#include <fcntl.h>
+#include <sys/file.h>
+
+#include <cerrno>
 #include <thread>
 
-pid_t EarlierCommand(const std::filesystem::path& wrapper) {
-    std::error_code ignored;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc", ignored)) {
-        const std::string name = entry.path().filename();
-        if (name.find_first_not_of("0123456789") == std::string::npos &&
-            std::filesystem::equivalent(entry.path() / "exe", wrapper, ignored))
-            return static_cast<pid_t>(std::strtol(name.c_str(), nullptr, 10));
-    }
-    return 0;
+#include "framework/FileLocks.h"
+#include "framework/UniqueFd.h"
+
+pid_t EarlierCommand(const std::filesystem::path& runDirectory) {
+    // Let go at once: a wrapper that starts now waits for a moment only.
+    const UniqueFd lock(open((runDirectory / "targetcli/running").c_str(), O_RDWR | O_CLOEXEC));
+    if (!lock.Valid() || flock(lock.Get(), LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK)
+        return 0;
+    const pid_t holder = LockHolderOf(lock.Get());
+    return holder > 0 ? holder : -1;
 }
 
-pid_t WaitForEarlierCommands(const std::filesystem::path& wrapper, std::chrono::seconds limit,
+pid_t WaitForEarlierCommands(const std::filesystem::path& runDirectory, std::chrono::seconds limit,
                              const std::function<bool()>& stopAsked) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
     for (;;) {
-        const pid_t process = EarlierCommand(wrapper);
+        const pid_t process = EarlierCommand(runDirectory);
         if (process == 0 || stopAsked() || std::chrono::steady_clock::now() >= deadline)
             return process;
         std::this_thread::sleep_for(std::chrono::milliseconds(100));

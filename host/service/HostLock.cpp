@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
@@ -14,12 +15,15 @@
 
 std::string HostLock::Take(const std::filesystem::path& runDirectory) {
     std::error_code error;
-    std::filesystem::create_directories(runDirectory, error);
+    // What is there already has its mode from whoever made it.
+    if (std::filesystem::create_directories(runDirectory, error))
+        chmod(runDirectory.c_str(), S_IRWXU | S_IRGRP | S_IXGRP | S_IROTH | S_IXOTH);
     const std::filesystem::path path = runDirectory / "host.lock";
     m_file = UniqueFd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
     if (!m_file.Valid())
         return fmt::format("can't open {} ({}): make {} writable for root", path.string(),
                            strerror(errno), runDirectory.string());
+    fchmod(m_file.Get(), S_IRUSR | S_IWUSR);
     if (flock(m_file.Get(), LOCK_EX | LOCK_NB) != 0) {
         std::array<char, 32> holder{};
         [[maybe_unused]] const ssize_t got = read(m_file.Get(), holder.data(), holder.size() - 1);

@@ -7,16 +7,19 @@
 #include <csignal>
 #include <nlohmann/json.hpp>
 
-#include "framework/LogWriters.h"
+#include "framework/QueuedOutput.h"
 #include "host/data/BackingFile.h"
 #include "host/kernel/PlanObjects.h"
 #include "host/plan/StorageCheck.h"
 #include "host/service/BusWait.h"
+#include "host/service/ClosedTargets.h"
 #include "host/service/EarlierCommands.h"
 #include "host/service/HostLock.h"
+#include "host/service/HostLog.h"
 #include "host/service/LunRecord.h"
 #include "host/service/PlanExecutor.h"
 #include "host/service/Plugin.h"
+#include "host/service/ProcessStart.h"
 #include "host/service/StopSignals.h"
 #include "host/service/UserData.h"
 #include "host/status/HostStatus.h"
@@ -49,6 +52,7 @@ class Service {
           m_options(options),
           m_console(console),
           m_record(environment.stateDirectory),
+          m_closed(environment.runDirectory, environment.configfs),
           m_stop(environment.runDirectory,
                  kStopBase + kStopPerObject * static_cast<int>(plan.ObjectCount()),
                  [this] { GiveUp(); }),
@@ -72,7 +76,9 @@ class Service {
     bool CleanUp();
     [[noreturn]] void GiveUp();
 
-    ConfigfsView Look() const { return ReadConfigfs(m_environment.configfs); }
+    ConfigfsView Look() const;
+    bool NoteNewTargets();
+    bool OpenTargets();
 
     bool Fail(const std::string& line) {
         m_console.Complain(line);
@@ -90,6 +96,7 @@ class Service {
     const ServeOptions& m_options;
     Console& m_console;
     LunRecord m_record;
+    ClosedTargets m_closed;
     StopSignals m_stop;
     HostStatus m_status;
     MoScsiSrvPlatform* m_platform = nullptr;
@@ -101,6 +108,14 @@ class Service {
     bool m_clean = true;    // nothing failed, nothing of ours is left
     StatusServer m_server;  // last: its thread reads the others
 };
+
+ConfigfsView Service::Look() const {
+    ConfigfsView view = ReadConfigfs(m_environment.configfs);
+    for (TargetView& target : view.targets)
+        for (PortalGroupView& group : target.groups)
+            group.opensLater = m_closed.Noted(target.name);
+    return view;
+}
 
 bool Service::Load() {
     if (const std::string fault = m_server.Start(); !fault.empty())
@@ -151,16 +166,16 @@ bool Service::WaitForBus() {
 
 // After the runner's start: that frees a command which waits in the kernel for the earlier host.
 bool Service::WaitForEarlier() {
-    const std::filesystem::path wrapper = m_environment.home / "bin/targetcli";
-    const pid_t running = EarlierCommand(wrapper);
+    const pid_t running = EarlierCommand(m_environment.runDirectory);
     if (running == 0)
         return true;
     m_console.Say(
         fmt::format("waiting for a targetcli that an earlier host started (process {})", running));
-    const pid_t left =
-        WaitForEarlierCommands(wrapper, kCommandLimit, [this] { return m_stop.Asked(); });
+    const pid_t left = WaitForEarlierCommands(m_environment.runDirectory, kCommandLimit,
+                                              [this] { return m_stop.Asked(); });
     return left == 0 || m_stop.Asked() ||
-           Fail(fmt::format("process {} still runs {}: end it", left, wrapper.string()));
+           Fail(fmt::format("process {} of an earlier host's targetcli still runs: kill -9 {}",
+                            left, left));
 }
 
 void Service::TellMissing() {
@@ -184,6 +199,22 @@ bool Service::NoteLuns() {
                 noted.emplace_back(&lun, m_executor->NumberOf(lun));
     const std::string fault = m_record.Note(noted);
     return fault.empty() || Fail(fault);
+}
+
+bool Service::NoteNewTargets() {
+    for (const TargetPlan& target : m_plan.targets)
+        if (m_before.Target(target.name) == nullptr)
+            if (const std::string fault = m_closed.Note(target.name); !fault.empty())
+                return Fail(fault);
+    return true;
+}
+
+bool Service::OpenTargets() {
+    for (const TargetPlan& target : m_plan.targets)
+        if (m_closed.Noted(target.name))
+            if (const std::string fault = m_closed.Open(target.name); !fault.empty())
+                return Fail(fault);
+    return true;
 }
 
 /// Whoever else would write to them meets the lock; the kernel doesn't.
@@ -224,6 +255,7 @@ bool Service::PrepareData() {
     const std::string fault = m_data.Make(m_plan, lost, *m_platform);
     if (!fault.empty())
         return Fail(fault);
+    m_data.SetTimeOuts(m_plan, m_before);
     m_status.SetDataSource([this](const LunPlan& lun) { return m_data.Statistics(lun); });
     return true;
 }
@@ -240,15 +272,22 @@ bool Service::Apply() {
         m_plan, *m_platform, m_console, m_manner,
         [this](const LunPlan& lun) { return m_data.Of(lun); },
         [this](const LunPlan& lun) { return m_record.NumberOf(lun); });
-    bool good = NoteLuns() && m_executor->Apply(m_before, [this] { return m_stop.Asked(); });
+    bool good = NoteLuns() && NoteNewTargets() &&
+                m_executor->Apply(m_before, [this] { return m_stop.Asked(); });
     for (const TargetPlan& target : m_plan.targets)
         for (const LunPlan& lun : target.luns)
             if (const auto number = m_executor->NumberOf(lun))
                 m_status.SetNumber(lun, *number);
-    good = good && NoteLuns();
-    if (good)
-        good = Refuse(FaultsAfter(m_plan, Look(), m_manner),
-                      "what was made is not what " + m_plan.file + " says; it is taken down again");
+    if (good && NoteLuns()) {
+        const ConfigfsView after = Look();
+        m_data.SetTimeOuts(m_plan, after);
+        good =
+            Refuse(FaultsAfter(m_plan, after, m_manner),
+                   "what was made is not what " + m_plan.file + " says; it is taken down again") &&
+            OpenTargets();
+    } else {
+        good = false;
+    }
     if (!good)
         TakeDown(false);
     return good;
@@ -262,7 +301,11 @@ void Service::TakeDown(bool all) {
                           : m_executor->TakeDownMade(Look(), outOfTime);
     if (!done && m_stop.OutOfTime())
         m_console.Complain("the time for stopping is over");
-    m_clean = Refuse(Leftovers(m_plan, all ? ConfigfsView() : m_before, Look()),
+    const ConfigfsView left = Look();
+    for (const TargetPlan& target : m_plan.targets)
+        if (left.Target(target.name) == nullptr)
+            m_closed.Forget(target.name);
+    m_clean = Refuse(Leftovers(m_plan, all ? ConfigfsView() : m_before, left),
                      "not everything could be taken down") &&
               m_clean;
 }
@@ -283,6 +326,7 @@ void Service::GiveUp() {
     std::error_code ignored;
     std::filesystem::remove(m_environment.runDirectory / "host.sock", ignored);
     m_stop.EndLimit();
+    QueuedOutput::Flush();
     _exit(1);
 }
 
@@ -294,7 +338,7 @@ int Service::Run() {
         m_status.SetPhase("ready");
         m_console.Say(fmt::format("serving {} target(s), port {}; stop with SIGINT or SIGTERM",
                                   m_plan.targets.size(), m_plan.port));
-        m_console.Say("ready");
+        m_console.Announce("ready");
         m_stop.Wait();
         m_console.Say("stopping");
         TakeDown(true);
@@ -315,10 +359,11 @@ int Serve(const Plan& plan, const Config& config, const Environment& environment
           const ServeOptions& options, Console& console) {
     StopSignals::Block();
     SurviveBrokenPipes();
+    QueuedOutput::FlushAtFaults();
     PrepareSearchPath(environment);
-    const int level = options.logLevel.value_or(config.logLevel.value_or(0));
+    setenv("MOSCSI_TARGETCLI_CLOSED", "1", 1);  // new targets open last: ClosedTargets.h
     g_ptrLogWriter =
-        config.logToSyslog ? MakeSyslogLogWriter("moscsi-host", level) : MakeStderrLogWriter(level);
+        MakeHostLog(config.logToSyslog, options.logLevel.value_or(config.logLevel.value_or(0)));
 
     HostLock lock;
     std::string fault = MissingPrerequisite(environment);
@@ -328,6 +373,8 @@ int Serve(const Plan& plan, const Config& config, const Environment& environment
         console.Complain(fault);
         return 1;
     }
+    if (const std::string line = RaiseDescriptorLimit(plan); !line.empty())
+        console.Complain(line);
     // Never destroyed: threads of the plug-in, and with contexts still out those of the LUNs, may
     // use it until the process ends.
     auto* service = new Service(plan, environment, options, console);

@@ -16,12 +16,16 @@ constexpr seconds kRunnerTime{10};  // the plug-in's runner waits that long for 
 constexpr seconds kHurry{3};
 constexpr seconds kHurryEnd{8};
 
+/// SIGHUP not when it was ignored at the start (nohup): then a terminal that is closed isn't meant.
+/// One that is both blocked and ignored would still be taken.
 sigset_t StopSet() {
     sigset_t set;
     sigemptyset(&set);
     sigaddset(&set, SIGINT);
     sigaddset(&set, SIGTERM);
-    sigaddset(&set, SIGHUP);
+    struct sigaction hangup {};
+    if (sigaction(SIGHUP, nullptr, &hangup) != 0 || hangup.sa_handler != SIG_IGN)
+        sigaddset(&set, SIGHUP);
     return set;
 }
 

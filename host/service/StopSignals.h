@@ -9,7 +9,8 @@
 
 #include "framework/Mutex.h"
 
-/// SIGINT, SIGTERM and SIGHUP, and the time that is left once one has come.
+/// SIGINT, SIGTERM and SIGHUP, and the time that is left once one has come. A SIGHUP that is
+/// ignored (nohup) stays so.
 
 /// Takes the three signals from the process's queue on a thread of its own, so that one that comes
 /// while a configuration step runs is acted on at once: the step's targetcli gets a time limit

@@ -37,6 +37,7 @@ std::string UserData::Make(const Plan& plan, const std::set<const LunPlan*>& wit
             config.path = lun.config.path;
             config.sizeBytes = lun.size;
             config.faults = lun.config.faults;
+            config.engine = lun.config.engine;
             LunDataResult made = MakeLunData(config, platform);
             if (made.data == nullptr) {
                 m_luns.clear();
@@ -64,6 +65,17 @@ nlohmann::json UserData::Statistics(const LunPlan& lun) const {
     if (OutlivesProcess(lun.config.backing))
         result["durable"] = lun.config.faults.durable;
     return result;
+}
+
+void UserData::SetTimeOuts(const Plan& plan, const ConfigfsView& view) {
+    for (const TargetPlan& target : plan.targets) {
+        for (const LunPlan& lun : target.luns) {
+            const StorageObject* object = ObjectOf(lun, view);
+            const auto found = m_luns.find(&lun);
+            if (found != m_luns.end() && object != nullptr && object->commandTimeOut)
+                found->second->SetCommandTimeOut(std::chrono::seconds(*object->commandTimeOut));
+        }
+    }
 }
 
 void UserData::Stop() {

@@ -34,6 +34,10 @@ class UserData {
 
     nlohmann::json Statistics(const LunPlan& lun) const;
 
+    /// Tells each LUN how long the kernel waits for its device's commands, where `view` shows it.
+    /// The kernel lets nobody change it while the device is exported.
+    void SetTimeOuts(const Plan& plan, const ConfigfsView& view);
+
     /// Ends what the LUNs' threads do. Requires: DeleteLun of each has returned, or the process is
     /// about to end.
     void Stop();

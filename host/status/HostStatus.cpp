@@ -69,6 +69,23 @@ json HostStatus::Json() const {
     return result;
 }
 
+namespace {
+
+/// One line a value; those within an object carry its name, too.
+std::string DataLines(const json& data, const std::string& prefix) {
+    std::string text;
+    for (const auto& [name, value] : data.items()) {
+        if (value.is_object())
+            text += DataLines(value, prefix + name + " ");
+        else
+            text += fmt::format("          {:<28} {:>14}\n", prefix + name,
+                                value.is_string() ? value.get<std::string>() : value.dump());
+    }
+    return text;
+}
+
+}  // namespace
+
 std::string StatusTable(const json& status) {
     std::string text =
         fmt::format("moscsi-host {}: {}, serves {} on port {}\n", status.value("process", 0),
@@ -82,10 +99,7 @@ std::string StatusTable(const json& status) {
                                 lun.value("name", "?"), lun.value("type", "?"),
                                 SizeText(lun.value("size", uint64_t{0})), lun.value("path", "?"));
             if (lun.contains("data"))
-                for (const auto& [name, value] : lun["data"].items())
-                    text +=
-                        fmt::format("          {:<28} {:>14}\n", name,
-                                    value.is_string() ? value.get<std::string>() : value.dump());
+                text += DataLines(lun["data"], "");
         }
     }
     for (const json& counter : status.value("counters", json::array())) {

@@ -60,7 +60,7 @@ image_make() { # DIRECTORY
     echo "vm: making the disk (about 10 s)"
     cp "$root"/boot/vmlinuz-* "$dir/vmlinuz"
     cp "$root"/boot/initrd.img-* "$dir/initrd"
-    if ! mke2fs -q -t ext4 -d "$root" "$dir/disk.img" 2500M >>"$log" 2>&1; then
+    if ! mke2fs -q -t ext4 -d "$root" "$dir/disk.img" 3500M >>"$log" 2>&1; then
         echo "vm: mke2fs failed; see $log" >&2
         return 1
     fi

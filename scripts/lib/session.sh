@@ -6,7 +6,9 @@
 set -euo pipefail
 
 scenario=$(basename "$0" .sh)
-work=/tmp/$scenario.$$ # the scenario's own directory; saved when it fails (paths of LUNs are lower case)
+# The scenario's own directory, saved when it fails (paths of LUNs are lower case). In the guest on its
+# disk, as users' LUNs are: /tmp is memory there, without O_DIRECT and without a disk's way of failing.
+work=${MOSCSI_GUEST:+/var}/tmp/$scenario.$$
 mkdir "$work"
 target=iqn.2026-01.com.example:${scenario//_/-}
 a=iqn.2026-01.com.example:host-a

@@ -77,7 +77,8 @@ void RunOne(Input& input, GateRig& rig, Model& model) {
         return bytes;
     }();
     Bytes cdb = input.Bytes(16);
-    static constexpr uint8_t kOthers[] = {0x00, 0x12, 0x15, 0x1A, 0x1B, 0x25, 0x55, 0x5A, 0x9E};
+    static constexpr uint8_t kOthers[] = {0x00, 0x12, 0x15, 0x1A, 0x1B, 0x25,
+                                          0x35, 0x55, 0x5A, 0x91, 0x9E};
     const bool bent = cdb[15] % 8 != 0;  // the last byte tells nobody else anything
     if (bent)
         Bend(cdb, input);

@@ -64,12 +64,13 @@ struct FakeConfigfs {
     }
     void RemoveObject(const std::string& name) { remove_all(ObjectDirectory(name).parent_path()); }
 
-    void AddTarget(const std::string& target, const std::string& portal = "0.0.0.0:3260") {
+    void AddTarget(const std::string& target, const std::string& portal = "0.0.0.0:3260",
+                   bool closed = false) {
         if (exists(Group(target)))
             return;
         for (const Path& directory : {Path("lun"), Path("acls"), "np" / Path(portal)})
             create_directories(Group(target) / directory);
-        Write(Group(target) / "enable", "1");
+        Write(Group(target) / "enable", closed ? "0" : "1");
         Write(Group(target) / "attrib/generate_node_acls", "0");
     }
     void RemoveTarget(const std::string& target) { remove_all(m_root / "iscsi" / target); }

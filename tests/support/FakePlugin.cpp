@@ -36,7 +36,8 @@ struct FakePlatform final : NullPlatform {
     }
 
     CRyError CreateTarget(MoScsiSrvTarget_t* target) override {
-        m_tree.AddTarget(target->targetName, Variable("FAKE_PORTAL", "0.0.0.0:3260"));
+        m_tree.AddTarget(target->targetName, Variable("FAKE_PORTAL", "0.0.0.0:3260"),
+                         Variable("MOSCSI_TARGETCLI_CLOSED", "0") == std::string("1"));
         return Done("CreateTarget", " " + target->targetName);
     }
     CRyError DeleteTarget(MoScsiSrvTarget_t* target) override {

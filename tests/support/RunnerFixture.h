@@ -3,12 +3,12 @@
 #include <gmock/gmock.h>
 
 #include "framework/MoProcess.h"
+#include "framework/ThreadSignals.h"
 #include "host/service/BusWait.h"
 #include "runner/DbusService.h"
 #include "runner/InterruptWait.h"
 #include "runner/Runner.h"
 #include "runner/RunnerEnvironment.h"
-#include "runner/ThreadSignals.h"
 #include "tests/support/CapturingLogWriter.h"
 #include "tests/support/FakeConfigfs.h"
 #include "tests/support/GateRig.h"
@@ -18,15 +18,18 @@ namespace fs = std::filesystem;
 using namespace testing;  // matchers
 
 /// Starts a message bus of the test's own, which the process takes for the system bus and which
-/// ends with it. Returns: false when dbus-daemon isn't installed.
-inline bool StartBus() {
-    FILE* const output = popen(
-        "exec setpriv --pdeathsig KILL dbus-daemon --session --nofork "
-        "--nopidfile --print-address=1 2>/dev/null",
-        "re");
-    static char address[256];
-    return fscanf(output, "%255s", address) == 1 &&
-           setenv("DBUS_SYSTEM_BUS_ADDRESS", address, 1) == 0;
+/// ends with it; at one address, however often. Returns: its process, 0 without dbus-daemon.
+inline pid_t StartBus() {
+    static const TempDirectory directory;
+    static const std::string address = "unix:path=" + (directory.path / "bus").string();
+    static const int set = setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), 1);
+    FILE* const output = popen(("exec setpriv --pdeathsig KILL dbus-daemon --session --nofork "
+                                "--nopidfile --print-pid=1 2>/dev/null --address=" +
+                                address)
+                                   .c_str(),
+                               "re");
+    pid_t pid = 0;
+    return set == 0 && fscanf(output, "%d", &pid) == 1 ? pid : 0;
 }
 
 /// What a stop may have to leave in use lives to the end of the process.
@@ -50,8 +53,7 @@ inline Bytes Read10(uint8_t lba) {
 /// test's own. Objects of a test that a stop may have to leave in use must be Kept.
 struct RunnerTest : Test {
     void SetUp() override {
-        static const bool bus = StartBus();
-        if (!bus)
+        if (bus == 0 && (bus = StartBus()) == 0)
             GTEST_SKIP() << "dbus-daemon is not installed";
         log.Reset(1);
         FakeConfigfs::Write(block, "0");
@@ -130,6 +132,7 @@ struct RunnerTest : Test {
         return WaitForBusObjects(std::chrono::seconds(0), [] { return false; });
     }
 
+    static inline pid_t bus = 0;
     CapturingLogWriter& log = CapturingLogWriter::Installed();
     const ThreadSignals signals;
     TempDirectory directory;

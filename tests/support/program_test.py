@@ -28,11 +28,12 @@ class ProgramTest(unittest.TestCase):
         file.chmod(mode)
         return file
 
-    def spawn(self, *args, **env):
+    # `output` takes what would otherwise be kept of both streams.
+    def spawn(self, *args, output=subprocess.PIPE, **env):
         process = subprocess.Popen(args, env={name: str(value) for name, value in env.items()},
-                                   stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                                   stderr=subprocess.PIPE, text=True)
-        for clean in (process.stderr.close, process.stdout.close, process.wait, process.kill):
+                                   stdin=subprocess.DEVNULL, stdout=output, stderr=output, text=True)
+        for clean in (*(stream.close for stream in (process.stderr, process.stdout) if stream),
+                      process.wait, process.kill):
             self.addCleanup(clean)
         return process
 

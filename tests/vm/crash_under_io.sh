@@ -1,6 +1,6 @@
 #!/bin/bash
 # The host is killed (kill -9) at random moments under fio and started again with the same file: it finds
-# its device, applies without an error, and I/O goes on. 5 times, 20 with --soak.
+# its device, applies without an error, and I/O goes on. 5 times, 20 with --soak. Then the bus is restarted.
 # limit: 1800
 . "$(dirname "$0")/../../scripts/lib/session.sh"
 
@@ -58,4 +58,11 @@ step "fio ends its last round" wait_until 240 ended $fio
 wait $fio || fail "fio: $(tail -n 5 "$work/fio.log")"
 say "           $(wc -l <"$work/rounds") rounds written and verified; $hit of $kills kills hit commands in flight"
 step "host-a logs out" logout $a "$target"
+# targetcli asks the bus for the LUN's handler before it removes anything.
+bus_restarted() {
+    dbus_stop
+    dbus_start
+    wait_until 20 grep "D-Bus is back" "$work/host.log"
+}
+step "dbus-daemon is restarted" bus_restarted
 step "the host stops" host_stop

@@ -28,7 +28,7 @@ read -r status <"WORK/$$"
 exit "$status"
 """
 
-# fast, slow, none (a line of no known form) COMMAND LINE; sh COMMAND; held COMMAND LINE (somebody
+# fast, slow COMMAND LINE; closed (fast, and a new target's portal group stays closed); sh COMMAND; held COMMAND LINE (somebody
 # has targetcli's lock); quick COMMAND LINE (fast in both passes, to come to a state; not compared).
 STEPS = r"""
 fast --version
@@ -37,13 +37,17 @@ fast /iscsi create {T}
 fast /iscsi create {T}
 held /iscsi create {T}
 fast /iscsi/{T}/tpg1/luns ls
+closed /iscsi create {T}2
+closed /iscsi create {T}2
+slow /iscsi create {T}2
+closed /iscsi delete {T}2
 
 fast /backstores/fileio create file_or_dev={W}/f name=f wwn=0123-f
 fast /backstores/fileio create file_or_dev={W}/f name=f wwn=0123-f
 slow /backstores/fileio create file_or_dev={W}/f name=f wwn=0123-g
 slow /backstores/fileio create file_or_dev={W}/hard name=g wwn=0123-f
 slow /backstores/fileio create file_or_dev={W}/missing name=g wwn=0123-f
-none /backstores/fileio create name=h file_or_dev={W}/missing wwn=0123-g
+slow /backstores/fileio create name=h file_or_dev={W}/missing wwn=0123-g
 fast /backstores/fileio create file_or_dev={W}/g name=g wwn=0123-g
 sh   truncate -s 8M {W}/f
 slow /backstores/fileio create file_or_dev={W}/f name=f wwn=0123-f
@@ -154,18 +158,20 @@ class Machine:
         self.requests = os.open(self.work / "requests", os.O_RDWR | os.O_NONBLOCK)
         self.roads = Path(os.environ["MOSCSI_RUN_DIR"]) / "targetcli/roads"
 
-    def targetcli(self, line, fast, held=False):
+    def targetcli(self, line, fast, kind=""):
         """Returns: (status, standard output, standard error), road, seconds."""
         env = dict(os.environ, MOSCSI_TARGETCLI_FAST_ROAD=str(int(fast)))
         if not fast and not self.cold:
             env["MOSCSI_TARGETCLI_REAL"] = str(self.client)
-        if held:
+        if kind == "held":
             env["MOSCSI_TARGETCLI_LOCK_WAIT"] = "1"
+        if kind == "closed":
+            env["MOSCSI_TARGETCLI_CLOSED"] = "1"
         noted = len(self.roads.read_text().splitlines()) if self.roads.exists() else 0
         begin = time.monotonic()
         with open("/run/targetcli.lock", "w") as lock, open(self.work / "out", "w+") as out, \
                 open(self.work / "err", "w+") as err:
-            if held:
+            if kind == "held":
                 fcntl.flock(lock, fcntl.LOCK_EX)
             process = subprocess.Popen([self.wrapper, *line.split()], stdout=out, stderr=err, env=env)
             while process.poll() is None:
@@ -174,7 +180,7 @@ class Machine:
             out.seek(0), err.seek(0)
             result = process.returncode, out.read(), err.read()
         road = " ".join(note.partition(" ")[2] for note in self.roads.read_text().splitlines()[noted:])
-        return result, road or "none", seconds
+        return result, road or "not noted", seconds
 
     def serve(self):
         """Becomes the real targetcli for a client that asks, in a fork with the client's streams."""
@@ -246,7 +252,7 @@ def run(machine, names, fast):
         elif kind == "quick":
             result, road, seconds = machine.targetcli(command, True)
         else:
-            result, road, seconds = machine.targetcli(command, fast, kind == "held")
+            result, road, seconds = machine.targetcli(command, fast, kind)
         # Reading a tree with many objects takes longer than all the rest: the next sh does it.
         few = len(os.listdir(ROOT / "core")) < 64
         print(f"{'second' if fast else 'first':7}{seconds:5.2f} s {kind:6}{command[:150]}", flush=True)
@@ -260,7 +266,7 @@ def differences(slow, fast):
         yield f"{wanted} became {found}"
     yield from (f"only by the real one: {line}" for line in before if line not in set(after))
     yield from (f"only by the fast road: {line}" for line in after if line not in set(before))
-    if kind in ("fast", "slow", "none") and road.split()[0] != kind:
+    if kind in ("fast", "slow", "closed") and road.split()[0] != ("slow" if kind == "slow" else "fast"):
         yield f"the road was: {road}"
 
 

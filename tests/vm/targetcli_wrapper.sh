@@ -33,7 +33,7 @@ step "the version" sh -c '[ "$(targetcli --version 2>&1  | cut -d" " -f3)" = 2.1
 
 step "six first runs at once" six_at_once
 expect_eq "what they leave" "$(basename -a "$MOSCSI_RUN_DIR"/targetcli/* | cut -d. -f1)" \
-    $'lock\npreferences\nroads'
+    $'lock\npreferences\nroads\nrunning'
 
 user=$configfs/target/core/user_900
 cleanup rmdir "$user/wrapper" "$user"

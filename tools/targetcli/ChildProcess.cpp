@@ -87,6 +87,7 @@ int ChildProcess::Start(const Command& command, int outFd, int errFd) {
     if (pid == 0) {
         BecomeChild(outFd, errFd, parent);
         if (command.work) {
+            childFailure.Close();  // or the wrapper waits for its end, should close_range fail
             close_range(STDERR_FILENO + 1, ~0U, 0);
             _exit(command.work());
         }

@@ -10,6 +10,7 @@
 enum class Form {
     kVersion,
     kTargetCreate,
+    kClosedTargetCreate,  ///< a target create, by who asks for closed ones
     kTargetDelete,
     kAclCreate,
     kMappingCreate,

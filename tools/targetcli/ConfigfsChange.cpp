@@ -44,7 +44,10 @@ void Require(bool certain, const char* otherwise) {
         throw SlowRoad(otherwise);
 }
 
+bool ConfigfsChange::s_begun = false;
+
 void ConfigfsChange::MakeDirectory(const Path& path) {
+    s_begun = true;
     if (mkdir(path.c_str(), 0777) != 0)
         Refused("mkdir", path, errno);
     m_made.push_back(path);
@@ -52,36 +55,52 @@ void ConfigfsChange::MakeDirectory(const Path& path) {
 
 void ConfigfsChange::MakeLink(const Path& to, const Path& directory) {
     const Path path = directory / RandomName();
+    s_begun = true;
     if (symlink(to.c_str(), path.c_str()) != 0)
         Refused("symlink", path, errno);
     m_made.push_back(path);
 }
 
-void ConfigfsChange::Write(const Path& file, const std::string& text) {
+bool ConfigfsChange::TryWrite(const Path& file, const std::string& text) {
+    s_begun = true;
     const UniqueFd fd(open(file.c_str(), O_WRONLY | O_CLOEXEC));
     if (!fd.Valid() ||
         write(fd.Get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()))
-        Refused("write", file, errno);
+        return false;
     // What a directory of ours holds goes with it.
     if (m_made.empty())
         m_lasting = true;
+    return true;
+}
+
+void ConfigfsChange::Write(const Path& file, const std::string& text) {
+    if (!TryWrite(file, text))
+        Refused("write", file, errno);
+}
+
+void ConfigfsChange::WriteAsking(const Path& file, const std::string& text) {
+    if (!TryWrite(file, text))
+        Refused("write", file, errno, true);
 }
 
 void ConfigfsChange::Remove(const Path& path) {
+    s_begun = true;
     if (remove(path.c_str()) != 0)
         Refused("remove", path, errno);
     m_lasting = true;
 }
 
-void ConfigfsChange::Refused(const char* step, const Path& path, int error) {
+void ConfigfsChange::Refused(const char* step, const Path& path, int error, bool final) {
     const std::string cause =
         std::string(step) + " " + path.string() + ": " + strerrorname_np(error);
-    if (TakeBack())
+    const bool nothingLeft = TakeBack();
+    if (nothingLeft && !final)
         throw SlowRoad("the kernel refused " + cause);
     // The plug-in takes a line with "exists" for success.
     const bool misread = cause.find("exists") != std::string::npos;
     throw StoppedHalfWay("the kernel refused " + (misread ? std::string(step) : cause) +
-                         ", and part of the command is done: see configfs");
+                         (nothingLeft ? "; nothing of it is left"
+                                      : ", and part of the command is done: see configfs"));
 }
 
 bool ConfigfsChange::TakeBack() {

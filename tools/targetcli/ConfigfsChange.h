@@ -10,8 +10,9 @@ struct SlowRoad : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-/// The kernel refused a step, and what was done before it couldn't be taken back: the real
-/// targetcli would meet a half-made state. What it says is the one line to report.
+/// The kernel refused a step, and either what was done before it couldn't be taken back, so that
+/// the real targetcli would meet a half-made state, or trying again by its means would only wait
+/// for the same refusal. What it says is the one line to report.
 struct StoppedHalfWay : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
@@ -32,12 +33,21 @@ class ConfigfsChange {
     /// A link in `directory` to `to`, under a name that says nothing: ten random digits.
     void MakeLink(const Path& to, const Path& directory);
     void Write(const Path& file, const std::string& text);
+    /// The same, but a refusal is the command's answer: it throws StoppedHalfWay also when nothing
+    /// is left. For what asks somebody else than the kernel, who has answered then.
+    void WriteAsking(const Path& file, const std::string& text);
     /// Removes a link or an empty directory.
     void Remove(const Path& path);
 
+    /// Whether this process has begun to change anything.
+    static bool AnyBegun() { return s_begun; }
+
   private:
-    [[noreturn]] void Refused(const char* step, const Path& path, int error);
+    bool TryWrite(const Path& file, const std::string& text);
+    [[noreturn]] void Refused(const char* step, const Path& path, int error, bool final = false);
     bool TakeBack();
+
+    static bool s_begun;
 
     std::vector<Path> m_made;  // in order; a link is told from a directory by removing it
     bool m_lasting = false;    // something was changed that can't be taken back

@@ -68,9 +68,10 @@ bool Same(const StorageObject& object, const CommandLine& line) {
     return object.UdevPath() == line.path && object.Serial() == line.serial && object.Enabled();
 }
 
-// What a create of any kind ends with.
-void Enable(ConfigfsChange& change, const fs::path& object, const std::string& serial) {
-    change.Write(object / "enable", "1\n");
+// What a create of any kind ends with. The serial comes after enabling, as targetcli writes it.
+constexpr char kEnable[] = "enable";
+constexpr char kOn[] = "1\n";
+void GiveSerial(ConfigfsChange& change, const fs::path& object, const std::string& serial) {
     change.Write(object / "wwn/vpd_unit_serial", serial + "\n");
 }
 
@@ -84,7 +85,7 @@ fs::path MakeObject(ConfigfsChange& change, const CommandLine& line, const fs::p
 }
 
 bool InExclusiveUse(const std::string& device) {
-    return !UniqueFd(open(device.c_str(), O_RDWR | O_EXCL | O_NONBLOCK | O_CLOEXEC)).Valid();
+    return !UniqueFd(open(device.c_str(), O_RDONLY | O_EXCL | O_NONBLOCK | O_CLOEXEC)).Valid();
 }
 
 // A whole disk's or a partition's directory in sysfs.
@@ -128,7 +129,8 @@ Answer CreateFile(const CommandLine& line, const fs::path& root) {
     change.Write(object / "attrib/emulate_write_cache", "1");
     change.Write(object / "control", "fd_buffered_io=1");
     change.Write(object / "udev_path", line.path);
-    Enable(change, object, line.serial);
+    change.Write(object / kEnable, kOn);
+    GiveSerial(change, object, line.serial);
     change.Write(object / "attrib/emulate_model_alias", "1");
     return {0, "Created fileio " + line.object + " with size " + std::to_string(size) + "\n", ""};
 }
@@ -147,7 +149,8 @@ Answer CreateBlock(const CommandLine& line, const fs::path& root) {
     change.Write(object / "udev_path", line.path);
     change.Write(object / "control", "udev_path=" + line.path);
     change.Write(object / "control", "readonly=0");
-    Enable(change, object, line.serial);
+    change.Write(object / kEnable, kOn);
+    GiveSerial(change, object, line.serial);
     change.Write(object / "attrib/emulate_model_alias", "1");
     return {0, "Created block storage object " + line.object + " using " + line.path + ".\n", ""};
 }
@@ -156,8 +159,8 @@ Answer CreateUser(const CommandLine& line, const fs::path& root) {
     const std::string config = line.handler + "/" + line.config;
     const std::string size = std::to_string(*line.size);
     Require(*line.size >= kBlockSize && *line.size % kBlockSize == 0, "no whole number of blocks");
+    RequireHandlerTakesConfig(line);  // targetcli asks first, also for what is there
     if (const auto object = FindObject(StorageObjects(root), line)) {
-        RequireUserHandler(line);
         Require(object->Info("Config: ") == config && object->Info(" Size: ") == size &&
                     object->Serial() == line.serial && object->Enabled(),
                 "the object is there and differs");
@@ -166,14 +169,14 @@ Answer CreateUser(const CommandLine& line, const fs::path& root) {
                 "a user backstore of this name, configuration and size already exists\n"
                 "UserBackedStorageObject creation failed.\n"};
     }
-    RequireHandlerTakesConfig(line);
     RequireNoReservations(root, line.serial);
 
     ConfigfsChange change;
     const fs::path object = MakeObject(change, line, root);
     change.Write(object / "control", "dev_config=" + config);
     change.Write(object / "control", "dev_size=" + size);
-    Enable(change, object, line.serial);
+    change.WriteAsking(object / kEnable, kOn);  // the handler is asked
+    GiveSerial(change, object, line.serial);
     return {0, "Created user-backed storage object " + line.object + " size " + size + ".\n", ""};
 }
 

@@ -21,6 +21,8 @@ struct Answer {
 constexpr int kStatusAlreadyThere = 1;
 
 Answer CreateTarget(const CommandLine& line, const std::filesystem::path& root);
+/// The same with the portal group left closed (Settings::closedTargets).
+Answer CreateClosedTarget(const CommandLine& line, const std::filesystem::path& root);
 Answer DeleteTarget(const CommandLine& line, const std::filesystem::path& root);
 Answer CreateAcl(const CommandLine& line, const std::filesystem::path& root);
 Answer CreateMapping(const CommandLine& line, const std::filesystem::path& root);

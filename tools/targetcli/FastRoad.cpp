@@ -11,6 +11,7 @@
 #include "tools/targetcli/CommandLine.h"
 #include "tools/targetcli/ConfigfsChange.h"
 #include "tools/targetcli/RoadLog.h"
+#include "tools/targetcli/RunningLock.h"
 #include "tools/targetcli/Surroundings.h"
 
 namespace {
@@ -25,6 +26,7 @@ struct FormHandler {
 };
 constexpr FormHandler kHandlers[] = {
     {Form::kTargetCreate, CreateTarget},
+    {Form::kClosedTargetCreate, CreateClosedTarget},
     {Form::kTargetDelete, DeleteTarget},
     {Form::kAclCreate, CreateAcl},
     {Form::kMappingCreate, CreateMapping},
@@ -50,6 +52,7 @@ Answer CarryOut(const CommandLine& line, const Settings& settings, const std::st
     const UniqueFd lock = TakeLock();
     if (line.form == Form::kVersion)
         return {0, "", real + " version " + version + "\n"};
+    const UniqueFd running = TakeRunningLock(settings.stateDir);
     RequirePreparedMachine(settings.configfsRoot);
     for (const FormHandler& handler : kHandlers)
         if (handler.form == line.form)
@@ -81,7 +84,7 @@ int Work(const CommandLine& line, const Settings& settings, const std::string& r
         return kStatusSlowRoad;
     } catch (const std::exception& failure) {
         WriteAll(STDERR_FILENO, std::string(failure.what()) + "\n");
-        return kStatusHalfWay;
+        return ConfigfsChange::AnyBegun() ? kStatusHalfWay : kStatusSlowRoad;
     }
 }
 
@@ -90,16 +93,25 @@ int Work(const CommandLine& line, const Settings& settings, const std::string& r
 std::optional<FastRun> TakeFastRoad(const std::vector<std::string>& arguments,
                                     const Settings& settings, const std::string& real,
                                     TimeLimit& limit, const Interrupts& interrupts) {
-    const auto line = CommandLine::Parse(arguments);
-    if (!line)
+    auto line = CommandLine::Parse(arguments);
+    if (!line) {
+        NoteRoad(settings.stateDir, "slow", "other", "a line of no known form");
         return std::nullopt;
+    }
+    if (line->form == Form::kTargetCreate && settings.closedTargets)
+        line->form = Form::kClosedTargetCreate;
     ChildOutput out;
     ChildOutput err;
     const Command command = {real, arguments, "", [&] { return Work(*line, settings, real); }};
-    const Outcome outcome = RunSupervised(command, out, err, limit, interrupts);
-    const bool slow = outcome.status == kStatusSlowRoad;
-    NoteRoad(settings.stateDir, !slow, line->name, err.Kept());
-    if (slow)
+    Outcome outcome = RunSupervised(command, out, err, limit, interrupts);
+    // As with the real one: a failure never says nothing, or the plug-in would take it for success.
+    if (!outcome.Succeeded() && !err.SaidSomething())
+        outcome.complaint = ReasonOf(outcome, out, err);
+    if (outcome.status == kStatusSlowRoad) {
+        NoteRoad(settings.stateDir, "slow", line->name, err.Kept());
         return std::nullopt;
+    }
+    NoteRoad(settings.stateDir, outcome.complaint.empty() ? "fast" : "lost", line->name,
+             outcome.complaint);
     return FastRun{outcome, out.Kept(), err.Kept()};
 }

@@ -42,13 +42,11 @@ std::vector<fs::path> ContentsOf(const fs::path& group) {
     return contents;
 }
 
-}  // namespace
-
-Answer CreateTarget(const CommandLine& line, const fs::path& root) {
+Answer MakeTarget(const CommandLine& line, const fs::path& root, bool open) {
     const fs::path target = root / "iscsi" / line.target;
     const fs::path group = target / "tpgt_1";
     if (access(target.c_str(), F_OK) == 0) {
-        const bool same = FirstLineOf(group / "enable") == "1" &&
+        const bool same = (!open || FirstLineOf(group / "enable") == "1") &&
                           FirstLineOf(group / "attrib/authentication") == "0" &&
                           access((group / "np" / kPortal).c_str(), F_OK) == 0;
         Require(same, "the target is there and differs");
@@ -59,7 +57,8 @@ Answer CreateTarget(const CommandLine& line, const fs::path& root) {
     ConfigfsChange change;
     change.MakeDirectory(target);
     change.MakeDirectory(group);
-    change.Write(group / "enable", "1");
+    if (open)
+        change.Write(group / "enable", "1");
     change.Write(group / "attrib/authentication", "0");
     change.MakeDirectory(group / "np" / kPortal);
     return {0,
@@ -67,6 +66,16 @@ Answer CreateTarget(const CommandLine& line, const fs::path& root) {
                 ".\nCreated TPG 1.\nGlobal pref auto_add_default_portal=true\n"
                 "Created default portal listening on all IPs (0.0.0.0), port 3260.\n",
             ""};
+}
+
+}  // namespace
+
+Answer CreateTarget(const CommandLine& line, const fs::path& root) {
+    return MakeTarget(line, root, true);
+}
+
+Answer CreateClosedTarget(const CommandLine& line, const fs::path& root) {
+    return MakeTarget(line, root, false);
 }
 
 Answer DeleteTarget(const CommandLine& line, const fs::path& root) {

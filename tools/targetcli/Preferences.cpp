@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "framework/FileLocks.h"
 #include "framework/UniqueFd.h"
 #include "tools/targetcli/Proc.h"
 
@@ -27,6 +28,7 @@ constexpr int kLockPollMilliseconds = 50;
 // in; and several runs would write to one file.
 constexpr std::array<const char*, 3> kWanted = {"auto_add_mapped_luns=false",
                                                 "auto_use_daemon=false", "logfile=/dev/null"};
+constexpr char kClosed[] = "auto_enable_tpgt=false";
 
 std::string KeyOf(const std::string& program) {
     struct stat info = {};
@@ -54,7 +56,8 @@ Preferences::Preferences(const Settings& settings, std::string real, TimeLimit& 
                          const Interrupts& interrupts)
     : m_settings(settings),
       m_real(std::move(real)),
-      m_set(settings.stateDir / ("preferences." + KeyOf(m_real))),
+      m_set(settings.stateDir /
+            ((settings.closedTargets ? "preferences.closed." : "preferences.") + KeyOf(m_real))),
       m_limit(limit),
       m_interrupts(interrupts) {}
 
@@ -102,8 +105,11 @@ Outcome Preferences::Make() {
     std::string error;
     if (!directory.Make(m_settings.stateDir, error))
         return {kStatusFailed, error};
+    std::vector<std::string> wanted(kWanted.begin(), kWanted.end());
+    if (m_settings.closedTargets)
+        wanted.emplace_back(kClosed);
     std::vector<std::string> set = {"set", "global"};
-    set.insert(set.end(), kWanted.begin(), kWanted.end());
+    set.insert(set.end(), wanted.begin(), wanted.end());
     const std::vector<std::string> get = {"get", "global"};
 
     std::string settings;
@@ -116,9 +122,9 @@ Outcome Preferences::Make() {
             return Failed(ReasonOf(outcome, out, err), outcome.status);
         settings = out.Kept();
     }
-    for (const char* setting : kWanted)
+    for (const std::string& setting : wanted)
         if (!HasLine(settings, setting))
-            return Failed(std::string(setting) + " was set, but `get global` doesn't show it");
+            return Failed(setting + " was set, but `get global` doesn't show it");
     const int renamed = directory.RenameTo(m_set);
     return renamed == 0 ? Outcome{} : Failed(strerror(renamed));
 }

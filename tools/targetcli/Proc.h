@@ -23,6 +23,3 @@ std::string KernelWait(pid_t pid);
 /// Returns: nothing when no process of the group waits; otherwise the holder, 0 when the table
 /// doesn't name it (a process outside of this PID namespace).
 std::optional<pid_t> LockHolder(pid_t group);
-
-/// The holder of the flock(2) lock on the open file `descriptor`, 0 when the table names none.
-pid_t LockHolderOf(int descriptor);

@@ -7,8 +7,9 @@
 ///
 ///   2026-01-31T12:00:00Z fast LUN create
 ///   2026-01-31T12:00:01Z slow ACL create: no such target
+///   2026-01-31T12:00:02Z lost LUN delete: ...  (the fast one, ended by a limit or a signal)
 ///
 /// The file is bounded: at 1 MiB it becomes `roads.old`, and a new one begins. A line that can't be
 /// written is left out. Threads and processes: any number at the same time.
-void NoteRoad(const std::filesystem::path& stateDir, bool fast, const std::string& form,
-              const std::string& whySlow);
+void NoteRoad(const std::filesystem::path& stateDir, const std::string& road,
+              const std::string& form, const std::string& why = "");

@@ -40,6 +40,7 @@ bool ReadSettings(Settings& settings, std::string& error) {
     settings.real = EnvironmentVariable("MOSCSI_TARGETCLI_REAL", "");
     settings.version = EnvironmentVariable("MOSCSI_TARGETCLI_VERSION", "");
     return ReadSwitch("MOSCSI_TARGETCLI_FAST_ROAD", "1", settings.fastRoad, error) &&
+           ReadSwitch("MOSCSI_TARGETCLI_CLOSED", "0", settings.closedTargets, error) &&
            ReadSeconds("MOSCSI_TARGETCLI_TIMEOUT", "120", settings.timeLimit, error) &&
            ReadSeconds("MOSCSI_TARGETCLI_LOCK_WAIT", "20", settings.lockWait, error);
 }

@@ -17,6 +17,8 @@
 ///                                who want user backstores configured without targetcli
 ///                                ("2.1.fb41")
 ///   MOSCSI_TARGETCLI_FAST_ROAD   0: the real targetcli carries out every command (1)
+///   MOSCSI_TARGETCLI_CLOSED      1: a new target's portal group isn't enabled, so that nobody can
+///                                log in before whoever asks for this opens it (0)
 ///   MOSCSI_CONFIGFS_ROOT         the kernel target's tree (/sys/kernel/config/target)
 ///
 /// Threads: plain data, copied freely.
@@ -26,6 +28,7 @@ struct Settings {
     std::string real;     ///< empty: look on PATH
     std::string version;  ///< empty: what the real one answers
     bool fastRoad = true;
+    bool closedTargets = false;
     std::chrono::seconds timeLimit;
     std::chrono::seconds lockWait;
 };

@@ -65,7 +65,8 @@ Outcome Supervisor::Run(const Command& command) {
     Clock::time_point checked = Clock::now();
     while (!Finished()) {
         Wait();
-        if (const int number = m_interrupts.Take(); number != 0 && !m_ended) {
+        // A signal that comes later is for the command that may follow.
+        if (const int number = m_ended ? 0 : m_interrupts.Take(); number != 0) {
             return GiveUp(128 + number, "targetcli was interrupted by signal " +
                                             std::to_string(number) + " (" + strsignal(number) +
                                             ")");

@@ -10,6 +10,7 @@
 #include "framework/FindTargetcli.h"
 #include "tools/targetcli/FastRoad.h"
 #include "tools/targetcli/Preferences.h"
+#include "tools/targetcli/RunningLock.h"
 #include "tools/targetcli/Settings.h"
 #include "tools/targetcli/SupervisedRun.h"
 #include "tools/targetcli/UserBackstoreCheck.h"
@@ -126,6 +127,7 @@ int RunOnce(const std::vector<std::string>& arguments, bool version, const Inter
     TimeLimit limit(settings);
     if (version)
         return AnswerVersion(settings, real, limit, interrupts);
+    const UniqueFd running = TakeRunningLock(settings.stateDir);
 
     if (const auto fast = TakeFastRoad(arguments, settings, real, limit, interrupts))
         return Report(*fast);
