@@ -127,6 +127,28 @@ class ServeTest(ProgramTest):
             self.assertFalse(self.limit.exists())
         self.assertIn("no moscsi-host is running", self.status())
 
+    def test_usage(self):
+        for arguments, status, said in (((), 2, "subcommand is required"), (("serve",), 2, "FILE is required"),
+                                        (("check", "f", "--frob"), 2, "--frob"), (("--version",), 0, r"^moscsi-host \d+\.\d"),
+                                        (("--help",), 0, "(?s)--anew.*--discard-lost-memory.*--json")):
+            code, out, err = self.finish(self.spawn(HOST, *arguments, **self.env))
+            self.assertEqual(code, status)
+            self.assertRegex(out + err, said)
+
+    def test_faults_that_are_configured_show(self):
+        self.file_luns()
+        text = (self.dir / "f.toml").read_text().replace("files/three\"\n", "files/three\"\n"
+                                                         "faults = { durable = false, rule = [{ kind = 'error', after = 9 }] }\n")
+        self.write("f.toml", text)
+        for name in ("one", "three"):
+            self.write(f"files/{name}", "x" * 4096)
+        faults = "with 1 fault rule, no durability"
+        self.assertIn(faults, self.finish(self.host("check", f"{self.dir}/f.toml"))[1])
+        self.says("ready\n", self.says(f"LUN three of {TARGET} is served {faults}", self.start()))
+        one, two, three, four = (lun.get("data") for lun in json.loads(self.status("--json"))["targets"][0]["luns"])
+        self.assertEqual((one, two, three["fault_rules"], three["durable"], four["fault_rules"]),
+                         (None, {"state": "not served"}, 1, False, 0))
+
     def test_wants_the_targetcli_that_the_wrapper_would_run(self):
         for real in ("bin/targetcli", "none"):
             self.env["MOSCSI_TARGETCLI_REAL"] = self.dir / real

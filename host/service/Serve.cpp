@@ -243,6 +243,11 @@ bool Service::PrepareData() {
                 : "it answers NOT READY; --discard-lost-memory serves it empty"));
     if (m_options.discardLostMemory)
         lost.clear();
+    for (const TargetPlan& target : m_plan.targets)
+        for (const LunPlan& lun : target.luns)
+            if (const std::string faults = lun.FaultText(); !faults.empty())
+                m_console.Say(fmt::format("{} of {} is served with {}, as the file says",
+                                          lun.Title(), target.name, faults));
     for (const std::string& line : Unserved(m_plan, m_before))
         m_console.Say(line);
     for (const LunPlan* lun : m_plan.Missing())
