@@ -4,8 +4,10 @@
 #include <exception>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "framework/ExceptionOf.h"
 #include "libtcmu/Device.h"
 #include "libtcmu/LibtcmuApi.h"
 #include "runner/DbusService.h"
@@ -22,6 +24,8 @@ namespace {
 // targetcli lower-cases its command lines, and matches names by case: both spellings must be there.
 const std::vector<std::string> kSubTypes = {std::string(kCanonicalSubType), "moscsisrvtcmu"};
 constexpr const char* kDescription = "Identifier of a LUN whose data the SCSI server holds.";
+
+constexpr std::chrono::milliseconds kLookAgain(20);
 
 struct Serving {
     explicit Serving(const RunnerEnvironment& environment)
@@ -86,11 +90,17 @@ bool ServeDevices(const RunnerEnvironment& environment, InterruptWait& interrupt
     }
     if (served) {
         MO_LOG(kLogProgress, "TCMU runner: ready");
-        interrupt.Wait();
+        // Without memory for a look at what came it looks again: devices are served all the while.
+        while (ExceptionOf([&] { interrupt.Wait(); }))
+            std::this_thread::sleep_for(kLookAgain);
         MO_LOG(kLogProgress, "TCMU runner: stopping");
     }
     dbus.WithdrawHandlers();
-    if (!StopServing(environment, serving->table, serving->master))
+    bool stopped = false;
+    if (const auto fault = ExceptionOf(
+            [&] { stopped = StopServing(environment, serving->table, serving->master); }))
+        MO_LOG(kLogError, "TCMU runner: the stop failed: %s", fault->c_str());
+    if (!stopped)
         LeaveOpen(std::move(serving));
     return served;
 }

@@ -51,14 +51,15 @@ class ServeTest(ProgramTest):
                      f'path = "{self.dir}/{name}"\nnumber = {number}\n')
         for name, seen in ((A, '"all"'), (B, '["two"]')):
             text += f'[[target.initiator]]\nname = "{name}"\nluns = {seen}\n'
-        self.write("f.toml", text)
+        self.file = "f.toml"
+        self.write(self.file, text)
 
     def host(self, *arguments, **env):
         return self.spawn(HOST, "--platform-file", f"{self.dir}/platform.toml", *arguments,
                           **{**self.env, **env})
 
     def start(self, *options, **env):
-        return self.host("serve", "--library", PLUGIN, f"{self.dir}/f.toml", *options, **env)
+        return self.host("serve", "--library", PLUGIN, f"{self.dir}/{self.file}", *options, **env)
 
     def ready(self, *options, **env):
         return self.says("ready\n", self.start(*options, **env))
@@ -307,12 +308,16 @@ class ServeTest(ProgramTest):
         process.send_signal(signal.SIGHUP)
         self.assertRegex(self.ends(process, 0)[1], "may open 60 files, and .* needs about 69")
 
-    # What it prints fits in no pipe any more, and nobody reads: nothing waits for that.
+    # What it prints fits in no pipe any more, and nobody reads: nothing waits for that. The name of
+    # the file isn't UTF-8, what is told of it is.
     def test_nobody_reading_stops_nothing(self):
+        self.file = os.fsdecode(b"\xff.toml")
+        (self.dir / "f.toml").rename(self.dir / self.file)
         for wait, code in ((None, 0), ("DeleteLun", 1)):
             with self.subTest(wait):
                 process = self.start(**({"FAKE_WAIT": wait} if wait else {}), output=self.full_pipe())
                 wait_until(lambda: '"phase":"ready"' in self.status("--json").replace(" ", ""))
+                self.assertIn(f"{self.dir}/\ufffd.toml", self.status())
                 process.terminate()
                 if wait:
                     wait_until((self.dir / "log.begun").exists)

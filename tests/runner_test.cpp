@@ -4,6 +4,7 @@
 
 #include "framework/MoProcess.h"
 #include "host/service/HostLog.h"
+#include "libtcmu/Cdb.h"
 #include "runner/NetlinkFamily.h"
 
 static std::atomic<bool> g_noEventfd{false};
@@ -200,6 +201,45 @@ TEST_F(RunnerTest, DeviceThatCannotBeServedIsRefusedAndClosed) {
     EXPECT_EQ(closes, 1);
     EXPECT_EQ(Announce(device), 0);
     EXPECT_THAT(log.Texts(-1), SizeIs(2));
+}
+
+// What threw may hold a lock, and the command may be the host's: neither is touched again.
+TEST_F(RunnerTest, AnExceptionOutOfAHandlerCostsItsLun) {
+    struct Handler : DeviceHandler {
+        int Open() override { return 0; }
+        int Handle(tcmulib_cmd* cmd) override {
+            ++handled;
+            return cmd->cdb[0] == 0xC0 ? throw 42 : 0;
+        }
+        void Close() override {}
+        MoStatistics::Counters Counters() override { return {}; }
+        std::atomic<int> handled{0};
+    };
+    FakeDevice& other = Describe(Kept<FakeDevice>(), "-other");
+    TestHost host(other.cfgString);
+    api.existing = {&device, &other};
+    Handler* handler = nullptr;
+    environment.makeHandler = [&](tcmu_device* dev) -> std::unique_ptr<DeviceHandler> {
+        if (dev->cfgString == other.cfgString)
+            return MakePluginHandler(dev);
+        auto made = std::make_unique<Handler>();
+        handler = made.get();
+        return made;
+    };
+    environment.stopLimit = std::chrono::milliseconds(50);
+    StartAndWait();
+    EXPECT_EQ(device.StatusOf(Bytes(6)), 0);
+    const auto thrown = device.Submit(Bytes{0xC0, 0, 0, 0, 0, 0});
+    for (int i = 0; i < 2; ++i) {
+        const auto answer = device.WaitForAnswer(device.Submit(Bytes(6)));
+        EXPECT_EQ(answer.status, 2);
+        EXPECT_EQ(answer.sense[2] << 16 | LoadBe16(&answer.sense[12]), 0x20403);
+    }
+    EXPECT_FALSE(device.AnswerOf(thrown).has_value());
+    EXPECT_EQ(handler->handled, 2);
+    EXPECT_EQ(other.StatusOf(Read10(3), {{0, 512}}), 0);
+    EXPECT_THAT(log.Texts(-1), ElementsAre(HasSubstr(device.cfgString + ": its thread failed")));
+    EXPECT_EQ(Stop(), 0);
 }
 
 TEST_F(RunnerTest, ErrorsThatAnInitiatorCausesAreThoseThatTheHostLimits) {

@@ -6,15 +6,17 @@
 #include <cerrno>
 #include <csignal>
 #include <nlohmann/json.hpp>
+#include <system_error>
 
+#include "framework/ExceptionOf.h"
 #include "framework/QueuedOutput.h"
 #include "host/kernel/PlanObjects.h"
 #include "host/plan/StorageCheck.h"
 #include "host/service/BusWait.h"
 #include "host/service/EarlierCommands.h"
 #include "host/service/HostLock.h"
-#include "host/service/LunRecord.h"
 #include "host/service/HostLog.h"
+#include "host/service/LunRecord.h"
 #include "host/service/PlanExecutor.h"
 #include "host/service/Plugin.h"
 #include "host/service/ProcessStart.h"
@@ -54,7 +56,7 @@ class Service {
                  [this] { GiveUp(); }),
           m_status(plan),
           m_server(environment.runDirectory / "host.sock",
-                   [this] { return m_status.Json().dump(); }) {}
+                   [this] { return StatusText(m_status.Json()); }) {}
 
     int Run();
 
@@ -245,14 +247,16 @@ bool Service::CleanUp() {
 
 /// A step that doesn't end can't be ended from outside; the process can.
 void Service::GiveUp() {
-    m_console.Complain(
-        "a step of the stop doesn't end, and the time for it is over: what is still "
-        "in the kernel's target stays until the next start with the same file");
-    // Neither thread is joined here: the one that hangs may be anywhere.
-    std::error_code ignored;
-    std::filesystem::remove(m_environment.runDirectory / "host.sock", ignored);
-    m_stop.EndLimit();
-    QueuedOutput::Flush();
+    ExceptionOf([this] {
+        m_console.Complain(
+            "a step of the stop doesn't end, and the time for it is over: what is still "
+            "in the kernel's target stays until the next start with the same file");
+        // Neither thread is joined here: the one that hangs may be anywhere.
+        std::error_code ignored;
+        std::filesystem::remove(m_environment.runDirectory / "host.sock", ignored);
+        m_stop.EndLimit();
+        QueuedOutput::Flush();
+    });
     _exit(1);
 }
 
@@ -302,6 +306,13 @@ int Serve(const Plan& plan, const Config& config, const Environment& environment
         console.Complain(line);
     // Never destroyed: threads of the plug-in, and with contexts still out those of the LUNs, may
     // use it until the process ends.
-    auto* service = new Service(plan, environment, options, console);
+    Service* service = nullptr;
+    try {
+        service = new Service(plan, environment, options, console);
+    } catch (const std::system_error& error) {
+        console.Complain(fmt::format(
+            "no thread for the stop's signals ({}): raise the limit of processes", error.what()));
+        return 1;
+    }
     return service->Run();
 }

@@ -69,6 +69,10 @@ json HostStatus::Json() const {
     return result;
 }
 
+std::string StatusText(const json& status) {
+    return status.dump(-1, ' ', false, json::error_handler_t::replace);
+}
+
 std::string StatusTable(const json& status) {
     std::string text =
         fmt::format("moscsi-host {}: {}, serves {} on port {}\n", status.value("process", 0),

@@ -38,5 +38,9 @@ class HostStatus {
     DataSource m_dataSource MO_GUARDED_BY(m_mutex);
 };
 
+/// The status for programs, on one line. Names of files that aren't UTF-8 have U+FFFD in the places
+/// that aren't.
+std::string StatusText(const nlohmann::ordered_json& status);
+
 /// The status for people.
 std::string StatusTable(const nlohmann::ordered_json& status);
