@@ -144,6 +144,24 @@ class ServeTest(ProgramTest):
                 self.assertEqual(self.objects(), [])
                 self.assertEqual(self.log()[-1], "Cleanup")
 
+    # It may hold the configuration's lock. What serves goes on, and stays for the next start.
+    def test_after_an_exception_no_operation_is_called(self):
+        for call in ("CreateLun:2", "UnMapHost:2"):
+            with self.subTest(call):
+                operation = call.split(":")[0]
+                process = self.start(FAKE_THROW=call)
+                if operation == "CreateLun":
+                    wait_until(lambda: "degraded" in self.status("--json"))
+                    self.assertIn(f"degraded: {operation} ended with an exception ({call} threw", self.status())
+                else:
+                    self.says("ready\n", process)
+                process.terminate()
+                self.assertIn(f"{operation} ended with an exception ({call} threw as told)", self.ends(process)[1])
+                calls = [line.split()[0] for line in self.log()]
+                self.assertEqual((calls[-1], calls.count(operation)), (operation, 2))
+                self.assertIn(f"iscsi/{TARGET}", self.objects())
+                self.assertFalse((self.dir / "run/host.sock").exists())
+
     def test_waits_for_a_command_that_an_earlier_host_left_running(self):
         running = self.write("run/targetcli/running", "")
         earlier = self.spawn("flock", "--shared", "--close", running,

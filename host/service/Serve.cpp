@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <nlohmann/json.hpp>
@@ -14,6 +15,7 @@
 #include "host/plan/StorageCheck.h"
 #include "host/service/BusWait.h"
 #include "host/service/EarlierCommands.h"
+#include "host/service/GuardedPlatform.h"
 #include "host/service/HostLock.h"
 #include "host/service/HostLog.h"
 #include "host/service/LunRecord.h"
@@ -61,6 +63,9 @@ class Service {
     int Run();
 
   private:
+    bool ServeAndStop();
+    void Degrade(const std::string& reason);
+    void StayDegraded();
     bool Load();
     bool Start();
     bool WaitForBus();
@@ -93,7 +98,9 @@ class Service {
     LunRecord m_record;
     StopSignals m_stop;
     HostStatus m_status;
-    MoScsiSrvPlatform* m_platform = nullptr;
+    MoScsiSrvPlatform* m_plugin = nullptr;
+    std::unique_ptr<GuardedPlatform> m_platform;  // m_plugin, for everything but transfers
+    std::atomic<bool> m_degraded{false};
     Manner m_manner;
     ConfigfsView m_before;
     UserData m_data;
@@ -106,8 +113,12 @@ bool Service::Load() {
     if (const std::string fault = m_server.Start(); !fault.empty())
         return Fail(fault);
     std::string error;
-    m_platform = LoadPlugin(m_environment.library, error);
-    return m_platform != nullptr || Fail(error);
+    m_plugin = LoadPlugin(m_environment.library, error);
+    if (m_plugin == nullptr)
+        return Fail(error);
+    m_platform = std::make_unique<GuardedPlatform>(
+        *m_plugin, [this](const std::string& reason) { Degrade(reason); });
+    return true;
 }
 
 bool Service::Start() {
@@ -192,7 +203,7 @@ bool Service::PrepareData() {
         m_console.Say(line);
     for (const LunPlan* lun : m_plan.Missing())
         lost.insert(lun);
-    const std::string fault = m_data.Make(m_plan, lost, *m_platform);
+    const std::string fault = m_data.Make(m_plan, lost, *m_plugin);
     if (!fault.empty())
         return Fail(fault);
     m_status.SetDataSource([this](const LunPlan& lun) { return m_data.Statistics(lun); });
@@ -220,7 +231,7 @@ bool Service::Apply() {
     if (good)
         good = Refuse(FaultsAfter(m_plan, Look(), m_manner),
                       "what was made is not what " + m_plan.file + " says; it is taken down again");
-    if (!good)
+    if (!good && !m_degraded)
         TakeDown(false);
     return good;
 }
@@ -228,9 +239,11 @@ bool Service::Apply() {
 void Service::TakeDown(bool all) {
     m_status.SetPhase("stopping");
     m_stop.Begin();
-    const auto outOfTime = [this] { return m_stop.OutOfTime(); };
+    const auto outOfTime = [this] { return m_degraded || m_stop.OutOfTime(); };
     const bool done = all ? m_executor->TakeDownAll(Look(), outOfTime)
                           : m_executor->TakeDownMade(Look(), outOfTime);
+    if (m_degraded)
+        return;
     if (!done && m_stop.OutOfTime())
         m_console.Complain("the time for stopping is over");
     m_clean = Refuse(Leftovers(m_plan, all ? ConfigfsView() : m_before, Look()),
@@ -260,9 +273,38 @@ void Service::GiveUp() {
     _exit(1);
 }
 
+/// From now on the host serves what is there, and does nothing else.
+void Service::Degrade(const std::string& reason) {
+    m_degraded = true;
+    m_status.SetDegraded(reason);
+    m_console.Complain("degraded: " + reason);
+}
+
+/// Nothing is taken down: whatever would do it may wait for a lock for ever, or do half of it.
+void Service::StayDegraded() {
+    if (m_executor && !m_stop.Asked()) {
+        m_console.Complain("I/O goes on; stop with SIGINT or SIGTERM, and start again");
+        m_stop.Wait();
+    }
+    m_console.Complain(
+        "what is in the kernel's target stays until the next start with the same file");
+}
+
 int Service::Run() {
     if (!Load())
         return 1;
+    bool good = false;
+    if (const auto fault = ExceptionOf([&] { good = ServeAndStop(); }))
+        Degrade(*fault);
+    if (m_degraded)
+        StayDegraded();
+    m_server.Stop();
+    m_stop.End();
+    return good && !m_degraded ? 0 : 1;
+}
+
+/// Returns: whether everything was served, and is gone.
+bool Service::ServeAndStop() {
     const bool served = Start() && WaitForBus() && WaitForEarlier() && Apply();
     if (served) {
         m_status.SetPhase("ready");
@@ -273,14 +315,14 @@ int Service::Run() {
         m_console.Say("stopping");
         TakeDown(true);
     }
+    if (m_degraded)
+        return false;
     const bool ended = CleanUp();
     if (ended && m_clean)
         m_data.Stop();
     if (!served && m_stop.Asked())
         m_console.Say("stopped before anything was served");
-    m_server.Stop();
-    m_stop.End();
-    return ended && m_clean && served ? 0 : 1;
+    return ended && m_clean && served;
 }
 
 }  // namespace

@@ -10,8 +10,8 @@
 /// The local socket over which a running host tells its status: whoever connects is sent one JSON
 /// text, and the connection ends.
 
-/// Answers on a thread of its own, so that the host answers whatever else it waits for; also when the
-/// process has no descriptor left.
+/// Answers on a thread of its own, so that the host answers whatever else it waits for; also when
+/// the process has no descriptor left.
 class StatusServer {
   public:
     /// Called for each connection, on the server's thread. What it throws is answered as
