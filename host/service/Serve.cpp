@@ -255,7 +255,7 @@ bool Service::CleanUp() {
     m_stop.Begin();
     RunStep(m_console, "clean up the platform", [&] { return m_platform->Cleanup(); });
     return WaitForBusNameGone(kRunnerLimit) ||
-           Fail("the plug-in's runner didn't end: see its log lines");
+           Fail("the plug-in's runner didn't end, or left devices open: see its log lines");
 }
 
 /// A step that doesn't end can't be ended from outside; the process can.
