@@ -2,35 +2,15 @@
 
 #include <poll.h>
 
-#include <sstream>
-
 #include "framework/ExceptionOf.h"
-#include "framework/SmallFile.h"
+#include "libtcmu/Backstore.h"
 #include "libtcmu/Sense.h"
 #include "util/Log.h"
 
-namespace {
-
-// UIO calls a device "tcm-user/HBA/NAME/CONFIGURATION"; its directory is core/user_HBA/NAME.
-std::filesystem::path FindBackstore(const RunnerEnvironment& environment,
-                                    const std::string& uioName) {
-    std::istringstream text(ReadSmallFile(environment.uioClass / uioName / "name").value_or(""));
-    std::string kind;
-    std::string hba;
-    std::string name;
-    std::getline(text, kind, '/');
-    std::getline(text, hba, '/');
-    std::getline(text, name, '/');
-    if (kind != "tcm-user" || hba.empty() || name.empty())
-        return {};
-    return environment.backstores / ("user_" + hba) / name;
-}
-
-}  // namespace
-
 DeviceServer::DeviceServer(const RunnerEnvironment& environment, LibDevice* device)
     : m_device(*environment.tcmu, device),
-      m_backstore(FindBackstore(environment, environment.tcmu->UioName(device))),
+      m_backstore(BackstoreOf(environment.uioClass, environment.backstores,
+                              environment.tcmu->UioName(device))),
       m_handler(environment.makeHandler(&m_device)) {}
 
 DeviceServer::~DeviceServer() {
