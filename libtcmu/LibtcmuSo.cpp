@@ -7,6 +7,7 @@
 #include <cstring>
 #include <utility>
 
+#include "framework/ExceptionOf.h"
 #include "libtcmu/Backstore.h"
 #include "libtcmu/LibtcmuApi.h"
 
@@ -118,7 +119,12 @@ class LibtcmuSo final : public LibtcmuApi {
     static int Reconfig(LibDevice* /*dev*/, tcmulib_cfg_info* /*cfg*/) { return -EOPNOTSUPP; }
     static bool CheckConfig(const char* cfgString, char** reason) {
         std::string why;
-        if (Instance().m_callbacks.checkConfig(Text(cfgString), why))
+        bool good = false;
+        // Nothing may be thrown through the library.
+        if (const auto fault = ExceptionOf(
+                [&] { good = Instance().m_callbacks.checkConfig(Text(cfgString), why); }))
+            why = *fault;
+        if (good)
             return true;
         if (reason != nullptr)
             *reason = strdup(why.c_str());  // the library frees it

@@ -101,7 +101,10 @@ MoStatistics::Counters DeviceServer::Counters() {
     counters.emplace_back("ring: fetched", ring.fetched.load());
     counters.emplace_back("ring: completed", ring.completed.load());
     counters.emplace_back("ring: doorbells", ring.doorbells.load());
+    counters.emplace_back("ring: doorbell errors", ring.doorbellErrors.load());
     counters.emplace_back("ring: bad entries", ring.badEntries.load());
+    counters.emplace_back("ring: other entries", ring.otherEntries.load());
+    counters.emplace_back("ring: completed twice", ring.completedTwice.load());
     counters.emplace_back("ring: without memory", ring.withoutMemory.load());
     counters.emplace_back("device failed", m_failed ? 1 : 0);
     return counters;
