@@ -1,6 +1,8 @@
 // What the emulation answers through the ring, to the byte, in buffers of any cut and length. Any
 // other CDB comes from tests/fuzz/gate_fuzz.cpp.
 
+#include <fstream>
+
 #include "libtcmu/Backstore.h"
 #include "libtcmu/Cdb.h"
 #include "tests/support/GateRig.h"
