@@ -368,7 +368,7 @@ class ServeTest(ProgramTest):
         self.ends(process, 0)
         process = self.says("ready\n", start("ulimit -n 60"))
         process.send_signal(signal.SIGHUP)
-        self.assertRegex(self.ends(process, 0)[1], "may open 60 files, and .* needs about 69")
+        self.assertRegex(self.ends(process, 0)[1], "may open 60 files, and .* needs about 71")
 
     # What it prints fits in no pipe any more, and nobody reads: nothing waits for that.
     def test_nobody_reading_stops_nothing(self):
