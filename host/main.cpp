@@ -66,6 +66,10 @@ int Status(const Environment& environment, bool asJson, Console& console) {
         console.Complain("the running moscsi-host's answer is cut off: ask again");
         return kFailed;
     }
+    if (status.contains("error")) {
+        console.Complain("the running moscsi-host has no status: " + status["error"].dump());
+        return kFailed;
+    }
     std::string text = asJson ? status.dump(2) : StatusTable(status);
     if (text.ends_with('\n'))
         text.pop_back();

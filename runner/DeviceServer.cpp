@@ -4,7 +4,9 @@
 
 #include <sstream>
 
+#include "framework/ExceptionOf.h"
 #include "framework/SmallFile.h"
+#include "libtcmu/Sense.h"
 #include "util/Log.h"
 
 namespace {
@@ -73,11 +75,9 @@ void DeviceServer::Serve() {
 void DeviceServer::Drain() {
     m_device.api.ProcessingStart(m_device.lib);
     m_device.ring.BeginDrain();
-    while (!m_thread.Ending()) {
-        RingCommand* command = m_device.ring.Fetch();
-        if (command == nullptr)
-            break;
-        m_gate->Pass(*command);
+    if (const auto fault = ExceptionOf([this] { ServeAll(); })) {
+        Fail(*fault);
+        ServeAll();
     }
     m_device.ring.EndDrain();
 
@@ -87,6 +87,29 @@ void DeviceServer::Drain() {
         MO_LOG(kLogError, "TCMU runner: %s can't be served any more: %s",
                m_device.cfgString.c_str(), broken);
     }
+}
+
+void DeviceServer::ServeAll() {
+    while (!m_thread.Ending()) {
+        RingCommand* command = m_device.ring.Fetch();
+        if (command == nullptr)
+            return;
+        if (m_failed)
+            tcmulib_command_complete(
+                &m_device, command,
+                SetSense(command->sense_buf, Sense::kNotReadyManualIntervention));
+        else
+            m_gate->Pass(*command);
+    }
+}
+
+// The command that was being served may be the host's already: it is left to the kernel's time-out.
+void DeviceServer::Fail(const std::string& why) {
+    m_failed = true;
+    MO_LOG(kLogError,
+           "TCMU runner: %s: its thread failed (%s): the LUN answers NOT READY until the server is "
+           "restarted",
+           m_device.cfgString.c_str(), why.c_str());
 }
 
 MoStatistics::Counters DeviceServer::Counters() {
@@ -99,5 +122,7 @@ MoStatistics::Counters DeviceServer::Counters() {
     counters.emplace_back("ring: completed", ring.completed.load());
     counters.emplace_back("ring: doorbells", ring.doorbells.load());
     counters.emplace_back("ring: bad entries", ring.badEntries.load());
+    counters.emplace_back("ring: without memory", ring.withoutMemory.load());
+    counters.emplace_back("device failed", m_failed ? 1 : 0);
     return counters;
 }

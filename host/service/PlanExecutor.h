@@ -32,9 +32,11 @@ class PlanExecutor {
 
     /// Makes everything that the plan names: targets, LUNs (those with numbers of their own first,
     /// so that automatic ones can't take these), mappings. What is there already is made again,
-    /// which changes nothing. A LUN whose file is missing is made again where configfs has it;
-    /// where not, it stays out, and its number free. `before` is configfs as it was, free of
-    /// conflicts. Returns: false after the first step that failed, or when a stop was asked for.
+    /// which changes nothing: user LUNs first, over all targets, since their initiators wait;
+    /// mappings are not, for the comparison has found them right. A LUN whose file is missing is
+    /// made again where configfs has it; where not, it stays out, and its number free. `before` is
+    /// configfs as it was, free of conflicts. Returns: false after the first step that failed, or
+    /// when a stop was asked for.
     bool Apply(const ConfigfsView& before, const StopAsked& stopAsked);
 
     /// Takes down, in reverse, what this run made: steps that failed half-way included, what was
@@ -53,6 +55,7 @@ class PlanExecutor {
     enum class Extent { Made, All };
 
     bool ApplyTarget(const TargetPlan& target, const StopAsked& stopAsked);
+    bool MakeWaiting(const StopAsked& stopAsked);
     bool MakeLun(const TargetPlan& target, const LunPlan& lun);
     bool CreateLun(const LunPlan& lun, uint32_t number);
     uint32_t NumberToAsk(const TargetPlan& target, const LunPlan& lun) const;

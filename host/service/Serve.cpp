@@ -3,10 +3,13 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <nlohmann/json.hpp>
+#include <system_error>
 
+#include "framework/ExceptionOf.h"
 #include "framework/QueuedOutput.h"
 #include "host/data/BackingFile.h"
 #include "host/kernel/PlanObjects.h"
@@ -14,6 +17,7 @@
 #include "host/service/BusWait.h"
 #include "host/service/ClosedTargets.h"
 #include "host/service/EarlierCommands.h"
+#include "host/service/GuardedPlatform.h"
 #include "host/service/HostLock.h"
 #include "host/service/HostLog.h"
 #include "host/service/LunRecord.h"
@@ -58,11 +62,14 @@ class Service {
                  [this] { GiveUp(); }),
           m_status(plan),
           m_server(environment.runDirectory / "host.sock",
-                   [this] { return m_status.Json().dump(); }) {}
+                   [this] { return StatusText(m_status.Json()); }) {}
 
     int Run();
 
   private:
+    bool ServeAndStop();
+    void Degrade(const std::string& reason);
+    void StayDegraded();
     bool Load();
     bool Start();
     bool WaitForBus();
@@ -99,7 +106,9 @@ class Service {
     ClosedTargets m_closed;
     StopSignals m_stop;
     HostStatus m_status;
-    MoScsiSrvPlatform* m_platform = nullptr;
+    MoScsiSrvPlatform* m_plugin = nullptr;
+    std::unique_ptr<GuardedPlatform> m_platform;  // m_plugin, for everything but transfers
+    std::atomic<bool> m_degraded{false};
     Manner m_manner;
     ConfigfsView m_before;
     UserData m_data;
@@ -121,8 +130,12 @@ bool Service::Load() {
     if (const std::string fault = m_server.Start(); !fault.empty())
         return Fail(fault);
     std::string error;
-    m_platform = LoadPlugin(m_environment.library, error);
-    return m_platform != nullptr || Fail(error);
+    m_plugin = LoadPlugin(m_environment.library, error);
+    if (m_plugin == nullptr)
+        return Fail(error);
+    m_platform = std::make_unique<GuardedPlatform>(
+        *m_plugin, [this](const std::string& reason) { Degrade(reason); });
+    return true;
 }
 
 bool Service::Start() {
@@ -252,7 +265,7 @@ bool Service::PrepareData() {
         m_console.Say(line);
     for (const LunPlan* lun : m_plan.Missing())
         lost.insert(lun);
-    const std::string fault = m_data.Make(m_plan, lost, *m_platform);
+    const std::string fault = m_data.Make(m_plan, lost, *m_plugin);
     if (!fault.empty())
         return Fail(fault);
     m_data.SetTimeOuts(m_plan, m_before);
@@ -288,7 +301,7 @@ bool Service::Apply() {
     } else {
         good = false;
     }
-    if (!good)
+    if (!good && !m_degraded)
         TakeDown(false);
     return good;
 }
@@ -296,9 +309,11 @@ bool Service::Apply() {
 void Service::TakeDown(bool all) {
     m_status.SetPhase("stopping");
     m_stop.Begin();
-    const auto outOfTime = [this] { return m_stop.OutOfTime(); };
+    const auto outOfTime = [this] { return m_degraded || m_stop.OutOfTime(); };
     const bool done = all ? m_executor->TakeDownAll(Look(), outOfTime)
                           : m_executor->TakeDownMade(Look(), outOfTime);
+    if (m_degraded)
+        return;
     if (!done && m_stop.OutOfTime())
         m_console.Complain("the time for stopping is over");
     const ConfigfsView left = Look();
@@ -314,25 +329,56 @@ bool Service::CleanUp() {
     m_stop.Begin();
     RunStep(m_console, "clean up the platform", [&] { return m_platform->Cleanup(); });
     return WaitForBusNameGone(kRunnerLimit) ||
-           Fail("the plug-in's runner didn't end: see its log lines");
+           Fail("the plug-in's runner didn't end, or left devices open: see its log lines");
 }
 
 /// A step that doesn't end can't be ended from outside; the process can.
 void Service::GiveUp() {
-    m_console.Complain(
-        "a step of the stop doesn't end, and the time for it is over: what is still "
-        "in the kernel's target stays until the next start with the same file");
-    // Neither thread is joined here: the one that hangs may be anywhere.
-    std::error_code ignored;
-    std::filesystem::remove(m_environment.runDirectory / "host.sock", ignored);
-    m_stop.EndLimit();
-    QueuedOutput::Flush();
+    ExceptionOf([this] {
+        m_console.Complain(
+            "a step of the stop doesn't end, and the time for it is over: what is still "
+            "in the kernel's target stays until the next start with the same file");
+        // Neither thread is joined here: the one that hangs may be anywhere.
+        std::error_code ignored;
+        std::filesystem::remove(m_environment.runDirectory / "host.sock", ignored);
+        m_stop.EndLimit();
+        QueuedOutput::Flush();
+    });
     _exit(1);
+}
+
+/// From now on the host serves what is there, and does nothing else.
+void Service::Degrade(const std::string& reason) {
+    m_degraded = true;
+    m_status.SetDegraded(reason);
+    m_console.Complain("degraded: " + reason);
+}
+
+/// Nothing is taken down: whatever would do it may wait for a lock for ever, or do half of it.
+void Service::StayDegraded() {
+    if (m_executor && !m_stop.Asked()) {
+        m_console.Complain("I/O goes on; stop with SIGINT or SIGTERM, and start again");
+        m_stop.Wait();
+    }
+    m_console.Complain(
+        "what is in the kernel's target stays until the next start with the same file");
 }
 
 int Service::Run() {
     if (!Load())
         return 1;
+    bool good = false;
+    if (const auto fault = ExceptionOf([&] { good = ServeAndStop(); }))
+        Degrade(*fault);
+    if (m_degraded)
+        StayDegraded();
+    m_server.Stop();
+    m_stop.End();
+    return good && !m_degraded ? 0 : 1;
+}
+
+/// Returns: whether everything was served, and is gone.
+bool Service::ServeAndStop() {
     const bool served = Start() && WaitForBus() && WaitForEarlier() && Apply();
     if (served) {
         m_status.SetPhase("ready");
@@ -343,14 +389,14 @@ int Service::Run() {
         m_console.Say("stopping");
         TakeDown(true);
     }
+    if (m_degraded)
+        return false;
     const bool ended = CleanUp();
     if (ended && m_clean)
         m_data.Stop();
     if (!served && m_stop.Asked())
         m_console.Say("stopped before anything was served");
-    m_server.Stop();
-    m_stop.End();
-    return ended && m_clean && served ? 0 : 1;
+    return ended && m_clean && served;
 }
 
 }  // namespace
@@ -377,6 +423,13 @@ int Serve(const Plan& plan, const Config& config, const Environment& environment
         console.Complain(line);
     // Never destroyed: threads of the plug-in, and with contexts still out those of the LUNs, may
     // use it until the process ends.
-    auto* service = new Service(plan, environment, options, console);
+    Service* service = nullptr;
+    try {
+        service = new Service(plan, environment, options, console);
+    } catch (const std::system_error& error) {
+        console.Complain(fmt::format(
+            "no thread for the stop's signals ({}): raise the limit of processes", error.what()));
+        return 1;
+    }
     return service->Run();
 }
