@@ -75,7 +75,7 @@ std::string ForeignIn(const TargetPlan& target, const ConfigfsView& view) {
 }  // namespace
 
 PlanExecutor::PlanExecutor(const Plan& plan, MoScsiSrvPlatform& platform, Console& console,
-                           Manner manner, DataOf dataOf, FormerNumber formerNumber)
+                           Manner manner, DataOf dataOf, NumberOfLun formerNumber)
     : m_plan(plan),
       m_platform(platform),
       m_console(console),
@@ -105,16 +105,6 @@ MoScsiSrvLun PlanExecutor::RecordOf(const LunPlan& lun, uint32_t number) const {
     return record;
 }
 
-/// Numbers that LUNs which stay out have, or had.
-std::set<uint32_t> PlanExecutor::ReservedNumbers(const TargetPlan& target) const {
-    std::set<uint32_t> reserved;
-    for (const LunPlan& lun : target.luns)
-        if (StaysOut(lun, *m_before))
-            if (const auto number = lun.number ? lun.number : m_formerNumber(lun))
-                reserved.insert(*number);
-    return reserved;
-}
-
 uint32_t PlanExecutor::NumberToAsk(const TargetPlan& target, const LunPlan& lun) const {
     if (lun.number)
         return *lun.number;
@@ -123,19 +113,9 @@ uint32_t PlanExecutor::NumberToAsk(const TargetPlan& target, const LunPlan& lun)
         // already, too: so that one is asked for.
         return m_manner.userByConfigfs && lun.config.type == LunType::User ? there->number
                                                                            : kAutomaticLunNumber;
-    std::set<uint32_t> taken = ReservedNumbers(target);
-    if (taken.empty())
-        return kAutomaticLunNumber;
-    if (const PortalGroupView* group = GroupOf(target.name, *m_before))
-        for (const LunView& there : group->luns)
-            taken.insert(there.number);
-    for (const LunPlan& other : target.luns)
-        if (const auto number = NumberOf(other))
-            taken.insert(*number);
-    uint32_t lowest = 0;
-    while (taken.contains(lowest))
-        ++lowest;
-    return lowest;
+    return LowestFreeNumber(target, *m_before, m_formerNumber,
+                            [this](const LunPlan& other) { return NumberOf(other); })
+        .value_or(kAutomaticLunNumber);
 }
 
 bool PlanExecutor::MakeLun(const TargetPlan& target, const LunPlan& lun) {

@@ -11,6 +11,7 @@
 #include "host/kernel/Compare.h"
 #include "host/plan/Plan.h"
 #include "host/service/Console.h"
+#include "host/service/LunNumbers.h"
 #include "platform/MoScsiSrvPlatform.h"
 
 /// Carries a plan out through the platform, and takes it down again.
@@ -24,11 +25,9 @@ class PlanExecutor {
     /// True when the work is to end early; looked at between steps.
     using StopAsked = std::function<bool()>;
 
-    /// The number that a LUN had when it was last served, if that is known.
-    using FormerNumber = std::function<std::optional<uint32_t>(const LunPlan&)>;
-
+    /// `formerNumber`: the number that a LUN had when it was last served.
     PlanExecutor(const Plan& plan, MoScsiSrvPlatform& platform, Console& console, Manner manner,
-                 DataOf dataOf, FormerNumber formerNumber);
+                 DataOf dataOf, NumberOfLun formerNumber);
 
     /// Makes everything that the plan names: targets, LUNs (those with numbers of their own first,
     /// so that automatic ones can't take these), mappings. What is there already is made again,
@@ -59,7 +58,6 @@ class PlanExecutor {
     bool MakeLun(const TargetPlan& target, const LunPlan& lun);
     bool CreateLun(const LunPlan& lun, uint32_t number);
     uint32_t NumberToAsk(const TargetPlan& target, const LunPlan& lun) const;
-    std::set<uint32_t> ReservedNumbers(const TargetPlan& target) const;
     bool Map(const TargetPlan& target, const StopAsked& stopAsked);
     bool TakeDown(Extent extent, const ConfigfsView& now, const StopAsked& outOfTime);
     bool Unmap(const TargetPlan& target, Extent extent, const StopAsked& outOfTime);
@@ -73,7 +71,7 @@ class PlanExecutor {
     Console& m_console;
     const Manner m_manner;
     const DataOf m_dataOf;
-    const FormerNumber m_formerNumber;
+    const NumberOfLun m_formerNumber;
 
     const ConfigfsView* m_before = nullptr;  // during Apply
     std::map<const LunPlan*, uint32_t> m_numbers;

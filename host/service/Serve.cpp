@@ -11,16 +11,13 @@
 
 #include "framework/ExceptionOf.h"
 #include "framework/QueuedOutput.h"
-#include "host/data/BackingFile.h"
-#include "host/kernel/PlanObjects.h"
-#include "host/plan/StorageCheck.h"
 #include "host/service/BusWait.h"
 #include "host/service/ClosedTargets.h"
 #include "host/service/EarlierCommands.h"
+#include "host/service/FileLuns.h"
 #include "host/service/GuardedPlatform.h"
 #include "host/service/HostLock.h"
 #include "host/service/HostLog.h"
-#include "host/service/LunRecord.h"
 #include "host/service/PlanExecutor.h"
 #include "host/service/Plugin.h"
 #include "host/service/ProcessStart.h"
@@ -55,7 +52,7 @@ class Service {
           m_environment(environment),
           m_options(options),
           m_console(console),
-          m_record(environment.stateDirectory),
+          m_files(plan, environment.stateDirectory),
           m_closed(environment.runDirectory, environment.configfs),
           m_stop(environment.runDirectory,
                  kStopBase + kStopPerObject * static_cast<int>(plan.ObjectCount()),
@@ -75,8 +72,6 @@ class Service {
     bool WaitForBus();
     bool WaitForEarlier();
     bool PrepareData();
-    void TellMissing();
-    bool LockKernelFiles();
     bool NoteLuns();
     bool Apply();
     void TakeDown(bool all);
@@ -102,7 +97,7 @@ class Service {
     const Environment& m_environment;
     const ServeOptions& m_options;
     Console& m_console;
-    LunRecord m_record;
+    FileLuns m_files;
     ClosedTargets m_closed;
     StopSignals m_stop;
     HostStatus m_status;
@@ -112,7 +107,6 @@ class Service {
     Manner m_manner;
     ConfigfsView m_before;
     UserData m_data;
-    std::vector<BackingFile> m_kernelFiles;  // locked while the kernel serves them
     std::unique_ptr<PlanExecutor> m_executor;
     bool m_clean = true;    // nothing failed, nothing of ours is left
     StatusServer m_server;  // last: its thread reads the others
@@ -191,26 +185,10 @@ bool Service::WaitForEarlier() {
                             left, left));
 }
 
-void Service::TellMissing() {
-    for (const LunPlan* lun : m_plan.Missing()) {
-        const bool user = lun->config.type == LunType::User;
-        m_console.Complain(lun->MissingText(m_plan.file));
-        m_console.Complain(
-            fmt::format("{} {}; the others are served", lun->Title(),
-                        StaysOut(*lun, m_before) ? "stays out"
-                        : user                   ? "answers NOT READY"
-                               : "stays as the kernel has it, on the file that it has open"));
-    }
-}
-
-/// Before initiators see a LUN it is known here; afterwards its number, too.
+/// Before initiators see a LUN it is on record; afterwards its number, too.
 bool Service::NoteLuns() {
-    std::vector<LunRecord::Noted> noted;
-    for (const TargetPlan& target : m_plan.targets)
-        for (const LunPlan& lun : target.luns)
-            if (MediumOf(lun.config) == Medium::File && !StaysOut(lun, m_before))
-                noted.emplace_back(&lun, m_executor->NumberOf(lun));
-    const std::string fault = m_record.Note(noted);
+    const std::string fault =
+        m_files.Note(m_before, [this](const LunPlan& lun) { return m_executor->NumberOf(lun); });
     return fault.empty() || Fail(fault);
 }
 
@@ -230,23 +208,11 @@ bool Service::OpenTargets() {
     return true;
 }
 
-/// Whoever else would write to them meets the lock; the kernel doesn't.
-bool Service::LockKernelFiles() {
-    for (const TargetPlan& target : m_plan.targets)
-        for (const LunPlan& lun : target.luns) {
-            if (lun.config.type != LunType::File || lun.missing)
-                continue;
-            std::string error;
-            if (!m_kernelFiles.emplace_back().Open(lun.config.path, lun.size, error))
-                return Fail(fmt::format("{}: {}", lun.Title(), error));
-        }
-    return true;
-}
-
 bool Service::PrepareData() {
-    TellMissing();
-    if (!LockKernelFiles())
-        return false;
+    for (const std::string& line : m_files.Missing(m_before))
+        m_console.Complain(line);
+    if (const std::string fault = m_files.LockKernelFiles(); !fault.empty())
+        return Fail(fault);
     std::set<const LunPlan*> lost = LostMemory(m_plan, m_before);
     for (const LunPlan* lun : lost)
         m_console.Say(fmt::format(
@@ -284,7 +250,7 @@ bool Service::Apply() {
     m_executor = std::make_unique<PlanExecutor>(
         m_plan, *m_platform, m_console, m_manner,
         [this](const LunPlan& lun) { return m_data.Of(lun); },
-        [this](const LunPlan& lun) { return m_record.NumberOf(lun); });
+        [this](const LunPlan& lun) { return m_files.FormerNumber(lun); });
     bool good = NoteLuns() && NoteNewTargets() &&
                 m_executor->Apply(m_before, [this] { return m_stop.Asked(); });
     for (const TargetPlan& target : m_plan.targets)
