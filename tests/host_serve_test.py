@@ -308,9 +308,12 @@ class ServeTest(ProgramTest):
                     file.write_bytes(bytes(4096))
             process = self.ready("--discard-lost-memory")
             self.assertEqual(sorted((self.dir / "files").glob("*")), sorted(files[n] for n in files if n not in missing))
+            there = 0 if killed else len(self.tree("core/*/*"))
             process.send_signal(signal.SIGKILL if killed else signal.SIGTERM)
             errors = self.finish(process)[2]
-            made = [line.replace("files/", "") for line in self.log() if line.startswith(("CreateLun", f"MapHost {B}"))]
+            log = [line.replace("files/", "") for line in self.log()]
+            made = [line for line in log if line.startswith(("CreateLun", f"MapHost {B}"))]
+            self.assertEqual(sum(line.startswith("DeleteLun") for line in log), there)
             self.assertEqual(self.objects() == [], not killed)
             return made, errors
 
@@ -329,6 +332,14 @@ class ServeTest(ProgramTest):
                 self.assertEqual(errors.count("is the file system that holds it mounted?"), lines / 2)
         self.assertEqual(self.finish(self.host("check", f"{self.dir}/f.toml"))[0], 1)
         self.assertIn("served here before", self.create("one")[1])
+
+    def test_a_kernel_file_that_goes_while_the_host_starts_is_not_made_anew(self):
+        process = self.start(FAKE_WAIT="CreateTarget")
+        wait_until((self.dir / "log.begun").exists)
+        (self.dir / "one").unlink()
+        (self.dir / "log.go").touch()
+        self.assertIn("one isn't the file any more", self.ends(process)[1])
+        self.assertNotIn("CreateLun one auto lun", self.log())
 
     def test_says_who_else_has_a_file(self):
         lock = "import fcntl, signal, struct, sys; f = open(sys.argv[1], sys.argv[2]); " \
