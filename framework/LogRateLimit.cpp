@@ -21,7 +21,7 @@ std::vector<LogRateLimit::Line> LogRateLimit::TakeCounts(Time now) {
     for (auto& [place, recent] : m_recent) {
         if (recent.counted == 0 || now < recent.end)
             continue;
-        Line& line = counts.emplace_back(std::move(recent.last));
+        Line& line = counts.emplace_back(recent.last);
         line.text =
             std::to_string(recent.counted) + " more like this in the last minute: " + line.text;
         // Whatever comes in the next minute is counted too.

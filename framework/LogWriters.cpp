@@ -12,6 +12,7 @@
 #include <exception>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -95,7 +96,11 @@ class LineWriter final : public CLogWriterInterface {
             return true;
         if (!m_counts.joinable() && !m_ending) {
             const ThreadSignals mask;
-            m_counts = std::thread([this] { WriteCounts(); });
+            try {
+                m_counts = std::thread([this] { WriteCounts(); });
+            } catch (const std::system_error&) {
+                return false;  // the next line tries again
+            }
         }
         m_change.notify_all();
         return false;
@@ -105,8 +110,12 @@ class LineWriter final : public CLogWriterInterface {
         pthread_setname_np(pthread_self(), "moscsi-log");
         const MutexGuard guard(m_mutex);
         while (!m_ending) {
-            for (const Line& count : m_limit.TakeCounts(std::chrono::steady_clock::now()))
-                m_write(count);
+            try {
+                for (const Line& count : m_limit.TakeCounts(std::chrono::steady_clock::now()))
+                    m_write(count);
+            } catch (const std::exception&) {
+                continue;  // no memory: what was counted is counted on
+            }
             if (const auto next = m_limit.NextCount())
                 m_change.wait_until(m_mutex, *next);
             else

@@ -19,6 +19,7 @@ namespace {
 
 constexpr int kOk = 0;
 constexpr int kFailed = 1;
+constexpr int kWrongUsage = 2;
 
 bool Complain(Console& console, const std::vector<std::string>& lines) {
     for (const std::string& line : lines)
@@ -65,6 +66,10 @@ int Status(const Environment& environment, bool asJson, Console& console) {
         console.Complain("the running moscsi-host's answer is cut off: ask again");
         return kFailed;
     }
+    if (status.contains("error")) {
+        console.Complain("the running moscsi-host has no status: " + status["error"].dump());
+        return kFailed;
+    }
     std::string text = asJson ? status.dump(2) : StatusTable(status);
     if (text.ends_with('\n'))
         text.pop_back();
@@ -79,6 +84,9 @@ int main(int argc, char** argv) {
         return kFailed;  // with nowhere to say it
     CLI::App app{"Serves iSCSI LUNs through the kernel's target, as a configuration file says."};
     app.require_subcommand(1);
+    app.set_help_flag();
+    app.set_help_all_flag("-h,--help", "this help, or a subcommand's");
+    app.set_version_flag("--version", "moscsi-host " MOSCSI_VERSION);
     std::string platformFile = "/etc/moscsi/platform.toml";
     app.add_option("--platform-file", platformFile,
                    "facts of this machine: home directory, service port")
@@ -111,7 +119,11 @@ int main(int argc, char** argv) {
                     "serve a memory LUN empty whose data died with an earlier process");
     CLI::App* status = app.add_subcommand("status", "show what the running host does");
     status->add_flag("--json", asJson, "as JSON");
-    CLI11_PARSE(app, argc, argv);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& fault) {
+        return app.exit(fault) == 0 ? kOk : kWrongUsage;
+    }
 
     StandardConsole console;
     Environment environment;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 
 #include "libtcmu/Cdb.h"
 #include "libtcmu/Sense.h"
@@ -12,6 +13,8 @@ using ringlayout::Request;
 using ringlayout::Response;
 
 namespace {
+
+constexpr int kBusyStatus = 0x08;  // SAM-5, 5.3.1
 
 uint32_t LengthOf(const Header& header) {
     return header.lengthAndOperation & ~ringlayout::kOperationMask;
@@ -26,7 +29,7 @@ uint32_t OperationOf(const Header& header) {
 CommandRing::CommandRing(void* memory, size_t length, int uioFd)
     : m_memory(static_cast<uint8_t*>(memory)),
       m_length(length),
-      m_doorbell(uioFd, m_stats.doorbells) {
+      m_doorbell(uioFd, m_stats.doorbells, m_stats.doorbellErrors) {
     m_broken = CheckMailbox();
     if (Broken() != nullptr)
         return;
@@ -103,18 +106,29 @@ RingCommand* CommandRing::Fetch() {
             SetBroken("the kernel used the number of a command that is still in flight");
             return nullptr;
         }
-        const bool sound = CopyOut(offset, LengthOf(header), *command);
+        const Copied copied = command == m_spare.get()
+                                  ? Copied::kWithoutMemory
+                                  : CopyOut(offset, LengthOf(header), *command);
         m_inFlight.fetch_add(1, std::memory_order_relaxed);
         m_seen.store((offset + LengthOf(header)) % m_ringSize, std::memory_order_release);
-        if (sound) {
+        if (copied == Copied::kAll) {
             m_stats.fetched.fetch_add(1, std::memory_order_relaxed);
             return command;
         }
-        m_stats.badEntries.fetch_add(1, std::memory_order_relaxed);
-        Complete(*command, SetSense(command->sense_buf, Sense::kInternalTargetFailure));
-        RingDoorbell();
+        AnswerHere(*command, copied);
     }
     return nullptr;
+}
+
+void CommandRing::AnswerHere(RingCommand& command, Copied copied) {
+    if (copied == Copied::kWithoutMemory) {
+        m_stats.withoutMemory.fetch_add(1, std::memory_order_relaxed);
+        Complete(command, kBusyStatus);
+    } else {
+        m_stats.badEntries.fetch_add(1, std::memory_order_relaxed);
+        Complete(command, SetSense(command.sense_buf, Sense::kInternalTargetFailure));
+    }
+    RingDoorbell();
 }
 
 /// Steps over an entry that is no command: padding, a notice of task management, or an operation
@@ -131,21 +145,25 @@ void CommandRing::PassOther(uint32_t offset, const Header& header) {
         SkipOthersLocked();
 }
 
+/// The number's record, or the spare one when there is no memory for it. Null: it is in flight.
 RingCommand* CommandRing::TakeRecord(uint16_t number) {
-    if (number >= m_records.size())
-        m_records.resize(number + 1U);
-    auto& record = m_records[number];
-    if (record == nullptr)
-        record.reset(new RingCommand);
+    RingCommand* record = m_spare.get();
+    try {
+        if (number >= m_records.size())
+            m_records.resize(number + 1U);
+        if (m_records[number] == nullptr)
+            m_records[number].reset(new RingCommand);
+        record = m_records[number].get();
+    } catch (const std::bad_alloc&) {
+        PrepareRecord(*record);
+    }
     if (record->m_inFlight.exchange(true, std::memory_order_acquire))
         return nullptr;
     record->cmd_id = number;
-    return record.get();
+    return record;
 }
 
-/// Copies a command's entry into its record.
-/// Returns: false when the entry points out of the mapping; the record has no data then.
-bool CommandRing::CopyOut(uint32_t offset, uint32_t length, RingCommand& command) const {
+void CommandRing::PrepareRecord(RingCommand& command) {
     command.m_cdb.fill(0);
     command.cdb = command.m_cdb.data();
     command.iovec = command.m_inlineEntries.data();
@@ -155,16 +173,25 @@ bool CommandRing::CopyOut(uint32_t offset, uint32_t length, RingCommand& command
     command.readLength.reset();
     command.dataLength = 0;
     command.readBytes = 0;
+}
 
+/// Copies a command's entry into its record, which has no data unless all of it was copied.
+CommandRing::Copied CommandRing::CopyOut(uint32_t offset, uint32_t length,
+                                         RingCommand& command) const {
+    PrepareRecord(command);
     Request request{};
     std::memcpy(&request, m_ring + offset, sizeof(request));
     if (request.entries > (length - sizeof(Request)) / sizeof(iovec))
-        return false;
+        return Copied::kOutOfMapping;
     if (!CopyCdb(request.cdbOffset, command))
-        return false;
+        return Copied::kOutOfMapping;
 
     if (request.entries > command.m_inlineEntries.size()) {
-        command.m_manyEntries.resize(request.entries);
+        try {
+            command.m_manyEntries.resize(request.entries);
+        } catch (const std::bad_alloc&) {
+            return Copied::kWithoutMemory;
+        }
         command.iovec = command.m_manyEntries.data();
     }
     std::memcpy(command.iovec, m_ring + offset + sizeof(Request), request.entries * sizeof(iovec));
@@ -173,7 +200,7 @@ bool CommandRing::CopyOut(uint32_t offset, uint32_t length, RingCommand& command
         iovec& entry = command.iovec[i];
         const auto start = reinterpret_cast<uintptr_t>(entry.iov_base);
         if (start > m_length || entry.iov_len > m_length - start)
-            return false;
+            return Copied::kOutOfMapping;
         entry.iov_base = m_memory + start;
         total += entry.iov_len;
     }
@@ -181,7 +208,7 @@ bool CommandRing::CopyOut(uint32_t offset, uint32_t length, RingCommand& command
     command.dataLength = total;
     if (KindOf(command.m_cdb[0]) == CommandKind::kRead)
         command.readBytes = total;
-    return true;
+    return Copied::kAll;
 }
 
 bool CommandRing::CopyCdb(uint64_t offset, RingCommand& command) const {

@@ -65,7 +65,8 @@ class CommandRing {  // NOLINT(clang-analyzer-optin.performance.Padding)
     CommandRing(const CommandRing&) = delete;
     CommandRing& operator=(const CommandRing&) = delete;
 
-    /// Copies the next command out of the ring.
+    /// Copies the next command out of the ring. One for which there is no memory is answered BUSY
+    /// here, and the next one looked at.
     /// Returns: the command, to be given to Complete once; null when the ring is drained or broken.
     /// Thread: the device's.
     RingCommand* Fetch() MO_EXCLUDES(m_completionMutex);
@@ -101,9 +102,9 @@ class CommandRing {  // NOLINT(clang-analyzer-optin.performance.Padding)
         std::atomic<uint64_t> fetched{0};
         std::atomic<uint64_t> completed{0};
         std::atomic<uint64_t> doorbells{0};
+        std::atomic<uint64_t> doorbellErrors{0};  ///< of these; all once the device is removed
         std::atomic<uint64_t> badEntries{0};  ///< answered here: buffers or CDB out of the mapping
-
-        // ---- For tests only
+        std::atomic<uint64_t> withoutMemory{0};   ///< answered here: BUSY
         std::atomic<uint64_t> otherEntries{0};    ///< skipped: padding, notices, unknown operations
         std::atomic<uint64_t> completedTwice{0};  ///< ignored
     };
@@ -120,8 +121,11 @@ class CommandRing {  // NOLINT(clang-analyzer-optin.performance.Padding)
     bool ReadHeader(uint32_t offset, ringlayout::Header& header) const;
     void PassOther(uint32_t offset, const ringlayout::Header& header)
         MO_EXCLUDES(m_completionMutex);
+    enum class Copied { kAll, kOutOfMapping, kWithoutMemory };
     RingCommand* TakeRecord(uint16_t number);
-    bool CopyOut(uint32_t offset, uint32_t length, RingCommand& command) const;
+    static void PrepareRecord(RingCommand& command);
+    Copied CopyOut(uint32_t offset, uint32_t length, RingCommand& command) const;
+    void AnswerHere(RingCommand& command, Copied copied) MO_EXCLUDES(m_completionMutex);
     bool CopyCdb(uint64_t offset, RingCommand& command) const;
     std::optional<uint32_t> WriteAnswerLocked(const RingCommand& command, int result)
         MO_REQUIRES(m_completionMutex);
@@ -138,7 +142,8 @@ class CommandRing {  // NOLINT(clang-analyzer-optin.performance.Padding)
     bool m_takesReadLength = false;
 
     // The device's thread's own.
-    std::vector<std::unique_ptr<RingCommand>> m_records;  // by the kernel's number
+    std::vector<std::unique_ptr<RingCommand>> m_records;    // by the kernel's number
+    std::unique_ptr<RingCommand> m_spare{new RingCommand};  // never in flight when Fetch returns
 
     // Written by the device's thread, read by completions: the entry to be fetched next.
     alignas(64) std::atomic<uint32_t> m_seen{0};

@@ -14,6 +14,7 @@ namespace Sense {
 
 inline constexpr SenseCode kNone{0x0, 0x0000};
 inline constexpr SenseCode kNotReadyBecomingReady{0x2, 0x0401};
+inline constexpr SenseCode kNotReadyManualIntervention{0x2, 0x0403};
 inline constexpr SenseCode kMediumNotPresent{0x2, 0x3A00};
 inline constexpr SenseCode kUnrecoveredReadError{0x3, 0x1100};  ///< of failed writes too
 inline constexpr SenseCode kInternalTargetFailure{0x4, 0x4400};

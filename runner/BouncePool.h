@@ -19,7 +19,8 @@ class BouncePool {
     static constexpr size_t kMaxBuffers = 64;
     static constexpr size_t kMaxBytes = kMaxBuffers * kMaxTransferBytes;
 
-    BouncePool() = default;
+    /// Makes room at once for all that may come back, so that Return can't fail.
+    BouncePool() { m_kept.reserve(kMaxBuffers); }
     ~BouncePool();
 
     BouncePool(const BouncePool&) = delete;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <limits>
+#include <new>
 
 #include "libtcmu/Device.h"
 #include "libtcmu/Iovec.h"
@@ -74,13 +75,20 @@ void CommandGate::PassData(RingCommand& command, const DataCommand& data) {
     if (verdict == Verdict::kPassed && !HostKnown())
         verdict = Verdict::kNotReady;
     if (verdict == Verdict::kPassed)
-        verdict = FitBuffers(command, data);
+        verdict = Prepare(command, data);
     if (verdict != Verdict::kPassed) {
         Answer(command, verdict);
         return;
     }
     Count(m_verdicts[static_cast<size_t>(verdict)]);
+    HandToHandler(command);
+}
 
+// What the gate makes for the command; nothing of it is left when there is no memory.
+CommandGate::Verdict CommandGate::Prepare(RingCommand& command, const DataCommand& data) try {
+    const Verdict verdict = FitBuffers(command, data);
+    if (verdict != Verdict::kPassed)
+        return verdict;
     const bool tenBytes = command.cdb[0] == Opcode::kRead10 || command.cdb[0] == Opcode::kWrite10;
     const bool zeroMeans256 = data.sixBytes && command.cdb[4] == 0;
     if (!tenBytes && (data.write || zeroMeans256)) {
@@ -89,7 +97,9 @@ void CommandGate::PassData(RingCommand& command, const DataCommand& data) {
         command.cdb = reshaped.cdb.data();
         Count(m_rewritten);
     }
-    HandToHandler(command);
+    return Verdict::kPassed;
+} catch (const std::bad_alloc&) {
+    return Verdict::kBusy;
 }
 
 bool CommandGate::Within(uint64_t lba, uint64_t blocks) const {
@@ -140,12 +150,12 @@ CommandGate::Verdict CommandGate::Bounce(RingCommand& command, const DataCommand
                                          uint64_t bytes) {
     if (bytes > BouncePool::kMaxBytes)
         return Verdict::kTooLong;
+    Reshaped& reshaped = ReshapedOf(command);
     void* buffer = m_pool.Take(bytes);
     if (buffer == nullptr)
         return Verdict::kBusy;
     if (data.write)
         Iovec::Gather(command.iovec, command.iov_cnt, buffer, bytes);
-    Reshaped& reshaped = ReshapedOf(command);
     reshaped.flat = {buffer, bytes};
     reshaped.entries = command.iovec;
     reshaped.entryCount = command.iov_cnt;

@@ -41,6 +41,7 @@ struct RingCommand;
 ///  more than 16 entries                      | neighbours merged            | more are refused
 ///  still more than 16                        | one bounce buffer; BUSY      | a copy beats a
 ///                                            | while the pool is used up    | shorter transfer
+///  no memory for what the above needs        | BUSY                         | it may come back
 ///  ... and longer than the whole pool        | ILLEGAL REQUEST 0x24/0x00    | VPD 0xB0 says less
 ///  DPO, FUA                                  | the same                     | writes are durable
 ///
@@ -110,6 +111,7 @@ class CommandGate {
     Verdict JudgeSynchronize(const uint8_t* cdb);
     bool Within(uint64_t lba, uint64_t blocks) const;
     Verdict Judge(const DataCommand& data, uint64_t buffers) const;
+    Verdict Prepare(RingCommand& command, const DataCommand& data);
     Verdict FitBuffers(RingCommand& command, const DataCommand& data);
     Verdict Bounce(RingCommand& command, const DataCommand& data, uint64_t bytes);
     bool HostKnown();

@@ -2,33 +2,15 @@
 
 #include <poll.h>
 
-#include <sstream>
-
-#include "framework/SmallFile.h"
+#include "framework/ExceptionOf.h"
+#include "libtcmu/Backstore.h"
+#include "libtcmu/Sense.h"
 #include "util/Log.h"
-
-namespace {
-
-// UIO calls a device "tcm-user/HBA/NAME/CONFIGURATION"; its directory is core/user_HBA/NAME.
-std::filesystem::path FindBackstore(const RunnerEnvironment& environment,
-                                    const std::string& uioName) {
-    std::istringstream text(ReadSmallFile(environment.uioClass / uioName / "name").value_or(""));
-    std::string kind;
-    std::string hba;
-    std::string name;
-    std::getline(text, kind, '/');
-    std::getline(text, hba, '/');
-    std::getline(text, name, '/');
-    if (kind != "tcm-user" || hba.empty() || name.empty())
-        return {};
-    return environment.backstores / ("user_" + hba) / name;
-}
-
-}  // namespace
 
 DeviceServer::DeviceServer(const RunnerEnvironment& environment, LibDevice* device)
     : m_device(*environment.tcmu, device),
-      m_backstore(FindBackstore(environment, environment.tcmu->UioName(device))),
+      m_backstore(BackstoreOf(environment.uioClass, environment.backstores,
+                              environment.tcmu->UioName(device))),
       m_handler(environment.makeHandler(&m_device)) {}
 
 DeviceServer::~DeviceServer() {
@@ -73,11 +55,9 @@ void DeviceServer::Serve() {
 void DeviceServer::Drain() {
     m_device.api.ProcessingStart(m_device.lib);
     m_device.ring.BeginDrain();
-    while (!m_thread.Ending()) {
-        RingCommand* command = m_device.ring.Fetch();
-        if (command == nullptr)
-            break;
-        m_gate->Pass(*command);
+    if (const auto fault = ExceptionOf([this] { ServeAll(); })) {
+        Fail(*fault);
+        ServeAll();
     }
     m_device.ring.EndDrain();
 
@@ -89,6 +69,29 @@ void DeviceServer::Drain() {
     }
 }
 
+void DeviceServer::ServeAll() {
+    while (!m_thread.Ending()) {
+        RingCommand* command = m_device.ring.Fetch();
+        if (command == nullptr)
+            return;
+        if (m_failed)
+            tcmulib_command_complete(
+                &m_device, command,
+                SetSense(command->sense_buf, Sense::kNotReadyManualIntervention));
+        else
+            m_gate->Pass(*command);
+    }
+}
+
+// The command that was being served may be the host's already: it is left to the kernel's time-out.
+void DeviceServer::Fail(const std::string& why) {
+    m_failed = true;
+    MO_LOG(kLogError,
+           "TCMU runner: %s: its thread failed (%s): the LUN answers NOT READY until the server is "
+           "restarted",
+           m_device.cfgString.c_str(), why.c_str());
+}
+
 MoStatistics::Counters DeviceServer::Counters() {
     MoStatistics::Counters counters = m_handler->Counters();
     const MoStatistics::Counters gate = m_gate->Counters();
@@ -98,6 +101,11 @@ MoStatistics::Counters DeviceServer::Counters() {
     counters.emplace_back("ring: fetched", ring.fetched.load());
     counters.emplace_back("ring: completed", ring.completed.load());
     counters.emplace_back("ring: doorbells", ring.doorbells.load());
+    counters.emplace_back("ring: doorbell errors", ring.doorbellErrors.load());
     counters.emplace_back("ring: bad entries", ring.badEntries.load());
+    counters.emplace_back("ring: other entries", ring.otherEntries.load());
+    counters.emplace_back("ring: completed twice", ring.completedTwice.load());
+    counters.emplace_back("ring: without memory", ring.withoutMemory.load());
+    counters.emplace_back("device failed", m_failed ? 1 : 0);
     return counters;
 }

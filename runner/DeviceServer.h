@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -16,6 +17,9 @@
 /// Life: constructed -> Open (handler open, thread started) -> EndThread -> Close -> destroyed. A
 /// device that the host still holds commands of must not be destroyed: their buffers are the
 /// ring's.
+///
+/// An exception that comes out of handler or host on the thread costs the LUN: what threw may hold
+/// a lock, so the handler is given no command any more, and each is answered NOT READY.
 ///
 /// Thread: Open, EndThread, EndThreadBy and Close on one at a time; the rest on any.
 class DeviceServer {
@@ -52,6 +56,8 @@ class DeviceServer {
   private:
     void Serve();
     void Drain();
+    void ServeAll();
+    void Fail(const std::string& why);
     MoStatistics::Counters Counters();
 
     tcmu_device m_device;
@@ -59,7 +65,8 @@ class DeviceServer {
     const std::unique_ptr<DeviceHandler> m_handler;
     std::unique_ptr<CommandGate> m_gate;  // from Open on
     bool m_open = false;
-    bool m_brokenLogged = false;  // the thread's own
+    bool m_brokenLogged = false;        // the thread's own
+    std::atomic<bool> m_failed{false};  // written by the thread
     ServiceThread m_thread;
     std::unique_ptr<MoStatistics::Registration> m_statistics;  // goes first
 };

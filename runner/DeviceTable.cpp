@@ -2,27 +2,29 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <exception>
 
+#include "framework/ExceptionOf.h"
 #include "util/Log.h"
 
 // Called from inside a C library: nothing may be thrown through it.
 int DeviceTable::Added(LibDevice* device) {
-    try {
-        auto server = std::make_unique<DeviceServer>(m_environment, device);
-        const int result = server->Open();
-        if (result != 0) {
-            MO_LOG(kLogError, "TCMU runner: device %s is refused (%d)", server->CfgString().c_str(),
-                   result);
-            return result;
-        }
-        const MutexGuard guard(m_mutex);
-        m_servers[device] = std::move(server);
-        return 0;
-    } catch (const std::exception& error) {
-        MO_LOG(kLogError, "TCMU runner: a device can't be served: %s", error.what());
-        return -EAGAIN;
+    int result = -EAGAIN;
+    if (const auto fault = ExceptionOf([&] { result = Serve(device); }))
+        MO_LOG(kLogError, "TCMU runner: a device can't be served: %s", fault->c_str());
+    return result;
+}
+
+int DeviceTable::Serve(LibDevice* device) {
+    auto server = std::make_unique<DeviceServer>(m_environment, device);
+    const int result = server->Open();
+    if (result != 0) {
+        MO_LOG(kLogError, "TCMU runner: device %s is refused (%d)", server->CfgString().c_str(),
+               result);
+        return result;
     }
+    const MutexGuard guard(m_mutex);
+    m_servers[device] = std::move(server);
+    return 0;
 }
 
 void DeviceTable::Removed(LibDevice* device) {
@@ -35,8 +37,13 @@ void DeviceTable::Removed(LibDevice* device) {
         server = std::move(found->second);
         m_servers.erase(found);
     }
-    server->EndThread();
-    server->Close();
+    const auto fault = ExceptionOf([&] {
+        server->EndThread();
+        server->Close();
+    });
+    if (fault)
+        MO_LOG(kLogError, "TCMU runner: device %s didn't close: %s", server->CfgString().c_str(),
+               fault->c_str());
 }
 
 bool DeviceTable::Drained() {

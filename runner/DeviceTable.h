@@ -35,6 +35,8 @@ class DeviceTable {
     std::vector<DeviceServer*> Servers() MO_EXCLUDES(m_mutex);
 
   private:
+    int Serve(LibDevice* device) MO_EXCLUDES(m_mutex);
+
     const RunnerEnvironment m_environment;
     Mutex m_mutex;
     std::map<LibDevice*, std::unique_ptr<DeviceServer>> m_servers MO_GUARDED_BY(m_mutex);

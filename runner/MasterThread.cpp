@@ -3,6 +3,9 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <cerrno>
+
+#include "framework/ExceptionOf.h"
 #include "libtcmu/LibtcmuApi.h"
 #include "util/Log.h"
 
@@ -31,7 +34,9 @@ void MasterThread::Serve(int masterFd) {
         more = poll(waits, 2, -1) > 0 && waits[0].revents != 0;
         if (!more)
             continue;
-        const int result = m_tcmu.MasterFdReady();
+        int result = -ENOMEM;
+        if (const auto fault = ExceptionOf([&] { result = m_tcmu.MasterFdReady(); }))
+            MO_LOG(kLogError, "TCMU runner: %s", fault->c_str());
         if (result < 0)
             MO_LOG(kLogError, "TCMU runner: netlink error %d", result);
         more = result >= 0;

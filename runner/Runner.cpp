@@ -4,8 +4,11 @@
 #include <exception>
 #include <memory>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
+#include "framework/ExceptionOf.h"
 #include "libtcmu/Device.h"
 #include "libtcmu/LibtcmuApi.h"
 #include "runner/DbusService.h"
@@ -23,6 +26,8 @@ namespace {
 const std::vector<std::string> kSubTypes = {std::string(kCanonicalSubType), "moscsisrvtcmu"};
 constexpr const char* kDescription = "Identifier of a LUN whose data the SCSI server holds.";
 
+constexpr std::chrono::milliseconds kLookAgain(20);
+
 struct Serving {
     explicit Serving(const RunnerEnvironment& environment)
         : table(environment), master(*environment.tcmu) {}
@@ -32,12 +37,13 @@ struct Serving {
 };
 
 // What a stop had to leave open lives to the end of the process: the host's late completions need
-// it.
-void LeaveOpen(std::unique_ptr<Serving> serving) {
+// it. The name, too: another daemon would reset the rings that these write to.
+void LeaveOpen(std::unique_ptr<Serving> serving, std::unique_ptr<DbusService> dbus) {
     static Mutex mutex;
-    static auto* left = new std::vector<std::unique_ptr<Serving>>;
+    static auto* left =
+        new std::vector<std::pair<std::unique_ptr<Serving>, std::unique_ptr<DbusService>>>;
     const MutexGuard guard(mutex);
-    left->push_back(std::move(serving));
+    left->emplace_back(std::move(serving), std::move(dbus));
 }
 
 bool WaitForFamily(const RunnerEnvironment& environment, InterruptWait& interrupt) {
@@ -74,24 +80,32 @@ LibtcmuApi::Callbacks MakeCallbacks(DeviceTable& table) {
     return callbacks;
 }
 
-// From the context on: offers, serves, stops. Returns: whether it came to serving.
+// From the context on: offers, serves, stops, and takes the name along where something stays open.
+// Returns: whether it came to serving.
 bool ServeDevices(const RunnerEnvironment& environment, InterruptWait& interrupt,
-                  NetlinkReset& netlink, DbusService& dbus, std::unique_ptr<Serving> serving) {
+                  NetlinkReset& netlink, std::unique_ptr<DbusService>& dbus,
+                  std::unique_ptr<Serving> serving) {
     bool served = false;
     try {
         serving->master.Start();
-        served = netlink.Unblock() && dbus.ExportHandlers(kSubTypes);
+        served = netlink.Unblock() && dbus->ExportHandlers(kSubTypes);
     } catch (const std::exception& error) {
         MO_LOG(kLogError, "TCMU runner: cannot start its thread: %s", error.what());
     }
     if (served) {
         MO_LOG(kLogProgress, "TCMU runner: ready");
-        interrupt.Wait();
+        // Without memory for a look at what came it looks again: devices are served all the while.
+        while (ExceptionOf([&] { interrupt.Wait(); }))
+            std::this_thread::sleep_for(kLookAgain);
         MO_LOG(kLogProgress, "TCMU runner: stopping");
     }
-    dbus.WithdrawHandlers();
-    if (!StopServing(environment, serving->table, serving->master))
-        LeaveOpen(std::move(serving));
+    dbus->WithdrawHandlers();
+    bool stopped = false;
+    if (const auto fault = ExceptionOf(
+            [&] { stopped = StopServing(environment, serving->table, serving->master); }))
+        MO_LOG(kLogError, "TCMU runner: the stop failed: %s", fault->c_str());
+    if (!stopped)
+        LeaveOpen(std::move(serving), std::move(dbus));
     return served;
 }
 
@@ -100,8 +114,8 @@ bool ServeDevices(const RunnerEnvironment& environment, InterruptWait& interrupt
 int RunRunner(const RunnerEnvironment& environment, InterruptWait& interrupt) {
     if (interrupt.Interrupted())
         return 0;
-    DbusService dbus;  // destroyed last: its name keeps other daemons away
-    if (!dbus.TakeName())
+    auto dbus = std::make_unique<DbusService>();  // destroyed last: its name keeps others away
+    if (!dbus->TakeName())
         return 1;
     if (!WaitForFamily(environment, interrupt))
         return 0;

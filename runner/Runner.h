@@ -15,7 +15,8 @@ int tcmu_runner_main(int argc, char** argv);
 /// What that loop does, on the real machine or a test's: takes the D-Bus name, waits for the
 /// kernel's TCM-USER, frees what waits in the kernel for a process that died, opens libtcmu's
 /// context and serves its devices, offers the handlers on D-Bus. At the interrupt, or when a step
-/// fails, the same backwards; the name is given up last.
+/// fails, the same backwards; the name is given up last, and not at all when something had to be
+/// left open: then it is this process's to its end.
 ///
 /// Returns: 0 after the interrupt, 1 when a step failed (logged).
 /// Thread: the one that made `interrupt`, and all signals but faults blocked in it.

@@ -6,6 +6,9 @@
 #include <cerrno>
 #include <system_error>
 
+#include "framework/ExceptionOf.h"
+#include "util/Log.h"
+
 ServiceThread::~ServiceThread() {
     End();
 }
@@ -16,7 +19,8 @@ void ServiceThread::Start(const char* name, std::function<void()> body) {
         throw std::system_error(errno, std::generic_category(), "eventfd");
     m_thread = std::thread([this, name, body = std::move(body)] {
         pthread_setname_np(pthread_self(), name);
-        body();
+        if (const auto fault = ExceptionOf(body))
+            MO_LOG(kLogError, "TCMU runner: the thread %s ended: %s", name, fault->c_str());
         m_done.set_value();
     });
 }

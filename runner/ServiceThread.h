@@ -21,7 +21,8 @@ class ServiceThread {
     ServiceThread(const ServiceThread&) = delete;
     ServiceThread& operator=(const ServiceThread&) = delete;
 
-    /// Runs `body` on a new thread of this name (15 characters at most), once.
+    /// Runs `body` on a new thread of this name (15 characters at most), once. An exception ends
+    /// the thread, with a line.
     /// Errors: std::system_error when there is no thread or no descriptor.
     void Start(const char* name, std::function<void()> body);
 

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <system_error>
 
+#include "framework/ExceptionOf.h"
 #include "framework/ThreadSignals.h"
 #include "libtcmu/LibtcmuApi.h"
 #include "runner/InterruptWait.h"
@@ -59,6 +60,12 @@ int tcmu_runner_main(int argc, char** argv) {
         return 1;
     pthread_setname_np(pthread_self(), "moscsi-runner");
     const ThreadSignals signals;
-    InterruptWait interrupt;
-    return RunRunner(RealEnvironment(), interrupt);
+    int result = 1;
+    const auto fault = ExceptionOf([&] {
+        InterruptWait interrupt;
+        result = RunRunner(RealEnvironment(), interrupt);
+    });
+    if (fault)
+        MO_LOG(kLogError, "TCMU runner: %s", fault->c_str());
+    return result;
 }

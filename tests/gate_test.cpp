@@ -6,6 +6,7 @@
 #include "libtcmu/Cdb.h"
 #include "tests/support/CapturingLogWriter.h"
 #include "tests/support/GateRig.h"
+#include "tests/support/HeapProbe.h"
 
 struct GateTest : testing::Test, GateRig {
     CapturingLogWriter& log = CapturingLogWriter::Installed();  // before the runner's thread logs
@@ -68,6 +69,29 @@ TEST_F(GateTest, LargeAddressesAndLengthsAreAnsweredOrReachTheHostAsTheyAre) {
         ", gate: clipped 1, gate: no WRITE (10) 2, gate: out of range 7"
         ", gate: own TEST UNIT READY 1, gate: passed 5, gate: protection 1"
         ", gate: rewritten 4, gate: short buffers 1, gate: synchronized 2, gate: zero blocks 1");
+}
+
+// What the gate makes for the first command of its kind; a bounce buffer isn't lost with it.
+TEST_F(GateTest, WithoutMemoryACommandIsBusy) {
+    const std::pair<Bytes, Extents> commands[] = {
+        {{0x0A, 0, 0, 1, 1, 0}, {{0, kBlock}}},
+        {Hex("28 00 00000000 00 0011 00"), Extents(17, {0, kBlock})}};
+    for (const auto& [cdb, pieces] : commands) {
+        Open(1 << 20, &host);
+        EXPECT_EQ(Move(0x28), "good");
+        for (size_t i = 0; i < 2 * BouncePool::kMaxBuffers; ++i) {
+            const auto ticket = lib.Submit(cdb, pieces);
+            RingCommand* command = device.ring.Fetch();
+            {
+                const heap_probe::Fault fault(i == 1);
+                gate->Pass(*command);
+                ASSERT_EQ(fault.Failed(), 1U);
+            }
+            device.ring.RingDoorbell();
+            ASSERT_EQ(lib.AnswerOf(ticket)->status, 8);
+        }
+        EXPECT_EQ(Sense(cdb, pieces), "good");
+    }
 }
 
 TEST_F(GateTest, UsedUpPoolIsBusyUntilBuffersComeBack) {

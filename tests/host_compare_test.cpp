@@ -73,6 +73,22 @@ TEST_F(HostCompareTest, WhatTheFileSaysAgreesWhateverStandsBesideIt) {
     EXPECT_THAT(Unserved(plan, View()),
                 ElementsAre(HasSubstr("user/gone"), HasSubstr("user/lower")));
 
+    LunPlan& file = plan.targets[0].luns[0];  // the kernel has it, and nobody knows its size
+    file.missing = true;
+    const uint64_t size = std::exchange(file.size, 0);
+    EXPECT_THAT(Before(), IsEmpty());
+    EXPECT_THAT(After(), IsEmpty());
+    for (const fs::path& gone : {tree.Mapping(kName, kHostA, 0), Group() / "acls" / kHostB,
+                                 tree.Lun(kName, 0), Object(0).parent_path()})
+        fs::remove_all(gone);
+    EXPECT_THAT(Before(), IsEmpty());
+    EXPECT_THAT(After(), IsEmpty()) << "it stays out, and who would see nothing else with it";
+    file.missing = false;
+    file.size = size;
+    EXPECT_THAT(After(), SizeIs(2));
+    fs::remove_all(tree.Root());
+    Fill();
+
     manner = kOlder;  // it chooses serials, and its user LUNs have a link of their own
     FakeConfigfs::Write(Object(0) / "wwn/vpd_unit_serial", "T10 VPD Unit Serial Number: its own");
     fs::rename(tree.Lun(kName, 7) / "a1b2c3", tree.Lun(kName, 7) / Lun(2).cfgString);

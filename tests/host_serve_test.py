@@ -51,14 +51,15 @@ class ServeTest(ProgramTest):
                      f'path = "{self.dir}/{name}"\nnumber = {number}\n')
         for name, seen in ((A, '"all"'), (B, '["two"]')):
             text += f'[[target.initiator]]\nname = "{name}"\nluns = {seen}\n'
-        self.write("f.toml", text)
+        self.file = "f.toml"
+        self.write(self.file, text)
 
     def host(self, *arguments, **env):
         return self.spawn(HOST, "--platform-file", f"{self.dir}/platform.toml", *arguments,
                           **{**self.env, **env})
 
     def start(self, *options, **env):
-        return self.host("serve", "--library", PLUGIN, f"{self.dir}/f.toml", *options, **env)
+        return self.host("serve", "--library", PLUGIN, f"{self.dir}/{self.file}", *options, **env)
 
     def ready(self, *options, **env):
         return self.says("ready\n", self.start(*options, **env))
@@ -127,6 +128,28 @@ class ServeTest(ProgramTest):
             self.assertFalse(self.limit.exists())
         self.assertIn("no moscsi-host is running", self.status())
 
+    def test_usage(self):
+        for arguments, status, said in (((), 2, "subcommand is required"), (("serve",), 2, "FILE is required"),
+                                        (("check", "f", "--frob"), 2, "--frob"), (("--version",), 0, r"^moscsi-host \d+\.\d"),
+                                        (("--help",), 0, "(?s)--anew.*--discard-lost-memory.*--json")):
+            code, out, err = self.finish(self.spawn(HOST, *arguments, **self.env))
+            self.assertEqual(code, status)
+            self.assertRegex(out + err, said)
+
+    def test_faults_that_are_configured_show(self):
+        self.file_luns()
+        text = (self.dir / "f.toml").read_text().replace("files/three\"\n", "files/three\"\n"
+                                                         "faults = { durable = false, rule = [{ kind = 'error', after = 9 }] }\n")
+        self.write("f.toml", text)
+        for name in ("one", "three"):
+            self.write(f"files/{name}", "x" * 4096)
+        faults = "with 1 fault rule, no durability"
+        self.assertIn(faults, self.finish(self.host("check", f"{self.dir}/f.toml"))[1])
+        self.says("ready\n", self.says(f"LUN three of {TARGET} is served {faults}", self.start()))
+        one, two, three, four = (lun.get("data") for lun in json.loads(self.status("--json"))["targets"][0]["luns"])
+        self.assertEqual((one, two, three["fault_rules"], three["durable"], four["fault_rules"]),
+                         (None, {"state": "not served"}, 1, False, 0))
+
     def test_wants_the_targetcli_that_the_wrapper_would_run(self):
         for real in ("bin/targetcli", "none"):
             self.env["MOSCSI_TARGETCLI_REAL"] = self.dir / real
@@ -171,6 +194,24 @@ class ServeTest(ProgramTest):
         process.terminate()
         self.assertEqual(self.finish(process)[0], 0)
 
+    # It may hold the configuration's lock. What serves goes on, and stays for the next start.
+    def test_after_an_exception_no_operation_is_called(self):
+        for call in ("CreateLun:2", "UnMapHost:2"):
+            with self.subTest(call):
+                operation = call.split(":")[0]
+                process = self.start(FAKE_THROW=call)
+                if operation == "CreateLun":
+                    wait_until(lambda: "degraded" in self.status("--json"))
+                    self.assertIn(f"degraded: {operation} ended with an exception ({call} threw", self.status())
+                else:
+                    self.says("ready\n", process)
+                process.terminate()
+                self.assertIn(f"{operation} ended with an exception ({call} threw as told)", self.ends(process)[1])
+                calls = [line.split()[0] for line in self.log()]
+                self.assertEqual((calls[-1], calls.count(operation)), (operation, 2))
+                self.assertIn(f"iscsi/{TARGET}", self.objects())
+                self.assertFalse((self.dir / "run/host.sock").exists())
+
     def test_waits_for_a_command_that_an_earlier_host_left_running(self):
         running = self.write("run/targetcli/running", "")
         earlier = self.spawn("flock", "--shared", "--close", running,
@@ -187,13 +228,15 @@ class ServeTest(ProgramTest):
         self.says("ready\n", process)
 
     def test_a_killed_host_loses_the_memory_and_the_next_one_takes_down_only_what_it_made(self):
-        for options, lun in (((), " served"), ((), ""), (("--discard-lost-memory",), " served")):
-            process = self.ready(*options)
-            self.assertIn(f"CreateLun three 2 lun{lun}", self.log())
+        others = [f"CreateTarget {TARGET}", "CreateLun two 0 lun", "CreateLun one auto lun"]
+        for options, made in (((), self.CREATED[1:]), ((), ["CreateLun three 2 lun", *others]),
+                              (("--discard-lost-memory",), ["CreateLun three 2 lun served", *others])):
+            process = self.ready(*options, FAKE_AUTOMATIC=255)
+            self.assertEqual(self.log()[1:], made)
             process.kill()
             process.wait()
         before = self.tree()
-        self.ends(self.start(FAKE_FAIL="MapHost:2"))
+        self.ends(self.start(FAKE_FAIL="CreateLun:2"))
         self.assertEqual(self.tree(), before)
 
     # Three LUNs on files in a directory of their own, and one that isn't.
@@ -267,7 +310,7 @@ class ServeTest(ProgramTest):
                 (["one"], False, [three, four, "CreateLun two 2 lun served"], 2),
                 (["three", "two"], False, [four, "CreateLun one 1 lun", map_one], 4),
                 ([], True, [three, four, "CreateLun one auto lun", "CreateLun two auto lun served", map_one], 0),
-                (["one", "two"], False, [three, four, "CreateLun two auto lun", map_one], 4)):
+                (["one", "two"], False, [three, four, "CreateLun two auto lun"], 4)):
             with self.subTest(missing):
                 made, errors = serve(*missing, killed=killed)
                 self.assertEqual(made, expected)
@@ -346,14 +389,18 @@ class ServeTest(ProgramTest):
         self.ends(process, 0)
         process = self.says("ready\n", start("ulimit -n 60"))
         process.send_signal(signal.SIGHUP)
-        self.assertRegex(self.ends(process, 0)[1], "may open 60 files, and .* needs about 69")
+        self.assertRegex(self.ends(process, 0)[1], "may open 60 files, and .* needs about 71")
 
-    # What it prints fits in no pipe any more, and nobody reads: nothing waits for that.
+    # What it prints fits in no pipe any more, and nobody reads: nothing waits for that. The name of
+    # the file isn't UTF-8, what is told of it is.
     def test_nobody_reading_stops_nothing(self):
+        self.file = os.fsdecode(b"\xff.toml")
+        (self.dir / "f.toml").rename(self.dir / self.file)
         for wait, code in ((None, 0), ("DeleteLun", 1)):
             with self.subTest(wait):
                 process = self.start(**({"FAKE_WAIT": wait} if wait else {}), output=self.full_pipe())
                 wait_until(lambda: '"phase":"ready"' in self.status("--json").replace(" ", ""))
+                self.assertIn(f"{self.dir}/\ufffd.toml", self.status())
                 process.terminate()
                 if wait:
                     wait_until((self.dir / "log.begun").exists)

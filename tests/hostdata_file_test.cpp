@@ -35,7 +35,7 @@ extern "C" int __wrap_open64(const char* path, int flags, mode_t mode) {
 }
 // NOLINTEND(bugprone-reserved-identifier)
 
-constexpr uint64_t kSize = 64 * 1024;
+constexpr uint64_t kSize = uint64_t{64} * 1024;
 
 struct Files : LunTest {
     Files() { g_path = path; }

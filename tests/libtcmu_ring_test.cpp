@@ -4,6 +4,7 @@
 
 #include "libtcmu/Cdb.h"
 #include "libtcmu/CommandRing.h"
+#include "tests/support/HeapProbe.h"
 #include "tests/support/KernelRing.h"
 
 using namespace ringlayout;
@@ -117,6 +118,30 @@ TEST_F(RingTest, ABadEntryIsAnsweredAndTheNextCommandServed) {
     EXPECT_EQ(kernel.Reap().at(0).status, 0);
 }
 
+// Of the three that the first command of many entries makes.
+TEST(Ring, WithoutMemoryACommandIsBusyAndTheNextOneServed) {
+    for (size_t nth = 0; nth < 3; nth++) {
+        SCOPED_TRACE(nth);
+        Rig rig;
+        rig.kernel.Put(kRead10, Extents(20, {0, 512}));
+        rig.kernel.Put(kTestUnitReady, {});
+        RingCommand* next = nullptr;
+        {
+            const heap_probe::Fault fault(nth);
+            next = rig.ring.Fetch();
+            EXPECT_EQ(fault.Failed(), 1U);
+        }
+        ASSERT_NE(next, nullptr);
+        EXPECT_EQ(next->cdb[0], 0);
+        EXPECT_EQ(rig.kernel.Reap().at(0).status, 8);
+        rig.ring.Complete(*next, 0);
+        rig.ring.Complete(rig.PutAndFetch(kRead10, Extents(20, {0, 512})), 0);
+        for (const auto& answer : rig.kernel.Reap())
+            EXPECT_EQ(answer.status, 0);
+        EXPECT_EQ(rig.ring.GetStats().withoutMemory, 1U);
+    }
+}
+
 TEST(Ring, AMailboxThatPointsElsewhereIsRefused) {
     const std::vector<std::function<void(Mailbox&)>> damages = {
         [](Mailbox& m) { m.version = 1; },          [](Mailbox& m) { m.ringOffset = 32; },
@@ -170,6 +195,12 @@ TEST_F(RingTest, ADrainHoldsBackOnlySoMuch) {
         EXPECT_EQ(kernel.Doorbells(), 0U) << "nothing to tell";
     }
     EXPECT_EQ(ring.GetStats().doorbells, 4U);
+    EXPECT_EQ(ring.GetStats().doorbellErrors, 0U);
+    CommandRing deaf(kernel.Memory(), kernel.Length(), -1);
+    kernel.Put(kTestUnitReady, {});
+    deaf.Complete(*deaf.Fetch(), 0);
+    deaf.RingDoorbell();
+    EXPECT_EQ(deaf.GetStats().doorbellErrors, 1U);
 }
 
 TEST(RingTraffic, RandomOrderAroundTheEndKeepsEveryCommandWholeAndItsAnswer) {

@@ -4,6 +4,7 @@
 
 #include "framework/MoProcess.h"
 #include "host/service/HostLog.h"
+#include "libtcmu/Cdb.h"
 #include "runner/NetlinkFamily.h"
 
 static std::atomic<bool> g_noEventfd{false};
@@ -154,12 +155,14 @@ TEST_F(RunnerTest, StopLeavesOpenWhatTheHostHolds) {
     EXPECT_THAT(log.Texts(-1),
                 Contains(HasSubstr(device.cfgString + ": the host still holds 1 commands")));
     EXPECT_FALSE(api.closed) << "the real one would wait for ever";
-    EXPECT_FALSE(NameTaken());
+    EXPECT_TRUE(NameTaken()) << "another daemon would reset the rings";
+    EXPECT_THAT(Lacking(), HasSubstr("/MoScsiSrvTcmu is not there"));
 
     host.data[3 * 512] = 0x42;
     host.Release();  // a late completion still finds everything
     EXPECT_EQ(device.WaitForAnswer(ticket).status, 0);
     EXPECT_EQ(device.ring.Data()[0], 0x42);
+    bus = StartBus(true);
 }
 
 TEST_F(RunnerTest, StopWaitsForAThreadThatIsOnlySlow) {
@@ -200,6 +203,46 @@ TEST_F(RunnerTest, DeviceThatCannotBeServedIsRefusedAndClosed) {
     EXPECT_EQ(closes, 1);
     EXPECT_EQ(Announce(device), 0);
     EXPECT_THAT(log.Texts(-1), SizeIs(2));
+}
+
+// What threw may hold a lock, and the command may be the host's: neither is touched again.
+TEST_F(RunnerTest, AnExceptionOutOfAHandlerCostsItsLun) {
+    struct Handler : DeviceHandler {
+        int Open() override { return 0; }
+        int Handle(tcmulib_cmd* cmd) override {
+            ++handled;
+            return cmd->cdb[0] == 0xC0 ? throw 42 : 0;
+        }
+        void Close() override {}
+        MoStatistics::Counters Counters() override { return {}; }
+        std::atomic<int> handled{0};
+    };
+    FakeDevice& other = Describe(Kept<FakeDevice>(), "-other");
+    TestHost host(other.cfgString);
+    api.existing = {&device, &other};
+    Handler* handler = nullptr;
+    environment.makeHandler = [&](tcmu_device* dev) -> std::unique_ptr<DeviceHandler> {
+        if (dev->cfgString == other.cfgString)
+            return MakePluginHandler(dev);
+        auto made = std::make_unique<Handler>();
+        handler = made.get();
+        return made;
+    };
+    environment.stopLimit = std::chrono::milliseconds(50);
+    StartAndWait();
+    EXPECT_EQ(device.StatusOf(Bytes(6)), 0);
+    const auto thrown = device.Submit(Bytes{0xC0, 0, 0, 0, 0, 0});
+    for (int i = 0; i < 2; ++i) {
+        const auto answer = device.WaitForAnswer(device.Submit(Bytes(6)));
+        EXPECT_EQ(answer.status, 2);
+        EXPECT_EQ(answer.sense[2] << 16 | LoadBe16(&answer.sense[12]), 0x20403);
+    }
+    EXPECT_FALSE(device.AnswerOf(thrown).has_value());
+    EXPECT_EQ(handler->handled, 2);
+    EXPECT_EQ(other.StatusOf(Read10(3), {{0, 512}}), 0);
+    EXPECT_THAT(log.Texts(-1), ElementsAre(HasSubstr(device.cfgString + ": its thread failed")));
+    EXPECT_EQ(Stop(), 0);
+    bus = StartBus(true);
 }
 
 TEST_F(RunnerTest, ErrorsThatAnInitiatorCausesAreThoseThatTheHostLimits) {
@@ -281,7 +324,8 @@ TEST_F(RunnerTest, CompletionsOfSeveralThreadsNeverMixUp) {
     EXPECT_THAT(Counted(std::map(all.begin(), all.end())["device " + device.cfgString]),
                 MatchesRegex(", I/Os done 2400, gate: passed 2400, opcode 0x00 600"
                              ", opcode 0x28 2400, opens 1, ring: completed 3000"
-                             ", ring: doorbells [0-9]+, ring: fetched 3000"));
+                             ", ring: doorbells [0-9]+, ring: fetched 3000"
+                             ", ring: other entries [1-9][0-9]*"));
     EXPECT_EQ(Stop(), 0);
     EXPECT_TRUE(api.closed);
 }
@@ -310,6 +354,7 @@ TEST_F(RunnerTest, HandlerIsClosedAfterItsThreadHasEndedAndEachRemovalAnswered) 
     Await([&] { return api.answered == 2; });  // the kernel waits for both, told to end or not
     EXPECT_THAT(log.Texts(0), closed);
     EXPECT_THAT(log.Texts(-1), Contains(HasSubstr("can't be served any more")).Times(1));
+    bus = StartBus(true);
 }
 
 // 300 interrupts for the process: the host, which waits for them, gets every one.

@@ -4,6 +4,15 @@
 
 #include "host/plan/Identity.h"
 
+std::string LunPlan::FaultText() const {
+    const size_t count = config.faults.rules.size();
+    std::string text =
+        count == 0 ? "" : fmt::format("{} fault rule{}", count, count == 1 ? "" : "s");
+    if (!config.faults.durable)
+        text += std::string(text.empty() ? "" : ", ") + "no durability";
+    return text;
+}
+
 std::string LunPlan::MissingText(const std::string& file) const {
     return fmt::format(
         "{} of {}: {} isn't there: is the file system that holds it mounted? If it never was "
@@ -46,10 +55,12 @@ std::vector<std::string> Plan::Lines() const {
             std::string kind = LunTypeName(lun.config.type);
             if (lun.config.type == LunType::User)
                 kind += std::string(" on ") + BackingName(lun.config.backing);
-            lines.push_back(fmt::format("  LUN {} \"{}\": {} {}, {}{}, serial {}",
+            const std::string faults = lun.FaultText();
+            lines.push_back(fmt::format("  LUN {} \"{}\": {} {}, {}{}, serial {}{}",
                                         lun.number ? std::to_string(*lun.number) : "automatic",
                                         lun.config.name, kind, lun.config.path, SizeText(lun.size),
-                                        lun.missing ? " (its file isn't there)" : "", lun.serial));
+                                        lun.missing ? " (its file isn't there)" : "", lun.serial,
+                                        faults.empty() ? "" : ", with " + faults));
         }
         for (const InitiatorPlan& initiator : target.initiators) {
             std::string names;

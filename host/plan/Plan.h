@@ -31,6 +31,10 @@ struct LunPlan {
     /// "LUN files": how lines for people call it.
     std::string Title() const { return "LUN " + config.name; }
 
+    /// What the LUN doesn't do as it should, since the file says so: "2 fault rules, no
+    /// durability"; empty when there is nothing.
+    std::string FaultText() const;
+
     /// What a missing file may mean, and what to do: "/p isn't there: is ... mounted? ...".
     std::string MissingText(const std::string& file) const;
 };

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <future>
 #include <memory>
+#include <system_error>
 #include <thread>
 
 #include "framework/SmallFile.h"
@@ -131,6 +132,11 @@ std::string WaitForBusObjects(std::chrono::seconds limit, const std::function<bo
     } catch (const sdbus::Error& error) {
         return fmt::format("the D-Bus system bus doesn't answer ({}): install and start dbus",
                            error.getMessage());
+    } catch (const std::system_error& error) {
+        return fmt::format(
+            "no thread to ask the D-Bus system bus with ({}): raise the limit of "
+            "processes",
+            error.what());
     }
 }
 

@@ -9,6 +9,7 @@
 #include <condition_variable>
 #include <thread>
 
+#include "framework/ExceptionOf.h"
 #include "framework/Mutex.h"
 #include "framework/QueuedOutput.h"
 
@@ -36,11 +37,13 @@ double SecondsSince(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-/// Says every five seconds that a step still runs, until it is destroyed.
+/// Says every five seconds that a step still runs, until it is destroyed. Without a thread for it
+/// nothing is said: the step matters more.
 class Progress {
   public:
-    Progress(Console& console, const std::string& what)
-        : m_console(console), m_what(what), m_thread([this] { Run(); }) {}
+    Progress(Console& console, const std::string& what) : m_console(console), m_what(what) {
+        ExceptionOf([this] { m_thread = std::thread([this] { ExceptionOf([this] { Run(); }); }); });
+    }
 
     ~Progress() {
         {
@@ -48,7 +51,8 @@ class Progress {
             m_done = true;
         }
         m_change.notify_all();
-        m_thread.join();
+        if (m_thread.joinable())
+            m_thread.join();
     }
 
     Progress(const Progress&) = delete;

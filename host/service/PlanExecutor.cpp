@@ -45,6 +45,16 @@ bool IsMapped(const InitiatorPlan& initiator, uint32_t number, const std::string
     return false;
 }
 
+/// Those with numbers of their own first, so that automatic ones can't take these.
+std::vector<const LunPlan*> InOrder(const TargetPlan& target) {
+    std::vector<const LunPlan*> luns;
+    for (const bool automatic : {false, true})
+        for (const LunPlan& lun : target.luns)
+            if (lun.number.has_value() != automatic)
+                luns.push_back(&lun);
+    return luns;
+}
+
 /// What somebody else put into a target of ours: deleting the target would take it along.
 std::string ForeignIn(const TargetPlan& target, const ConfigfsView& view) {
     const PortalGroupView* group = GroupOf(target.name, view);
@@ -65,7 +75,7 @@ std::string ForeignIn(const TargetPlan& target, const ConfigfsView& view) {
 }  // namespace
 
 PlanExecutor::PlanExecutor(const Plan& plan, MoScsiSrvPlatform& platform, Console& console,
-                           Manner manner, DataOf dataOf, FormerNumber formerNumber)
+                           Manner manner, DataOf dataOf, NumberOfLun formerNumber)
     : m_plan(plan),
       m_platform(platform),
       m_console(console),
@@ -95,16 +105,6 @@ MoScsiSrvLun PlanExecutor::RecordOf(const LunPlan& lun, uint32_t number) const {
     return record;
 }
 
-/// Numbers that LUNs which stay out have, or had.
-std::set<uint32_t> PlanExecutor::ReservedNumbers(const TargetPlan& target) const {
-    std::set<uint32_t> reserved;
-    for (const LunPlan& lun : target.luns)
-        if (StaysOut(lun, *m_before))
-            if (const auto number = lun.number ? lun.number : m_formerNumber(lun))
-                reserved.insert(*number);
-    return reserved;
-}
-
 uint32_t PlanExecutor::NumberToAsk(const TargetPlan& target, const LunPlan& lun) const {
     if (lun.number)
         return *lun.number;
@@ -113,19 +113,9 @@ uint32_t PlanExecutor::NumberToAsk(const TargetPlan& target, const LunPlan& lun)
         // already, too: so that one is asked for.
         return m_manner.userByConfigfs && lun.config.type == LunType::User ? there->number
                                                                            : kAutomaticLunNumber;
-    std::set<uint32_t> taken = ReservedNumbers(target);
-    if (taken.empty())
-        return kAutomaticLunNumber;
-    if (const PortalGroupView* group = GroupOf(target.name, *m_before))
-        for (const LunView& there : group->luns)
-            taken.insert(there.number);
-    for (const LunPlan& other : target.luns)
-        if (const auto number = NumberOf(other))
-            taken.insert(*number);
-    uint32_t lowest = 0;
-    while (taken.contains(lowest))
-        ++lowest;
-    return lowest;
+    return LowestFreeNumber(target, *m_before, m_formerNumber,
+                            [this](const LunPlan& other) { return NumberOf(other); })
+        .value_or(kAutomaticLunNumber);
 }
 
 bool PlanExecutor::MakeLun(const TargetPlan& target, const LunPlan& lun) {
@@ -187,8 +177,9 @@ bool PlanExecutor::Map(const TargetPlan& target, const StopAsked& stopAsked) {
             if (!NumberOf(lun))
                 continue;  // it stays out
             const uint32_t number = *NumberOf(lun);
-            if (!IsMapped(initiator, number, target.name, *m_before))
-                m_madeMappings.emplace(&initiator, index);
+            if (IsMapped(initiator, number, target.name, *m_before))
+                continue;  // the comparison has found it right
+            m_madeMappings.emplace(&initiator, index);
             MoScsiSrvLun record = RecordOf(lun, number);
             MoScsiSrvHost host{initiator.name};
             const CRyError result = RunStep(
@@ -212,20 +203,26 @@ bool PlanExecutor::ApplyTarget(const TargetPlan& target, const StopAsked& stopAs
             return m_platform.CreateTarget(&record);
         }).IsError())
         return false;
-    for (const bool automatic : {false, true}) {
-        for (const LunPlan& lun : target.luns) {
-            if (lun.number.has_value() == automatic)
-                continue;
-            if (stopAsked() || !MakeLun(target, lun))
-                return false;
-        }
-    }
+    for (const LunPlan* lun : InOrder(target))
+        if (!NumberOf(*lun) && (stopAsked() || !MakeLun(target, *lun)))
+            return false;
     return Map(target, stopAsked);
+}
+
+/// Commands for these LUNs wait in the kernel, and their initiators with them.
+bool PlanExecutor::MakeWaiting(const StopAsked& stopAsked) {
+    for (const TargetPlan& target : m_plan.targets)
+        for (const LunPlan* lun : InOrder(target))
+            if (lun->config.type == LunType::User && LunOf(*lun, *m_before) != nullptr)
+                if (stopAsked() || !MakeLun(target, *lun))
+                    return false;
+    return true;
 }
 
 bool PlanExecutor::Apply(const ConfigfsView& before, const StopAsked& stopAsked) {
     m_before = &before;
     const bool done =
+        MakeWaiting(stopAsked) &&
         std::all_of(m_plan.targets.begin(), m_plan.targets.end(),
                     [&](const TargetPlan& target) { return ApplyTarget(target, stopAsked); });
     m_before = nullptr;

@@ -11,6 +11,7 @@
 #include "host/kernel/Compare.h"
 #include "host/plan/Plan.h"
 #include "host/service/Console.h"
+#include "host/service/LunNumbers.h"
 #include "platform/MoScsiSrvPlatform.h"
 
 /// Carries a plan out through the platform, and takes it down again.
@@ -24,17 +25,17 @@ class PlanExecutor {
     /// True when the work is to end early; looked at between steps.
     using StopAsked = std::function<bool()>;
 
-    /// The number that a LUN had when it was last served, if that is known.
-    using FormerNumber = std::function<std::optional<uint32_t>(const LunPlan&)>;
-
+    /// `formerNumber`: the number that a LUN had when it was last served.
     PlanExecutor(const Plan& plan, MoScsiSrvPlatform& platform, Console& console, Manner manner,
-                 DataOf dataOf, FormerNumber formerNumber);
+                 DataOf dataOf, NumberOfLun formerNumber);
 
     /// Makes everything that the plan names: targets, LUNs (those with numbers of their own first,
     /// so that automatic ones can't take these), mappings. What is there already is made again,
-    /// which changes nothing. A LUN whose file is missing is made again where configfs has it;
-    /// where not, it stays out, and its number free. `before` is configfs as it was, free of
-    /// conflicts. Returns: false after the first step that failed, or when a stop was asked for.
+    /// which changes nothing: user LUNs first, over all targets, since their initiators wait;
+    /// mappings are not, for the comparison has found them right. A LUN whose file is missing is
+    /// made again where configfs has it; where not, it stays out, and its number free. `before` is
+    /// configfs as it was, free of conflicts. Returns: false after the first step that failed, or
+    /// when a stop was asked for.
     bool Apply(const ConfigfsView& before, const StopAsked& stopAsked);
 
     /// Takes down, in reverse, what this run made: steps that failed half-way included, what was
@@ -53,10 +54,10 @@ class PlanExecutor {
     enum class Extent { Made, All };
 
     bool ApplyTarget(const TargetPlan& target, const StopAsked& stopAsked);
+    bool MakeWaiting(const StopAsked& stopAsked);
     bool MakeLun(const TargetPlan& target, const LunPlan& lun);
     bool CreateLun(const LunPlan& lun, uint32_t number);
     uint32_t NumberToAsk(const TargetPlan& target, const LunPlan& lun) const;
-    std::set<uint32_t> ReservedNumbers(const TargetPlan& target) const;
     bool Map(const TargetPlan& target, const StopAsked& stopAsked);
     bool TakeDown(Extent extent, const ConfigfsView& now, const StopAsked& outOfTime);
     bool Unmap(const TargetPlan& target, Extent extent, const StopAsked& outOfTime);
@@ -70,7 +71,7 @@ class PlanExecutor {
     Console& m_console;
     const Manner m_manner;
     const DataOf m_dataOf;
-    const FormerNumber m_formerNumber;
+    const NumberOfLun m_formerNumber;
 
     const ConfigfsView* m_before = nullptr;  // during Apply
     std::map<const LunPlan*, uint32_t> m_numbers;

@@ -13,7 +13,8 @@ namespace {
 // The runner's and the bus's, the status's, the lock, pipes of a command that runs.
 constexpr size_t kOwnDescriptors = 64;
 
-// A user LUN's UIO device, its thread's wake-up, its file and that one's ring; one to spare.
+// A user LUN's UIO device, its thread's wake-up, its file and that one's ring; one to spare. Others
+// have the file that is kept locked, at most.
 constexpr size_t kDescriptorsPerUserLun = 5;
 
 }  // namespace
@@ -34,8 +35,7 @@ size_t DescriptorsFor(const Plan& plan) {
     size_t count = kOwnDescriptors;
     for (const TargetPlan& target : plan.targets)
         for (const LunPlan& lun : target.luns)
-            if (lun.config.type == LunType::User)
-                count += kDescriptorsPerUserLun;
+            count += lun.config.type == LunType::User ? kDescriptorsPerUserLun : 1;
     return count;
 }
 

@@ -3,20 +3,21 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <nlohmann/json.hpp>
+#include <system_error>
 
+#include "framework/ExceptionOf.h"
 #include "framework/QueuedOutput.h"
-#include "host/data/BackingFile.h"
-#include "host/kernel/PlanObjects.h"
-#include "host/plan/StorageCheck.h"
 #include "host/service/BusWait.h"
 #include "host/service/ClosedTargets.h"
 #include "host/service/EarlierCommands.h"
+#include "host/service/FileLuns.h"
+#include "host/service/GuardedPlatform.h"
 #include "host/service/HostLock.h"
 #include "host/service/HostLog.h"
-#include "host/service/LunRecord.h"
 #include "host/service/PlanExecutor.h"
 #include "host/service/Plugin.h"
 #include "host/service/ProcessStart.h"
@@ -51,25 +52,26 @@ class Service {
           m_environment(environment),
           m_options(options),
           m_console(console),
-          m_record(environment.stateDirectory),
+          m_files(plan, environment.stateDirectory),
           m_closed(environment.runDirectory, environment.configfs),
           m_stop(environment.runDirectory,
                  kStopBase + kStopPerObject * static_cast<int>(plan.ObjectCount()),
                  [this] { GiveUp(); }),
           m_status(plan),
           m_server(environment.runDirectory / "host.sock",
-                   [this] { return m_status.Json().dump(); }) {}
+                   [this] { return StatusText(m_status.Json()); }) {}
 
     int Run();
 
   private:
+    bool ServeAndStop();
+    void Degrade(const std::string& reason);
+    void StayDegraded();
     bool Load();
     bool Start();
     bool WaitForBus();
     bool WaitForEarlier();
     bool PrepareData();
-    void TellMissing();
-    bool LockKernelFiles();
     bool NoteLuns();
     bool Apply();
     void TakeDown(bool all);
@@ -95,15 +97,16 @@ class Service {
     const Environment& m_environment;
     const ServeOptions& m_options;
     Console& m_console;
-    LunRecord m_record;
+    FileLuns m_files;
     ClosedTargets m_closed;
     StopSignals m_stop;
     HostStatus m_status;
-    MoScsiSrvPlatform* m_platform = nullptr;
+    MoScsiSrvPlatform* m_plugin = nullptr;
+    std::unique_ptr<GuardedPlatform> m_platform;  // m_plugin, for everything but transfers
+    std::atomic<bool> m_degraded{false};
     Manner m_manner;
     ConfigfsView m_before;
     UserData m_data;
-    std::vector<BackingFile> m_kernelFiles;  // locked while the kernel serves them
     std::unique_ptr<PlanExecutor> m_executor;
     bool m_clean = true;    // nothing failed, nothing of ours is left
     StatusServer m_server;  // last: its thread reads the others
@@ -121,8 +124,12 @@ bool Service::Load() {
     if (const std::string fault = m_server.Start(); !fault.empty())
         return Fail(fault);
     std::string error;
-    m_platform = LoadPlugin(m_environment.library, error);
-    return m_platform != nullptr || Fail(error);
+    m_plugin = LoadPlugin(m_environment.library, error);
+    if (m_plugin == nullptr)
+        return Fail(error);
+    m_platform = std::make_unique<GuardedPlatform>(
+        *m_plugin, [this](const std::string& reason) { Degrade(reason); });
+    return true;
 }
 
 bool Service::Start() {
@@ -178,26 +185,10 @@ bool Service::WaitForEarlier() {
                             left, left));
 }
 
-void Service::TellMissing() {
-    for (const LunPlan* lun : m_plan.Missing()) {
-        const bool user = lun->config.type == LunType::User;
-        m_console.Complain(lun->MissingText(m_plan.file));
-        m_console.Complain(
-            fmt::format("{} {}; the others are served", lun->Title(),
-                        StaysOut(*lun, m_before) ? "stays out"
-                        : user                   ? "answers NOT READY"
-                               : "stays as the kernel has it, on the file that it has open"));
-    }
-}
-
-/// Before initiators see a LUN it is known here; afterwards its number, too.
+/// Before initiators see a LUN it is on record; afterwards its number, too.
 bool Service::NoteLuns() {
-    std::vector<LunRecord::Noted> noted;
-    for (const TargetPlan& target : m_plan.targets)
-        for (const LunPlan& lun : target.luns)
-            if (MediumOf(lun.config) == Medium::File && !StaysOut(lun, m_before))
-                noted.emplace_back(&lun, m_executor->NumberOf(lun));
-    const std::string fault = m_record.Note(noted);
+    const std::string fault =
+        m_files.Note(m_before, [this](const LunPlan& lun) { return m_executor->NumberOf(lun); });
     return fault.empty() || Fail(fault);
 }
 
@@ -217,23 +208,11 @@ bool Service::OpenTargets() {
     return true;
 }
 
-/// Whoever else would write to them meets the lock; the kernel doesn't.
-bool Service::LockKernelFiles() {
-    for (const TargetPlan& target : m_plan.targets)
-        for (const LunPlan& lun : target.luns) {
-            if (lun.config.type != LunType::File || lun.missing)
-                continue;
-            std::string error;
-            if (!m_kernelFiles.emplace_back().Open(lun.config.path, lun.size, error))
-                return Fail(fmt::format("{}: {}", lun.Title(), error));
-        }
-    return true;
-}
-
 bool Service::PrepareData() {
-    TellMissing();
-    if (!LockKernelFiles())
-        return false;
+    for (const std::string& line : m_files.Missing(m_before))
+        m_console.Complain(line);
+    if (const std::string fault = m_files.LockKernelFiles(); !fault.empty())
+        return Fail(fault);
     std::set<const LunPlan*> lost = LostMemory(m_plan, m_before);
     for (const LunPlan* lun : lost)
         m_console.Say(fmt::format(
@@ -243,11 +222,16 @@ bool Service::PrepareData() {
                 : "it answers NOT READY; --discard-lost-memory serves it empty"));
     if (m_options.discardLostMemory)
         lost.clear();
+    for (const TargetPlan& target : m_plan.targets)
+        for (const LunPlan& lun : target.luns)
+            if (const std::string faults = lun.FaultText(); !faults.empty())
+                m_console.Say(fmt::format("{} of {} is served with {}, as the file says",
+                                          lun.Title(), target.name, faults));
     for (const std::string& line : Unserved(m_plan, m_before))
         m_console.Say(line);
     for (const LunPlan* lun : m_plan.Missing())
         lost.insert(lun);
-    const std::string fault = m_data.Make(m_plan, lost, *m_platform);
+    const std::string fault = m_data.Make(m_plan, lost, *m_plugin);
     if (!fault.empty())
         return Fail(fault);
     m_data.SetTimeOuts(m_plan, m_before);
@@ -266,7 +250,7 @@ bool Service::Apply() {
     m_executor = std::make_unique<PlanExecutor>(
         m_plan, *m_platform, m_console, m_manner,
         [this](const LunPlan& lun) { return m_data.Of(lun); },
-        [this](const LunPlan& lun) { return m_record.NumberOf(lun); });
+        [this](const LunPlan& lun) { return m_files.FormerNumber(lun); });
     bool good = NoteLuns() && NoteNewTargets() &&
                 m_executor->Apply(m_before, [this] { return m_stop.Asked(); });
     for (const TargetPlan& target : m_plan.targets)
@@ -283,7 +267,7 @@ bool Service::Apply() {
     } else {
         good = false;
     }
-    if (!good)
+    if (!good && !m_degraded)
         TakeDown(false);
     return good;
 }
@@ -291,9 +275,11 @@ bool Service::Apply() {
 void Service::TakeDown(bool all) {
     m_status.SetPhase("stopping");
     m_stop.Begin();
-    const auto outOfTime = [this] { return m_stop.OutOfTime(); };
+    const auto outOfTime = [this] { return m_degraded || m_stop.OutOfTime(); };
     const bool done = all ? m_executor->TakeDownAll(Look(), outOfTime)
                           : m_executor->TakeDownMade(Look(), outOfTime);
+    if (m_degraded)
+        return;
     if (!done && m_stop.OutOfTime())
         m_console.Complain("the time for stopping is over");
     const ConfigfsView left = Look();
@@ -309,25 +295,56 @@ bool Service::CleanUp() {
     m_stop.Begin();
     RunStep(m_console, "clean up the platform", [&] { return m_platform->Cleanup(); });
     return WaitForBusNameGone(kRunnerLimit) ||
-           Fail("the plug-in's runner didn't end: see its log lines");
+           Fail("the plug-in's runner didn't end, or left devices open: see its log lines");
 }
 
 /// A step that doesn't end can't be ended from outside; the process can.
 void Service::GiveUp() {
-    m_console.Complain(
-        "a step of the stop doesn't end, and the time for it is over: what is still "
-        "in the kernel's target stays until the next start with the same file");
-    // Neither thread is joined here: the one that hangs may be anywhere.
-    std::error_code ignored;
-    std::filesystem::remove(m_environment.runDirectory / "host.sock", ignored);
-    m_stop.EndLimit();
-    QueuedOutput::Flush();
+    ExceptionOf([this] {
+        m_console.Complain(
+            "a step of the stop doesn't end, and the time for it is over: what is still "
+            "in the kernel's target stays until the next start with the same file");
+        // Neither thread is joined here: the one that hangs may be anywhere.
+        std::error_code ignored;
+        std::filesystem::remove(m_environment.runDirectory / "host.sock", ignored);
+        m_stop.EndLimit();
+        QueuedOutput::Flush();
+    });
     _exit(1);
+}
+
+/// From now on the host serves what is there, and does nothing else.
+void Service::Degrade(const std::string& reason) {
+    m_degraded = true;
+    m_status.SetDegraded(reason);
+    m_console.Complain("degraded: " + reason);
+}
+
+/// Nothing is taken down: whatever would do it may wait for a lock for ever, or do half of it.
+void Service::StayDegraded() {
+    if (m_executor && !m_stop.Asked()) {
+        m_console.Complain("I/O goes on; stop with SIGINT or SIGTERM, and start again");
+        m_stop.Wait();
+    }
+    m_console.Complain(
+        "what is in the kernel's target stays until the next start with the same file");
 }
 
 int Service::Run() {
     if (!Load())
         return 1;
+    bool good = false;
+    if (const auto fault = ExceptionOf([&] { good = ServeAndStop(); }))
+        Degrade(*fault);
+    if (m_degraded)
+        StayDegraded();
+    m_server.Stop();
+    m_stop.End();
+    return good && !m_degraded ? 0 : 1;
+}
+
+/// Returns: whether everything was served, and is gone.
+bool Service::ServeAndStop() {
     const bool served = Start() && WaitForBus() && WaitForEarlier() && Apply();
     if (served) {
         m_status.SetPhase("ready");
@@ -338,14 +355,14 @@ int Service::Run() {
         m_console.Say("stopping");
         TakeDown(true);
     }
+    if (m_degraded)
+        return false;
     const bool ended = CleanUp();
     if (ended && m_clean)
         m_data.Stop();
     if (!served && m_stop.Asked())
         m_console.Say("stopped before anything was served");
-    m_server.Stop();
-    m_stop.End();
-    return ended && m_clean && served ? 0 : 1;
+    return ended && m_clean && served;
 }
 
 }  // namespace
@@ -372,6 +389,13 @@ int Serve(const Plan& plan, const Config& config, const Environment& environment
         console.Complain(line);
     // Never destroyed: threads of the plug-in, and with contexts still out those of the LUNs, may
     // use it until the process ends.
-    auto* service = new Service(plan, environment, options, console);
+    Service* service = nullptr;
+    try {
+        service = new Service(plan, environment, options, console);
+    } catch (const std::system_error& error) {
+        console.Complain(fmt::format(
+            "no thread for the stop's signals ({}): raise the limit of processes", error.what()));
+        return 1;
+    }
     return service->Run();
 }

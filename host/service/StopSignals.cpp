@@ -6,6 +6,8 @@
 #include <csignal>
 #include <fstream>
 
+#include "framework/ExceptionOf.h"
+
 namespace {
 
 using std::chrono::seconds;
@@ -60,13 +62,16 @@ void StopSignals::EndLimit() {
     std::filesystem::remove(m_limitFile, ignored);
 }
 
+/// Without memory for it a command keeps the limit that it has; the stop goes on.
 void StopSignals::LimitTargetcli(seconds limit) {
-    // Renamed into place: a wrapper that looks meanwhile must not see half a number.
-    std::error_code ignored;
-    std::filesystem::create_directories(m_limitFile.parent_path(), ignored);
-    const std::filesystem::path draft = m_limitFile.string() + ".new";
-    std::ofstream(draft) << limit.count() << '\n';
-    std::filesystem::rename(draft, m_limitFile, ignored);
+    ExceptionOf([&] {
+        // Renamed into place: a wrapper that looks meanwhile must not see half a number.
+        std::error_code ignored;
+        std::filesystem::create_directories(m_limitFile.parent_path(), ignored);
+        const std::filesystem::path draft = m_limitFile.string() + ".new";
+        std::ofstream(draft) << limit.count() << '\n';
+        std::filesystem::rename(draft, m_limitFile, ignored);
+    });
 }
 
 void StopSignals::BeginLocked() {

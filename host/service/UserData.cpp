@@ -58,7 +58,13 @@ std::pair<MoScsiBStorOps*, void*> UserData::Of(const LunPlan& lun) const {
 
 nlohmann::json UserData::Statistics(const LunPlan& lun) const {
     const auto found = m_luns.find(&lun);
-    return found == m_luns.end() ? nlohmann::json() : ToJson(found->second->Snapshot());
+    if (found == m_luns.end())
+        return {{"state", "not served"}};
+    nlohmann::json result = ToJson(found->second->Snapshot());
+    result["fault_rules"] = lun.config.faults.rules.size();
+    if (OutlivesProcess(lun.config.backing))
+        result["durable"] = lun.config.faults.durable;
+    return result;
 }
 
 void UserData::SetTimeOuts(const Plan& plan, const ConfigfsView& view) {

@@ -15,6 +15,11 @@ void HostStatus::SetPhase(const std::string& phase) {
     m_phase = phase;
 }
 
+void HostStatus::SetDegraded(const std::string& reason) {
+    const MutexGuard guard(m_mutex);
+    m_degraded = reason;
+}
+
 void HostStatus::SetNumber(const LunPlan& lun, uint32_t number) {
     const MutexGuard guard(m_mutex);
     m_numbers[&lun] = number;
@@ -44,6 +49,8 @@ json HostStatus::Json() const {
     {
         const MutexGuard guard(m_mutex);
         result["phase"] = m_phase;
+        if (!m_degraded.empty())
+            result["degraded"] = m_degraded;
         result["targets"] = json::array();
         for (const TargetPlan& target : m_plan.targets) {
             json entry{
@@ -69,6 +76,10 @@ json HostStatus::Json() const {
     return result;
 }
 
+std::string StatusText(const json& status) {
+    return status.dump(-1, ' ', false, json::error_handler_t::replace);
+}
+
 namespace {
 
 /// One line a value; those within an object carry its name, too.
@@ -90,6 +101,8 @@ std::string StatusTable(const json& status) {
     std::string text =
         fmt::format("moscsi-host {}: {}, serves {} on port {}\n", status.value("process", 0),
                     status.value("phase", "?"), status.value("file", "?"), status.value("port", 0));
+    if (status.contains("degraded"))
+        text += fmt::format("degraded: {}\n", status.value("degraded", ""));
     for (const json& target : status.value("targets", json::array())) {
         text += fmt::format("target {}\n", target.value("name", "?"));
         for (const json& lun : target.value("luns", json::array())) {

@@ -19,6 +19,10 @@ class HostStatus {
 
     /// "starting", "applying", "ready", "stopping".
     void SetPhase(const std::string& phase) MO_EXCLUDES(m_mutex);
+
+    /// Why the host does nothing any more but to serve what is there. Set once.
+    void SetDegraded(const std::string& reason) MO_EXCLUDES(m_mutex);
+
     void SetNumber(const LunPlan& lun, uint32_t number) MO_EXCLUDES(m_mutex);
 
     /// Sets who gives a user LUN's statistics (null for none); called with no lock but this
@@ -34,9 +38,14 @@ class HostStatus {
     const Plan& m_plan;
     mutable Mutex m_mutex;
     std::string m_phase MO_GUARDED_BY(m_mutex) = "starting";
+    std::string m_degraded MO_GUARDED_BY(m_mutex);
     std::map<const LunPlan*, uint32_t> m_numbers MO_GUARDED_BY(m_mutex);
     DataSource m_dataSource MO_GUARDED_BY(m_mutex);
 };
+
+/// The status for programs, on one line. Names of files that aren't UTF-8 have U+FFFD in the places
+/// that aren't.
+std::string StatusText(const nlohmann::ordered_json& status);
 
 /// The status for people.
 std::string StatusTable(const nlohmann::ordered_json& status);

@@ -12,9 +12,14 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <nlohmann/json.hpp>
+#include <system_error>
+
+#include "framework/ExceptionOf.h"
 
 namespace {
 
+constexpr int kPause = 100;                              // milliseconds
 constexpr timeval kPatience{.tv_sec = 5, .tv_usec = 0};  // with a peer that doesn't read, or answer
 
 bool AddressOf(const std::filesystem::path& path, sockaddr_un& address) {
@@ -39,6 +44,11 @@ void SendAll(int connection, const std::string& text) {
             return;  // the peer went away, or doesn't read: its loss
         sent += static_cast<size_t>(count);
     }
+}
+
+std::string ErrorText(const std::string& what) {
+    return nlohmann::json{{"error", what}}.dump(-1, ' ', false,
+                                                nlohmann::json::error_handler_t::replace);
 }
 
 }  // namespace
@@ -75,7 +85,16 @@ std::string StatusServer::Start() {
     if (!good)
         return fmt::format("can't listen on {} ({}): see whether the directory is writable",
                            m_path.string(), strerror(error));
-    m_thread = std::thread([this] { Run(); });
+    m_spare = UniqueFd(eventfd(0, EFD_CLOEXEC));
+    try {
+        m_thread = std::thread([this] {
+            while (ExceptionOf([this] { Run(); }))
+                poll(nullptr, 0, kPause);  // no memory for so much as an error's text
+        });
+    } catch (const std::system_error& error) {
+        return fmt::format("no thread for the status ({}): raise the limit of processes",
+                           error.what());
+    }
     return {};
 }
 
@@ -86,10 +105,33 @@ void StatusServer::Run() {
             continue;
         if (waits[1].revents != 0)
             return;
-        const UniqueFd connection(accept4(m_listener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
-        if (connection.Valid())
-            SendAll(connection.Get(), m_answer());
+        if (!AnswerOne()) {
+            // A connection that can't be taken stays, and would wake this thread again at once.
+            poll(&waits[1], 1, kPause);
+        }
     }
+}
+
+bool StatusServer::AnswerOne() {
+    const auto accept = [this] {
+        return UniqueFd(accept4(m_listener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+    };
+    UniqueFd connection = accept();
+    if (!connection.Valid() && m_spare.Valid()) {
+        m_spare.Close();
+        connection = accept();
+    }
+    if (connection.Valid()) {
+        std::string text;
+        if (const auto fault = ExceptionOf([&] { text = m_answer(); }))
+            text = ErrorText(*fault);
+        SendAll(connection.Get(), text);
+    }
+    const bool answered = connection.Valid();
+    connection.Close();
+    if (!m_spare.Valid())
+        m_spare = UniqueFd(eventfd(0, EFD_CLOEXEC));
+    return answered;
 }
 
 std::string AskStatus(const std::filesystem::path& socket, std::string& error) {

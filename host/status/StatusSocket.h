@@ -10,10 +10,12 @@
 /// The local socket over which a running host tells its status: whoever connects is sent one JSON
 /// text, and the connection ends.
 
-/// Answers on a thread of its own, so that the host answers whatever else it waits for.
+/// Answers on a thread of its own, so that the host answers whatever else it waits for; also when
+/// the process has no descriptor left.
 class StatusServer {
   public:
-    /// Called for each connection, on the server's thread.
+    /// Called for each connection, on the server's thread. What it throws is answered as
+    /// {"error": text}.
     using Answer = std::function<std::string()>;
 
     StatusServer(std::filesystem::path socket, Answer answer);
@@ -32,11 +34,13 @@ class StatusServer {
 
   private:
     void Run();
+    bool AnswerOne();
 
     const std::filesystem::path m_path;
     const Answer m_answer;
     UniqueFd m_wake;
     UniqueFd m_listener;
+    UniqueFd m_spare;  ///< given up for a connection when there is no descriptor left
     std::thread m_thread;
 };
 

@@ -1,6 +1,7 @@
 // A plug-in whose kernel is a directory tree (MOSCSI_CONFIGFS_ROOT). It writes one line an
 // operation to FAKE_LOG, and can be told to misbehave:
 //   FAKE_FAIL=OPERATION:N   the N-th call of the operation fails, its work half done
+//   FAKE_THROW=OPERATION:N  the same with an exception
 //   FAKE_PORTAL=TEXT        targets get this portal; empty: none
 //   FAKE_AUTOMATIC=NUMBER   the first that an automatic number may come to
 //   FAKE_WAIT=OPERATION     it makes FAKE_LOG.begun when its work is done, and waits for
@@ -9,6 +10,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <map>
+#include <stdexcept>
 #include <thread>
 
 #include "framework/MoStatistics.h"
@@ -94,7 +96,10 @@ struct FakePlatform final : NullPlatform {
                 std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
         std::ofstream(log, std::ios::app) << operation << arguments << '\n';
-        if (Variable("FAKE_FAIL", "") == operation + ":" + std::to_string(++m_calls[operation]))
+        const std::string call = operation + ":" + std::to_string(++m_calls[operation]);
+        if (Variable("FAKE_THROW", "") == call)
+            throw std::runtime_error(call + " threw as told");
+        if (Variable("FAKE_FAIL", "") == call)
             return FXErrorUtil::ErrorErrNo(FXCodeLocation("FakePlugin", __func__, __LINE__), 774,
                                            "%s failed as told", operation.c_str());
         return {};

@@ -18,11 +18,15 @@ namespace fs = std::filesystem;
 using namespace testing;  // matchers
 
 /// Starts a message bus of the test's own, which the process takes for the system bus and which
-/// ends with it; at one address, however often. Returns: its process, 0 without dbus-daemon.
-inline pid_t StartBus() {
+/// ends with it; at one address, however often, until another is asked for: a runner that couldn't
+/// close keeps its name. Returns: its process, 0 without dbus-daemon.
+inline pid_t StartBus(bool another = false) {
     static const TempDirectory directory;
-    static const std::string address = "unix:path=" + (directory.path / "bus").string();
-    static const int set = setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), 1);
+    static int number = 0;
+    number += another ? 1 : 0;
+    const std::string address =
+        "unix:path=" + (directory.path / "bus").string() + std::to_string(number);
+    const int set = setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), 1);
     FILE* const output = popen(("exec setpriv --pdeathsig KILL dbus-daemon --session --nofork "
                                 "--nopidfile --print-pid=1 2>/dev/null --address=" +
                                 address)

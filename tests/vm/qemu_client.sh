@@ -8,6 +8,7 @@ requires modprobe nbd
 its_name=iqn.2008-11.org.linux-kvm # without a word from the user
 url=iscsi://$portal/$target/0
 host_file "$a $its_name" "$(lun served served 24MiB "number = 0")" >"$work/host.toml"
+step "the LUN's file is made" moscsi-host create "$work/host.toml" served
 step "the host starts" host_start "$work/host.toml"
 
 there_and_back() { # CACHE-MODE
