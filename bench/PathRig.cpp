@@ -114,7 +114,10 @@ struct PathRig::Lib : LibtcmuApi {
         value = kLunBytes;
         return 0;
     }
-    std::string Wwn(LibDevice* /*dev*/) override { return "bench"; }
+    int Serial(LibDevice* /*dev*/, std::string& serial) override {
+        serial = "bench";
+        return 0;
+    }
     int Fd(LibDevice* /*dev*/) override { return kernel.DoorbellFd(); }
     Memory MemoryInfo(LibDevice* /*dev*/) override { return {kernel.Memory(), kernel.Length()}; }
     std::string UioName(LibDevice* /*dev*/) override { return "uio0"; }

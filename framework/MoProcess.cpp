@@ -47,7 +47,8 @@ void Collect(const Pipe& outPipe, std::string* out, const Pipe& errPipe, std::st
 }
 
 /// Starts the shell. The child gets the default signal set-up: a host that blocks or ignores
-/// signals must not hand that to a service script.
+/// signals must not hand that to a service script. A SIGHUP that is ignored (nohup) stays so: who
+/// did that meant all that the terminal's end would reach.
 bool Spawn(const std::string& command, const Pipe& outPipe, const Pipe& errPipe, pid_t& pid) {
     posix_spawn_file_actions_t actions;
     posix_spawnattr_t attributes;
@@ -61,6 +62,9 @@ bool Spawn(const std::string& command, const Pipe& outPipe, const Pipe& errPipe,
     sigset_t all;
     sigemptyset(&none);
     sigfillset(&all);
+    struct sigaction hangup {};
+    if (sigaction(SIGHUP, nullptr, &hangup) == 0 && hangup.sa_handler == SIG_IGN)
+        sigdelset(&all, SIGHUP);
     posix_spawnattr_setsigmask(&attributes, &none);
     posix_spawnattr_setsigdefault(&attributes, &all);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);

@@ -29,7 +29,7 @@ uint32_t OperationOf(const Header& header) {
 CommandRing::CommandRing(void* memory, size_t length, int uioFd)
     : m_memory(static_cast<uint8_t*>(memory)),
       m_length(length),
-      m_doorbell(uioFd, m_stats.doorbells) {
+      m_doorbell(uioFd, m_stats.doorbells, m_stats.doorbellErrors) {
     m_broken = CheckMailbox();
     if (Broken() != nullptr)
         return;

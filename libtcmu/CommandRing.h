@@ -102,6 +102,7 @@ class CommandRing {  // NOLINT(clang-analyzer-optin.performance.Padding)
         std::atomic<uint64_t> fetched{0};
         std::atomic<uint64_t> completed{0};
         std::atomic<uint64_t> doorbells{0};
+        std::atomic<uint64_t> doorbellErrors{0};  ///< of these; all once the device is removed
         std::atomic<uint64_t> badEntries{0};  ///< answered here: buffers or CDB out of the mapping
         std::atomic<uint64_t> withoutMemory{0};   ///< answered here: BUSY
         std::atomic<uint64_t> otherEntries{0};    ///< skipped: padding, notices, unknown operations

@@ -6,6 +6,7 @@
 #include <limits>
 
 #include "libtcmu/Inquiry.h"
+#include "libtcmu/Sense.h"
 
 std::string CanonicalCfgString(std::string_view cfgString) {
     const size_t n = kCanonicalSubType.size();
@@ -70,8 +71,9 @@ int tcmu_emulate_inquiry(tcmu_device* dev, uint8_t* cdb, iovec* iov, size_t iovC
     if (facts.maxTransferBlocks == 0 && dev->blockSize != 0)
         facts.maxTransferBlocks = kDefaultMaxTransferBytes / dev->blockSize;
     // A device that targetcli makes gets its serial after the device was opened.
-    if (InquiryNeedsSerial(cdb))
-        facts.serial = dev->api.Wwn(dev->lib);
+    // One that can't be read must not become another identity.
+    if (InquiryNeedsSerial(cdb) && dev->api.Serial(dev->lib, facts.serial) != 0)
+        return SetSense(sense, Sense::kInternalTargetFailure);
     return EmulateInquiry(facts, cdb, iov, iovCnt, sense);
 }
 

@@ -70,4 +70,6 @@ void Doorbell::Write() {
     // A doorbell that fails loses nothing: the answers stand in the ring, and the next one tells
     // them. It fails for good once the kernel has removed the device.
     m_written.fetch_add(1, std::memory_order_relaxed);
+    if (written < 0)
+        m_failed.fetch_add(1, std::memory_order_relaxed);
 }

@@ -16,8 +16,9 @@ class Doorbell {
     static constexpr size_t kMostReadBytes = size_t{256} * 1024;
     static constexpr uint32_t kMostAnswers = 64;
 
-    /// `written` is raised by one with each write.
-    Doorbell(int uioFd, std::atomic<uint64_t>& written) : m_uioFd(uioFd), m_written(written) {}
+    /// `written` is raised by one with each write, `failed` with each that fails.
+    Doorbell(int uioFd, std::atomic<uint64_t>& written, std::atomic<uint64_t>& failed)
+        : m_uioFd(uioFd), m_written(written), m_failed(failed) {}
 
     /// Notes an answer that the kernel has to be told about; it stands in the ring already.
     void Owe(size_t readBytes);
@@ -34,4 +35,5 @@ class Doorbell {
     alignas(64) std::atomic<uint64_t> m_state{0};  // see Doorbell.cpp
     const int m_uioFd;
     std::atomic<uint64_t>& m_written;
+    std::atomic<uint64_t>& m_failed;
 };

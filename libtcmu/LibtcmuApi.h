@@ -69,9 +69,10 @@ class LibtcmuApi {
     /// Returns: 0 with `value` set, or a negative errno.
     virtual int InfoU64(LibDevice* dev, const char* name, uint64_t& value) = 0;
 
-    /// The unit serial as configfs has it now; empty when unset or unreadable. A device that
-    /// targetcli makes gets its serial after `added`, so read it when it is asked for.
-    virtual std::string Wwn(LibDevice* dev) = 0;
+    /// The unit serial as configfs has it now; empty when it isn't set yet. A device that targetcli
+    /// makes gets its serial after `added`, so read it when it is asked for.
+    /// Returns: 0 with `serial` set, or a negative errno: it can't be read, and may be anything.
+    virtual int Serial(LibDevice* dev, std::string& serial) = 0;
 
     /// The UIO descriptor, non-blocking. It is libtcmu's.
     virtual int Fd(LibDevice* dev) = 0;

@@ -7,6 +7,8 @@
 #include <cstring>
 #include <utility>
 
+#include "framework/ExceptionOf.h"
+#include "libtcmu/Backstore.h"
 #include "libtcmu/LibtcmuApi.h"
 
 extern "C" {
@@ -40,8 +42,6 @@ const char* tcmu_dev_get_uio_name(LibDevice* dev);
 char* tcmu_dev_get_memory_info(LibDevice* dev, void** base, size_t* length, off_t* offset);
 int tcmu_cfgfs_dev_get_attr_int(LibDevice* dev, const char* name);
 uint64_t tcmu_cfgfs_dev_get_info_u64(LibDevice* dev, const char* name, int* error);
-/// Returns: the serial, allocated; null on failure.
-char* tcmu_cfgfs_dev_get_wwn(LibDevice* dev);
 }
 
 namespace {
@@ -88,11 +88,11 @@ class LibtcmuSo final : public LibtcmuApi {
         value = tcmu_cfgfs_dev_get_info_u64(dev, name, &error);
         return error > 0 ? -error : error;
     }
-    std::string Wwn(LibDevice* dev) override {
-        const AllocatedText serial(tcmu_cfgfs_dev_get_wwn(dev));
-        std::string text = Text(serial.get());
-        text.erase(text.find_last_not_of('\n') + 1);
-        return text;
+    // The library's own call doesn't tell a serial that isn't set from one that it can't read.
+    int Serial(LibDevice* dev, std::string& serial) override {
+        return ReadSerial(BackstoreOf("/sys/class/uio", "/sys/kernel/config/target/core",
+                                      Text(tcmu_dev_get_uio_name(dev))),
+                          serial);
     }
     int Fd(LibDevice* dev) override { return tcmu_dev_get_fd(dev); }
     Memory MemoryInfo(LibDevice* dev) override {
@@ -119,7 +119,12 @@ class LibtcmuSo final : public LibtcmuApi {
     static int Reconfig(LibDevice* /*dev*/, tcmulib_cfg_info* /*cfg*/) { return -EOPNOTSUPP; }
     static bool CheckConfig(const char* cfgString, char** reason) {
         std::string why;
-        if (Instance().m_callbacks.checkConfig(Text(cfgString), why))
+        bool good = false;
+        // Nothing may be thrown through the library.
+        if (const auto fault = ExceptionOf(
+                [&] { good = Instance().m_callbacks.checkConfig(Text(cfgString), why); }))
+            why = *fault;
+        if (good)
             return true;
         if (reason != nullptr)
             *reason = strdup(why.c_str());  // the library frees it

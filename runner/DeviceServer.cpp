@@ -2,35 +2,15 @@
 
 #include <poll.h>
 
-#include <sstream>
-
 #include "framework/ExceptionOf.h"
-#include "framework/SmallFile.h"
+#include "libtcmu/Backstore.h"
 #include "libtcmu/Sense.h"
 #include "util/Log.h"
 
-namespace {
-
-// UIO calls a device "tcm-user/HBA/NAME/CONFIGURATION"; its directory is core/user_HBA/NAME.
-std::filesystem::path FindBackstore(const RunnerEnvironment& environment,
-                                    const std::string& uioName) {
-    std::istringstream text(ReadSmallFile(environment.uioClass / uioName / "name").value_or(""));
-    std::string kind;
-    std::string hba;
-    std::string name;
-    std::getline(text, kind, '/');
-    std::getline(text, hba, '/');
-    std::getline(text, name, '/');
-    if (kind != "tcm-user" || hba.empty() || name.empty())
-        return {};
-    return environment.backstores / ("user_" + hba) / name;
-}
-
-}  // namespace
-
 DeviceServer::DeviceServer(const RunnerEnvironment& environment, LibDevice* device)
     : m_device(*environment.tcmu, device),
-      m_backstore(FindBackstore(environment, environment.tcmu->UioName(device))),
+      m_backstore(BackstoreOf(environment.uioClass, environment.backstores,
+                              environment.tcmu->UioName(device))),
       m_handler(environment.makeHandler(&m_device)) {}
 
 DeviceServer::~DeviceServer() {
@@ -121,7 +101,10 @@ MoStatistics::Counters DeviceServer::Counters() {
     counters.emplace_back("ring: fetched", ring.fetched.load());
     counters.emplace_back("ring: completed", ring.completed.load());
     counters.emplace_back("ring: doorbells", ring.doorbells.load());
+    counters.emplace_back("ring: doorbell errors", ring.doorbellErrors.load());
     counters.emplace_back("ring: bad entries", ring.badEntries.load());
+    counters.emplace_back("ring: other entries", ring.otherEntries.load());
+    counters.emplace_back("ring: completed twice", ring.completedTwice.load());
     counters.emplace_back("ring: without memory", ring.withoutMemory.load());
     counters.emplace_back("device failed", m_failed ? 1 : 0);
     return counters;

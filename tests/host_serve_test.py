@@ -212,6 +212,17 @@ class ServeTest(ProgramTest):
                 self.assertIn(f"iscsi/{TARGET}", self.objects())
                 self.assertFalse((self.dir / "run/host.sock").exists())
 
+    def test_tells_which_way_targetcli_s_commands_went(self):
+        roads = self.write("run/targetcli/roads", "T slow version: an earlier host's\n")
+        process = self.ready()
+        with open(roads, "a") as notes:
+            notes.write("T fast LUN create\nT slow ACL create: no such target\nT fast LUN create\nT lost half a line")
+        self.assertRegex(self.status(), r"targetcli roads\n +fast +2\n +lost +0\n +slow +1\n")
+        roads.write_text("T lost LUN delete: by a signal\n")
+        process.terminate()
+        self.assertIn("targetcli's commands: 2 carried out in configfs, 1 by it, 1 lost: "
+                      "ACL create: no such target (1); LUN delete: by a signal (1)\n", self.finish(process)[1])
+
     def test_waits_for_a_command_that_an_earlier_host_left_running(self):
         running = self.write("run/targetcli/running", "")
         earlier = self.spawn("flock", "--shared", "--close", running,

@@ -1,8 +1,12 @@
 // What the emulation answers through the ring, to the byte, in buffers of any cut and length. Any
 // other CDB comes from tests/fuzz/gate_fuzz.cpp.
 
+#include <fstream>
+
+#include "libtcmu/Backstore.h"
 #include "libtcmu/Cdb.h"
 #include "tests/support/GateRig.h"
+#include "tests/support/TempDirectory.h"
 
 Bytes Text(std::string_view text) {
     return {text.begin(), text.end()};
@@ -146,4 +150,35 @@ TEST_F(EmulationTest, TheSerialIsReadWhenAPageIsAskedFor) {
     lib.serial = std::string(252, 'z');
     EXPECT_EQ(Run("12 01 80 10 00").size(), 256U);
     EXPECT_EQ(Run("12 01 83 10 00").at(7), 255);
+    // One that can't be read is no identity at all, where one is asked for.
+    lib.serial = "unreadable";
+    for (const char* cdb : {"12 01 80 10 00", "12 01 83 10 00"}) {
+        const auto sense = Answer(Hex(cdb), {{0, 4096}}).value().sense;
+        EXPECT_EQ(sense[2] << 16 | LoadBe16(&sense[12]), 0x044400) << cdb;
+    }
+    EXPECT_EQ(Run("12 01 B2 10 00"), Hex("00 B2 0004") + Bytes(4));
+}
+
+TEST(Backstore, ASerialThatIsNotSetIsToldFromOneThatCannotBeRead) {
+    const TempDirectory dir;
+    const auto write = [&dir](const char* file, const char* text) {
+        std::filesystem::create_directories((dir.path / file).parent_path());
+        std::ofstream(dir.path / file) << text;
+    };
+    write("uio/uio3/name", "tcm-user/7/o/MoScsiSrvTcmu/c");
+    const auto backstore = BackstoreOf(dir.path / "uio", dir.path / "core", "uio3");
+    EXPECT_EQ(backstore, dir.path / "core/user_7/o");
+    EXPECT_EQ(BackstoreOf(dir.path / "uio", dir.path / "core", "uio4"), "");
+    std::string serial;
+    EXPECT_EQ(ReadSerial(backstore, serial), -ENOENT);
+    const std::tuple<const char*, int, const char*> rows[] = {
+        {"T10 VPD Unit Serial Number: \n", 0, ""},
+        {"T10 VPD Unit Serial Number: a b\n", 0, "a b"},
+        {"", -EIO, ""}};
+    for (const auto& [text, result, expected] : rows) {
+        serial.clear();
+        write("core/user_7/o/wwn/vpd_unit_serial", text);
+        EXPECT_EQ(ReadSerial(backstore, serial), result) << text;
+        EXPECT_EQ(serial, expected);
+    }
 }

@@ -195,6 +195,12 @@ TEST_F(RingTest, ADrainHoldsBackOnlySoMuch) {
         EXPECT_EQ(kernel.Doorbells(), 0U) << "nothing to tell";
     }
     EXPECT_EQ(ring.GetStats().doorbells, 4U);
+    EXPECT_EQ(ring.GetStats().doorbellErrors, 0U);
+    CommandRing deaf(kernel.Memory(), kernel.Length(), -1);
+    kernel.Put(kTestUnitReady, {});
+    deaf.Complete(*deaf.Fetch(), 0);
+    deaf.RingDoorbell();
+    EXPECT_EQ(deaf.GetStats().doorbellErrors, 1U);
 }
 
 TEST(RingTraffic, RandomOrderAroundTheEndKeepsEveryCommandWholeAndItsAnswer) {

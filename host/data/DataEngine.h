@@ -25,7 +25,7 @@ class DataEngine {
 
     /// `waits` is called when a transfer begins to wait after none did, on the thread of that Start
     /// with no lock of the engine's held. Requires: nothing was started yet.
-    virtual void OnWaiting(std::function<void()> /*waits*/) {}
+    virtual void OnWaiting(const std::function<void()>& /*waits*/) {}
 
     /// Ends the engine's threads. Requires: no transfer is with the engine, and none will come.
     virtual void Stop() {}

@@ -36,7 +36,7 @@ class FileEngine : public DataEngine {
     const char* Name() const override { return m_queue->Name(); }
     void Start(Transfer& transfer) override MO_EXCLUDES(m_mutex);
     Transfer::Clock::time_point EndRefused() override MO_EXCLUDES(m_mutex);
-    void OnWaiting(std::function<void()> waits) override { m_onWaiting = std::move(waits); }
+    void OnWaiting(const std::function<void()>& waits) override { m_onWaiting = waits; }
     void Stop() override { m_queue->Stop(); }
 
   private:

@@ -130,7 +130,10 @@ struct FakeLibtcmuApi : LibtcmuApi {
         value = Of(dev).size;
         return std::string(name) == "Size" ? 0 : -ENOENT;
     }
-    std::string Wwn(LibDevice* dev) override { return Of(dev).serial; }
+    int Serial(LibDevice* dev, std::string& serial) override {
+        serial = Of(dev).serial;
+        return serial == "unreadable" ? -EMFILE : 0;
+    }
     int Fd(LibDevice* dev) override { return Of(dev).ring.DoorbellFd(); }
     Memory MemoryInfo(LibDevice* dev) override {
         return {Of(dev).ring.Memory(), Of(dev).ring.Length()};

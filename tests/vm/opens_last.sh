@@ -32,5 +32,7 @@ expect_eq "the portal group" "$(<"$enabled")" 1
 step "the login goes through" wait_until 60 logged_in
 step "it sees all LUNs, without a rescan" expect_luns $a "$target" "0 1 2 3 4 5 6 7"
 wait $trying || true
+roads() { moscsi-host status --json | jq -c '.counters[] | select(.source == "targetcli roads").values | [.slow, .lost]'; }
+expect_eq "commands that needed the real targetcli, and lost ones" "$(roads)" "[0,0]"
 step "host-a logs out" logout $a "$target"
 step "the host stops" host_stop
