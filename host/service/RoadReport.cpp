@@ -54,13 +54,12 @@ void RoadReport::Read() {
 std::string RoadReport::News() {
     const MutexGuard guard(m_mutex);
     Read();
-    const auto fresh = [this](const char* road) { return m_roads[road] - m_told[road]; };
     if (m_roads == m_told)
         return {};
     std::string line = fmt::format("targetcli's commands: {} carried out in configfs, {} by it",
-                                   fresh(kFast), fresh(kSlow));
-    if (fresh(kLost) > 0)
-        line += fmt::format(", {} lost", fresh(kLost));
+                                   Fresh(kFast), Fresh(kSlow));
+    if (Fresh(kLost) > 0)
+        line += fmt::format(", {} lost", Fresh(kLost));
     size_t told = 0;
     for (const auto& [reason, count] : m_reasons)
         if (told++ < kMostReasons)

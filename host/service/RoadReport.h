@@ -29,6 +29,7 @@ class RoadReport {
 
   private:
     void Read() MO_REQUIRES(m_mutex);
+    uint64_t Fresh(const char* road) MO_REQUIRES(m_mutex) { return m_roads[road] - m_told[road]; }
 
     const std::filesystem::path m_file;
     Mutex m_mutex;
