@@ -28,7 +28,8 @@ extern "C" int __wrap_fsync(int fd) {
 }
 
 extern "C" int __real_open64(const char* path, int flags, ...);
-extern "C" int __wrap_open64(const char* path, int flags, mode_t mode) {
+extern "C" __attribute__((visibility("default"))) int __wrap_open64(const char* path, int flags,
+                                                                    mode_t mode) {
     errno = EOPNOTSUPP;
     return g_refuseUnnamed && (flags & O_TMPFILE) == O_TMPFILE ? -1
                                                                : __real_open64(path, flags, mode);
