@@ -1,4 +1,4 @@
-// The status's socket, when what it answers with fails.
+// The status's socket, when what it answers with fails; how far a plan is said to be.
 
 #include <gmock/gmock.h>
 #include <sys/resource.h>
@@ -7,6 +7,7 @@
 #include <atomic>
 #include <vector>
 
+#include "host/service/StepCount.h"
 #include "host/status/StatusSocket.h"
 #include "tests/support/TempDirectory.h"
 
@@ -37,4 +38,12 @@ TEST(StatusServerTest, AnswersWithoutMemoryOrDescriptors) {
     for (const int fd : taken)
         close(fd);
     setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+TEST(StepCountTest, OfALongPlanTheTimeLeftIsToldByTheStepsBefore) {
+    const StepCount::Clock::time_point begin{};
+    StepCount count(16, begin);
+    EXPECT_EQ(count.Done(begin + std::chrono::seconds(2)), " (1 of 16, about 30 s left)");
+    EXPECT_EQ(count.Done(begin + std::chrono::milliseconds(2100)), " (2 of 16, about 15 s left)");
+    EXPECT_EQ(StepCount(15, begin).Done(begin), "");
 }

@@ -12,6 +12,7 @@
 #include "framework/ExceptionOf.h"
 #include "framework/Mutex.h"
 #include "framework/QueuedOutput.h"
+#include "host/service/StepCount.h"
 
 namespace {
 
@@ -104,7 +105,7 @@ void QueuedConsole::Announce(const std::string& line) {
 }
 
 CRyError RunStep(Console& console, const std::string& what,
-                 const std::function<CRyError()>& operation) {
+                 const std::function<CRyError()>& operation, StepCount* count) {
     const Clock::time_point start = Clock::now();
     CRyError result;
     {
@@ -114,6 +115,7 @@ CRyError RunStep(Console& console, const std::string& what,
     const std::string end =
         result.IsError() ? fmt::format("failed (error {}): {}", result.Number(), result.Message())
                          : std::string("done");
-    console.Say(fmt::format("{}: {}, {:.1f} s", what, end, SecondsSince(start)));
+    console.Say(fmt::format("{}: {}, {:.1f} s{}", what, end, SecondsSince(start),
+                            count != nullptr ? count->Done() : ""));
     return result;
 }

@@ -8,6 +8,8 @@
 /// What `moscsi-host` prints: one line a step on standard output, at once, and what went wrong on
 /// standard error.
 
+class StepCount;
+
 class Console {
   public:
     virtual ~Console() = default;
@@ -39,6 +41,7 @@ class QueuedConsole final : public Console {
 
 /// Runs one configuration step and says how it ended and how long it took; while it lasts, a line
 /// every five seconds says that it still does.
+/// `count` is told that one more is done, and its words end the line.
 /// Returns: the operation's result. Thread: any; the operation runs on the caller's.
 CRyError RunStep(Console& console, const std::string& what,
-                 const std::function<CRyError()>& operation);
+                 const std::function<CRyError()>& operation, StepCount* count = nullptr);

@@ -12,6 +12,7 @@
 #include "host/plan/Plan.h"
 #include "host/service/Console.h"
 #include "host/service/LunNumbers.h"
+#include "host/service/StepCount.h"
 #include "platform/MoScsiSrvPlatform.h"
 
 /// Carries a plan out through the platform, and takes it down again.
@@ -54,6 +55,7 @@ class PlanExecutor {
     enum class Extent { Made, All };
 
     bool ApplyTarget(const TargetPlan& target, const StopAsked& stopAsked);
+    size_t StepsToApply() const;
     bool MakeWaiting(const StopAsked& stopAsked);
     bool MakeLun(const TargetPlan& target, const LunPlan& lun);
     bool CreateLun(const LunPlan& lun, uint32_t number);
@@ -74,6 +76,7 @@ class PlanExecutor {
     const NumberOfLun m_formerNumber;
 
     const ConfigfsView* m_before = nullptr;  // during Apply
+    StepCount m_steps{0};
     std::map<const LunPlan*, uint32_t> m_numbers;
     std::set<const LunPlan*> m_registered;  // known to the platform: user LUNs can be deleted
     // What this run began to make, and what there wasn't before.

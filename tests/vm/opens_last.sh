@@ -36,3 +36,4 @@ roads() { moscsi-host status --json | jq -c '.counters[] | select(.source == "ta
 expect_eq "commands that needed the real targetcli, and lost ones" "$(roads)" "[0,0]"
 step "host-a logs out" logout $a "$target"
 step "the host stops" host_stop
+expect_contains "its last steps" "$(<"$work/host.log")" "(17 of 17, about 0 s left)"
