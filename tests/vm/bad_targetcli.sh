@@ -49,7 +49,8 @@ host_pid=$!
 cleanup host_end
 applying() { moscsi-host status | grep -q applying; }
 wait_until 60 applying
-hanging() { pgrep -f "$work/real.*create" && applying; }
+# Where the host wants closed targets, targetcli is first asked to keep that in mind.
+hanging() { pgrep -f "$work/real.* (set|create) " && applying; }
 step "status answers while a targetcli hangs" wait_until 30 hanging
 kill -TERM "$host_pid"
 step "and the host can be stopped" wait_until 60 ended "$host_pid"
