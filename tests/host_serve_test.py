@@ -1,107 +1,17 @@
 #!/usr/bin/env python3
 # The host's life, from outside: order of operations, take-down, signals, status, restart.
-# Runs moscsi-host against a plug-in whose kernel is a directory tree.
-# usage: host_serve_test.py MOSCSI_HOST FAKE_PLUGIN
-import contextlib
-import hashlib
 import json
 import os
 import re
-import shutil
 import signal
 import subprocess
-import sys
-import unittest
 from pathlib import Path
 
-from support.program_test import DEADLINE, ProgramTest, wait_until
-
-HOST, PLUGIN = sys.argv[1:3]
-TARGET = "iqn.2026-01.com.example:t"
-A, B, C = (f"iqn.2026-01.com.example:{name}" for name in "abc")
+from support.host_program import A, B, C, HOST, HostTest, PLUGIN, TARGET, digest, main
+from support.program_test import DEADLINE, wait_until
 
 
-# The digits that names and serials in the kernel are made of.
-def digest(text):
-    return hashlib.md5(text.encode()).hexdigest()
-
-
-class ServeTest(ProgramTest):
-    def setUp(self):
-        super().setUp()
-        for name, text in (("moscsi_server.sh", ""), ("bin/targetcli", "echo x x 2.1.fb53"),
-                           ("real", "")):
-            self.write(name, f"#!/bin/sh\n{text}\n", 0o755)
-        self.write("platform.toml", f'home = "{self.dir}"\n')
-        self.bus = self.spawn("/usr/bin/dbus-daemon", "--session", "--nofork", "--nopidfile", "--print-address")
-        self.log_file = self.dir / "log"
-        self.limit = self.dir / "run/targetcli/limit"
-        self.configfs = self.dir / "configfs"
-        self.env = dict(os.environ, MOSCSI_RUN_DIR=self.dir / "run", MOSCSI_STATE_DIR=self.dir / "state", FAKE_LOG=self.log_file,
-                        MOSCSI_CONFIGFS_ROOT=self.configfs,
-                        MOSCSI_TARGETCLI_REAL=self.dir / "real",
-                        DBUS_SYSTEM_BUS_ADDRESS=self.bus.stdout.readline().strip())
-        text = f'[service]\nlog_level = -1\n[[target]]\nname = "{TARGET}"\n'
-        # Automatic numbers come first in the file, explicit ones first in the kernel.
-        for name in ("one", "two"):
-            self.write(name, "x" * 1024)
-        for name, number, kind in (("one", '"auto"', "file"), ("two", 0, "file"),
-                                   ("three", 2, 'user"\nbacking = "memory')):
-            text += (f'[[target.lun]]\nname = "{name}"\ntype = "{kind}"\nsize = 1024\n'
-                     f'path = "{self.dir}/{name}"\nnumber = {number}\n')
-        for name, seen in ((A, '"all"'), (B, '["two"]')):
-            text += f'[[target.initiator]]\nname = "{name}"\nluns = {seen}\n'
-        self.file = "f.toml"
-        self.write(self.file, text)
-
-    def host(self, *arguments, **env):
-        return self.spawn(HOST, "--platform-file", f"{self.dir}/platform.toml", *arguments,
-                          **{**self.env, **env})
-
-    def start(self, *options, **env):
-        return self.host("serve", "--library", PLUGIN, f"{self.dir}/{self.file}", *options, **env)
-
-    def ready(self, *options, **env):
-        return self.says("ready\n", self.start(*options, **env))
-
-    def full_pipe(self):
-        reader, writer = os.pipe()
-        for end in (reader, writer):
-            self.addCleanup(os.close, end)
-        os.set_blocking(writer, False)
-        with contextlib.suppress(BlockingIOError):
-            while os.write(writer, b"x" * 65536):
-                pass
-        os.set_blocking(writer, True)  # the host shares what this sets
-        return writer
-
-    def says(self, text, process):
-        while not (line := process.stdout.readline()).startswith(text):
-            self.assertTrue(line, f"ended without: {text}")
-        return process
-
-    # What it prints until its end, on standard output and on standard error.
-    def ends(self, process, code=1):
-        status, out, err = self.finish(process)
-        self.assertEqual(status, code, err)
-        self.assertNotIn("ready\n", out)
-        return out, err
-
-    def status(self, *options):
-        return "".join(self.finish(self.spawn(HOST, "status", *options, **self.env))[1:])
-
-    # The operations since the last look, without the directory.
-    def log(self):
-        lines = self.log_file.read_text().replace(f"{self.dir}/", "").splitlines()
-        os.truncate(self.log_file, 0)
-        return lines
-
-    def tree(self, pattern="**/*"):
-        return sorted(str(path.relative_to(self.configfs)) for path in self.configfs.glob(pattern))
-
-    def objects(self):
-        return self.tree("core/*/*") + self.tree("iscsi/*")
-
+class ServeTest(HostTest):
     CREATED = ["Initialize", f"CreateTarget {TARGET}", "CreateLun two 0 lun", "CreateLun three 2 lun served",
                "CreateLun one auto lun", f"MapHost {A} one 255", f"MapHost {A} two 0",
                f"MapHost {A} three 2", f"MapHost {B} two 0"]
@@ -250,110 +160,6 @@ class ServeTest(ProgramTest):
         self.ends(self.start(FAKE_FAIL="CreateLun:2"))
         self.assertEqual(self.tree(), before)
 
-    # Three LUNs on files in a directory of their own, and one that isn't.
-    def file_luns(self):
-        (self.dir / "files").mkdir()
-        text = f'[service]\nlog_level = -1\n[[target]]\nname = "{TARGET}"\n'
-        for name, number, kind in (("one", '"auto"', "file"), ("two", '"auto"', 'user"\nbacking = "file'),
-                                   ("three", 0, 'user"\nbacking = "file'), ("four", 3, 'user"\nbacking = "memory')):
-            text += (f'[[target.lun]]\nname = "{name}"\ntype = "{kind}"\nnumber = {number}\nsize = 4096\n'
-                     f'path = "{self.dir}/files/{name}"\n')
-        for name, seen in ((A, '"all"'), (B, '["one"]')):
-            text += f'[[target.initiator]]\nname = "{name}"\nluns = {seen}\n'
-        self.write("f.toml", text)
-        return text
-
-    # Its exit status, what it says, and the files that there are.
-    def create(self, *arguments):
-        status, out, err = self.finish(self.host("create", f"{self.dir}/f.toml", *arguments))
-        return status, out + err, sorted(path.name for path in (self.dir / "files").glob("*"))
-
-    def test_create_makes_all_that_it_is_asked_for_or_nothing_and_each_once(self):
-        text = self.file_luns()
-        lun = text[text.index("[[target.lun]]"):text.index('[[target.lun]]\nname = "two"')]
-        twice = text + f'[[target]]\nname = "{TARGET}2"\n' + lun.replace("files/one", "files/other")
-        for changed, arguments, status, said, files in (
-                (text.replace("files/", "files/none/"), ["one"], 1, "the directory .*files/none isn't there", []),
-                (text, ["one", "five"], 1, 'has no LUN "five"', []),
-                (text, ["one", "four"], 1, "LUN four has no file", []),
-                (twice, ["one"], 1, f'LUN "one": name it as {TARGET}/one', []),
-                (text.replace("size = 4096\n", "", 1), ["three", "one"], 1, "LUN one has no size", []),
-                (text.replace("4096", str(1 << 43), 1), ["three", "one"], 1, 'provisioning = "sparse"', []),
-                (twice, [f"{TARGET}/one", "three"], 0, "made LUN one.*4 KiB, full.*\n.*LUN three", ["one", "three"]),
-                (text, ["two", "one"], 1, "one is there already", ["one", "three"]),
-                ("", ["two", "one"], 1, "served here before: is the file system", ["three"]),
-                (text.replace('"lun', '"dis', 1), ["two", "one"], 1, "served here before", ["three"]),
-                (text.replace("= 4096", '= 4096\nprovisioning = "sparse"', 3), ["two", "one", "--anew"], 0,
-                 "made LUN two.*sparse", ["one", "three", "two"])):
-            with self.subTest(said):
-                if not changed:
-                    (self.dir / "files/one").unlink()
-                self.write("f.toml", changed or text)
-                result = self.create(*arguments)
-                self.assertRegex(result[1], f"(?s){said}")
-                self.assertEqual((result[0], result[2]), (status, files))
-        blocks = [(self.dir / "files" / name).stat().st_blocks for name in ("one", "three")]
-        self.assertEqual([blocks[0], blocks[1] > 0], [0, True])
-        self.write("state/luns", "0 1\n")
-        self.assertIn("state/luns:1: is no line of", self.create("one")[1])
-
-    def test_a_lun_whose_file_is_missing_stays_out_and_the_others_are_served(self):
-        self.file_luns()
-        files = {name: self.dir / "files" / name for name in ("one", "two", "three")}
-
-        def serve(*missing, killed=False):
-            for name, file in files.items():
-                file.unlink(missing_ok=True)
-                if name not in missing:
-                    file.write_bytes(bytes(4096))
-            process = self.ready("--discard-lost-memory")
-            self.assertEqual(sorted((self.dir / "files").glob("*")), sorted(files[n] for n in files if n not in missing))
-            there = 0 if killed else len(self.tree("core/*/*"))
-            process.send_signal(signal.SIGKILL if killed else signal.SIGTERM)
-            errors = self.finish(process)[2]
-            log = [line.replace("files/", "") for line in self.log()]
-            made = [line for line in log if line.startswith(("CreateLun", f"MapHost {B}"))]
-            self.assertEqual(sum(line.startswith("DeleteLun") for line in log), there)
-            self.assertEqual(self.objects() == [], not killed)
-            return made, errors
-
-        three, four, map_one = "CreateLun three 0 lun served", "CreateLun four 3 lun served", f"MapHost {B} one 1"
-        for missing, killed, expected, lines in (
-                ([], False, [three, four, "CreateLun one auto lun", "CreateLun two auto lun served", map_one], 0),
-                # The numbers that they had stay theirs: 1, and 0 by the file.
-                (["one"], False, [three, four, "CreateLun two 2 lun served"], 2),
-                (["three", "two"], False, [four, "CreateLun one 1 lun", map_one], 4),
-                ([], True, [three, four, "CreateLun one auto lun", "CreateLun two auto lun served", map_one], 0),
-                (["one", "two"], False, [three, four, "CreateLun two auto lun"], 4)):
-            with self.subTest(missing):
-                made, errors = serve(*missing, killed=killed)
-                self.assertEqual(made, expected)
-                self.assertEqual(errors.count("\n"), lines, errors)
-                self.assertEqual(errors.count("is the file system that holds it mounted?"), lines / 2)
-        self.assertEqual(self.finish(self.host("check", f"{self.dir}/f.toml"))[0], 1)
-        self.assertIn("served here before", self.create("one")[1])
-
-    def test_a_kernel_file_that_goes_while_the_host_starts_is_not_made_anew(self):
-        process = self.start(FAKE_WAIT="CreateTarget")
-        wait_until((self.dir / "log.begun").exists)
-        (self.dir / "one").unlink()
-        (self.dir / "log.go").touch()
-        self.assertIn("one isn't the file any more", self.ends(process)[1])
-        self.assertNotIn("CreateLun one auto lun", self.log())
-
-    def test_says_who_else_has_a_file(self):
-        lock = "import fcntl, signal, struct, sys; f = open(sys.argv[1], sys.argv[2]); " \
-               "fcntl.fcntl(f, 37, struct.pack('hhqqi4x', fcntl.F_RDLCK, 0, 100, 1, 0)); print('x', flush=True); signal.pause()"
-        for mode, verb, said in (("rb+", "check", "two is open for writing by"), ("rb", "serve", "two is in use by")):
-            holder = self.spawn(sys.executable, "-c", lock, self.dir / "two", mode)
-            self.assertEqual(holder.stdout.readline(), "x\n")
-            process = self.start() if verb == "serve" else self.host(verb, f"{self.dir}/f.toml")
-            self.assertRegex(self.ends(process)[1], rf"{said} process {holder.pid} \(python.*\)")
-            holder.kill()
-            holder.wait()
-        self.ready()
-        self.assertEqual(self.finish(self.host("check", f"{self.dir}/f.toml"))[0], 0)  # ours doesn't count
-
     def test_a_bus_that_accepts_and_says_nothing_is_not_waited_for(self):
         process = self.start(FAKE_WAIT="Initialize")
         wait_until((self.dir / "log.begun").exists)
@@ -459,7 +265,4 @@ class ServeTest(ProgramTest):
             self.assertRegex(self.finish(self.host("check", file))[2], r"\Amoscsi-host: .*: can't be read .*\n\Z")
 
 
-if os.geteuid() != 0:
-    print("skipped: must be run as root")
-    sys.exit(77)
-unittest.main(argv=sys.argv[:1], verbosity=2)
+main()
