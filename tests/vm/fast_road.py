@@ -28,7 +28,7 @@ read -r status <"WORK/$$"
 exit "$status"
 """
 
-# fast, slow COMMAND LINE; refused (fast, and a line of ours where the real one gives no reason); closed (fast, and a new target's portal group stays closed); sh COMMAND; held COMMAND LINE (somebody
+# fast, slow COMMAND LINE; refused (fast, and a line of ours where the real one gives no reason); closed (fast, and a new target's portal group stays closed); sh COMMAND; set COMMAND (to come to a state; not compared); held COMMAND LINE (somebody
 # has targetcli's lock); quick COMMAND LINE (fast in both passes, to come to a state; not compared).
 STEPS = r"""
 fast --version
@@ -117,7 +117,7 @@ slow /iscsi create {T}
 sh   cd {I}; rmdir {T}2/tpgt_1/np/* {T}2/tpgt_1 {T}2 {T}/tpgt_1/np/* {T}/tpgt_1 {T}
 fast /iscsi create {T}
 quick /iscsi/{T}/tpg1/acls create add_mapped_luns=false wwn={A}
-sh   {MANY}
+set  {MANY}
 fast /backstores/fileio create file_or_dev={W}/f name=f wwn=0123-f
 fast /iscsi/{T}/tpg1/luns create storage_object=/backstores/fileio/f
 fast /iscsi/{T}/tpg1/acls/{A} create tpg_lun_or_backstore=1 mapped_lun=1
@@ -247,7 +247,7 @@ def steps(names):
 def run(machine, names, fast):
     results = []
     for kind, command in steps(names):
-        if kind == "sh":
+        if kind in ("sh", "set"):
             result, road, seconds = machine.shell(command), "sh", 0
         elif kind == "quick":
             result, road, seconds = machine.targetcli(command, True)
@@ -255,7 +255,7 @@ def run(machine, names, fast):
             result, road, seconds = machine.targetcli(command, fast, kind)
         # Reading a tree takes longer than most commands. What a slow one left shows in the next one's, and with
         # many objects the next sh reads it.
-        few = kind not in ("slow", "quick") and len(os.listdir(ROOT / "core")) < 64
+        few = kind not in ("slow", "quick", "set") and len(os.listdir(ROOT / "core")) < 64
         print(f"{'second' if fast else 'first':7}{seconds:5.2f} s {kind:6}{command[:150]}", flush=True)
         results.append((kind, command, result, tree() if kind == "sh" or few else [], road, seconds))
     return results
