@@ -28,8 +28,9 @@ read -r status <"WORK/$$"
 exit "$status"
 """
 
-# fast, slow COMMAND LINE; refused (fast, and a line of ours where the real one gives no reason); closed (fast, and a new target's portal group stays closed); sh COMMAND; set COMMAND (to come to a state; not compared); held COMMAND LINE (somebody
-# has targetcli's lock); quick COMMAND LINE (fast in both passes, to come to a state; not compared).
+# fast, slow COMMAND LINE; refused (fast, and a line of ours where the real one gives no reason); closed (fast, and
+# a new target's portal group stays closed); held (somebody has targetcli's lock); quick (fast in both passes, to come
+# to a state; not compared); sh COMMAND; set COMMAND (to come to a state; not compared).
 STEPS = r"""
 fast --version
 slow /iscsi/{T}/tpg1/luns ls
