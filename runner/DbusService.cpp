@@ -89,7 +89,7 @@ void DbusService::WithdrawHandlers() {
 }
 
 void DbusService::GiveUpName() {
-    if (!m_connection)
+    if (!m_thread.joinable())  // not by the connection: the thread may be replacing it
         return;
     WithdrawHandlers();
     eventfd_write(m_stop.Get(), 1);
